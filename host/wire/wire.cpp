@@ -1,0 +1,136 @@
+#include "wire.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace talvex::wire {
+
+void Writer::u16(uint16_t v) {
+    buf_.push_back(static_cast<uint8_t>(v));
+    buf_.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+void Writer::u32(uint32_t v) {
+    for (int i = 0; i < 4; ++i) buf_.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+void Writer::u64(uint64_t v) {
+    for (int i = 0; i < 8; ++i) buf_.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+void Writer::str(std::string_view s) {
+    u32(static_cast<uint32_t>(s.size()));
+    buf_.insert(buf_.end(), s.begin(), s.end());
+}
+
+void Writer::blob(std::span<const uint8_t> b) {
+    u32(static_cast<uint32_t>(b.size()));
+    bytes(b);
+}
+
+std::span<const uint8_t> Reader::bytes(size_t n) {
+    if (!ok_ || buf_.size() - pos_ < n) {
+        ok_ = false;
+        return {};
+    }
+    auto out = buf_.subspan(pos_, n);
+    pos_ += n;
+    return out;
+}
+
+uint8_t Reader::u8() {
+    auto b = bytes(1);
+    return b.empty() ? 0 : b[0];
+}
+
+uint16_t Reader::u16() {
+    auto b = bytes(2);
+    return b.empty() ? 0 : load_le16(b.data());
+}
+
+uint32_t Reader::u32() {
+    auto b = bytes(4);
+    return b.empty() ? 0 : load_le32(b.data());
+}
+
+uint64_t Reader::u64() {
+    auto b = bytes(8);
+    return b.empty() ? 0 : load_le64(b.data());
+}
+
+std::string Reader::str() {
+    uint32_t n = u32();
+    auto b = bytes(n);
+    return std::string(b.begin(), b.end());
+}
+
+std::span<const uint8_t> Reader::blob() {
+    uint32_t n = u32();
+    return bytes(n);
+}
+
+namespace {
+std::vector<uint8_t> frame(uint16_t op, uint32_t seq, const int32_t *code, std::span<const uint8_t> body) {
+    Writer w;
+    uint32_t len = 8 + (code ? 4 : 0) + static_cast<uint32_t>(body.size());
+    w.u32(len);
+    w.u16(op);
+    w.u16(0);
+    w.u32(seq);
+    if (code) w.i32(*code);
+    w.bytes(body);
+    return w.take();
+}
+}  // namespace
+
+std::vector<uint8_t> make_request(Op op, uint32_t seq, std::span<const uint8_t> body) {
+    return frame(static_cast<uint16_t>(op), seq, nullptr, body);
+}
+
+std::vector<uint8_t> make_reply(Op op, uint32_t seq, int32_t code, std::span<const uint8_t> body) {
+    return frame(static_cast<uint16_t>(static_cast<uint16_t>(op) | kReplyBit), seq, &code, body);
+}
+
+std::vector<uint8_t> make_event(std::span<const uint8_t> body) {
+    return frame(static_cast<uint16_t>(Op::Event), 0, nullptr, body);
+}
+
+std::string default_socket_path() {
+    const char *env = std::getenv("TALVEX_SIM_SOCKET");
+    if (env && *env) return env;
+    const char *xdg = std::getenv("XDG_RUNTIME_DIR");
+    if (xdg && *xdg) return std::string(xdg) + "/talvexsim/sim.sock";
+    return "/tmp/talvexsim-" + std::to_string(getuid()) + "/sim.sock";
+}
+
+std::string to_hex(std::span<const uint8_t> bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(bytes.size() * 2);
+    for (uint8_t b : bytes) {
+        out.push_back(digits[b >> 4]);
+        out.push_back(digits[b & 15]);
+    }
+    return out;
+}
+
+std::optional<std::vector<uint8_t>> from_hex(std::string_view text) {
+    if (text.size() % 2) return std::nullopt;
+    auto nibble = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        return -1;
+    };
+    std::vector<uint8_t> out;
+    out.reserve(text.size() / 2);
+    for (size_t i = 0; i < text.size(); i += 2) {
+        int hi = nibble(text[i]), lo = nibble(text[i + 1]);
+        if (hi < 0 || lo < 0) return std::nullopt;
+        out.push_back(static_cast<uint8_t>(hi << 4 | lo));
+    }
+    return out;
+}
+
+}  // namespace talvex::wire

@@ -1,0 +1,165 @@
+// The transport between the platform layer (host/) and the simulator
+// (talvexsim): framed messages over one Unix-domain stream socket per process.
+//
+// Every multi-byte field is little-endian and is written and read byte by byte
+// through Writer and Reader; no struct is ever cast onto the bytes.
+//
+// Frame:   u32 length of what follows (at most kMaxFrame), then the message.
+// Request (client to simulator):
+//          u16 op, u16 flags (0), u32 seq, body
+// Reply (simulator to client, one per request, same seq):
+//          u16 op | kReplyBit, u16 flags (0), u32 seq, i32 code, body
+// Event (simulator to client, unsolicited; seq 0):
+//          u16 Op::Event, u16 flags (0), u32 seq = 0, body
+//
+// Strings (str) are u32 byte count + UTF-8 bytes, no NUL. Blobs (blob) are
+// u32 byte count + bytes. A property list travels as a blob holding its
+// IOCFSerialize form (the registry's XML dialect, NUL included).
+//
+// Ops and bodies ("->" introduces the reply body after its code):
+//   Hello        u32 protocol version, u32 pid           -> u32 protocol version
+//   Match        blob matching dictionary                -> u64 registry generation, u32 n, n x u64 entry ID
+//   Generation   (none)                                  -> u64 registry generation
+//   EntryInfo    u64 entry ID                            -> str name, str class
+//   GetProperty  u64 entry ID, str key                   -> blob property (code kIOReturnNotFound when absent)
+//   GetProperties u64 entry ID                           -> blob dictionary of every property
+//   SetProperty  u64 entry ID, str key, blob value       -> (none)
+//   Open         u64 entry ID, u32 type                  -> u32 connection ID
+//   Close        u32 connection ID                       -> (none)
+//   Call         u32 connection ID, u32 selector,
+//                u32 n, n x u64 scalar inputs,
+//                blob input structure,
+//                u32 scalar output capacity,
+//                u64 structure output capacity,
+//                u8 flags (bit 0: caller passed an output structure,
+//                          bit 1: caller passed an input structure)
+//                                                        -> u32 n, n x u64 scalar outputs, blob output structure
+//   Map          u32 connection ID, u32 memory type,
+//                u32 options                             -> u64 size; the memory's file descriptor travels with
+//                                                           the reply as SCM_RIGHTS ancillary data
+//   AddInterest  u64 entry ID, str interest type         -> u32 notification ID
+//   RemoveInterest u32 notification ID                   -> (none)
+//   Control      u32 argc, argc x str (a control command's words, e.g. "trace" "--clear")
+//                                                        -> str standard output text, str error text
+//                                                           (code 0 success, 1 failure)
+// Event body (interest message):
+//   u32 notification ID, u64 entry ID, u32 message type,
+//   u8 argument kind (0 null, 1 value, 2 data), then for 1: u64 value, for 2: blob bytes
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace talvex::wire {
+
+inline constexpr uint32_t kProtocolVersion = 1;
+inline constexpr uint32_t kMaxFrame = 16u << 20;   // 16 MiB
+inline constexpr uint16_t kReplyBit = 0x8000;
+
+enum class Op : uint16_t {
+    Hello = 1,
+    Match = 2,
+    Generation = 3,
+    EntryInfo = 4,
+    GetProperty = 5,
+    GetProperties = 6,
+    SetProperty = 7,
+    Open = 8,
+    Close = 9,
+    Call = 10,
+    Map = 11,
+    AddInterest = 12,
+    RemoveInterest = 13,
+    Control = 14,
+    Event = 0x4001,
+};
+
+enum class ArgKind : uint8_t { None = 0, Value = 1, Data = 2 };
+
+// Appends little-endian fields to a growing byte vector.
+class Writer {
+public:
+    Writer() = default;
+    void u8(uint8_t v) { buf_.push_back(v); }
+    void u16(uint16_t v);
+    void u32(uint32_t v);
+    void u64(uint64_t v);
+    void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
+    void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
+    void str(std::string_view s);
+    void blob(std::span<const uint8_t> b);
+    const std::vector<uint8_t> &data() const { return buf_; }
+    std::vector<uint8_t> take() { return std::move(buf_); }
+    size_t size() const { return buf_.size(); }
+
+private:
+    std::vector<uint8_t> buf_;
+};
+
+// Reads little-endian fields from a byte span. Every read is bounds-checked:
+// once a read runs past the end, ok() is false and every later read yields
+// zero / empty, so a decoder can read a whole body and check ok() once.
+class Reader {
+public:
+    explicit Reader(std::span<const uint8_t> b) : buf_(b) {}
+    uint8_t u8();
+    uint16_t u16();
+    uint32_t u32();
+    uint64_t u64();
+    int32_t i32() { return static_cast<int32_t>(u32()); }
+    std::span<const uint8_t> bytes(size_t n);
+    std::string str();
+    std::span<const uint8_t> blob();
+    bool ok() const { return ok_; }
+    bool at_end() const { return ok_ && pos_ == buf_.size(); }
+    size_t remaining() const { return ok_ ? buf_.size() - pos_ : 0; }
+
+private:
+    std::span<const uint8_t> buf_;
+    size_t pos_ = 0;
+    bool ok_ = true;
+};
+
+// Little-endian loads and stores on raw byte buffers (wire structures).
+inline uint16_t load_le16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+inline uint32_t load_le32(const uint8_t *p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+           (static_cast<uint32_t>(p[3]) << 24);
+}
+inline uint64_t load_le64(const uint8_t *p) {
+    return static_cast<uint64_t>(load_le32(p)) | (static_cast<uint64_t>(load_le32(p + 4)) << 32);
+}
+inline void store_le16(uint8_t *p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+}
+inline void store_le32(uint8_t *p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+inline void store_le64(uint8_t *p, uint64_t v) {
+    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+// Builds a request frame (length prefix included).
+std::vector<uint8_t> make_request(Op op, uint32_t seq, std::span<const uint8_t> body);
+// Builds a reply frame (length prefix included).
+std::vector<uint8_t> make_reply(Op op, uint32_t seq, int32_t code, std::span<const uint8_t> body);
+// Builds an event frame (length prefix included).
+std::vector<uint8_t> make_event(std::span<const uint8_t> body);
+
+// Where the simulator's socket is: TALVEX_SIM_SOCKET when set and not empty,
+// else "$XDG_RUNTIME_DIR/talvexsim/sim.sock" when XDG_RUNTIME_DIR is set and
+// not empty, else "/tmp/talvexsim-$UID/sim.sock".
+std::string default_socket_path();
+
+// Lower-case hex of bytes ("" for none), as the trace prints structures.
+std::string to_hex(std::span<const uint8_t> bytes);
+// Parses hex text (even length, upper or lower case, no separators).
+std::optional<std::vector<uint8_t>> from_hex(std::string_view text);
+
+}  // namespace talvex::wire

@@ -1,0 +1,109 @@
+// Test support: private simulators, child processes with captured output, and
+// normalisation of diagnostics so tests depend on neither line numbers nor
+// absolute paths.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace talvex::test {
+
+// Built binaries (set by the build).
+std::string talvexctl_path();
+std::string talvexsim_path();
+
+struct RunResult {
+    int status = -1;          // exit status; 128+N when killed by signal N; -1 on timeout
+    bool timed_out = false;
+    std::string out;
+    std::string err;
+};
+
+using Env = std::vector<std::pair<std::string, std::string>>;
+
+// A child process with piped standard input, output and error.
+class Process {
+public:
+    Process(const std::vector<std::string> &argv, const Env &env = {});
+    ~Process();   // kills (SIGKILL) and reaps the child if still running
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+
+    pid_t pid() const { return pid_; }
+    void write_stdin(std::string_view data);
+    void close_stdin();
+    // Reads output until `needle` appears in standard output (true), the
+    // child closes its output, or the timeout passes (false).
+    bool wait_for_stdout(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool wait_for_stderr(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    void signal(int sig);
+    // Waits for exit, collecting the rest of the output; kills it after the timeout.
+    RunResult wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+    const std::string &out() const { return out_; }
+    const std::string &err() const { return err_; }
+
+private:
+    bool pump(std::chrono::milliseconds timeout);   // reads what is available; false at EOF on both
+    pid_t pid_ = -1;
+    int in_ = -1, out_fd_ = -1, err_fd_ = -1;
+    std::string out_, err_;
+    bool reaped_ = false;
+    int status_ = -1;
+};
+
+// Runs a command to completion with captured output.
+RunResult run(const std::vector<std::string> &argv, const Env &env = {}, std::string_view stdin_data = {},
+              std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// A private simulator on a fresh socket in its own temporary directory,
+// started in the constructor (ready to accept when it returns) and stopped
+// in the destructor.
+class Simulator {
+public:
+    explicit Simulator(const std::vector<std::string> &extra_serve_args = {});
+    ~Simulator();
+    Simulator(const Simulator &) = delete;
+    Simulator &operator=(const Simulator &) = delete;
+
+    const std::string &socket() const { return socket_; }
+    const std::string &dir() const { return dir_; }
+    Env env() const { return {{"TALVEX_SIM_SOCKET", socket_}}; }
+    pid_t pid() const { return proc_ ? proc_->pid() : -1; }
+
+    // `talvexsim --socket S ARGS...`
+    RunResult control(const std::vector<std::string> &args) const;
+    // `talvexctl ARGS...` against this simulator.
+    RunResult tool(const std::vector<std::string> &args,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+    // Starts `talvexctl ARGS...` against this simulator without waiting.
+    std::unique_ptr<Process> start_tool(const std::vector<std::string> &args) const;
+    // The trace, one JSON object per line; optionally cleared after reading.
+    std::vector<std::string> trace(bool clear = false) const;
+    // Stops the simulator (SIGTERM) and returns its exit status (0 when it
+    // shut down cleanly; a sanitizer report or crash makes it non-zero).
+    int stop();
+    // Kills it outright (SIGKILL), as a crash would.
+    void kill();
+    // Standard error the simulator printed so far (after stop() or kill(): all of it).
+    std::string log() const;
+
+private:
+    std::string dir_, socket_;
+    std::unique_ptr<Process> proc_;
+    bool stopped_ = false;
+    int status_ = -1;
+};
+
+// Replaces "file: <path>, line: <n>" with "file: <last two path parts>, line: N".
+std::string normalise(std::string text);
+
+// Splits text into lines (without the newlines; a final newline makes no empty line).
+std::vector<std::string> lines(std::string_view text);
+
+}  // namespace talvex::test
