@@ -1,0 +1,119 @@
+// Operations that wrap one driver method each. Request structures are laid
+// out byte by byte, multi-byte fields little-endian.
+#include "talvex_client.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware) {
+    uint64_t input[1] = {firmware};
+    IOReturn result =
+        IOConnectCallScalarMethod(talvex->connection, kTalvexSelectFirmware, input, 1, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexGetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, void *reply,
+                           uint32_t *size) {
+    uint32_t prop = static_cast<uint32_t>(property);
+    uint64_t input[2] = {device, prop};
+    size_t reply_size = *size;
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr,
+                                          nullptr, reply, &reply_size);
+    if (result == 0) {
+        *size = static_cast<uint32_t>(reply_size);
+    } else {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+        std::printf("TalvexGetProperty(handle=%p,dev=%d,prop=%x,size=%d) -> %x\n", static_cast<void *>(talvex),
+                    static_cast<int>(device), prop, static_cast<int>(*size), static_cast<uint32_t>(result));
+    }
+    return result;
+}
+
+IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, uint64_t value) {
+    uint32_t prop = static_cast<uint32_t>(property);
+    uint32_t val = static_cast<uint32_t>(value);
+    uint64_t input[3] = {device, prop, val};
+    IOReturn result =
+        IOConnectCallScalarMethod(talvex->connection, kTalvexSetProperty, input, 3, nullptr, nullptr);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+        std::printf("TalvexSetProperty(handle=%p,dev=%d,prop=%x,val=%x) -> %x\n", static_cast<void *>(talvex),
+                    static_cast<int>(device), prop, val, static_cast<uint32_t>(result));
+    }
+    return result;
+}
+
+IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t second, void *reply) {
+    uint8_t request[kTalvexProfileQueryInSize] = {};
+    TalvexStoreLE32(request + 0, first);
+    TalvexStoreLE32(request + 4, second);
+    // bytes 8..71: a text field this operation leaves zero
+    size_t reply_size = kTalvexProfileQueryOutSize;
+    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexProfileQuery, request, sizeof request,
+                                                reply, &reply_size);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value) {
+    uint64_t input[1] = {value};
+    IOReturn result =
+        IOConnectCallScalarMethod(talvex->connection, kTalvexClockRedirect, input, 1, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply) {
+    uint8_t request[kTalvexClientListInSize];
+    request[0] = first;
+    TalvexStoreLE32(request + 1, second);
+    size_t reply_size = kTalvexClientListOutSize;
+    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexClientList, request, sizeof request,
+                                                reply, &reply_size);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg, void *reply,
+                       uint32_t length) {
+    uint8_t request[kTalvexI2CReadInSize];
+    request[0] = port;
+    request[1] = address;
+    TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
+    request[4] = static_cast<uint8_t>(length);
+    size_t reply_size = length;
+    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexI2CRead, request, sizeof request, reply,
+                                                &reply_size);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg,
+                        const void *data, uint32_t length) {
+    if (length > kTalvexI2CWriteMaxData) {
+        // Callers refuse longer writes before they get here.
+        std::fprintf(stderr, "TalvexI2CWrite: length %u exceeds %zu data bytes\n", length, kTalvexI2CWriteMaxData);
+        std::abort();
+    }
+    uint8_t request[kTalvexI2CWriteInSize] = {};
+    request[0] = port;
+    request[1] = address;
+    TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
+    request[4] = static_cast<uint8_t>(length);
+    if (length) std::memcpy(request + 5, data, length);
+    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexI2CWrite, request, sizeof request,
+                                                nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexPerfmonCall(TalvexHandle *talvex, uint32_t first, uint32_t second, const void *input,
+                           size_t input_size, void *output, size_t *output_size) {
+    uint64_t scalars[2] = {first, second};
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexPerfmon, scalars, 2, input, input_size,
+                                          nullptr, nullptr, output, output_size);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}

@@ -1,0 +1,169 @@
+// Client of the Talvex coprocessor driver (ZantraTalvexProcessor): the
+// connection handle, the operations that wrap single external methods, the
+// coprocessor state read and the event monitor.
+#pragma once
+
+#include "talvex_assert.h"
+#include "talvex_bytes.h"
+
+#include <IOKit/IOKitLib.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+// The monitor's event callable: (message type, message argument).
+using TalvexEventBlock = std::function<void(uint32_t message_type, void *message_argument)>;
+
+// One command's connection to the driver. Zero-filled when made; owns one
+// reference to every non-zero field. Only the monitor sets the last three.
+struct TalvexHandle {
+    io_service_t service;                        // the matched driver service
+    io_connect_t connection;                     // user client of type 0
+    IONotificationPortRef notifyPort;            // interest notifications (monitor)
+    io_object_t notification;                    // the registered interest notification (monitor)
+    TalvexEventBlock *notification_handler;      // heap copy of the event callable (monitor)
+};
+
+inline constexpr const char *kTalvexServiceClass = "ZantraTalvexProcessor";
+
+// Opens the driver. Returns null after printing a diagnostic when the driver
+// is not there, refuses the open, or memory runs out.
+TalvexHandle *TalvexOpen(void);
+
+// Releases everything the handle owns, in a fixed order, and frees it.
+void TalvexClose(TalvexHandle *talvex);
+
+// ---------------------------------------------------------------------------
+// Driver methods. Each operation calls exactly one method and returns its code;
+// a non-zero code is reported ("result == 0 ") by the operation itself.
+
+enum : uint32_t {
+    kTalvexSelectFirmware = 0,
+    kTalvexReset = 1,
+    kTalvexLoadFirmware = 2,
+    kTalvexStop = 3,
+    kTalvexPing = 4,
+    kTalvexSpi = 5,
+    kTalvexReadReg = 6,
+    kTalvexWriteReg = 7,
+    kTalvexBB = 8,
+    kTalvexCma = 9,
+    kTalvexTimesync = 10,
+    kTalvexGpioSet = 11,
+    kTalvexGpioRead = 12,
+    kTalvexGetProperty = 13,
+    kTalvexSetProperty = 14,
+    kTalvexConn = 15,
+    kTalvexPmu = 16,
+    kTalvexSetState = 17,
+    kTalvexWake = 18,
+    kTalvexProfileStart = 19,
+    kTalvexProfileStop = 20,
+    kTalvexProfileReset = 21,
+    kTalvexProfileInfo = 22,
+    kTalvexProfileQuery = 23,
+    kTalvexPowerLogStart = 24,
+    kTalvexPowerLogStop = 25,
+    kTalvexPowerLogReset = 26,
+    kTalvexPowerLogGet = 27,
+    kTalvexClockRedirect = 28,
+    kTalvexSetBaudRate = 29,
+    kTalvexClientList = 30,
+    kTalvexPanic = 31,
+    kTalvexClockMeasure = 32,
+    kTalvexReport = 33,
+    kTalvexI2CRead = 34,
+    kTalvexI2CWrite = 35,
+    kTalvexUart = 36,
+    kTalvexMemRead = 37,
+    kTalvexMemWrite = 38,
+    kTalvexPerfmon = 39,
+    kTalvexHalt = 40,
+};
+
+inline constexpr size_t kTalvexProfileQueryInSize = 72;
+inline constexpr size_t kTalvexProfileQueryOutSize = 82;
+inline constexpr size_t kTalvexClientListInSize = 5;
+inline constexpr size_t kTalvexClientListOutSize = 89;
+inline constexpr size_t kTalvexI2CReadInSize = 5;
+inline constexpr size_t kTalvexI2CWriteInSize = 21;
+inline constexpr size_t kTalvexI2CWriteMaxData = 16;
+inline constexpr uint16_t kTalvexNoRegister = 0xffff;
+
+// Method 0: one scalar, the firmware number.
+IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware);
+
+// Method 2: boots the firmware, with the image at `path` (null for the
+// driver's own), the start number and the boot flags.
+IOReturn TalvexLoadFirmware(TalvexHandle *talvex, const char *path, uint32_t number, uint32_t flags);
+
+// Method 13: reads property `property` (low 32 bits sent) of `device` into
+// `reply`, offering *size bytes. On success *size becomes the driver's size;
+// on failure it is left alone and a line describing the call goes to stdout.
+IOReturn TalvexGetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, void *reply,
+                           uint32_t *size);
+
+// Method 14: writes `value` (low 32 bits) to property `property` (low 32 bits)
+// of `device`. On failure a line describing the call goes to stdout.
+IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, uint64_t value);
+
+// Method 23: 72-byte request (first, second, 64 zero bytes), 82-byte reply.
+IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t second, void *reply);
+
+// Method 28: one scalar.
+IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value);
+
+// Method 30: 5-byte request (byte, unaligned 32-bit), 89-byte reply.
+IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply);
+
+// Method 34: reads `length` bytes (low 8 bits sent) from I2C target `address`
+// on `port`, at register *reg, or with no register when reg is null.
+IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg, void *reply,
+                       uint32_t length);
+
+// Method 35: writes `length` bytes of `data`. length must not exceed 16; a
+// larger one stops the process rather than overrun the request.
+IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg,
+                        const void *data, uint32_t length);
+
+// Method 39: two scalars, the input structure, the output structure (its size
+// in and out).
+IOReturn TalvexPerfmonCall(TalvexHandle *talvex, uint32_t first, uint32_t second, const void *input,
+                           size_t input_size, void *output, size_t *output_size);
+
+// ---------------------------------------------------------------------------
+// Coprocessor state.
+
+struct TalvexStateName {
+    const char *name;
+    uint32_t value;
+};
+
+// "off" .. "panic", ended by a row with a null name.
+extern const TalvexStateName kTalvexStateNames[];
+
+inline constexpr uint32_t kTalvexStateOff = 0x0;
+inline constexpr uint32_t kTalvexStateStopped = 0x10000;
+inline constexpr uint32_t kTalvexStateBooting = 0x10001;
+inline constexpr uint32_t kTalvexStateBooted = 0x10002;
+inline constexpr uint32_t kTalvexStateNotResponding = 0x10003;
+inline constexpr uint32_t kTalvexStatePanic = 0x10004;
+
+// Interest messages of the driver.
+inline constexpr uint32_t kTalvexMessageStateChanged = 0xe0000130;
+inline constexpr uint32_t kTalvexMessageTimesync = 0xe3ff8100;
+
+// The name of a state value; "unknown" when no row has that value.
+const char *TalvexStateNameFor(uint64_t value);
+
+// Reads the driver's "talvex-state" property into *state (when state is not
+// null). A missing or non-numeric property is reported and *state is left
+// untouched; callers preset it to -1.
+void TalvexReadState(TalvexHandle *talvex, int64_t *state);
+
+// ---------------------------------------------------------------------------
+// `monitor`: prints the current state, then one line per state change and
+// time synchronisation, until the process is killed. Never returns unless the
+// driver cannot be opened (then 1).
+int TalvexMonitor(int argc, char *argv[]);

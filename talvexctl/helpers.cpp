@@ -1,0 +1,55 @@
+// Device table, hex dump and number parsing.
+#include "talvexctl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+const TalvexDevice kTalvexDevices[] = {
+    {"gyro", 0},   {"accel", 1},  {"compass", 2}, {"pressure", 4},
+    {"talvex", 3}, {"corvel", 5}, {"prox", 6},    {nullptr, kTalvexNoDevice},
+};
+
+uint8_t TalvexDeviceLookup(const char *word) {
+    for (const TalvexDevice *row = kTalvexDevices; row->name; ++row)
+        if (std::strcmp(row->name, word) == 0) return row->id;
+    return kTalvexNoDevice;
+}
+
+void TalvexHexDump(const void *bytes, uint32_t length) {
+    static const char kHex[] = "0123456789abcdef";
+    const auto *data = static_cast<const uint8_t *>(bytes);
+    char line[94];
+    for (uint32_t offset = 0; offset < length; offset += 16) {
+        uint32_t count = length - offset < 16 ? length - offset : 16;
+        const uint8_t *row = data + offset;
+        size_t n = static_cast<size_t>(std::snprintf(line, sizeof line, "%08x: ", offset));
+        for (uint32_t i = 0; i < 16; ++i) {
+            if (i < count) {
+                line[n++] = kHex[row[i] >> 4];
+                line[n++] = kHex[row[i] & 0xf];
+                line[n++] = ' ';
+            } else {
+                line[n++] = ' ';
+                line[n++] = ' ';
+                line[n++] = ' ';
+            }
+            if (i == 7) line[n++] = ' ';
+        }
+        line[n++] = ' ';
+        line[n++] = '|';
+        line[n++] = ' ';
+        for (uint32_t i = 0; i < count; ++i) {
+            line[n++] = row[i] >= 0x21 && row[i] <= 0x7e ? static_cast<char>(row[i]) : '.';
+            if (i == 7) line[n++] = ' ';
+        }
+        line[n++] = '\n';
+        std::fwrite(line, 1, n, stdout);
+    }
+}
+
+long TalvexParseHex(const char *word) { return std::strtol(word, nullptr, 16); }
+
+long TalvexParseDec(const char *word) { return std::strtol(word, nullptr, 10); }
+
+long long TalvexParseHex64(const char *word) { return std::strtoll(word, nullptr, 16); }

@@ -1,0 +1,105 @@
+// talvexctl: control and diagnostics for the Talvex coprocessor.
+//
+// Entry point, command table and help. `talvexctl COMMAND ARGS...` runs the
+// handler of the row named COMMAND (exact, case-sensitive) with the argument
+// vector from COMMAND on, and exits with its result. No command, or an
+// unknown one, prints the help.
+#include "talvexctl.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+using Handler = int (*)(int argc, char *argv[]);
+
+struct Command {
+    const char *name;
+    Handler handler;
+    const char *usage;   // null: callable but not listed in the help
+};
+
+int help(int, char *[]);
+
+// Commands whose handlers are not part of this build yet.
+int not_built(int, char *argv[]) {
+    std::fprintf(stderr, "talvexctl: %s: not built yet\n", argv[0]);
+    return 1;
+}
+
+const Command kCommands[] = {
+    {"help", help, ""},
+    {"reset", TalvexCmdReset, ""},
+    {"ping", TalvexCmdPing, ""},
+    {"start", not_built, "start [firwmare image]"},
+    {"stop", TalvexCmdStop, ""},
+    {"monitor", TalvexMonitor, ""},
+    {"gettalvexstate", TalvexCmdGetState, ""},
+    {"readreg", not_built, "readreg <device> <addr> <len>"},
+    {"writereg", not_built, "writereg <device> <addr> <byte0> [<byte1> ...]"},
+    {"bb", not_built, "bb <context_max> where context is 0-3"},
+    {"timesync", TalvexCmdTimesync, ""},
+    {"tymesync", TalvexCmdTimesync, nullptr},
+    {"cma", not_built, "cma [<byte0> <byte1> <byte2> ...]"},
+    {"spi", not_built,
+     "spi read <cs> [<byte0> <byte1> <byte2> ...] <len> OR spi write <cs> [<byte0> <byte1> <byte2> ...]"},
+    {"i2c", not_built,
+     "i2c read <port> <addr> <len> | write <port> <addr> <data> ... | readreg <port> <addr> <reg> <len> | "
+     "writereg <port> <addr> <reg> <data> ..."},
+    {"mem", not_built, "mem read <addr> <block> <len> | write <addr> <block> <data> ..."},
+    {"gpio", not_built, "gpio read <gpio> <state> OR gpio read <gpio>"},
+    {"rate", not_built, nullptr},
+    {"fw0", not_built, nullptr},
+    {"fw1", not_built, nullptr},
+    {"conn", not_built, nullptr},
+    {"pmu", not_built, "pmu <mask>  0x01 = PPV1V2_TALVEX, 0x02 = PPV1V8_TALVEX, 0x04 = PP3V0_IMU"},
+    {"get", not_built, "get <device> <property>"},
+    {"set", not_built, "set <device> <property> <value>"},
+    {"setstate", not_built,
+     "set/release power state assertion: 0x0/0x80 - Deep Sleep, 0x1/0x81 - Sleep, 0x2/0x82 - 12M, 0x3/0x83 - 100M"},
+    {"wake", not_built, nullptr},
+    {"halt", not_built, "halt <delay_s> <irql>"},
+    {"halt_ms", not_built, "halt_ms <delay_ms> <duration_ms> <irql>"},
+    {"profile", not_built, "profile start|stop|reset|print|gethitpoint id|getfunction id"},
+    {"clkredirect", not_built, nullptr},
+    {"clkmeasure", not_built, nullptr},
+    {"clkstartup", not_built, nullptr},
+    {"powerlog", not_built, "powerlog start|stop|reset|getpowerlog"},
+    {"setbaudrate", not_built, "setbaudrate 112500|750000|1500000|3000000"},
+    {"listclients", not_built, "listclients <device>"},
+    {"listsensors", not_built, "listsensors"},
+    {"sensorinfo", not_built, "sensorinfo <device>"},
+    {"panic", not_built, nullptr},
+    {"report", not_built, nullptr},
+    {"setproperty", not_built, nullptr},
+    {"uart", not_built, "uart ping|pingreply|raw <port> [--preamble <len>] [--retry <count>] <data>"},
+    {"ioreport", not_built, nullptr},
+    {"cpuload", not_built, nullptr},
+    {"perfmon", not_built, "perfmon <device> enable|disable|report"},
+    {nullptr, nullptr, nullptr},
+};
+
+int help(int, char *[]) {
+    std::printf("usage: talvexctl <command....>\n\n");
+    std::printf("Available commands:\n");
+    for (const Command *row = kCommands; row->name; ++row)
+        if (row->usage) std::printf("\t%-8s\t%s\n", row->name, row->usage);
+    std::printf("\nTalvex devices:\n");
+    // The listing has its own order, not the device table's.
+    for (const char *name : {"accel", "gyro", "compass", "talvex", "pressure", "corvel", "prox"})
+        std::printf("\t%s\n", name);
+    std::printf("\n");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char *argv[]) {
+    if (argc < 2) {
+        help(argc - 1, argv + 1);
+        return 0;
+    }
+    for (const Command *row = kCommands; row->name; ++row)
+        if (std::strcmp(row->name, argv[1]) == 0) return row->handler(argc - 1, argv + 1);
+    return help(argc - 1, argv + 1);
+}

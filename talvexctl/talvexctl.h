@@ -1,0 +1,61 @@
+// Shared pieces of the talvexctl tool: the diagnostic, the device table, the
+// hex dump, the number-parsing rules and the command handlers.
+#pragma once
+
+#include "talvex_client.h"
+
+#include <cstdint>
+
+// ---------------------------------------------------------------------------
+// Diagnostics. A failed check is reported at its own site:
+//   TALVEX_ASSERT_REPORT("argc == 2", "", 0);              argument and open checks
+//   TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result); failed driver calls
+// (declared in talvex_assert.h). The diagnostic never ends the command by
+// itself: the handler releases what it holds and returns 1.
+
+// ---------------------------------------------------------------------------
+// Devices.
+
+struct TalvexDevice {
+    const char *name;
+    uint8_t id;
+};
+
+inline constexpr uint8_t kTalvexNoDevice = 0xff;
+
+// gyro, accel, compass, pressure, talvex, corvel, prox, then {null, 0xff}.
+// The row order matters: the power log walks the first five rows in it.
+extern const TalvexDevice kTalvexDevices[];
+
+// The identifier of the device named `word` (exact, case-sensitive), or
+// kTalvexNoDevice when it names none.
+uint8_t TalvexDeviceLookup(const char *word);
+
+// ---------------------------------------------------------------------------
+// Output.
+
+// Prints `length` bytes to standard output, 16 to a line:
+//   "00000000: 41 42 .. 48  49 .. 50  | ABCDEFGH IJKLMNOP"
+// Nothing at all for length 0.
+void TalvexHexDump(const void *bytes, uint32_t length);
+
+// ---------------------------------------------------------------------------
+// Number parsing. No syntax or range check: text that is not a number gives 0,
+// and callers cut a value to the width of the field it goes into.
+
+long TalvexParseHex(const char *word);         // strtol, base 16 ("10" is sixteen; 0x optional)
+long TalvexParseDec(const char *word);         // strtol, base 10
+long long TalvexParseHex64(const char *word);  // strtoll, base 16
+
+// ---------------------------------------------------------------------------
+// Command handlers: (argument count, argument vector from the command word on)
+// -> exit status. One group of handlers per file.
+
+// lifecycle.cpp
+int TalvexCmdReset(int argc, char *argv[]);
+int TalvexCmdPing(int argc, char *argv[]);
+int TalvexCmdStop(int argc, char *argv[]);
+int TalvexCmdTimesync(int argc, char *argv[]);
+int TalvexCmdGetState(int argc, char *argv[]);
+
+// monitor: TalvexMonitor (talvex_client.h)
