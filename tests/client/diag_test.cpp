@@ -1,0 +1,53 @@
+// The assertion diagnostic and the state names, in-process.
+#include "talvex_client.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+std::string report(const char *condition, const char *message, long line, uint32_t code) {
+    testing::internal::CaptureStderr();
+    TalvexAssertReport(condition, message, "/src/talvexctl/talvexctl.cpp", line, code);
+    return testing::internal::GetCapturedStderr();
+}
+
+TEST(AssertReport, BothForms) {
+    EXPECT_EQ(report("argc == 2", "", 120, 0),
+              "AssertMacros: argc == 2,  file: /src/talvexctl/talvexctl.cpp, line: 120\n");
+    EXPECT_EQ(report("service", "cannot find ZantraTalvexProcessor", 7, 0),
+              "AssertMacros: service, cannot find ZantraTalvexProcessor file: /src/talvexctl/talvexctl.cpp, line: 7\n");
+    // A null message prints as empty: two blanks before "file:".
+    EXPECT_EQ(report("result == 0 ", nullptr, 99, 0xe00002c2),
+              "AssertMacros: result == 0 , (iokit/common) invalid argument (0xe00002c2)  file: "
+              "/src/talvexctl/talvexctl.cpp, line: 99\n");
+    EXPECT_EQ(report("result == 0 ", "msg", 1, 0xe00002c7),
+              "AssertMacros: result == 0 , (iokit/common) unsupported function (0xe00002c7) msg file: "
+              "/src/talvexctl/talvexctl.cpp, line: 1\n");
+    EXPECT_EQ(report("x", nullptr, 2, 0xe3ff8100),
+              "AssertMacros: x, unknown error code (0xe3ff8100)  file: /src/talvexctl/talvexctl.cpp, line: 2\n");
+}
+
+TEST(AssertReport, MacroNamesTheCheckingSite) {
+    testing::internal::CaptureStderr();
+    long line = __LINE__ + 1;
+    TALVEX_ASSERT_REPORT("talvex", "", 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(err, "AssertMacros: talvex,  file: " + std::string(__FILE__) + ", line: " + std::to_string(line) + "\n");
+}
+
+TEST(StateNames, TableAndUnknown) {
+    EXPECT_STREQ(TalvexStateNameFor(0x0), "off");
+    EXPECT_STREQ(TalvexStateNameFor(0x10000), "stopped");
+    EXPECT_STREQ(TalvexStateNameFor(0x10001), "booting");
+    EXPECT_STREQ(TalvexStateNameFor(0x10002), "booted");
+    EXPECT_STREQ(TalvexStateNameFor(0x10003), "notresponding");
+    EXPECT_STREQ(TalvexStateNameFor(0x10004), "panic");
+    EXPECT_STREQ(TalvexStateNameFor(0x20000), "unknown");
+    EXPECT_STREQ(TalvexStateNameFor(0x10005), "unknown");
+    EXPECT_STREQ(TalvexStateNameFor(~0ull), "unknown");
+    EXPECT_STREQ(TalvexStateNameFor(0x100010002ull), "unknown");
+}
+
+}  // namespace
