@@ -1,0 +1,154 @@
+// Helpers shared by the library's sources: record keys, little-endian element
+// access, CoreFoundation ownership and number conversion.
+#pragma once
+
+#include "IOReport.h"
+
+#include <cstdint>
+#include <utility>
+
+namespace ioreport {
+
+// Record and aggregate keys.
+inline CFStringRef kDriverID() { return CFSTR("DriverID"); }
+inline CFStringRef kDriverName() { return CFSTR("DriverName"); }
+inline CFStringRef kLegendChannel() { return CFSTR("LegendChannel"); }
+inline CFStringRef kGroupName() { return CFSTR("IOReportGroupName"); }
+inline CFStringRef kSubGroupName() { return CFSTR("IOReportSubGroupName"); }
+inline CFStringRef kChannelInfo() { return CFSTR("IOReportChannelInfo"); }
+inline CFStringRef kChannelName() { return CFSTR("ChannelName"); }
+inline CFStringRef kUnitLabel() { return CFSTR("UnitLabel"); }
+inline CFStringRef kProcessedConfig() { return CFSTR("ProcessedChannelConfig"); }
+inline CFStringRef kStateNames() { return CFSTR("StateNames"); }
+inline CFStringRef kRawElements() { return CFSTR("RawElements"); }
+inline CFStringRef kQueryOpts() { return CFSTR("QueryOpts"); }
+inline CFStringRef kChannels() { return CFSTR("IOReportChannels"); }
+inline CFStringRef kDrivers() { return CFSTR("IOReportDrivers"); }
+inline CFStringRef kGroups() { return CFSTR("IOReportChannelGroups"); }
+inline CFStringRef kUnitKey() { return CFSTR("IOReportChannelUnit"); }
+inline CFStringRef kConfigKey() { return CFSTR("IOReportChannelConfig"); }
+
+inline constexpr uint64_t kSentinel = 0x8000000000000000ull;
+inline constexpr size_t kElementSize = 64;
+
+// Raw element fields.
+inline constexpr size_t kElemDriverID = 0;
+inline constexpr size_t kElemChannelID = 8;
+inline constexpr size_t kElemType = 16;
+inline constexpr size_t kElemCount = 20;
+inline constexpr size_t kElemStamp = 24;
+inline constexpr size_t kElemValues = 32;
+
+inline uint16_t load16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+inline uint64_t load64(const uint8_t *p) {
+    uint64_t v = 0;
+    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
+    return v;
+}
+inline void store64(uint8_t *p, uint64_t v) {
+    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+inline void store32(uint8_t *p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+inline uint32_t load32(const uint8_t *p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+           (static_cast<uint32_t>(p[3]) << 24);
+}
+
+// Channel type fields.
+inline uint8_t typeFormat(uint64_t type) { return static_cast<uint8_t>(type); }
+inline uint16_t typeCategories(uint64_t type) { return static_cast<uint16_t>(type >> 16); }
+inline uint16_t typeElementCount(uint64_t type) { return static_cast<uint16_t>(type >> 32); }
+
+// Owns one reference to a CoreFoundation object.
+template <class T>
+class CFOwner {
+public:
+    CFOwner() = default;
+    explicit CFOwner(T ref) : ref_(ref) {}
+    ~CFOwner() { reset(); }
+    CFOwner(const CFOwner &) = delete;
+    CFOwner &operator=(const CFOwner &) = delete;
+    CFOwner(CFOwner &&o) noexcept : ref_(std::exchange(o.ref_, nullptr)) {}
+    CFOwner &operator=(CFOwner &&o) noexcept {
+        if (this != &o) {
+            reset();
+            ref_ = std::exchange(o.ref_, nullptr);
+        }
+        return *this;
+    }
+    T get() const { return ref_; }
+    explicit operator bool() const { return ref_ != nullptr; }
+    T release() { return std::exchange(ref_, nullptr); }
+    void reset(T ref = nullptr) {
+        if (ref_) CFRelease(ref_);
+        ref_ = ref;
+    }
+
+private:
+    T ref_ = nullptr;
+};
+
+inline bool isType(CFTypeRef v, CFTypeID type) { return v && CFGetTypeID(v) == type; }
+inline bool isDict(CFTypeRef v) { return isType(v, CFDictionaryGetTypeID()); }
+inline bool isArray(CFTypeRef v) { return isType(v, CFArrayGetTypeID()); }
+inline bool isString(CFTypeRef v) { return isType(v, CFStringGetTypeID()); }
+inline bool isNumber(CFTypeRef v) { return isType(v, CFNumberGetTypeID()); }
+inline bool isData(CFTypeRef v) { return isType(v, CFDataGetTypeID()); }
+
+// Records are mutable dictionaries; accessors cache values in them.
+inline CFMutableDictionaryRef mut(CFDictionaryRef d) { return const_cast<CFMutableDictionaryRef>(d); }
+
+// A 64-bit number, or the sentinel when missing, not a number or unreadable.
+inline uint64_t readU64(CFTypeRef v) {
+    if (!isNumber(v)) return kSentinel;
+    long long out = 0;
+    if (!CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberLongLongType, &out)) return kSentinel;
+    return static_cast<uint64_t>(out);
+}
+inline uint64_t dictU64(CFDictionaryRef d, CFStringRef key) { return d ? readU64(CFDictionaryGetValue(d, key)) : kSentinel; }
+inline CFNumberRef makeNumber(uint64_t v) {
+    long long s = static_cast<long long>(v);
+    return CFNumberCreate(nullptr, kCFNumberLongLongType, &s);
+}
+inline CFStringRef dictString(CFDictionaryRef d, CFStringRef key) {
+    if (!d) return nullptr;
+    CFTypeRef v = CFDictionaryGetValue(d, key);
+    return isString(v) ? static_cast<CFStringRef>(v) : nullptr;
+}
+
+inline CFMutableDictionaryRef newDict() {
+    return CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+}
+inline CFMutableArrayRef newArray() { return CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks); }
+
+// Stores an error object in the slot when there is a slot and a message.
+void setError(CFErrorRef *slot, IOReturn code, const char *message);
+
+// Makes a channel record for a legend channel array ("couldn't create channel").
+CFMutableDictionaryRef createChannel(uint64_t driver_id, CFStringRef driver_name, CFArrayRef legend,
+                                     CFStringRef group, CFStringRef subgroup, CFDictionaryRef info, CFErrorRef *error);
+// Files a record into an aggregate ("_addChannel() failed").
+IOReturn addChannel(CFMutableDictionaryRef aggregate, CFMutableDictionaryRef channel, uint32_t options,
+                    CFErrorRef *error);
+
+// The element count of the channel type, or -1 when the type is unreadable.
+int typeCountOf(CFDictionaryRef channel);
+
+// UTF-8 text of a string: the internal pointer when the string offers one,
+// else a heap copy owned by this object. Empty when neither can be had.
+class Utf8Text {
+public:
+    explicit Utf8Text(CFStringRef s);
+    ~Utf8Text();
+    Utf8Text(const Utf8Text &) = delete;
+    Utf8Text &operator=(const Utf8Text &) = delete;
+    const char *get() const { return text_; }
+
+private:
+    const char *text_ = nullptr;
+    char *copy_ = nullptr;
+};
+
+}  // namespace ioreport

@@ -1,0 +1,279 @@
+// Unit words, scaling between units, unit labels, sample descriptions and
+// writing text to a descriptor.
+#include "internal.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+using namespace ioreport;
+
+namespace {
+
+constexpr uint64_t kScaleMask = 0x00FFFFFFFFFFFFFFull;
+
+uint8_t quantityOf(uint64_t unit) { return static_cast<uint8_t>(unit >> 56); }
+
+}  // namespace
+
+// ---------------------------------------------------------------- scaling
+
+IOReturn getFactorsFromScale(uint64_t scale, uint64_t *numerator, uint64_t *denominator) {
+    if ((scale >> 48) & 0xFF) return kIOReturnBadArgument;
+    uint64_t factor = scale & 0x7FFFFFFF;
+    bool divides = (scale >> 31) & 1;
+    uint64_t num = (factor != 0 && !divides) ? factor : 1;
+    uint64_t den = (factor != 0 && divides) ? factor : 1;
+
+    uint8_t ten = static_cast<uint8_t>(scale >> 32);
+    if (ten != 0) {
+        int e = static_cast<int8_t>(static_cast<uint8_t>(ten - 127));
+        uint64_t p = 1;
+        for (int i = 0; i < std::abs(e); ++i) p *= 10;
+        if (e >= 1)
+            num *= p;
+        else
+            den *= p;
+    }
+    uint8_t two = static_cast<uint8_t>(scale >> 40);
+    if (two != 0) {
+        int e = static_cast<int8_t>(static_cast<uint8_t>(two - 127));
+        if (e >= 1)
+            num <<= (e % 64);
+        else
+            den <<= ((-e) % 64);
+    }
+    if (numerator) *numerator = num;
+    if (denominator) *denominator = den;
+    return kIOReturnSuccess;
+}
+
+double IOReportScaleValue(uint64_t value, uint64_t from_unit, uint64_t to_unit) {
+    const double nan = std::nan("");
+    if (quantityOf(from_unit) != quantityOf(to_unit)) return nan;
+    uint64_t fn = 0, fd = 0, tn = 0, td = 0;
+    if (getFactorsFromScale(from_unit & kScaleMask, &fn, &fd) != kIOReturnSuccess ||
+        getFactorsFromScale(to_unit & kScaleMask, &tn, &td) != kIOReturnSuccess)
+        return nan;
+    double v = static_cast<double>(value);
+    v = v * static_cast<double>(fn);
+    v = v / static_cast<double>(fd);
+    v = v / static_cast<double>(tn);
+    v = v * static_cast<double>(td);
+    return v;
+}
+
+CFMutableDictionaryRef IOReportCreateUnitInfo(uint64_t unit) {
+    CFOwner<CFMutableDictionaryRef> info(newDict());
+    CFOwner<CFNumberRef> n(makeNumber(unit));
+    if (!info || !n) return nullptr;
+    CFDictionarySetValue(info.get(), kUnitKey(), n.get());
+    return info.release();
+}
+
+// ---------------------------------------------------------------- labels
+
+namespace {
+
+struct ScaleText {
+    uint64_t scale;
+    const char *text;
+};
+
+// Scales that name the whole label, whatever the quantity.
+constexpr ScaleText kWholeLabels[] = {
+    {0x7980000018ull, "24Mticks"},
+    {0x7600000001ull, "1Gticks"},
+    {0x1000000000000ull, "hwticks?"},
+    {0x2000000000000ull, "hwpage?"},
+};
+
+// Prefixes by exact scale. The prefix is kept in a 4-byte buffer, so the
+// longer texts lose their fourth character ("4KiB" shows as "4Ki").
+constexpr ScaleText kPrefixes[] = {
+    {0x7300000000ull, "p"},      {0x7600000000ull, "n"},      {0x7900000000ull, "u"},
+    {0x7C00000000ull, "m"},      {0x8200000000ull, "k"},      {0x8500000000ull, "M"},
+    {0x8800000000ull, "G"},      {0x8B00000000ull, "T"},      {0x890000000000ull, "Ki"},
+    {0x8C0000000000ull, "KiB"},  {0x8C0000000004ull, "4KiB"}, {0x8C0000000008ull, "8KiB"},
+    {0x930000000000ull, "Mi"},   {0x960000000000ull, "MiB"},  {0x9D0000000000ull, "Gi"},
+    {0xA00000000000ull, "GiB"},  {0xA70000000000ull, "Ti"},   {0xAA0000000000ull, "TiB"},
+};
+
+const char *symbolFor(uint8_t quantity, uint64_t scale) {
+    switch (quantity) {
+    case 0: return "";
+    case 1: return "s";
+    case 2: return "W";
+    case 3: return "J";
+    case 4: return "A";
+    case 5: return "V";
+    case 6: return "F";
+    case 7: return "H";
+    case 8: return "Hz";
+    case 9: return scale == 0x820000000000ull ? "B" : scale == 0 ? "b" : "";
+    case 10: return "C";
+    case 100: return "events";
+    case 101: return "packets";
+    default: return "??";
+    }
+}
+
+}  // namespace
+
+CFStringRef copyUnitLabel(uint64_t unit) {
+    if (unit == kSentinel) return nullptr;
+    uint64_t scale = unit & kScaleMask;
+    for (const ScaleText &w : kWholeLabels)
+        if (w.scale == scale) return CFStringCreateWithCString(nullptr, w.text, kCFStringEncodingUTF8);
+    char prefix[4] = {0, 0, 0, 0};
+    for (const ScaleText &p : kPrefixes) {
+        if (p.scale == scale) {
+            std::strncpy(prefix, p.text, sizeof prefix - 1);
+            break;
+        }
+    }
+    std::string label = std::string(prefix) + symbolFor(quantityOf(unit), scale);
+    return CFStringCreateWithCString(nullptr, label.c_str(), kCFStringEncodingUTF8);
+}
+
+CFStringRef IOReportChannelGetUnitLabel(CFDictionaryRef channel) {
+    if (!channel) return nullptr;
+    if (CFStringRef cached = dictString(channel, kUnitLabel())) return cached;
+    uint64_t unit = IOReportChannelGetUnit(channel);
+    if (unit == kSentinel) return nullptr;
+    CFOwner<CFStringRef> label(copyUnitLabel(unit));
+    if (!label) return nullptr;
+    CFDictionarySetValue(mut(channel), kUnitLabel(), label.get());
+    return label.get();   // held by the record
+}
+
+// ---------------------------------------------------------------- text
+
+Utf8Text::Utf8Text(CFStringRef s) {
+    if (!s) return;
+    if ((text_ = CFStringGetCStringPtr(s, kCFStringEncodingUTF8))) return;
+    CFIndex size = CFStringGetMaximumSizeForEncoding(CFStringGetLength(s), kCFStringEncodingUTF8);
+    if (size <= 0) return;
+    copy_ = new (std::nothrow) char[static_cast<size_t>(size)];
+    if (!copy_) return;
+    if (!CFStringGetCString(s, copy_, size, kCFStringEncodingUTF8)) {
+        delete[] copy_;
+        copy_ = nullptr;
+        return;
+    }
+    text_ = copy_;
+}
+
+Utf8Text::~Utf8Text() { delete[] copy_; }
+
+namespace {
+
+// Appends one formatted line; false when it can't be made.
+bool appendLine(CFMutableStringRef out, CFStringRef format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    CFStringRef line = CFStringCreateWithFormatAndArguments(nullptr, nullptr, format, ap);
+    va_end(ap);
+    if (!line) return false;
+    CFStringAppend(out, line);
+    CFRelease(line);
+    return true;
+}
+
+bool describeState(CFMutableStringRef out, CFDictionaryRef sample, int i, const char *prefix, const char *name) {
+    char buffer[20];
+    const char *state = nullptr;
+    if (CFStringRef sname = IOReportStateGetNameForIndex(sample, i)) {
+        state = CFStringGetCStringPtr(sname, kCFStringEncodingUTF8);
+        if (!state && CFStringGetCString(sname, buffer, sizeof buffer, kCFStringEncodingUTF8)) state = buffer;
+    }
+    if (!state) {
+        std::snprintf(buffer, sizeof buffer, "%llx",
+                      static_cast<unsigned long long>(IOReportStateGetIDForIndex(sample, i)));
+        state = buffer;
+    }
+    uint64_t residency = static_cast<uint64_t>(IOReportStateGetResidency(sample, i));
+    return appendLine(out, CFSTR("%s%20s[%8s] = { # %-8llu %9.3e %s / %4.1f%% }\n"), prefix, name, state,
+                      static_cast<unsigned long long>(IOReportStateGetInTransitions(sample, i)),
+                      IOReportScaleValue(residency, IOReportChannelGetUnit(sample), kIOReportUnitTime), "s",
+                      IOReportStateGetDutyCycle(sample, i) * 100.0);
+}
+
+bool describeBucket(CFMutableStringRef out, CFDictionaryRef sample, int i, const char *prefix, const char *name,
+                    CFStringRef label) {
+    uint64_t lo = 0, hi = 0;
+    if (IOReportHistogramGetBucketBounds(sample, i, &lo, &hi) != kIOReturnSuccess) return false;
+    int64_t hits = IOReportHistogramGetBucketHits(sample, i);
+    if (hits == kIOReportInvalidValue) return false;
+    if (hits == 0)
+        return appendLine(out, CFSTR("%s%20s[%12lld - %12lld %@] = { <no hits>; # 0 }\n"), prefix, name,
+                          static_cast<long long>(lo), static_cast<long long>(hi), label);
+    return appendLine(out, CFSTR("%s%20s[%12lld - %12lld %@] = { m %12lld; M %12lld; s %12lld; # %12llu }\n"), prefix,
+                      name, static_cast<long long>(lo), static_cast<long long>(hi), label,
+                      static_cast<long long>(IOReportHistogramGetBucketMinValue(sample, i)),
+                      static_cast<long long>(IOReportHistogramGetBucketMaxValue(sample, i)),
+                      static_cast<long long>(IOReportHistogramGetBucketSum(sample, i)),
+                      static_cast<unsigned long long>(hits));
+}
+
+}  // namespace
+
+CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, const char *prefix) {
+    if (!prefix) prefix = "";
+    CFOwner<CFMutableStringRef> out(CFStringCreateMutable(nullptr, 0));
+    if (!out) return nullptr;
+    uint16_t count = 0;
+    const uint8_t *elements = getRawElements(sample, &count, IOReportChannelGetFormat(sample));
+    if (!elements) return nullptr;
+
+    Utf8Text nameText(IOReportChannelGetChannelName(sample));
+    char idText[10];
+    const char *name = nameText.get();
+    if (!name) {
+        std::snprintf(idText, sizeof idText, "%llx", static_cast<unsigned long long>(load64(elements + kElemChannelID)));
+        name = idText;
+    }
+    CFStringRef label = IOReportChannelGetUnitLabel(sample);
+
+    for (int i = 0; i < count; ++i) {
+        uint8_t format = IOReportChannelGetFormat(sample);
+        bool ok = false;
+        switch (format) {
+        case kIOReportFormatSimple:
+            ok = appendLine(out.get(), CFSTR("%s%32s = { %12lld %@ }\n"), prefix, name,
+                            static_cast<long long>(IOReportSimpleGetIntegerValue(sample)), label);
+            break;
+        case kIOReportFormatState:
+            ok = describeState(out.get(), sample, i, prefix, name);
+            break;
+        case kIOReportFormatHistogram:
+            ok = describeBucket(out.get(), sample, i, prefix, name, label);
+            break;
+        case kIOReportFormatSimpleArray:
+            CFStringAppend(out.get(), CFSTR("arrays unsupported?"));
+            ok = true;
+            break;
+        default:
+            break;
+        }
+        if (!ok) return nullptr;
+    }
+    return out.release();
+}
+
+IOReturn IOReportWriteStringUTF8(int fd, CFStringRef string) {
+    if (!string) return kIOReturnBadArgument;
+    Utf8Text text(string);
+    if (!text.get()) return kIOReturnNoMemory;
+    size_t length = std::strlen(text.get());
+    ssize_t written = ::write(fd, text.get(), length);
+    if (written < 0) return kIOReturnIOError;
+    if (static_cast<size_t>(written) < length) return kIOReturnUnderrun;
+    if (static_cast<size_t>(written) > length) return kIOReturnError;
+    return kIOReturnSuccess;
+}
