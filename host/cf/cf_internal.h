@@ -1,0 +1,174 @@
+// Internal layout and helpers of the CoreFoundation subset. Only host/cf/ sources
+// that implement the object types include this; everything else goes through the
+// public header.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+// A string: NUL-terminated UTF-8 text. Constant strings point at static or
+// never-freed text and have capacity 0.
+struct __CFString {
+    CFRuntimeBase base;
+    char *bytes;
+    size_t length;        // bytes, without the NUL
+    size_t capacity;      // bytes allocated, with the NUL; 0 when the text is not owned
+    CFIndex utf16_length;
+    bool ascii;
+    bool is_mutable;
+};
+
+namespace cf {
+
+// ---------------------------------------------------------------- type IDs
+// Built-in types have fixed IDs; registered classes get IDs from
+// kFirstRegisteredTypeID upwards.
+enum : CFTypeID {
+    kAllocatorTypeID = 1,
+    kStringTypeID = 2,
+    kNumberTypeID = 3,
+    kBooleanTypeID = 4,
+    kDataTypeID = 5,
+    kArrayTypeID = 6,
+    kDictionaryTypeID = 7,
+    kErrorTypeID = 8,
+    kURLTypeID = 9,
+    kLastBuiltinTypeID = 9,
+    kFirstRegisteredTypeID = 16,
+};
+
+// The header's _cfinfoa holds the retain count; this bit marks an immortal
+// object (constant strings, booleans, allocators) whose count never changes.
+inline constexpr uint64_t kImmortal = uint64_t{1} << 63;
+
+constexpr CFRuntimeBase immortal_header(CFTypeID id) { return CFRuntimeBase{id, kImmortal}; }
+
+// The class records of the built-in types (each defined beside its type).
+extern const CFRuntimeClass kAllocatorClass;
+extern const CFRuntimeClass kStringClass;
+extern const CFRuntimeClass kNumberClass;
+extern const CFRuntimeClass kBooleanClass;
+extern const CFRuntimeClass kDataClass;
+extern const CFRuntimeClass kArrayClass;
+extern const CFRuntimeClass kDictionaryClass;
+extern const CFRuntimeClass kErrorClass;
+extern const CFRuntimeClass kURLClass;
+
+// ---------------------------------------------------------------- misuse
+// Misuse of the API (wrong type, out-of-range index, mutating an immutable
+// object, retaining null) is a programming error: report it and abort, as the
+// platform does.
+[[noreturn]] void fatal(const char *function, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+const char *type_name(CFTypeID id);
+
+inline CFRuntimeBase *header(CFTypeRef cf) { return static_cast<CFRuntimeBase *>(const_cast<void *>(cf)); }
+inline CFTypeID type_of(CFTypeRef cf) { return static_cast<CFTypeID>(header(cf)->_cfisa); }
+
+// The object behind `cf` as a T, or null for null. Any other type is misuse.
+template <class T>
+T *cast(CFTypeRef cf, CFTypeID id, const char *function) {
+    if (cf == nullptr) return nullptr;
+    if (type_of(cf) != id) fatal(function, "%p is not a %s", cf, type_name(id));
+    return static_cast<T *>(const_cast<void *>(cf));
+}
+// Allocates a built-in object of type T (whose first member is the
+// CFRuntimeBase `base`), constructed from args, retain count 1. Null when
+// memory runs out. The object is freed by CFRelease after the class's
+// finalize, which runs ~T().
+template <class T, class... Args>
+T *make_object(CFTypeID id, Args &&...args) noexcept {
+    static_assert(std::is_standard_layout_v<T>, "objects start with their header");
+    void *memory = std::malloc(sizeof(T));
+    if (memory == nullptr) return nullptr;
+    T *object;
+    try {
+        object = new (memory) T(std::forward<Args>(args)...);
+    } catch (...) {
+        std::free(memory);
+        return nullptr;
+    }
+    object->base._cfisa = id;
+    object->base._cfinfoa = 1;
+    return object;
+}
+
+template <class T>
+void destroy_fields(CFTypeRef cf) {
+    static_cast<T *>(const_cast<void *>(cf))->~T();
+}
+
+// ---------------------------------------------------------------- text
+struct TextInfo {
+    bool valid;             // well-formed UTF-8 (no overlongs, surrogates or values past U+10FFFF)
+    bool ascii;             // every byte below 0x80
+    CFIndex utf16_length;   // UTF-16 units of the valid prefix
+};
+TextInfo scan_utf8(std::string_view text) noexcept;
+// `text` with every byte that does not start a well-formed UTF-8 sequence taken
+// as a Latin-1 character, so nothing is lost and the result is valid UTF-8.
+std::string sanitize_utf8(std::string_view text);
+// Appends the UTF-8 form of code point `c` (U+FFFD for a value that is not one).
+void append_code_point(std::string &out, uint32_t c);
+
+// A static, immortal string for ASCII text known at compile time.
+consteval __CFString constant_string(const char *ascii) {
+    size_t n = 0;
+    while (ascii[n] != 0) ++n;
+    return __CFString{immortal_header(kStringTypeID), const_cast<char *>(ascii), n, 0, static_cast<CFIndex>(n), true,
+                      false};
+}
+
+// ---------------------------------------------------------------- shared helpers
+// A new immutable string holding `utf8`, which must be valid UTF-8; null when
+// memory runs out.
+CFStringRef make_string(std::string_view utf8) noexcept;
+// The text of a string (valid UTF-8, not copied).
+std::string_view string_view_of(CFStringRef str) noexcept;
+// Appends the description of `cf` ("(null)" for null) to `out`. Throws
+// std::bad_alloc when memory runs out.
+void append_description(std::string &out, CFTypeRef cf);
+// The description %@ inserts: the class's formatting description when it has
+// one, else CFCopyDescription. Null when memory runs out.
+CFStringRef copy_format_description(CFTypeRef cf, CFDictionaryRef format_options) noexcept;
+// Appends UTF-8 text to a mutable string (the format engine's output).
+void append_to_string(CFMutableStringRef str, std::string_view text);
+// Appends `text`, indenting every line after the first by four spaces, so a
+// nested container's description lines up under its parent.
+void append_indented(std::string &out, std::string_view text);
+// The description of a value held with container callbacks.
+void append_value_description(std::string &out, const void *value, CFStringRef (*copy)(const void *));
+
+// 64-bit FNV-1a.
+inline CFHashCode hash_bytes(const void *bytes, size_t length) noexcept {
+    auto p = static_cast<const unsigned char *>(bytes);
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (size_t i = 0; i < length; ++i) {
+        h ^= p[i];
+        h *= 0x100000001b3ull;
+    }
+    return static_cast<CFHashCode>(h);
+}
+
+inline CFHashCode hash_pointer(const void *p) noexcept {
+    auto v = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p));
+    v ^= v >> 33;
+    v *= 0xff51afd7ed558ccdull;
+    v ^= v >> 33;
+    return static_cast<CFHashCode>(v);
+}
+
+// True when [location, location+length) lies within [0, count).
+inline bool range_ok(CFRange range, CFIndex count) {
+    return range.location >= 0 && range.length >= 0 && range.location <= count && range.length <= count - range.location;
+}
+
+}  // namespace cf
