@@ -1,0 +1,398 @@
+#include "transport.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+namespace talvex::host {
+
+namespace {
+
+constexpr size_t kHeader = 8;            // u16 op, u16 flags, u32 seq (after the length)
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kMaxQueuedEvents = 100000;
+constexpr int kMaxFdsPerRead = 8;
+
+}  // namespace
+
+void Encoder::u16(uint16_t v) {
+    buf_.push_back(static_cast<uint8_t>(v));
+    buf_.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+void Encoder::u32(uint32_t v) {
+    uint8_t b[4];
+    wire::store_le32(b, v);
+    buf_.insert(buf_.end(), b, b + 4);
+}
+
+void Encoder::u64(uint64_t v) {
+    uint8_t b[8];
+    wire::store_le64(b, v);
+    buf_.insert(buf_.end(), b, b + 8);
+}
+
+void Encoder::blob(std::span<const uint8_t> b) {
+    u32(static_cast<uint32_t>(b.size()));
+    bytes(b);
+}
+
+void Encoder::str(std::string_view s) {
+    u32(static_cast<uint32_t>(s.size()));
+    buf_.insert(buf_.end(), s.begin(), s.end());
+}
+
+// ---------------------------------------------------------------- Exchange
+
+Exchange::Exchange(wire::Op op) : t_(Transport::instance()), lock_(t_.mu_), op_(op), enc_(t_.out_) {
+    t_.out_.clear();
+    enc_.u32(0);   // length, patched in run()
+    enc_.u16(static_cast<uint16_t>(op));
+    enc_.u16(0);
+    enc_.u32(0);   // seq, patched in run()
+}
+
+Exchange::~Exchange() {
+    for (int fd : t_.fds_) close(fd);
+    t_.fds_.clear();
+}
+
+Sent Exchange::run() {
+    std::vector<uint8_t> &out = t_.out_;
+    if (out.size() - 4 > wire::kMaxFrame) {
+        code_ = kIOReturnMessageTooLarge;
+        reply_ = {};
+        return Sent::Ok;
+    }
+    Sent s = t_.ensure_connected();
+    if (s != Sent::Ok) return s;
+    if (++t_.seq_ == 0) t_.seq_ = 1;   // 0 is the events' sequence number
+    uint32_t seq = t_.seq_;
+    wire::store_le32(out.data(), static_cast<uint32_t>(out.size() - 4));
+    wire::store_le32(out.data() + 8, seq);
+    if (!t_.send_all(out)) {
+        t_.fail();
+        return Sent::Failed;
+    }
+    return t_.exchange(op_, seq, code_, reply_) ? Sent::Ok : Sent::Failed;
+}
+
+int Exchange::take_fd() {
+    if (t_.fds_.empty()) return -1;
+    int fd = t_.fds_.front();
+    t_.fds_.erase(t_.fds_.begin());
+    return fd;
+}
+
+// ---------------------------------------------------------------- Transport
+
+Transport &Transport::instance() {
+    // Never destroyed: exit-time callables and other threads may still use it.
+    static Transport *t = new Transport;
+    return *t;
+}
+
+Transport::Transport() {
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    out_.reserve(4096);
+    in_.resize(kReadChunk);
+    pthread_atfork(&Transport::before_fork, &Transport::after_fork_parent, &Transport::after_fork_child);
+}
+
+Link Transport::link() {
+    std::lock_guard lk(mu_);
+    return link_;
+}
+
+Sent Transport::ensure_connected() {
+    switch (link_) {
+    case Link::Connected: return Sent::Ok;
+    case Link::Dead: return Sent::Failed;
+    case Link::Unusable: return Sent::NoSimulator;
+    case Link::Unconnected: break;
+    }
+    return connect_and_hello() ? Sent::Ok : Sent::NoSimulator;
+}
+
+bool Transport::connect_and_hello() {
+    std::string path = wire::default_socket_path();
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof sa.sun_path) return false;
+    std::memcpy(sa.sun_path, path.data(), path.size());
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    int rc;
+    do {
+        rc = connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        close(fd);
+        return false;   // nobody there: stays Unconnected, tried again next time
+    }
+    fd_ = fd;
+    link_ = Link::Connected;
+    in_begin_ = in_end_ = 0;
+
+    // A peer that does not answer the greeting within a few seconds is not a
+    // simulator; afterwards replies are waited for without a limit.
+    timeval limit{5, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    wire::Writer body;
+    body.u32(wire::kProtocolVersion);
+    body.u32(static_cast<uint32_t>(getpid()));
+    if (++seq_ == 0) seq_ = 1;
+    std::vector<uint8_t> hello = wire::make_request(wire::Op::Hello, seq_, body.data());
+    int32_t code = -1;
+    std::span<const uint8_t> reply;
+    bool ok = send_all(hello) && exchange(wire::Op::Hello, seq_, code, reply);
+    if (ok) {
+        wire::Reader r(reply);
+        uint32_t version = r.u32();
+        ok = code == 0 && r.ok() && version == wire::kProtocolVersion;
+    }
+    if (!ok) {
+        close_fds();
+        link_ = Link::Unusable;
+        return false;
+    }
+    timeval none{0, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+    return true;
+}
+
+bool Transport::send_all(std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        ssize_t n = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        bytes = bytes.subspan(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+bool Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body) {
+    const uint16_t want = static_cast<uint16_t>(static_cast<uint16_t>(op) | wire::kReplyBit);
+    for (;;) {
+        uint16_t fop;
+        uint32_t fseq;
+        std::span<const uint8_t> rest;
+        while (next_frame(fop, fseq, rest)) {
+            if (fop == static_cast<uint16_t>(wire::Op::Event)) {
+                queue_event(rest);
+                continue;
+            }
+            if (!(fop & wire::kReplyBit) || fseq != seq) continue;   // a stale reply: not ours
+            if (fop != want || rest.size() < 4) {
+                fail();
+                return false;
+            }
+            code = static_cast<int32_t>(wire::load_le32(rest.data()));
+            body = rest.subspan(4);
+            return true;
+        }
+        if (link_ != Link::Connected) return false;
+        bool would_block = false;
+        if (!read_some(false, would_block)) {
+            fail();
+            return false;
+        }
+    }
+}
+
+bool Transport::read_some(bool dont_wait, bool &would_block) {
+    would_block = false;
+    if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
+    // Room for the rest of a partly read frame, and at least one chunk.
+    size_t need = kReadChunk;
+    size_t have = in_end_ - in_begin_;
+    if (have >= 4) {
+        uint32_t len = wire::load_le32(in_.data() + in_begin_);
+        if (len <= wire::kMaxFrame && 4 + static_cast<size_t>(len) > have) need = std::max(need, 4 + len - have);
+    }
+    if (in_.size() - in_end_ < need) {
+        if (in_begin_ > 0) {
+            std::memmove(in_.data(), in_.data() + in_begin_, have);
+            in_begin_ = 0;
+            in_end_ = have;
+        }
+        if (in_.size() - in_end_ < need) in_.resize(in_end_ + need);
+    }
+
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFdsPerRead)];
+    for (;;) {
+        iovec iov{in_.data() + in_end_, in_.size() - in_end_};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | (dont_wait ? MSG_DONTWAIT : 0));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && dont_wait && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            would_block = true;
+            return false;
+        }
+        if (n <= 0) return false;
+        for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+            size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < count; ++i) {
+                int fd;
+                std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+                fds_.push_back(fd);
+            }
+        }
+        in_end_ += static_cast<size_t>(n);
+        return true;
+    }
+}
+
+bool Transport::next_frame(uint16_t &op, uint32_t &seq, std::span<const uint8_t> &rest) {
+    if (link_ != Link::Connected) return false;
+    size_t have = in_end_ - in_begin_;
+    if (have < 4) return false;
+    const uint8_t *p = in_.data() + in_begin_;
+    uint32_t len = wire::load_le32(p);
+    if (len < kHeader || len > wire::kMaxFrame) {
+        fail();
+        return false;
+    }
+    if (have - 4 < len) return false;
+    op = wire::load_le16(p + 4);
+    seq = wire::load_le32(p + 8);
+    rest = std::span<const uint8_t>(p + 4 + kHeader, len - kHeader);
+    in_begin_ += 4 + static_cast<size_t>(len);
+    return true;
+}
+
+void Transport::queue_event(std::span<const uint8_t> body) {
+    wire::Reader r(body);
+    Event ev;
+    ev.notification = r.u32();
+    ev.entry = r.u64();
+    ev.type = r.u32();
+    uint8_t kind = r.u8();
+    switch (kind) {
+    case static_cast<uint8_t>(wire::ArgKind::None): ev.kind = wire::ArgKind::None; break;
+    case static_cast<uint8_t>(wire::ArgKind::Value):
+        ev.kind = wire::ArgKind::Value;
+        ev.value = r.u64();
+        break;
+    case static_cast<uint8_t>(wire::ArgKind::Data): {
+        ev.kind = wire::ArgKind::Data;
+        auto bytes = r.blob();
+        ev.data.assign(bytes.begin(), bytes.end());
+        break;
+    }
+    default: return;   // an argument kind we do not know: not deliverable
+    }
+    if (!r.ok()) return;   // a truncated message is dropped
+    {
+        std::lock_guard lk(events_mu_);
+        if (events_.size() >= kMaxQueuedEvents) {
+            ++dropped_events_;
+            return;
+        }
+        events_.push_back(std::move(ev));
+    }
+    wake();
+}
+
+std::optional<Event> Transport::pop_event() {
+    std::lock_guard lk(events_mu_);
+    if (events_.empty()) return std::nullopt;
+    Event ev = std::move(events_.front());
+    events_.pop_front();
+    return ev;
+}
+
+void Transport::pump() {
+    std::lock_guard lk(mu_);
+    while (link_ == Link::Connected) {
+        bool would_block = false;
+        if (!read_some(true, would_block)) {
+            if (!would_block) fail();
+            break;
+        }
+        uint16_t op;
+        uint32_t seq;
+        std::span<const uint8_t> rest;
+        while (next_frame(op, seq, rest))
+            if (op == static_cast<uint16_t>(wire::Op::Event)) queue_event(rest);
+    }
+    // No exchange is in flight: whatever descriptor came is nobody's.
+    for (int fd : fds_) close(fd);
+    fds_.clear();
+}
+
+int Transport::poll_fd() {
+    std::lock_guard lk(mu_);
+    return link_ == Link::Connected ? fd_ : -1;
+}
+
+void Transport::drain_wake() {
+    uint64_t count;
+    if (wake_fd_ >= 0 && read(wake_fd_, &count, sizeof count) < 0) {
+        // nothing was pending
+    }
+}
+
+void Transport::wake() {
+    uint64_t one = 1;
+    if (wake_fd_ >= 0 && write(wake_fd_, &one, sizeof one) < 0) {
+        // the counter is saturated: a wake-up is pending anyway
+    }
+}
+
+void Transport::fail() {
+    close_fds();
+    link_ = Link::Dead;
+    wake();
+}
+
+void Transport::close_fds() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+    for (int fd : fds_) close(fd);
+    fds_.clear();
+    in_begin_ = in_end_ = 0;
+}
+
+// A forked child shares nothing with its parent's link: it starts unconnected
+// with its own wake-up descriptor.
+void Transport::before_fork() {
+    Transport &t = instance();
+    t.mu_.lock();
+    t.events_mu_.lock();
+}
+
+void Transport::after_fork_parent() {
+    Transport &t = instance();
+    t.events_mu_.unlock();
+    t.mu_.unlock();
+}
+
+void Transport::after_fork_child() {
+    Transport &t = instance();
+    t.close_fds();
+    t.link_ = Link::Unconnected;
+    if (t.wake_fd_ >= 0) close(t.wake_fd_);
+    t.wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    t.events_.clear();
+    t.dropped_events_ = 0;
+    t.events_mu_.unlock();
+    t.mu_.unlock();
+}
+
+}  // namespace talvex::host

@@ -1,0 +1,160 @@
+// The process's one connection to the simulator: framing, request/reply
+// exchange, the queue of interest messages that arrive in between, and the
+// wake-up descriptor that the main queue waits on.
+//
+// Every exchange holds the transport lock from the moment it starts encoding
+// its request until it has read its reply, so replies always come back in
+// request order and a reply body can be read in place from the input buffer.
+#pragma once
+
+#include <IOKit/IOReturn.h>
+
+#include <wire.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace talvex::host {
+
+// Where the transport stands.
+enum class Link {
+    Unconnected,   // nothing tried yet, or the last connect found no simulator (retried on next use)
+    Connected,
+    Unusable,      // a peer answered but not as a simulator (bad Hello): the registry stays empty
+    Dead,          // the simulator went away; every later exchange fails at once
+};
+
+// The outcome of one exchange, before the reply's own code is looked at.
+enum class Sent {
+    Ok,            // a reply arrived: code() and reply() are valid
+    NoSimulator,   // none reachable (or not a simulator): the registry is empty
+    Failed,        // the simulator went away, or broke the protocol: kIOReturnIPCError
+};
+
+// One interest message, copied out of its frame.
+struct Event {
+    uint32_t notification = 0;
+    uint64_t entry = 0;
+    uint32_t type = 0;
+    wire::ArgKind kind = wire::ArgKind::None;
+    uint64_t value = 0;
+    std::vector<uint8_t> data;
+};
+
+// Appends little-endian fields to a reused byte buffer.
+class Encoder {
+public:
+    explicit Encoder(std::vector<uint8_t> &buf) : buf_(buf) {}
+    void u8(uint8_t v) { buf_.push_back(v); }
+    void u16(uint16_t v);
+    void u32(uint32_t v);
+    void u64(uint64_t v);
+    void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
+    void blob(std::span<const uint8_t> b);
+    void str(std::string_view s);
+
+private:
+    std::vector<uint8_t> &buf_;
+};
+
+class Transport;
+
+// One request and its reply. Holds the transport lock for its whole life:
+// encode the body, run(), then read code() and reply() before it goes away.
+class Exchange {
+public:
+    explicit Exchange(wire::Op op);
+    ~Exchange();
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
+
+    Encoder &body() { return enc_; }
+    Sent run();
+    int32_t code() const { return code_; }
+    // The reply body after the code; valid until this exchange ends.
+    wire::Reader reply() const { return wire::Reader(reply_); }
+    // A descriptor that arrived with the reply (SCM_RIGHTS), now owned by the
+    // caller; -1 when none came.
+    int take_fd();
+
+private:
+    Transport &t_;
+    std::unique_lock<std::mutex> lock_;
+    wire::Op op_;
+    Encoder enc_;
+    int32_t code_ = 0;
+    std::span<const uint8_t> reply_;
+};
+
+// Maps an exchange outcome that is not Ok to a return code: no simulator
+// means `absent`, a broken link kIOReturnIPCError.
+inline kern_return_t link_error(Sent s, kern_return_t absent) {
+    return s == Sent::NoSimulator ? absent : kIOReturnIPCError;
+}
+
+// The process-wide transport.
+class Transport {
+public:
+    static Transport &instance();
+
+    // Reads whatever has arrived without blocking and queues the interest
+    // messages (the main queue calls this when the socket is readable).
+    void pump();
+    // The socket to wait on, or -1 when there is none to wait on.
+    int poll_fd();
+    // Written whenever a message is queued or the link dies.
+    int wake_fd() const { return wake_fd_; }
+    // Clears the wake-up descriptor's count.
+    void drain_wake();
+    // The oldest queued interest message, if any.
+    std::optional<Event> pop_event();
+    Link link();
+
+private:
+    friend class Exchange;
+    Transport();
+
+    Sent ensure_connected();      // lock held
+    bool connect_and_hello();     // lock held
+    // Sends nothing; reads until the reply to (op, seq) arrives. False when the
+    // link died or broke the protocol (the link is then Dead).
+    bool exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body);   // lock held
+    bool send_all(std::span<const uint8_t> bytes);                              // lock held
+    // Reads once into the input buffer; false when the link is gone (or, with
+    // dont_wait, also when nothing was there: would_block tells which).
+    bool read_some(bool dont_wait, bool &would_block);   // lock held
+    // Takes the next complete frame out of the input buffer (its bytes stay
+    // valid until the next read); false when none is complete. A malformed
+    // frame kills the link.
+    bool next_frame(uint16_t &op, uint32_t &seq, std::span<const uint8_t> &rest);   // lock held
+    void queue_event(std::span<const uint8_t> body);
+    void fail();                  // lock held: the link is gone for good
+    void wake();
+    void close_fds();
+
+    static void before_fork();
+    static void after_fork_parent();
+    static void after_fork_child();
+
+    std::mutex mu_;
+    Link link_ = Link::Unconnected;
+    int fd_ = -1;
+    int wake_fd_ = -1;
+    uint32_t seq_ = 0;
+    std::vector<uint8_t> out_;
+    std::vector<uint8_t> in_;
+    size_t in_begin_ = 0, in_end_ = 0;
+    std::vector<int> fds_;        // descriptors received and not yet claimed
+
+    std::mutex events_mu_;
+    std::deque<Event> events_;
+    size_t dropped_events_ = 0;
+};
+
+}  // namespace talvex::host
