@@ -1,0 +1,367 @@
+#include "cli.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <thread>
+
+#include "control.h"
+#include "server.h"
+#include "wire.h"
+
+extern char **environ;
+
+namespace talvex::sim {
+
+namespace {
+
+constexpr const char *kUsage =
+    "usage: talvexsim [--socket PATH] COMMAND [ARGS...]\n"
+    "\n"
+    "The simulated driver registry that talvexctl talks to.\n"
+    "\n"
+    "Commands:\n"
+    "  serve                    serve in the foreground until SIGINT or SIGTERM\n"
+    "  run [--] CMD [ARGS...]   run CMD against a private simulator; exit with CMD's status\n"
+    "  shell                    run an interactive shell ($SHELL) against a private simulator\n"
+    "  trace [--clear]          print what clients did, one JSON object per line\n"
+    "  stub ...                 make matching calls or opens answer as told\n"
+    "  notify ...               deliver an interest message to registered clients\n"
+    "  property set|delete ...  edit a service's registry properties\n"
+    "  service publish|unpublish CLASS\n"
+    "                           restore or hide a service\n"
+    "\n"
+    "Each command's --help tells more. The socket is --socket PATH (before or after the\n"
+    "command), else $TALVEX_SIM_SOCKET, else a per-user default under $XDG_RUNTIME_DIR or\n"
+    "/tmp/talvexsim-$UID.\n";
+
+constexpr const char *kServeUsage =
+    "usage: talvexsim [--socket PATH] serve\n"
+    "  Serves the simulated registry on the socket until SIGINT or SIGTERM.\n";
+
+constexpr const char *kRunUsage =
+    "usage: talvexsim run [--] CMD [ARGS...]\n"
+    "  Starts a private simulator on a fresh socket, runs CMD with TALVEX_SIM_SOCKET naming it,\n"
+    "  stops the simulator and exits with CMD's status (127 when CMD cannot be run).\n";
+
+constexpr const char *kShellUsage =
+    "usage: talvexsim shell\n"
+    "  Runs an interactive shell ($SHELL, else /bin/sh) against a private simulator and exits\n"
+    "  with the shell's status.\n";
+
+int usage_error(const std::string &message) {
+    std::fprintf(stderr, "talvexsim: %s\n", message.c_str());
+    return 1;
+}
+
+bool is_help(const std::string &w) { return w == "--help" || w == "-h"; }
+
+int exit_status(int st) {
+    if (WIFEXITED(st)) return WEXITSTATUS(st);
+    if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
+    return 1;
+}
+
+bool socket_address(const std::string &path, sockaddr_un &sa) {
+    sa = {};
+    sa.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof sa.sun_path) return false;
+    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+int connect_to(const std::string &path) {
+    sockaddr_un sa;
+    if (!socket_address(path, sa)) return -1;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool write_all(int fd, const std::vector<uint8_t> &bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Reads exactly `n` bytes, waiting at most until the deadline.
+bool read_exact(int fd, uint8_t *out, size_t n, std::chrono::steady_clock::time_point deadline) {
+    size_t done = 0;
+    while (done < n) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p{fd, POLLIN, 0};
+        int r = poll(&p, 1, static_cast<int>(left.count()));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
+        ssize_t got = read(fd, out + done, n - done);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+std::vector<std::string> environment_with_socket(const std::string &socket) {
+    std::vector<std::string> env;
+    for (char **e = environ; *e; ++e)
+        if (std::strncmp(*e, "TALVEX_SIM_SOCKET=", 18) != 0) env.emplace_back(*e);
+    env.push_back("TALVEX_SIM_SOCKET=" + socket);
+    return env;
+}
+
+std::vector<char *> c_strings(std::vector<std::string> &v) {
+    std::vector<char *> out;
+    for (auto &s : v) out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+}
+
+int serve(const std::string &socket_path) {
+    Server server;
+    std::string error;
+    if (!server.listen(socket_path, error)) {
+        std::fprintf(stderr, "%s\n", error.c_str());
+        return 1;
+    }
+    server.stop_on_signals();
+    server.run();
+    return 0;
+}
+
+// Starts `talvexsim serve` on a fresh socket in a fresh private directory,
+// runs `cmd` against it, stops it and cleans up. Returns cmd's exit status.
+int run_private(std::vector<std::string> cmd) {
+    char tmpl[] = "/tmp/talvexsim-run-XXXXXX";
+    if (!mkdtemp(tmpl)) return usage_error(std::string("cannot create a private directory: ") + std::strerror(errno));
+    std::string dir = tmpl;
+    std::string socket = dir + "/sim.sock";
+    auto cleanup_dir = [&] {
+        unlink(socket.c_str());
+        rmdir(dir.c_str());
+    };
+
+    // The simulator: this same program, in its own process group so that the
+    // terminal's interrupt reaches only the command.
+    std::vector<std::string> sim_argv{"talvexsim", "serve", "--socket", socket};
+    auto sim_args = c_strings(sim_argv);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
+    pid_t sim = -1;
+    int rc = posix_spawn(&sim, "/proc/self/exe", nullptr, &attr, sim_args.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        cleanup_dir();
+        return usage_error(std::string("cannot start the simulator: ") + std::strerror(rc));
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    for (;;) {
+        int fd = connect_to(socket);
+        if (fd >= 0) {
+            close(fd);
+            break;
+        }
+        int st;
+        if (waitpid(sim, &st, WNOHANG) == sim || std::chrono::steady_clock::now() > deadline) {
+            kill(sim, SIGKILL);
+            waitpid(sim, &st, 0);
+            cleanup_dir();
+            return usage_error("the private simulator did not start");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+
+    // While the command runs, interrupts are its business, not ours.
+    struct sigaction ignore {}, old_int {}, old_quit {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGINT, &ignore, &old_int);
+    sigaction(SIGQUIT, &ignore, &old_quit);
+
+    auto env = environment_with_socket(socket);
+    auto envp = c_strings(env);
+    auto argv = c_strings(cmd);
+    posix_spawnattr_t cattr;
+    posix_spawnattr_init(&cattr);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    posix_spawnattr_setsigdefault(&cattr, &defaults);
+    posix_spawnattr_setflags(&cattr, POSIX_SPAWN_SETSIGDEF);
+    pid_t child = -1;
+    rc = posix_spawnp(&child, cmd[0].c_str(), nullptr, &cattr, argv.data(), envp.data());
+    posix_spawnattr_destroy(&cattr);
+    int status;
+    if (rc != 0) {
+        std::fprintf(stderr, "talvexsim: cannot run %s: %s\n", cmd[0].c_str(), std::strerror(rc));
+        status = 127;
+    } else {
+        int st = 0;
+        while (waitpid(child, &st, 0) < 0 && errno == EINTR) {
+        }
+        status = exit_status(st);
+    }
+    sigaction(SIGINT, &old_int, nullptr);
+    sigaction(SIGQUIT, &old_quit, nullptr);
+
+    kill(sim, SIGTERM);
+    int st = 0;
+    while (waitpid(sim, &st, 0) < 0 && errno == EINTR) {
+    }
+    if (exit_status(st) != 0)
+        std::fprintf(stderr, "talvexsim: the private simulator exited with status %d\n", exit_status(st));
+    cleanup_dir();
+    return status;
+}
+
+}  // namespace
+
+int forward_control(const std::string &socket_path, const std::vector<std::string> &words) {
+    int fd = connect_to(socket_path);
+    if (fd < 0) return usage_error("no simulator at " + socket_path);
+    wire::Writer body;
+    body.u32(static_cast<uint32_t>(words.size()));
+    for (auto &w : words) body.str(w);
+    auto request = wire::make_request(wire::Op::Control, 1, body.data());
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    int result = -1;
+    if (write_all(fd, request)) {
+        // Skip anything that is not our reply (events cannot come before
+        // we register for any, but a frame is a frame).
+        for (;;) {
+            uint8_t len_bytes[4];
+            if (!read_exact(fd, len_bytes, 4, deadline)) break;
+            uint32_t len = wire::load_le32(len_bytes);
+            if (len < 8 || len > wire::kMaxFrame) break;
+            std::vector<uint8_t> frame(len);
+            if (!read_exact(fd, frame.data(), len, deadline)) break;
+            wire::Reader r(frame);
+            uint16_t op = r.u16();
+            r.u16();
+            uint32_t seq = r.u32();
+            if (op != (static_cast<uint16_t>(wire::Op::Control) | wire::kReplyBit) || seq != 1) continue;
+            int32_t code = r.i32();
+            std::string out = r.str(), err = r.str();
+            if (!r.ok()) {
+                std::fprintf(stderr, "talvexsim: the simulator refused the command (code %#x)\n",
+                             static_cast<unsigned>(code));
+                result = 1;
+                break;
+            }
+            std::fwrite(out.data(), 1, out.size(), stdout);
+            std::fflush(stdout);
+            std::fwrite(err.data(), 1, err.size(), stderr);
+            result = code == 0 ? 0 : 1;
+            break;
+        }
+    }
+    close(fd);
+    if (result < 0) return usage_error("no answer from the simulator at " + socket_path);
+    return result;
+}
+
+int cli_main(int argc, char **argv) {
+    // Take --socket out wherever it stands before a "--" (what follows "--"
+    // belongs to the command of `run`).
+    std::vector<std::string> args;
+    std::optional<std::string> socket;
+    bool passthrough = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (!passthrough && a == "--") passthrough = true;
+        if (!passthrough && (a == "--socket" || a.rfind("--socket=", 0) == 0)) {
+            std::string value;
+            if (a == "--socket") {
+                if (i + 1 >= argc) return usage_error("--socket needs a path");
+                value = argv[++i];
+            } else {
+                value = a.substr(9);
+            }
+            if (value.empty()) return usage_error("--socket needs a path");
+            if (socket) return usage_error("--socket given twice");
+            socket = value;
+            continue;
+        }
+        args.push_back(std::move(a));
+    }
+    if (args.empty()) return usage_error("missing command (see talvexsim --help)");
+    const std::string command = args[0];
+    if (is_help(command) || command == "help") {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    std::vector<std::string> rest(args.begin() + 1, args.end());
+    std::string path = socket ? *socket : wire::default_socket_path();
+
+    if (command == "serve") {
+        for (auto &w : rest) {
+            if (is_help(w)) {
+                std::fputs(kServeUsage, stdout);
+                return 0;
+            }
+        }
+        if (!rest.empty()) return usage_error("serve: unexpected argument '" + rest[0] + "'");
+        return serve(path);
+    }
+    if (command == "run" || command == "shell") {
+        if (!rest.empty() && is_help(rest[0])) {
+            std::fputs(command == "run" ? kRunUsage : kShellUsage, stdout);
+            return 0;
+        }
+        if (socket) return usage_error(command + ": --socket does not apply (a private simulator gets a fresh socket)");
+        std::vector<std::string> cmd;
+        if (command == "run") {
+            if (!rest.empty() && rest[0] == "--") rest.erase(rest.begin());
+            if (rest.empty()) return usage_error("run: missing command to run");
+            cmd = rest;
+        } else {
+            if (!rest.empty()) return usage_error("shell: unexpected argument '" + rest[0] + "'");
+            const char *shell = std::getenv("SHELL");
+            cmd.push_back(shell && *shell ? shell : "/bin/sh");
+        }
+        return run_private(std::move(cmd));
+    }
+    if (is_control_command(command)) {
+        // Check the words here first, so that bad usage is reported even
+        // without a simulator; the simulator checks them again.
+        std::string error;
+        auto parsed = parse_control(args, error);
+        if (!parsed) {
+            std::fprintf(stderr, "%s\n", error.c_str());
+            return 1;
+        }
+        if (parsed->kind == ControlCommand::Kind::Help) {
+            std::fputs(parsed->help.c_str(), stdout);
+            return 0;
+        }
+        return forward_control(path, args);
+    }
+    return usage_error("unknown command '" + command + "' (see talvexsim --help)");
+}
+
+}  // namespace talvex::sim

@@ -1,0 +1,46 @@
+// Simulated time. Models and timers read time only through Clock, so the
+// simulator can run on real time or on time that moves only when told to.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+namespace talvex::sim {
+
+class Clock {
+public:
+    virtual ~Clock() = default;
+    // Simulated nanoseconds since the simulator started.
+    virtual uint64_t now_ns() const = 0;
+    // How long to wait in real time until simulated time reaches `due_ns`:
+    // zero when it already has, nothing when only an explicit advance moves
+    // time (the event loop then waits for input alone).
+    virtual std::optional<std::chrono::milliseconds> real_wait_until(uint64_t due_ns) const = 0;
+};
+
+// Time follows the monotonic system clock.
+class RealClock final : public Clock {
+public:
+    RealClock();
+    uint64_t now_ns() const override;
+    std::optional<std::chrono::milliseconds> real_wait_until(uint64_t due_ns) const override;
+
+private:
+    std::chrono::steady_clock::time_point start_;
+};
+
+// Time stands still until advance() moves it.
+class StepClock final : public Clock {
+public:
+    uint64_t now_ns() const override { return now_; }
+    std::optional<std::chrono::milliseconds> real_wait_until(uint64_t due_ns) const override;
+    void advance(uint64_t ns) { now_ += ns; }
+
+private:
+    uint64_t now_ = 0;
+};
+
+inline constexpr uint64_t kNanosPerSecond = 1'000'000'000;
+
+}  // namespace talvex::sim

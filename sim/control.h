@@ -1,0 +1,54 @@
+// Control commands: how bring-up engineers and tests steer the simulator
+// (trace, stub, notify, property, service). The `talvexsim` command line
+// forwards a command's words; the simulator parses and runs them.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cf_ref.h"
+#include "simulation.h"
+#include "stubs.h"
+
+namespace talvex::sim {
+
+struct ControlCommand {
+    enum class Kind { Help, Trace, StubCall, StubOpen, StubClear, Notify, PropertySet, PropertyDelete, Publish, Unpublish };
+    Kind kind = Kind::Help;
+    std::string help;                 // Help: the text to print
+    bool clear = false;               // Trace: clear after printing
+    std::string service;              // the service's class name (every kind that names one)
+    CallStub call_stub;
+    OpenStub open_stub;
+    uint32_t message_type = 0;        // Notify
+    MessageArg arg;                   // Notify
+    std::string key;                  // PropertySet, PropertyDelete
+    CFRef<CFTypeRef> value;           // PropertySet
+};
+
+// The words of a control command, the first naming it. On failure returns
+// nothing and sets `error` to a one-line message (no newline) naming the problem.
+std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error);
+// Runs a parsed command. Fails (code 1) when it names a service that does not exist.
+ControlResult execute_control(Simulation &sim, const ControlCommand &command);
+
+// Whether the word names a control command.
+bool is_control_command(std::string_view word);
+// Usage text of one control command (ends with a newline).
+std::string control_usage(std::string_view command);
+
+// Numbers: 0x-prefixed hexadecimal or decimal, no sign, no blanks; nothing on
+// overflow or any other text.
+std::optional<uint64_t> parse_unsigned(std::string_view text);
+// As parse_unsigned, or a '-' followed by one: negative values give their
+// 64-bit two's complement (-1 is 0xffffffffffffffff); below -2^63 fails.
+std::optional<uint64_t> parse_signed(std::string_view text);
+// A comma-separated list of parse_signed numbers ("" is an empty list).
+std::optional<std::vector<uint64_t>> parse_number_list(std::string_view text);
+
+}  // namespace talvex::sim

@@ -1,0 +1,70 @@
+// The coprocessor driver (ZantraTalvexProcessor): its state, its registry
+// properties and its user client's external methods 0 to 40.
+//
+// Every selector is declared with the argument shape the driver accepts (see
+// define_coprocessor_methods). Behaviour is added per area in files of its
+// own: a file defines `void install_<area>_methods(Coprocessor &)`, which
+// gives selectors their handlers with `methods().set_handler(...)`, and the
+// Coprocessor constructor calls it. Until a selector has a handler, a call of
+// the right shape succeeds with zero-filled outputs.
+#pragma once
+
+#include <IOKit/IOReturn.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "methods.h"
+#include "registry.h"
+#include "user_client.h"
+
+namespace talvex::sim {
+
+class Simulation;
+
+// Coprocessor states, as the "talvex-state" property holds them.
+enum : uint64_t {
+    kTalvexStateOff = 0x0,
+    kTalvexStateStopped = 0x10000,
+    kTalvexStateBooting = 0x10001,
+    kTalvexStateBooted = 0x10002,
+    kTalvexStateNotResponding = 0x10003,
+    kTalvexStatePanic = 0x10004,
+};
+
+// The driver's interest messages.
+inline constexpr uint32_t kTalvexMessageStateChanged = kIOMessageServiceStateChanged;   // argument: the new state
+inline constexpr uint32_t kTalvexMessageTimeSync = iokit_vendor_specific_msg(0x100);     // argument: two u64 times
+
+inline constexpr uint32_t kCoprocessorSelectorCount = 41;
+
+// Declares selectors 0 to 40 with their argument shapes.
+void define_coprocessor_methods(MethodTable &table);
+
+class Coprocessor final : public ServiceModel {
+public:
+    Coprocessor(Simulation &sim, Service &service);
+    ~Coprocessor() override;
+
+    // Connection type 0 opens the driver's user client; any other type fails
+    // with kIOReturnBadArgument.
+    IOReturn open(uint32_t type, std::unique_ptr<UserClient> &out) override;
+
+    MethodTable &methods() { return methods_; }
+    Simulation &simulation() { return sim_; }
+    Service &service() { return service_; }
+
+    // The coprocessor state ("talvex-state"; all ones when it is missing or
+    // not a number).
+    uint64_t state() const;
+    // Sets the state property and tells interested clients (state-change
+    // message with the state as its value).
+    void set_state(uint64_t state);
+
+private:
+    Simulation &sim_;
+    Service &service_;
+    MethodTable methods_;
+};
+
+}  // namespace talvex::sim

@@ -1,0 +1,398 @@
+#include "server.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace talvex::sim {
+
+namespace {
+
+constexpr size_t kReadChunk = 64u << 10;
+constexpr size_t kReadPerTurn = 256u << 10;   // per client per loop turn, for fairness
+constexpr size_t kMaxIov = 64;
+
+int g_wake_fd = -1;   // the running server's wake pipe, for signal handlers
+
+extern "C" void on_stop_signal(int) {
+    int saved = errno;
+    if (g_wake_fd >= 0) {
+        char b = 1;
+        ssize_t ignored = write(g_wake_fd, &b, 1);
+        (void)ignored;
+    }
+    errno = saved;
+}
+
+std::string errno_text() { return std::strerror(errno); }
+
+std::string dir_of(const std::string &path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+bool fill_address(const std::string &path, sockaddr_un &sa, std::string &error) {
+    sa = {};
+    sa.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof sa.sun_path) {
+        error = "talvexsim: socket path '" + path + "' is empty or too long";
+        return false;
+    }
+    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+}  // namespace
+
+bool prepare_socket_dir(const std::string &dir, std::string &error) {
+    struct stat st;
+    if (lstat(dir.c_str(), &st) != 0) {
+        if (errno != ENOENT) {
+            error = "talvexsim: cannot use " + dir + ": " + errno_text();
+            return false;
+        }
+        if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            error = "talvexsim: cannot create " + dir + ": " + errno_text();
+            return false;
+        }
+        if (lstat(dir.c_str(), &st) != 0) {
+            error = "talvexsim: cannot use " + dir + ": " + errno_text();
+            return false;
+        }
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        error = "talvexsim: refusing to serve in " + dir + ": not a directory";
+        return false;
+    }
+    if (st.st_uid != geteuid()) {
+        error = "talvexsim: refusing to serve in " + dir + ": it belongs to another user";
+        return false;
+    }
+    if (st.st_mode & (S_IWGRP | S_IXGRP | S_IWOTH | S_IXOTH)) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        error = "talvexsim: refusing to serve in " + dir + ": others can enter or write it (mode " + mode +
+                "; it must be 0700)";
+        return false;
+    }
+    return true;
+}
+
+Server::Server(std::unique_ptr<Clock> clock) : sim_(*this, std::move(clock)), scratch_(kReadChunk) {
+    if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) wake_[0] = wake_[1] = -1;
+}
+
+Server::~Server() {
+    for (auto &[id, c] : clients_) {
+        for (auto &chunk : c->out)
+            if (chunk.fd >= 0) close(chunk.fd);
+        close(c->fd);
+        sim_.client_gone(id);
+    }
+    clients_.clear();
+    if (listen_fd_ >= 0) {
+        close(listen_fd_);
+        // Remove the socket file only if it is still ours.
+        struct stat st;
+        if (lstat(path_.c_str(), &st) == 0 && st.st_dev == sock_dev_ && st.st_ino == sock_ino_) unlink(path_.c_str());
+    }
+    if (g_wake_fd == wake_[1]) g_wake_fd = -1;
+    for (int fd : wake_)
+        if (fd >= 0) close(fd);
+}
+
+bool Server::listen(const std::string &path, std::string &error) {
+    sockaddr_un sa;
+    if (!fill_address(path, sa, error)) return false;
+    if (wake_[0] < 0) {
+        error = "talvexsim: cannot create a pipe: " + errno_text();
+        return false;
+    }
+    if (!prepare_socket_dir(dir_of(path), error)) return false;
+
+    struct stat st;
+    if (lstat(path.c_str(), &st) == 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            error = "talvexsim: " + path + " exists and is not a socket";
+            return false;
+        }
+        int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int rc = connect(probe, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+        int err = errno;
+        close(probe);
+        if (rc == 0) {
+            error = "talvexsim: already serving at " + path;
+            return false;
+        }
+        if (err != ECONNREFUSED) {
+            errno = err;
+            error = "talvexsim: cannot check " + path + ": " + errno_text();
+            return false;
+        }
+        unlink(path.c_str());   // stale: its simulator is gone
+    }
+
+    listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (listen_fd_ < 0) {
+        error = "talvexsim: socket: " + errno_text();
+        return false;
+    }
+    mode_t old = umask(0177);   // the socket file is born 0600
+    int rc = bind(listen_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    umask(old);
+    if (rc != 0 || chmod(path.c_str(), 0600) != 0 || ::listen(listen_fd_, 128) != 0 || lstat(path.c_str(), &st) != 0) {
+        error = "talvexsim: cannot listen at " + path + ": " + errno_text();
+        if (rc == 0) unlink(path.c_str());
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return false;
+    }
+    path_ = path;
+    sock_dev_ = st.st_dev;
+    sock_ino_ = st.st_ino;
+    return true;
+}
+
+void Server::stop_on_signals() {
+    g_wake_fd = wake_[1];
+    struct sigaction sa {};
+    sa.sa_handler = on_stop_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+void Server::request_stop() { stop_ = true; }
+
+int Server::poll_timeout_ms() const {
+    int64_t timeout = -1;
+    if (auto due = sim_.timers().next_due()) {
+        if (auto wait = sim_.clock().real_wait_until(*due)) timeout = wait->count();
+    }
+    auto now = std::chrono::steady_clock::now();
+    if (accept_paused_until_ > now) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(accept_paused_until_ - now).count() + 1;
+        timeout = timeout < 0 ? left : std::min<int64_t>(timeout, left);
+    }
+    return static_cast<int>(std::min<int64_t>(timeout, 60'000));
+}
+
+void Server::run() {
+    std::vector<pollfd> fds;
+    std::vector<Client *> polled;
+    while (!stop_) {
+        fds.clear();
+        polled.clear();
+        fds.push_back({wake_[0], POLLIN, 0});
+        bool accepting = listen_fd_ >= 0 && std::chrono::steady_clock::now() >= accept_paused_until_;
+        fds.push_back({accepting ? listen_fd_ : -1, POLLIN, 0});
+        for (auto &[id, c] : clients_) {
+            short events = 0;
+            if (!c->eof && c->out_bytes < kPauseOutput) events |= POLLIN;
+            if (!c->out.empty()) events |= POLLOUT;
+            fds.push_back({c->fd, events, 0});
+            polled.push_back(c.get());
+        }
+        int n = poll(fds.data(), fds.size(), poll_timeout_ms());
+        if (n < 0 && errno != EINTR) {
+            std::fprintf(stderr, "talvexsim: poll: %s\n", std::strerror(errno));
+            break;
+        }
+        if (n > 0) {
+            if (fds[0].revents & POLLIN) {
+                char buf[64];
+                while (read(wake_[0], buf, sizeof buf) > 0) {
+                }
+                stop_ = true;
+                break;
+            }
+            if (fds[1].revents & POLLIN) accept_clients();
+            for (size_t i = 0; i < polled.size(); ++i) {
+                Client &c = *polled[i];
+                short re = fds[i + 2].revents;
+                if (re & (POLLIN | POLLHUP | POLLERR)) read_client(c);
+                if ((re & POLLOUT) && !c.dead) flush(c);
+            }
+        }
+        sim_.run_timers();
+        for (auto &[id, c] : clients_) {
+            if (c->dead) continue;
+            process_input(*c);   // frames left from an earlier turn while the client was paused
+            if (!c->out.empty()) flush(*c);
+            if (c->eof && c->out.empty()) c->dead = true;
+        }
+        reap();
+    }
+}
+
+void Server::accept_clients() {
+    for (int i = 0; i < 64; ++i) {
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                // Out of descriptors: leave pending connections queued for a moment.
+                accept_paused_until_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+            }
+            return;
+        }
+        ucred cred{};
+        socklen_t len = sizeof cred;
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) {
+            std::fprintf(stderr, "talvexsim: refused a connection from user %u\n", static_cast<unsigned>(cred.uid));
+            close(fd);
+            continue;
+        }
+        if (clients_.size() >= kMaxClients) {
+            std::fprintf(stderr, "talvexsim: refused a connection: %zu clients already\n", clients_.size());
+            close(fd);
+            continue;
+        }
+        auto c = std::make_unique<Client>();
+        c->id = next_client_++;
+        c->fd = fd;
+        clients_.emplace(c->id, std::move(c));
+    }
+}
+
+void Server::read_client(Client &c) {
+    size_t got_this_turn = 0;
+    while (!c.dead && !c.eof && c.out_bytes < kPauseOutput && got_this_turn < kReadPerTurn) {
+        ssize_t n = read(c.fd, scratch_.data(), scratch_.size());
+        if (n > 0) {
+            c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + n);
+            got_this_turn += static_cast<size_t>(n);
+            process_input(c);
+            continue;
+        }
+        if (n == 0) {
+            c.eof = true;
+        } else if (errno == EINTR) {
+            continue;
+        } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            c.dead = true;
+        }
+        break;
+    }
+}
+
+void Server::process_input(Client &c) {
+    size_t off = 0;
+    while (!c.dead && c.out_bytes < kPauseOutput && c.in.size() - off >= 4) {
+        uint32_t len = wire::load_le32(c.in.data() + off);
+        if (len < 8 || len > wire::kMaxFrame) {
+            disconnect(c, "a frame of " + std::to_string(len) + " bytes cannot be one");
+            break;
+        }
+        if (c.in.size() - off - 4 < len) break;
+        sim_.handle(c.id, std::span<const uint8_t>(c.in.data() + off + 4, len));
+        off += 4 + static_cast<size_t>(len);
+    }
+    if (off) c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(off));
+    // A client that stopped sending mid-frame will never complete it.
+    if (c.eof && !c.in.empty() && c.out_bytes < kPauseOutput && !c.dead) {
+        c.in.clear();
+    }
+    // Give back the memory of a large frame once it is handled.
+    if (c.in.empty() && c.in.capacity() > kReadChunk) c.in.shrink_to_fit();
+}
+
+void Server::send(ClientId client, std::vector<uint8_t> frame, int fd) {
+    auto it = clients_.find(client);
+    if (it == clients_.end() || it->second->dead) return;
+    Client &c = *it->second;
+    Chunk chunk;
+    chunk.bytes = std::move(frame);
+    if (fd >= 0) {
+        chunk.fd = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+        if (chunk.fd < 0) {
+            disconnect(c, "cannot pass a descriptor: " + errno_text());
+            return;
+        }
+    }
+    c.out_bytes += chunk.bytes.size();
+    c.out.push_back(std::move(chunk));
+    if (c.out_bytes > kMaxPendingOutput) disconnect(c, "it does not read what it is sent");
+}
+
+void Server::flush(Client &c) {
+    while (!c.out.empty() && !c.dead) {
+        msghdr msg{};
+        iovec iov[kMaxIov];
+        size_t count = 0;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        Chunk &first = c.out.front();
+        if (first.fd >= 0) {
+            // The descriptor goes with its own frame's first byte, alone.
+            iov[count++] = {first.bytes.data() + first.sent, first.bytes.size() - first.sent};
+            std::memset(control, 0, sizeof control);
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof control;
+            cmsghdr *cm = CMSG_FIRSTHDR(&msg);
+            cm->cmsg_level = SOL_SOCKET;
+            cm->cmsg_type = SCM_RIGHTS;
+            cm->cmsg_len = CMSG_LEN(sizeof(int));
+            std::memcpy(CMSG_DATA(cm), &first.fd, sizeof(int));
+        } else {
+            for (auto &ch : c.out) {
+                if (count == kMaxIov || (count > 0 && ch.fd >= 0)) break;
+                iov[count++] = {ch.bytes.data() + ch.sent, ch.bytes.size() - ch.sent};
+            }
+        }
+        msg.msg_iov = iov;
+        msg.msg_iovlen = count;
+        ssize_t n = sendmsg(c.fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) c.dead = true;
+            return;
+        }
+        if (first.fd >= 0) {
+            close(first.fd);
+            first.fd = -1;
+        }
+        auto left = static_cast<size_t>(n);
+        c.out_bytes -= left;
+        while (left > 0) {
+            Chunk &ch = c.out.front();
+            size_t take = std::min(left, ch.bytes.size() - ch.sent);
+            ch.sent += take;
+            left -= take;
+            if (ch.sent == ch.bytes.size()) c.out.pop_front();
+        }
+    }
+}
+
+void Server::disconnect(Client &c, const std::string &why) {
+    if (c.dead) return;
+    std::fprintf(stderr, "talvexsim: disconnecting client %llu: %s\n", static_cast<unsigned long long>(c.id), why.c_str());
+    c.dead = true;
+}
+
+void Server::reap() {
+    for (auto it = clients_.begin(); it != clients_.end();) {
+        Client &c = *it->second;
+        if (!c.dead) {
+            ++it;
+            continue;
+        }
+        for (auto &chunk : c.out)
+            if (chunk.fd >= 0) close(chunk.fd);
+        close(c.fd);
+        sim_.client_gone(c.id);
+        it = clients_.erase(it);
+    }
+}
+
+}  // namespace talvex::sim

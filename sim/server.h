@@ -1,0 +1,99 @@
+// The simulator's socket server: one thread, one poll() loop serving any
+// number of clients on a Unix stream socket, and the simulation's timers.
+//
+// Every client has its own input and output buffers and non-blocking socket,
+// so a slow, stalled or dying client never holds up the others. A client is
+// disconnected when it sends a frame that cannot be one (shorter than a
+// header or longer than kMaxFrame), when its socket fails, or when it lets
+// more than kMaxPendingOutput bytes of replies and events pile up unread. A
+// client with more than kPauseOutput bytes unread is not read from until it
+// catches up.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "simulation.h"
+
+namespace talvex::sim {
+
+class Server final : public Outbox {
+public:
+    static constexpr size_t kPauseOutput = 1u << 20;
+    static constexpr size_t kMaxPendingOutput = 4 * static_cast<size_t>(wire::kMaxFrame);
+    static constexpr size_t kMaxClients = 1000;
+
+    explicit Server(std::unique_ptr<Clock> clock = nullptr);
+    // Disconnects every client, closes the socket and removes its file.
+    ~Server() override;
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // Prepares the socket's directory (created 0700 when missing; refused
+    // when it is not ours or others can enter or write it), replaces a stale
+    // socket file, refuses a live one, and listens (socket mode 0600). On
+    // failure returns false with a one-line message.
+    bool listen(const std::string &path, std::string &error);
+    // Makes SIGINT and SIGTERM stop run(); ignores SIGPIPE.
+    void stop_on_signals();
+    // Serves until stopped.
+    void run();
+    // Stops run() at its next turn (safe from a signal handler through the
+    // wake pipe, or directly from loop callbacks such as timers).
+    void request_stop();
+
+    Simulation &simulation() { return sim_; }
+    size_t client_count() const { return clients_.size(); }
+
+    void send(ClientId client, std::vector<uint8_t> frame, int fd = -1) override;
+
+private:
+    struct Chunk {
+        std::vector<uint8_t> bytes;
+        size_t sent = 0;
+        int fd = -1;   // owned; travels with the chunk's first byte
+    };
+    struct Client {
+        ClientId id;
+        int fd;
+        std::vector<uint8_t> in;
+        std::deque<Chunk> out;
+        size_t out_bytes = 0;
+        bool eof = false;    // the peer will send nothing more
+        bool dead = false;   // to be disconnected
+    };
+
+    void accept_clients();
+    void read_client(Client &c);
+    void process_input(Client &c);
+    void flush(Client &c);
+    void disconnect(Client &c, const std::string &why);
+    void reap();
+    int poll_timeout_ms() const;
+
+    Simulation sim_;
+    int listen_fd_ = -1;
+    int wake_[2] = {-1, -1};
+    std::string path_;
+    dev_t sock_dev_ = 0;
+    ino_t sock_ino_ = 0;
+    bool stop_ = false;
+    std::map<ClientId, std::unique_ptr<Client>> clients_;
+    ClientId next_client_ = 1;
+    std::chrono::steady_clock::time_point accept_paused_until_{};
+    std::vector<uint8_t> scratch_;   // read buffer
+};
+
+// Checks the directory that holds the socket: it must be a directory of
+// ours that others cannot enter or write. Creates it (mode 0700) when it
+// does not exist. On failure returns false with a one-line message.
+bool prepare_socket_dir(const std::string &dir, std::string &error);
+
+}  // namespace talvex::sim

@@ -1,0 +1,145 @@
+// The simulated driver world: the registry and its services' models, the
+// clients' open user clients and interest registrations, stubs, the trace,
+// simulated time and timers. It speaks the wire protocol one message at a
+// time and knows nothing of sockets: replies and events go to an Outbox.
+#pragma once
+
+#include <IOKit/IOReturn.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "clock.h"
+#include "registry.h"
+#include "stubs.h"
+#include "timers.h"
+#include "trace.h"
+#include "user_client.h"
+#include "wire.h"
+
+namespace talvex::sim {
+
+using ClientId = uint64_t;
+
+// Where frames for clients go.
+class Outbox {
+public:
+    virtual ~Outbox() = default;
+    // Queues one complete frame (length prefix included) for the client.
+    // `fd`, when not -1, is a borrowed descriptor that travels with the
+    // frame's first byte (the receiver gets its own copy).
+    virtual void send(ClientId client, std::vector<uint8_t> frame, int fd = -1) = 0;
+};
+
+// The argument of an interest message: none, a 64-bit value, or bytes.
+struct MessageArg {
+    wire::ArgKind kind = wire::ArgKind::None;
+    uint64_t value = 0;
+    std::vector<uint8_t> data;
+
+    static MessageArg none() { return {}; }
+    static MessageArg of_value(uint64_t v) { return {wire::ArgKind::Value, v, {}}; }
+    static MessageArg of_data(std::vector<uint8_t> d) { return {wire::ArgKind::Data, 0, std::move(d)}; }
+};
+
+struct ControlResult {
+    int code = 0;   // 0 success, 1 failure
+    std::string out, err;
+};
+
+inline constexpr const char *kCoprocessorClass = "ZantraTalvexProcessor";
+inline constexpr const char *kReportHubClass = "IOReportHub";
+
+class Simulation {
+public:
+    // Per-client limits, so one client cannot grow the simulator without bound.
+    static constexpr size_t kMaxConnectionsPerClient = 4096;
+    static constexpr size_t kMaxInterestsPerClient = 4096;
+    static constexpr uint32_t kMaxScalars = 16;
+    static constexpr uint32_t kMaxControlWords = 4096;
+
+    explicit Simulation(Outbox &outbox, std::unique_ptr<Clock> clock = nullptr);
+    ~Simulation();
+    Simulation(const Simulation &) = delete;
+    Simulation &operator=(const Simulation &) = delete;
+
+    // A client disconnected: its user clients close and its interest
+    // registrations go away.
+    void client_gone(ClientId client);
+    // One request (a frame without its length prefix, at least 8 bytes).
+    // Exactly one reply goes to the outbox for it.
+    void handle(ClientId client, std::span<const uint8_t> message);
+
+    // A control command's words (e.g. "trace" "--clear").
+    ControlResult control(const std::vector<std::string> &words);
+
+    // Delivers an interest message to every registration on the service;
+    // returns how many were sent.
+    size_t notify(const Service &service, uint32_t message_type, const MessageArg &arg);
+    // Publishes or unpublishes a service. Unpublishing tells its interest
+    // registrations that the service terminated.
+    bool set_published(Service &service, bool published);
+
+    Registry &registry() { return registry_; }
+    Trace &trace() { return trace_; }
+    StubTable &stubs() { return stubs_; }
+    Clock &clock() { return *clock_; }
+    const Clock &clock() const { return *clock_; }
+    TimerQueue &timers() { return timers_; }
+    const TimerQueue &timers() const { return timers_; }
+    // Runs due timers; returns how many ran.
+    size_t run_timers() { return timers_.run_due(clock_->now_ns()); }
+
+    size_t connection_count() const { return connections_.size(); }
+    size_t interest_count() const { return interests_.size(); }
+
+private:
+    struct Connection {
+        ClientId client;
+        Service *service;
+        std::unique_ptr<UserClient> user_client;
+    };
+    struct Interest {
+        ClientId client;
+        Service *service;
+        std::string type;
+    };
+
+    // Each decodes its request body and either fills `out` (the reply body)
+    // and returns a code, or returns kIOReturnBadArgument for a body it
+    // cannot decode. `fd` receives a descriptor to send with the reply.
+    IOReturn op_hello(wire::Reader &r, wire::Writer &out);
+    IOReturn op_match(wire::Reader &r, wire::Writer &out);
+    IOReturn op_generation(wire::Reader &r, wire::Writer &out);
+    IOReturn op_entry_info(wire::Reader &r, wire::Writer &out);
+    IOReturn op_get_property(wire::Reader &r, wire::Writer &out);
+    IOReturn op_get_properties(wire::Reader &r, wire::Writer &out);
+    IOReturn op_set_property(wire::Reader &r, wire::Writer &out);
+    IOReturn op_open(ClientId client, wire::Reader &r, wire::Writer &out);
+    IOReturn op_close(ClientId client, wire::Reader &r, wire::Writer &out);
+    IOReturn op_call(ClientId client, wire::Reader &r, wire::Writer &out);
+    IOReturn op_map(ClientId client, wire::Reader &r, wire::Writer &out, int &fd);
+    IOReturn op_add_interest(ClientId client, wire::Reader &r, wire::Writer &out);
+    IOReturn op_remove_interest(ClientId client, wire::Reader &r, wire::Writer &out);
+    IOReturn op_control(wire::Reader &r, wire::Writer &out);
+
+    Connection *connection(ClientId client, uint32_t id);
+    size_t count_for(ClientId client, bool connections) const;
+
+    Outbox &outbox_;
+    std::unique_ptr<Clock> clock_;
+    TimerQueue timers_;
+    Registry registry_;
+    Trace trace_;
+    StubTable stubs_;
+    std::map<uint32_t, Connection> connections_;
+    std::map<uint32_t, Interest> interests_;
+    uint32_t next_connection_ = 1;
+    uint32_t next_interest_ = 1;
+};
+
+}  // namespace talvex::sim

@@ -1,0 +1,62 @@
+// The trace of what clients did: one JSON object per line, oldest first,
+// bounded to the newest lines.
+//
+//   call:  {"service":S,"selector":N,"scalars":[..],"input":"hex","output_size":N,"scalar_output_count":N,"result":N}
+//   write: {"service":S,"property":K,"value":V}
+//   open:  {"service":S,"open":TYPE,"result":N}
+//
+// Scalars and return codes print as unsigned decimal numbers (a code is its
+// 32-bit pattern, so 0xe00002c2 prints as 3758096066). Property values print
+// as JSON: numbers, strings, true/false, data as a lower-case hex string,
+// arrays and objects.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <IOKit/IOReturn.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "user_client.h"
+
+namespace talvex::sim {
+
+class Trace {
+public:
+    static constexpr size_t kMaxLines = 100'000;
+    // Also bounded in bytes, so that the whole trace fits one reply frame.
+    static constexpr size_t kMaxBytes = 12u << 20;
+
+    void add(std::string line);
+    // Every line, each ended by a newline.
+    std::string text() const;
+    void clear();
+    size_t lines() const { return lines_.size(); }
+    size_t bytes() const { return bytes_; }
+    const std::string &line(size_t i) const { return lines_[i]; }
+
+    static std::string call_line(std::string_view service, const CallArgs &args, IOReturn result);
+    static std::string open_line(std::string_view service, uint32_t type, IOReturn result);
+    static std::string write_line(std::string_view service, std::string_view key, CFTypeRef value);
+
+private:
+    std::deque<std::string> lines_;
+    size_t bytes_ = 0;
+};
+
+// A JSON string literal (quotes included). Bytes that are not valid UTF-8
+// become U+FFFD.
+std::string json_string(std::string_view text);
+
+// A property-list value as JSON; null for a type JSON cannot show. A value
+// whose JSON would exceed `limit` bytes is shown as a string saying so.
+std::string cf_to_json(CFTypeRef value, size_t limit = 1u << 20);
+
+// Lower-case hex of at most `limit` bytes; longer input ends in "..." after them.
+std::string trace_hex(std::span<const uint8_t> bytes, size_t limit = 256u << 10);
+
+}  // namespace talvex::sim
