@@ -286,7 +286,10 @@ uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format
     CFDataRef data = static_cast<CFDataRef>(v);
     CFIndex length = CFDataGetLength(data);
     if (length < static_cast<CFIndex>(kElementSize)) return nullptr;
-    uint8_t *bytes = CFDataGetMutableBytePtr(const_cast<CFMutableDataRef>(data));
+    // Element data that the library makes is always mutable, so the bytes
+    // may be written (the deltas do); they are reached through the plain
+    // byte pointer so a caller's immutable data can still be read.
+    uint8_t *bytes = const_cast<uint8_t *>(CFDataGetBytePtr(data));
     if (!bytes || bytes[kElemType] != format) return nullptr;
     *count = static_cast<uint16_t>(static_cast<size_t>(length) / kElementSize);
     return bytes;

@@ -1,0 +1,172 @@
+// Builders for report-library tests: channel records, hub buffer images and
+// raw elements written byte by byte in little-endian order.
+#pragma once
+
+#include <IOReport.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace rt {
+
+// Owns one CoreFoundation reference.
+template <class T>
+class Ref {
+public:
+    Ref() = default;
+    explicit Ref(T r) : r_(r) {}
+    ~Ref() {
+        if (r_) CFRelease(r_);
+    }
+    Ref(const Ref &) = delete;
+    Ref &operator=(const Ref &) = delete;
+    Ref(Ref &&o) noexcept : r_(std::exchange(o.r_, nullptr)) {}
+    Ref &operator=(Ref &&o) noexcept {
+        if (this != &o) {
+            if (r_) CFRelease(r_);
+            r_ = std::exchange(o.r_, nullptr);
+        }
+        return *this;
+    }
+    T get() const { return r_; }
+    T *slot() { return &r_; }
+    explicit operator bool() const { return r_ != nullptr; }
+
+private:
+    T r_ = nullptr;
+};
+
+inline constexpr uint64_t kNone = 0x8000000000000000ull;
+
+inline uint64_t type(uint8_t format, uint16_t categories, uint16_t count) {
+    return static_cast<uint64_t>(format) | (static_cast<uint64_t>(categories) << 16) |
+           (static_cast<uint64_t>(count) << 32);
+}
+
+inline void put64(std::vector<uint8_t> &b, size_t off, uint64_t v) {
+    for (int i = 0; i < 8; ++i) b.at(off + i) = static_cast<uint8_t>(v >> (8 * i));
+}
+inline uint64_t get64(const uint8_t *p) {
+    uint64_t v = 0;
+    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
+    return v;
+}
+
+// One 64-byte raw element.
+struct Element {
+    uint64_t driver = 0, channel = 0, type = 0, stamp = 0;
+    uint64_t v[4] = {0, 0, 0, 0};
+};
+
+inline void append(std::vector<uint8_t> &b, const Element &e) {
+    size_t off = b.size();
+    b.resize(off + 64, 0);
+    put64(b, off, e.driver);
+    put64(b, off + 8, e.channel);
+    put64(b, off + 16, e.type);
+    put64(b, off + 24, e.stamp);
+    for (int k = 0; k < 4; ++k) put64(b, off + 32 + 8 * k, e.v[k]);
+}
+
+// A channel's run: `values` holds one array of four values per element.
+inline std::vector<uint8_t> run(uint64_t driver, uint64_t channel, uint64_t channel_type,
+                                const std::vector<std::vector<uint64_t>> &values,
+                                const std::vector<uint64_t> &stamps = {}) {
+    std::vector<uint8_t> b;
+    for (size_t i = 0; i < values.size(); ++i) {
+        Element e{driver, channel, channel_type, i < stamps.size() ? stamps[i] : 0, {}};
+        for (size_t k = 0; k < 4 && k < values[i].size(); ++k) e.v[k] = values[i][k];
+        append(b, e);
+    }
+    return b;
+}
+
+inline std::vector<uint8_t> concat(std::initializer_list<std::vector<uint8_t>> parts) {
+    std::vector<uint8_t> out;
+    for (auto &p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+inline CFMutableDataRef mutableData(const std::vector<uint8_t> &bytes) {
+    CFMutableDataRef d = CFDataCreateMutable(nullptr, 0);
+    CFDataAppendBytes(d, bytes.data(), static_cast<CFIndex>(bytes.size()));
+    return d;
+}
+
+inline CFNumberRef num(uint64_t v) {
+    long long s = static_cast<long long>(v);
+    return CFNumberCreate(nullptr, kCFNumberLongLongType, &s);
+}
+
+inline void setValue(CFMutableDictionaryRef d, const char *key, CFTypeRef v) {
+    CFStringRef k = CFStringCreateWithCString(nullptr, key, kCFStringEncodingUTF8);
+    CFDictionarySetValue(d, k, v);
+    CFRelease(k);
+}
+inline CFTypeRef getValue(CFDictionaryRef d, const char *key) {
+    CFStringRef k = CFStringCreateWithCString(nullptr, key, kCFStringEncodingUTF8);
+    CFTypeRef v = CFDictionaryGetValue(d, k);
+    CFRelease(k);
+    return v;
+}
+inline CFStringRef str(const char *s) { return CFStringCreateWithCString(nullptr, s, kCFStringEncodingUTF8); }
+
+inline std::string text(CFStringRef s) {
+    if (!s) return "<null>";
+    std::vector<char> buf(static_cast<size_t>(CFStringGetMaximumSizeForEncoding(CFStringGetLength(s),
+                                                                                 kCFStringEncodingUTF8)) + 1);
+    if (!CFStringGetCString(s, buf.data(), static_cast<CFIndex>(buf.size()), kCFStringEncodingUTF8)) return "<bad>";
+    return buf.data();
+}
+
+// A channel record as discovery makes it; `unit` kNone leaves the info out.
+inline CFMutableDictionaryRef record(uint64_t driver, uint64_t channel, uint64_t channel_type,
+                                    const char *name = nullptr, uint64_t unit = kNone,
+                                    const char *group = nullptr, const char *subgroup = nullptr) {
+    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(0));
+    Ref<CFStringRef> driver_name(str("drv"));
+    Ref<CFStringRef> n(name ? str(name) : nullptr);
+    Ref<CFStringRef> g(group ? str(group) : nullptr);
+    Ref<CFStringRef> s(subgroup ? str(subgroup) : nullptr);
+    Ref<CFMutableDictionaryRef> info(unit != kNone ? IOReportCreateUnitInfo(unit) : nullptr);
+    EXPECT_EQ(IOReportAddChannelDescription(agg.get(), driver, driver_name.get(), channel, channel_type, n.get(),
+                                            g.get(), s.get(), info.get(), nullptr),
+              0);
+    CFArrayRef list = static_cast<CFArrayRef>(getValue(agg.get(), "IOReportChannels"));
+    auto rec = const_cast<CFMutableDictionaryRef>(static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(list, 0)));
+    CFRetain(rec);
+    return rec;
+}
+
+// A sample record: a channel record carrying `elements` as its raw elements.
+inline CFMutableDictionaryRef sample(uint64_t channel_type, const std::vector<uint8_t> &elements,
+                                     uint64_t unit = kNone, const char *name = nullptr) {
+    CFMutableDictionaryRef rec = record(1, 0x4142, channel_type, name, unit);
+    Ref<CFMutableDataRef> d(mutableData(elements));
+    setValue(rec, "RawElements", d.get());
+    return rec;
+}
+
+// The channel records of an aggregate's top level.
+inline std::vector<CFMutableDictionaryRef> channelsOf(CFDictionaryRef agg) {
+    std::vector<CFMutableDictionaryRef> out;
+    IOReportIterate(agg, [&](CFMutableDictionaryRef c) {
+        out.push_back(c);
+        return 0;
+    });
+    return out;
+}
+
+inline int64_t errorCode(CFErrorRef e) { return e ? CFErrorGetCode(e) : 0; }
+inline std::string errorText(CFErrorRef e) {
+    if (!e) return "<none>";
+    Ref<CFStringRef> d(CFErrorCopyDescription(e));
+    return text(d.get());
+}
+inline int64_t mach(uint32_t code) { return static_cast<int32_t>(code); }
+
+}  // namespace rt

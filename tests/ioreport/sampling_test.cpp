@@ -1,0 +1,286 @@
+// Cutting hub buffer images into samples, raw element access and the
+// subscription's argument checks (none of which reach the hub).
+#include "report_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+using namespace rt;
+
+namespace {
+
+const uint64_t kSimple = type(kIOReportFormatSimple, 0, 1);
+const uint64_t kState2 = type(kIOReportFormatState, 0, 2);
+
+// A subscribed-channels aggregate holding the given (driver, channel, type) records.
+CFMutableDictionaryRef subscribed(const std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> &channels) {
+    CFMutableDictionaryRef agg = IOReportCreateAggregate(0);
+    Ref<CFStringRef> name(str("drv"));
+    for (auto [driver, id, t] : channels)
+        EXPECT_EQ(IOReportAddChannelDescription(agg, driver, name.get(), id, t, nullptr, nullptr, nullptr, nullptr,
+                                                nullptr),
+                  0);
+    return agg;
+}
+
+CFMutableDictionaryRef samplesOf(CFMutableDictionaryRef channels, const std::vector<uint8_t> &image,
+                                 CFErrorRef *error = nullptr) {
+    Ref<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
+    return IOReportCreateSamplesRaw(channels, data.get(), error);
+}
+
+CFDataRef rawOf(CFDictionaryRef rec) { return static_cast<CFDataRef>(getValue(rec, "RawElements")); }
+
+}  // namespace
+
+TEST(SamplesRaw, EveryChannelGetsItsOwnRun) {
+    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xB, kState2}, {2, 0xA, kSimple}}));
+    auto image = concat({run(2, 0xA, kSimple, {{static_cast<uint64_t>(-5)}}), run(1, 0xB, kState2, {{1, 2, 3}, {4, 5, 6}}),
+                         run(1, 0xA, kSimple, {{42}})});
+    Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+    ASSERT_TRUE(s);
+    auto recs = channelsOf(s.get());
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[0]), 42);
+    EXPECT_EQ(IOReportStateGetResidency(recs[1], 1), 6);
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[2]), -5);
+    ASSERT_TRUE(rawOf(recs[1]));
+    ASSERT_EQ(CFDataGetLength(rawOf(recs[1])), 128);
+    EXPECT_EQ(0, memcmp(CFDataGetBytePtr(rawOf(recs[1])), image.data() + 64, 128));
+    // The subscribed records themselves carry no elements.
+    for (auto *r : channelsOf(subs.get())) EXPECT_FALSE(rawOf(r));
+}
+
+TEST(SamplesRaw, MissingChannelsFollowWhereTheWalkEnds) {
+    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xC, kSimple}}));
+
+    // Ends exactly on the end of the buffer: the channel is left out, the rest stays.
+    {
+        Ref<CFErrorRef> e;
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), run(1, 0xA, kSimple, {{7}}), e.slot()));
+        ASSERT_TRUE(s);
+        auto recs = channelsOf(s.get());
+        ASSERT_EQ(recs.size(), 1u);
+        EXPECT_EQ(IOReportChannelGetChannelID(recs[0]), 0xAu);
+        EXPECT_FALSE(e);
+    }
+    // Bytes after the last whole element are not read: still an exact end.
+    {
+        auto image = run(1, 0xA, kSimple, {{7}});
+        image.resize(image.size() + 40, 0xEE);
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        ASSERT_TRUE(s);
+        EXPECT_EQ(channelsOf(s.get()).size(), 1u);
+    }
+    // The last run claims more elements than remain: the copy is kept without elements.
+    {
+        auto image = concat({run(1, 0xA, kSimple, {{7}}), run(9, 9, type(4, 0, 3), {{1}})});
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        ASSERT_TRUE(s);
+        auto recs = channelsOf(s.get());
+        ASSERT_EQ(recs.size(), 2u);
+        EXPECT_FALSE(rawOf(recs[1]));
+        EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[1]), kIOReportInvalidValue);
+        EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[0]), 7);
+    }
+    // A matching run that itself runs past the end has no trustworthy elements.
+    {
+        auto image = run(1, 0xC, type(1, 0, 4), {{7}});
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        ASSERT_TRUE(s);
+        auto recs = channelsOf(s.get());
+        ASSERT_EQ(recs.size(), 2u);
+        EXPECT_FALSE(rawOf(recs[0]));
+        EXPECT_FALSE(rawOf(recs[1]));
+    }
+    // A zero-count run fails the whole sample, even for channels found before it.
+    {
+        Element zero{5, 5, type(1, 0, 0), 0, {}};
+        auto image = run(1, 0xA, kSimple, {{7}});
+        append(image, zero);
+        Ref<CFErrorRef> e;
+        EXPECT_FALSE(samplesOf(subs.get(), image, e.slot()));
+        EXPECT_EQ(errorText(e.get()), "couldn't create samples");
+        EXPECT_EQ(errorCode(e.get()), mach(0xe00002bc));
+    }
+}
+
+TEST(SamplesRaw, RefusesShortOrMissingBuffers) {
+    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}}));
+    Ref<CFErrorRef> e;
+    EXPECT_FALSE(samplesOf(subs.get(), std::vector<uint8_t>(63, 0), e.slot()));
+    EXPECT_EQ(errorText(e.get()), "couldn't create samples");
+    EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
+    Ref<CFErrorRef> e2;
+    EXPECT_FALSE(IOReportCreateSamplesRaw(subs.get(), nullptr, e2.slot()));
+    EXPECT_EQ(errorCode(e2.get()), mach(0xe00002c2));
+    EXPECT_FALSE(samplesOf(nullptr, run(1, 0xA, kSimple, {{7}})));
+}
+
+TEST(SamplesRaw, UnknownTypeIsLearntFromTheFirstSample) {
+    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, 0}}));
+    EXPECT_EQ(IOReportChannelGetFormat(channelsOf(subs.get())[0]), 0);
+    auto image = concat({run(1, 0xA, kState2, {{1, 1, 1}, {2, 2, 2}}), run(1, 0xA, kSimple, {{9}})});
+    Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+    ASSERT_TRUE(s);
+    // The first run with the IDs wins; its type is kept by the subscribed record and the sample.
+    EXPECT_EQ(IOReportChannelGetFormat(channelsOf(subs.get())[0]), kIOReportFormatState);
+    EXPECT_EQ(IOReportStateGetCount(channelsOf(s.get())[0]), 2);
+    EXPECT_EQ(IOReportStateGetResidency(channelsOf(s.get())[0], 1), 2);
+
+    // A known type is not overwritten, and a format mismatch reads as no value.
+    Ref<CFMutableDictionaryRef> known(subscribed({{1, 0xA, kSimple}}));
+    Ref<CFMutableDictionaryRef> s2(samplesOf(known.get(), image));
+    ASSERT_TRUE(s2);
+    EXPECT_EQ(IOReportChannelGetFormat(channelsOf(known.get())[0]), kIOReportFormatSimple);
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(channelsOf(s2.get())[0]), kIOReportInvalidValue);
+}
+
+// The specified per-channel search: walk the buffer from its start for every
+// channel. The library builds the same outcomes in one pass; this compares
+// them on random buffers.
+namespace {
+
+enum class Outcome { Elements, NoElements, LeftOut, Fails };
+
+Outcome reference(const std::vector<uint8_t> &image, uint64_t driver, uint64_t id, size_t *start, size_t *count) {
+    size_t end = image.size() / 64 * 64, off = 0;
+    while (off < end) {
+        const uint8_t *e = image.data() + off;
+        size_t n = static_cast<size_t>(e[20] | (e[21] << 8));
+        if (n == 0) return Outcome::Fails;
+        if (get64(e) == driver && get64(e + 8) == id) {
+            *start = off;
+            *count = n;
+            return off + n * 64 > end ? Outcome::NoElements : Outcome::Elements;
+        }
+        off += n * 64;
+    }
+    return off == end ? Outcome::LeftOut : Outcome::NoElements;
+}
+
+}  // namespace
+
+TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
+    std::mt19937_64 rng(12345);
+    for (int round = 0; round < 300; ++round) {
+        std::vector<uint8_t> image;
+        int runs = 1 + static_cast<int>(rng() % 12);
+        for (int r = 0; r < runs; ++r) {
+            uint16_t n = static_cast<uint16_t>(rng() % 40 == 0 ? 0 : 1 + rng() % 3);
+            uint64_t driver = 1 + rng() % 2, id = 1 + rng() % 6;
+            std::vector<std::vector<uint64_t>> values;
+            int present = static_cast<int>(n == 0 ? 1 : n);
+            if (r == runs - 1 && rng() % 3 == 0) present = 1;   // the last run may overshoot
+            for (int k = 0; k < present; ++k) values.push_back({rng(), rng(), rng(), rng()});
+            auto part = run(driver, id, type(1, 0, n), values);
+            image.insert(image.end(), part.begin(), part.end());
+        }
+        if (rng() % 4 == 0) image.resize(image.size() + rng() % 64, 0xAB);
+
+        std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> wanted;
+        for (uint64_t d = 1; d <= 2; ++d)
+            for (uint64_t id = 1; id <= 6; ++id) wanted.emplace_back(d, id, kSimple);
+        Ref<CFMutableDictionaryRef> subs(subscribed(wanted));
+
+        bool fails = false;
+        std::map<std::pair<uint64_t, uint64_t>, std::tuple<Outcome, size_t, size_t>> expect;
+        for (auto [d, id, t] : wanted) {
+            size_t start = 0, count = 0;
+            Outcome o = reference(image, d, id, &start, &count);
+            fails |= o == Outcome::Fails;
+            expect[{d, id}] = {o, start, count};
+        }
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        ASSERT_EQ(!s, fails) << "round " << round;
+        if (!s) continue;
+        std::map<std::pair<uint64_t, uint64_t>, CFMutableDictionaryRef> got;
+        for (auto *r : channelsOf(s.get()))
+            got[{IOReportChannelGetDriverID(r), IOReportChannelGetChannelID(r)}] = r;
+        for (auto &[key, e] : expect) {
+            auto [o, start, count] = e;
+            auto it = got.find(key);
+            if (o == Outcome::LeftOut) {
+                EXPECT_EQ(it, got.end()) << "round " << round;
+                continue;
+            }
+            ASSERT_NE(it, got.end()) << "round " << round;
+            CFDataRef raw = rawOf(it->second);
+            if (o == Outcome::NoElements) {
+                EXPECT_FALSE(raw) << "round " << round;
+            } else {
+                ASSERT_TRUE(raw) << "round " << round;
+                ASSERT_EQ(static_cast<size_t>(CFDataGetLength(raw)), count * 64);
+                EXPECT_EQ(0, memcmp(CFDataGetBytePtr(raw), image.data() + start, count * 64));
+            }
+        }
+    }
+}
+
+TEST(RawElements, AccessChecksFormatAndSize) {
+    Ref<CFMutableDictionaryRef> s(sample(kState2, run(1, 2, kState2, {{1}, {2}})));
+    uint16_t n = 0;
+    EXPECT_TRUE(getRawElements(s.get(), &n, kIOReportFormatState));
+    EXPECT_EQ(n, 2);
+    EXPECT_FALSE(getRawElements(s.get(), &n, kIOReportFormatSimple));
+    EXPECT_FALSE(getRawElements(s.get(), nullptr, kIOReportFormatState));
+    EXPECT_FALSE(getRawElements(nullptr, &n, kIOReportFormatState));
+    Ref<CFMutableDictionaryRef> tiny(sample(kState2, std::vector<uint8_t>(63, 2)));
+    EXPECT_FALSE(getRawElements(tiny.get(), &n, kIOReportFormatState));
+
+    // cloneElements: a private copy, with the value area zeroed on request.
+    Ref<CFMutableDictionaryRef> dst(record(1, 2, kState2));
+    ASSERT_EQ(cloneElements(dst.get(), s.get(), 1), 0);
+    const uint8_t *e = getRawElements(dst.get(), &n, kIOReportFormatState);
+    ASSERT_TRUE(e);
+    EXPECT_NE(rawOf(dst.get()), rawOf(s.get()));
+    EXPECT_EQ(get64(e + 32), 0u);
+    EXPECT_EQ(get64(e + 64 + 32), 0u);
+    EXPECT_EQ(get64(e + 64 + 16), kState2);
+    EXPECT_EQ(IOReportStateGetIDForIndex(s.get(), 1), 2u);   // source untouched
+    ASSERT_EQ(cloneElements(dst.get(), s.get(), 0), 0);
+    EXPECT_EQ(IOReportStateGetIDForIndex(dst.get(), 1), 2u);
+
+    Ref<CFMutableDictionaryRef> none(record(1, 2, kState2));
+    EXPECT_EQ(cloneElements(dst.get(), none.get(), 0), mach(0xe00002bc));
+    Ref<CFMutableDictionaryRef> wrongFormat(record(1, 2, kSimple));
+    EXPECT_EQ(cloneElements(wrongFormat.get(), s.get(), 1), mach(0xe00002bc));
+    EXPECT_EQ(cloneElements(nullptr, s.get(), 0), mach(0xe00002bc));
+}
+
+TEST(Subscription, ArgumentChecksFailBeforeTheHub) {
+    CFMutableDictionaryRef out = nullptr;
+    Ref<CFErrorRef> e;
+    EXPECT_FALSE(IOReportCreateSubscription(nullptr, nullptr, &out, 0, e.slot()));
+    EXPECT_FALSE(e);
+
+    Ref<CFMutableDictionaryRef> empty(IOReportCreateAggregate(0));
+    EXPECT_FALSE(IOReportCreateSubscription(nullptr, empty.get(), nullptr, 0, e.slot()));
+    EXPECT_FALSE(e);
+    EXPECT_FALSE(IOReportCreateSubscription(nullptr, empty.get(), &out, 0, e.slot()));
+    EXPECT_EQ(errorText(e.get()), "no channels");
+    EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
+
+    Ref<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
+    Ref<CFStringRef> junk(str("junk"));
+    Ref<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
+    CFArrayAppendValue(list.get(), junk.get());
+    setValue(bad.get(), "IOReportChannels", list.get());
+    Ref<CFErrorRef> e2;
+    EXPECT_FALSE(IOReportCreateSubscription(nullptr, bad.get(), &out, 0, e2.slot()));
+    EXPECT_EQ(errorText(e2.get()), "iteration error");
+
+    // A record whose driver ID is missing can't go into the interest list.
+    Ref<CFMutableDictionaryRef> nodriver(subscribed({{1, 0xA, kSimple}}));
+    Ref<CFNumberRef> sentinel(num(kNone));
+    setValue(channelsOf(nodriver.get())[0], "DriverID", sentinel.get());
+    Ref<CFErrorRef> e3;
+    EXPECT_FALSE(IOReportCreateSubscription(nullptr, nodriver.get(), &out, 0, e3.slot()));
+    EXPECT_EQ(errorText(e3.get()), "createInterestList() failed");
+    EXPECT_EQ(errorCode(e3.get()), mach(0xe00002bd));
+    EXPECT_FALSE(out);
+
+    EXPECT_FALSE(IOReportCreateSamples(nullptr, nodriver.get(), nullptr));
+}

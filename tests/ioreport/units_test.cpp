@@ -1,0 +1,175 @@
+// Unit words: factors, scaling and labels; sample descriptions of every
+// format; writing text to a descriptor.
+#include "report_fixtures.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace rt;
+
+namespace {
+
+std::string label(uint64_t unit) {
+    Ref<CFStringRef> s(copyUnitLabel(unit));
+    return text(s.get());
+}
+
+std::string describe(CFDictionaryRef sample, const char *prefix = nullptr) {
+    Ref<CFStringRef> s(IOReportSampleCopyDescription(sample, nullptr, prefix));
+    return text(s.get());
+}
+
+constexpr uint64_t kMs = 0x0100007C00000000ull;
+
+}  // namespace
+
+TEST(Units, FactorsFromScale) {
+    uint64_t n = 0, d = 0;
+    ASSERT_EQ(getFactorsFromScale(0x7980000018ull, &n, &d), 0);   // 10^-6 / 24
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(d, 24000000u);
+    ASSERT_EQ(getFactorsFromScale(0x8200000003ull, &n, &d), 0);   // 3 * 10^3
+    EXPECT_EQ(n, 3000u);
+    EXPECT_EQ(d, 1u);
+    ASSERT_EQ(getFactorsFromScale(0x8C0000000000ull, &n, &d), 0);   // 2^13
+    EXPECT_EQ(n, 8192u);
+    ASSERT_EQ(getFactorsFromScale(0x7D0000000000ull, &n, &d), 0);   // 2^-2
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(d, 4u);
+    ASSERT_EQ(getFactorsFromScale(0, &n, &d), 0);
+    EXPECT_EQ(n, 1u);
+    EXPECT_EQ(d, 1u);
+    EXPECT_EQ(getFactorsFromScale(0x01000000000000ull, &n, &d), mach(0xe00002c2));
+}
+
+TEST(Units, ScaleValue) {
+    EXPECT_DOUBLE_EQ(IOReportScaleValue(1500, kMs, kIOReportUnitTime), 1.5);
+    EXPECT_DOUBLE_EQ(IOReportScaleValue(24000000, 0x0100007980000018ull, kIOReportUnitTime), 1.0);
+    EXPECT_DOUBLE_EQ(IOReportScaleValue(3, kIOReportUnitTime, kMs), 3000.0);
+    EXPECT_TRUE(std::isnan(IOReportScaleValue(1, 0x0100000000000000ull, 0x0200000000000000ull)));
+    EXPECT_TRUE(std::isnan(IOReportScaleValue(1, 0x0101000000000000ull, kIOReportUnitTime)));
+    EXPECT_TRUE(std::isnan(IOReportScaleValue(1, kIOReportInvalidUnit, kIOReportUnitTime)));
+}
+
+TEST(Units, Labels) {
+    EXPECT_EQ(label(0x0100000000000000ull), "s");
+    EXPECT_EQ(label(kMs), "ms");
+    EXPECT_EQ(label(0x0900820000000000ull), "B");
+    EXPECT_EQ(label(0x0900000000000000ull), "b");
+    EXPECT_EQ(label(0x09008C0000000004ull), "4Ki");
+    EXPECT_EQ(label(0x08008C0000000008ull), "8KiHz");
+    EXPECT_EQ(label(0x0900AA0000000000ull), "TiB");
+    EXPECT_EQ(label(0x6400008200000000ull), "kevents");
+    EXPECT_EQ(label(0x6500007300000000ull), "ppackets");
+    EXPECT_EQ(label(0x3700000000000000ull), "??");
+    EXPECT_EQ(label(0x0200001234000000ull), "W");   // an unlisted scale has no prefix
+    EXPECT_EQ(label(0x0000008500000000ull), "M");
+    EXPECT_EQ(label(0x3700007980000018ull), "24Mticks");   // whole labels, whatever the quantity
+    EXPECT_EQ(label(0x0100007600000001ull), "1Gticks");
+    EXPECT_EQ(label(0x0001000000000000ull), "hwticks?");
+    EXPECT_EQ(label(0x0502000000000000ull), "hwpage?");
+    EXPECT_FALSE(copyUnitLabel(kIOReportInvalidUnit));
+
+    Ref<CFMutableDictionaryRef> rec(record(1, 2, type(1, 0, 1), nullptr, kMs));
+    EXPECT_EQ(text(IOReportChannelGetUnitLabel(rec.get())), "ms");
+    EXPECT_EQ(text(static_cast<CFStringRef>(getValue(rec.get(), "UnitLabel"))), "ms");
+    Ref<CFMutableDictionaryRef> bare(record(1, 2, type(1, 0, 1)));
+    EXPECT_FALSE(IOReportChannelGetUnitLabel(bare.get()));
+
+    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    EXPECT_EQ(CFDictionaryGetCount(info.get()), 1);
+    long long v = 0;
+    ASSERT_TRUE(CFNumberGetValue(static_cast<CFNumberRef>(getValue(info.get(), "IOReportChannelUnit")),
+                                 kCFNumberLongLongType, &v));
+    EXPECT_EQ(static_cast<uint64_t>(v), kMs);
+}
+
+TEST(Descriptions, SimpleAndArray) {
+    const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
+    Ref<CFMutableDictionaryRef> s(sample(simple, run(1, 2, simple, {{1234}}), kMs, "TOTAL MS"));
+    EXPECT_EQ(describe(s.get(), "  "), "                          TOTAL MS = {         1234 ms }\n");
+
+    // No name: the first element's channel ID in hex, at most nine digits.
+    Ref<CFMutableDictionaryRef> anon(record(1, 0x0101, simple));
+    Ref<CFMutableDataRef> d(mutableData(run(1, 0x0123456789ABCDEFull, simple, {{static_cast<uint64_t>(-1)}})));
+    setValue(anon.get(), "RawElements", d.get());
+    EXPECT_EQ(describe(anon.get()), "                       123456789 = {           -1 (null) }\n");
+
+    const uint64_t array = type(kIOReportFormatSimpleArray, 0, 2);
+    Ref<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{1}, {2}})));
+    EXPECT_EQ(describe(a.get()), "arrays unsupported?arrays unsupported?");
+}
+
+TEST(Descriptions, StateLines) {
+    const uint64_t t = type(kIOReportFormatState, 0, 2);
+    Ref<CFMutableDictionaryRef> s(
+        sample(t, run(1, 2, t, {{0x49444C45, 3, 1500}, {0x52554E, 12, 500}}), kMs, "pstate"));
+    EXPECT_EQ(describe(s.get()),
+              "              pstate[    IDLE] = { # 3        1.500e+00 s / 75.0% }\n"
+              "              pstate[     RUN] = { # 12       5.000e-01 s / 25.0% }\n");
+
+    // Unprintable state IDs name every state by its hex ID; a unit that is not
+    // a time unit gives no residency in seconds.
+    Ref<CFMutableDictionaryRef> w(
+        sample(t, run(1, 2, t, {{0x4101, 3, 1500}, {0x52554E, 12, 500}}), 0x0200000000000000ull, "pstate"));
+    EXPECT_EQ(describe(w.get()),
+              "              pstate[    4101] = { # 3              nan s / 75.0% }\n"
+              "              pstate[  52554e] = { # 12             nan s / 25.0% }\n");
+}
+
+TEST(Descriptions, HistogramLines) {
+    const uint64_t t = type(kIOReportFormatHistogram, 0, 2);
+    Ref<CFMutableDictionaryRef> h(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0, 0, 0, 0}}), kMs, "lat"));
+    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    std::vector<uint8_t> cfg(16, 0);
+    cfg[0] = 10;
+    cfg[12] = 2;
+    Ref<CFDataRef> c(CFDataCreate(nullptr, cfg.data(), 16));
+    setValue(info.get(), "IOReportChannelConfig", c.get());
+    setValue(h.get(), "IOReportChannelInfo", info.get());
+    EXPECT_EQ(describe(h.get(), "> "),
+              ">                  lat[           0 -           10 ms] = { m            1; M            9; s           "
+              "15; #            3 }\n"
+              ">                  lat[          10 -           20 ms] = { <no hits>; # 0 }\n");
+
+    // Without a bucket configuration no line can be made.
+    Ref<CFMutableDictionaryRef> nocfg(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0}}), kMs, "lat"));
+    Ref<CFStringRef> none(IOReportSampleCopyDescription(nocfg.get(), nullptr, nullptr));
+    EXPECT_FALSE(none);
+    // Nor without elements, or with a format the library doesn't know.
+    Ref<CFMutableDictionaryRef> bare(record(1, 2, t));
+    Ref<CFStringRef> none2(IOReportSampleCopyDescription(bare.get(), nullptr, nullptr));
+    EXPECT_FALSE(none2);
+    const uint64_t five = type(5, 0, 1);
+    Ref<CFMutableDictionaryRef> f(sample(five, run(1, 2, five, {{1}})));
+    Ref<CFStringRef> none3(IOReportSampleCopyDescription(f.get(), nullptr, nullptr));
+    EXPECT_FALSE(none3);
+}
+
+TEST(WriteString, WritesAllOrReportsHowItFailed) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    Ref<CFStringRef> s(str("h\xC3\xA9llo\n"));
+    EXPECT_EQ(IOReportWriteStringUTF8(p[1], s.get()), 0);
+    char buf[16] = {};
+    ASSERT_EQ(read(p[0], buf, sizeof buf), 7);
+    EXPECT_EQ(std::string(buf, 7), "h\xC3\xA9llo\n");
+    EXPECT_EQ(IOReportWriteStringUTF8(p[1], nullptr), mach(0xe00002c2));
+    EXPECT_EQ(IOReportWriteStringUTF8(-1, s.get()), mach(0xe00002ca));
+
+    // A write that the pipe takes only in part is not retried.
+    ASSERT_EQ(fcntl(p[1], F_SETFL, O_NONBLOCK), 0);
+    std::vector<char> fill(4096, 'x');
+    while (write(p[1], fill.data(), fill.size()) > 0) {
+    }
+    ASSERT_EQ(read(p[0], fill.data(), fill.size()), 4096);
+    std::string big(100000, 'y');
+    Ref<CFStringRef> bigs(str(big.c_str()));
+    EXPECT_EQ(IOReportWriteStringUTF8(p[1], bigs.get()), mach(0xe00002e7));
+    close(p[0]);
+    close(p[1]);
+}
