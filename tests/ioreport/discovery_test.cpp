@@ -1,0 +1,298 @@
+// Discovery from the registry of a private simulator, and the filters.
+// Legends are written into the registry through the platform's own
+// property write.
+#include "report_fixtures.h"
+#include "sim_fixture.h"
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+using namespace rt;
+
+namespace {
+
+constexpr const char *kTalvex = "ZantraTalvexProcessor";
+constexpr const char *kHub = "IOReportHub";
+constexpr uint64_t kTotal = 0x544F54414C204D53ull;
+constexpr uint64_t kMs = 0x0100007C00000000ull;
+
+io_service_t service(const char *cls) {
+    simulator();
+    return IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching(cls));
+}
+
+uint64_t entryID(const char *cls) {
+    io_service_t s = service(cls);
+    uint64_t id = 0;
+    EXPECT_EQ(IORegistryEntryGetRegistryEntryID(s, &id), 0);
+    IOObjectRelease(s);
+    return id;
+}
+
+// Builders for legend property lists.
+CFMutableArrayRef array() { return CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks); }
+CFMutableDictionaryRef dict() {
+    return CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+}
+void push(CFMutableArrayRef a, CFTypeRef v) {
+    CFArrayAppendValue(a, v);
+    CFRelease(v);
+}
+CFArrayRef channel(uint64_t id, uint64_t channel_type, const char *name = nullptr) {
+    CFMutableArrayRef a = array();
+    push(a, num(id));
+    push(a, num(channel_type));
+    if (name) push(a, str(name));
+    return a;
+}
+CFDictionaryRef group(const char *name, const char *subgroup, CFDictionaryRef info, std::vector<CFTypeRef> channels) {
+    CFMutableDictionaryRef g = dict();
+    if (name) setValue(g, "IOReportGroupName", Ref<CFStringRef>(str(name)).get());
+    if (subgroup) setValue(g, "IOReportSubGroupName", Ref<CFStringRef>(str(subgroup)).get());
+    if (info) setValue(g, "IOReportChannelInfo", info);
+    CFMutableArrayRef list = array();
+    for (CFTypeRef c : channels) push(list, c);
+    setValue(g, "IOReportChannels", list);
+    CFRelease(list);
+    return g;
+}
+
+void setProperty(const char *cls, const char *key, CFTypeRef value) {
+    io_service_t s = service(cls);
+    Ref<CFStringRef> k(str(key));
+    EXPECT_EQ(IORegistryEntrySetCFProperty(s, k.get(), value), 0);
+    IOObjectRelease(s);
+}
+void deleteProperty(const char *cls, const char *key) {
+    simulator().control({"property", "delete", "--service", cls, key});
+}
+
+// The coprocessor's legend: four readable channels, then a group with a
+// subgroup but no group name, which ends the legend before the last group.
+void publishTalvexLegend() {
+    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    CFMutableArrayRef legend = array();
+    push(legend, group("Power", "Rails", info.get(),
+                       {channel(0x52414931, type(1, 0x0001, 1), "rail1"), channel(0x50535441, type(2, 0x0002, 3))}));
+    push(legend, group("Load", nullptr, nullptr, {channel(kTotal, type(1, 0x0004, 1)), str("not a channel"),
+                                                  channel(0x4E455645, type(1, 0, 1))}));
+    push(legend, group(nullptr, nullptr, nullptr, {channel(0x48495354, type(3, 0x0008, 4))}));
+    push(legend, group(nullptr, "orphan", nullptr, {channel(0x4F525048, type(1, 0, 1))}));
+    push(legend, group("After", nullptr, nullptr, {channel(0x41465445, type(1, 0, 1))}));
+    setProperty(kTalvex, "IOReportLegend", legend);
+    CFRelease(legend);
+    setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
+}
+
+// The hub's legend: one channel, then a non-dictionary group that ends it.
+void publishHubLegend() {
+    CFMutableArrayRef legend = array();
+    push(legend, group("Hub", nullptr, nullptr, {channel(0x48554231, type(1, 0x0004, 1))}));
+    push(legend, str("junk"));
+    push(legend, group("Hub", nullptr, nullptr, {channel(0x48554232, type(1, 0, 1))}));
+    setProperty(kHub, "IOReportLegend", legend);
+    CFRelease(legend);
+    setProperty(kHub, "IOReportLegendPublic", kCFBooleanTrue);
+}
+
+void unpublishAll() {
+    for (const char *cls : {kTalvex, kHub}) {
+        deleteProperty(cls, "IOReportLegendPublic");
+        deleteProperty(cls, "IOReportLegend");
+    }
+}
+
+std::vector<uint64_t> ids(CFDictionaryRef agg) {
+    std::vector<uint64_t> out;
+    for (auto *c : channelsOf(agg)) out.push_back(IOReportChannelGetChannelID(c));
+    return out;
+}
+
+class Discovery : public ::testing::Test {
+protected:
+    void SetUp() override { unpublishAll(); }
+    void TearDown() override { unpublishAll(); }
+};
+
+}  // namespace
+
+TEST_F(Discovery, OneDriverReadsItsLegend) {
+    publishTalvexLegend();
+    io_service_t s = service(kTalvex);
+    ASSERT_NE(s, 0u);
+    Ref<CFErrorRef> e;
+    Ref<CFMutableDictionaryRef> agg(
+        IOReportCopyChannelsForDriver(s, kIOReportOptionByDriver | kIOReportOptionByGroup, e.slot()));
+    ASSERT_TRUE(agg) << errorText(e.get());
+    EXPECT_EQ(ids(agg.get()), (std::vector<uint64_t>{0x48495354, 0x52414931, 0x50535441, kTotal}));
+
+    uint64_t id = entryID(kTalvex);
+    char expected[128];
+    snprintf(expected, sizeof expected, "ZantraTalvexProcessor <id %#llx>", static_cast<unsigned long long>(id));
+    Ref<CFStringRef> name(IOReportCopyDriverName(s));
+    EXPECT_EQ(text(name.get()), expected);
+
+    CFDictionaryRef drivers = static_cast<CFDictionaryRef>(getValue(agg.get(), "IOReportDrivers"));
+    ASSERT_TRUE(drivers);
+    CFDictionaryRef mine = static_cast<CFDictionaryRef>(CFDictionaryGetValue(drivers, name.get()));
+    ASSERT_TRUE(mine);
+    EXPECT_EQ(CFArrayGetCount(static_cast<CFArrayRef>(getValue(mine, "IOReportChannels"))), 1);   // the ungrouped one
+
+    auto recs = channelsOf(agg.get());
+    for (auto *r : recs) {
+        EXPECT_EQ(IOReportChannelGetDriverID(r), id);
+        EXPECT_EQ(text(IOReportChannelGetDriverName(r)), expected);
+    }
+    CFMutableDictionaryRef rail = recs[1];
+    EXPECT_EQ(text(IOReportChannelGetChannelName(rail)), "rail1");
+    EXPECT_EQ(text(IOReportChannelGetGroup(rail)), "Power");
+    EXPECT_EQ(text(IOReportChannelGetSubGroup(rail)), "Rails");
+    EXPECT_EQ(IOReportChannelGetUnit(rail), kMs);
+    EXPECT_EQ(IOReportChannelGetUnit(recs[2]), kMs);   // the group's info is shared
+    EXPECT_EQ(IOReportChannelGetFormat(recs[2]), kIOReportFormatState);
+    EXPECT_FALSE(IOReportChannelGetGroup(recs[0]));
+    IOObjectRelease(s);
+}
+
+TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
+    io_service_t s = service(kTalvex);
+    ASSERT_NE(s, 0u);
+    publishTalvexLegend();
+    deleteProperty(kTalvex, "IOReportLegendPublic");
+    Ref<CFErrorRef> e;
+    Ref<CFMutableDictionaryRef> hidden(IOReportCopyChannelsForDriver(s, 0, e.slot()));
+    ASSERT_TRUE(hidden);
+    EXPECT_EQ(IOReportGetChannelCount(hidden.get()), 0);
+    EXPECT_FALSE(e);
+
+    setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
+    Ref<CFStringRef> notArray(str("legend"));
+    setProperty(kTalvex, "IOReportLegend", notArray.get());
+    Ref<CFErrorRef> e2;
+    EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e2.slot()));
+    EXPECT_EQ(errorText(e2.get()), "bad legend");
+    EXPECT_EQ(errorCode(e2.get()), mach(0xe00002e6));
+
+    // A legend channel whose ID can't be read fails the whole driver.
+    CFMutableArrayRef legend = array();
+    push(legend, group("G", nullptr, nullptr, {channel(1, type(1, 0, 1)), channel(kNone, type(1, 0, 1))}));
+    setProperty(kTalvex, "IOReportLegend", legend);
+    CFRelease(legend);
+    Ref<CFErrorRef> e3;
+    EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e3.slot()));
+    EXPECT_EQ(errorText(e3.get()), "couldn't create channel");
+
+    Ref<CFErrorRef> e4;
+    EXPECT_FALSE(IOReportCopyChannelsForDriver(0, 0, e4.slot()));
+    EXPECT_EQ(errorText(e4.get()), "invalid driver");
+    EXPECT_EQ(errorCode(e4.get()), mach(0xe00002c2));
+    IOObjectRelease(s);
+    EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, nullptr));   // released: no references left
+}
+
+TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
+    publishTalvexLegend();
+    publishHubLegend();
+    Ref<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
+    CFIndex refs = CFGetRetainCount(matching.get());
+    Ref<CFMutableDictionaryRef> agg(IOReportCopyChannelsForDrivers(matching.get(), kIOReportOptionByDriver, nullptr));
+    ASSERT_TRUE(agg);
+    EXPECT_EQ(CFGetRetainCount(matching.get()), refs);   // the caller keeps its reference
+    EXPECT_EQ(IOReportGetChannelCount(agg.get()), 4);
+    EXPECT_EQ(_getAggregateOpts(agg.get()), 1u);
+    EXPECT_TRUE(getValue(agg.get(), "IOReportDrivers"));
+
+    Ref<CFMutableDictionaryRef> nothing(IOReportCopyChannelsForDrivers(
+        Ref<CFMutableDictionaryRef>(IOServiceMatching("NoSuchClass")).get(), 0, nullptr));
+    ASSERT_TRUE(nothing);
+    EXPECT_EQ(IOReportGetChannelCount(nothing.get()), 0);
+    Ref<CFErrorRef> e;
+    EXPECT_FALSE(IOReportCopyChannelsForDrivers(nullptr, 0, e.slot()));
+    EXPECT_EQ(errorText(e.get()), "no matching dict");
+
+    Ref<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
+    ASSERT_TRUE(all);
+    std::vector<uint64_t> found = ids(all.get());
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(found, (std::vector<uint64_t>{0x48495354, 0x48554231, 0x50535441, 0x52414931, kTotal}));
+
+    // A public driver whose legend is unusable is left out of all channels,
+    // but fails a lookup that names it.
+    Ref<CFStringRef> bad(str("bad"));
+    setProperty(kHub, "IOReportLegend", bad.get());
+    Ref<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
+    ASSERT_TRUE(rest);
+    EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
+    Ref<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
+    EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
+}
+
+TEST_F(Discovery, ChannelByIDLearnsItsTypeFromTheFirstSample) {
+    Ref<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
+    EXPECT_FALSE(IOReportCopyChannelsWithID(matching.get(), 0, nullptr));
+    EXPECT_FALSE(IOReportCopyChannelsWithID(nullptr, kTotal, nullptr));
+    Ref<CFMutableDictionaryRef> agg(IOReportCopyChannelsWithID(matching.get(), kTotal, nullptr));
+    ASSERT_TRUE(agg);
+    auto recs = channelsOf(agg.get());
+    ASSERT_EQ(recs.size(), 1u);
+    uint64_t driver = entryID(kTalvex);
+    EXPECT_EQ(IOReportChannelGetDriverID(recs[0]), driver);
+    EXPECT_EQ(IOReportChannelGetFormat(recs[0]), 0);
+    EXPECT_EQ(text(IOReportChannelGetChannelName(recs[0])), "TOTAL MS");
+
+    auto image = run(driver, kTotal, type(kIOReportFormatSimple, 4, 1), {{1234}});
+    Ref<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
+    Ref<CFMutableDictionaryRef> s(IOReportCreateSamplesRaw(agg.get(), data.get(), nullptr));
+    ASSERT_TRUE(s);
+    EXPECT_EQ(IOReportChannelGetFormat(recs[0]), kIOReportFormatSimple);
+    EXPECT_EQ(IOReportChannelGetCategories(recs[0]), 4);
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(channelsOf(s.get())[0]), 1234);
+}
+
+TEST_F(Discovery, Filters) {
+    publishTalvexLegend();
+    publishHubLegend();
+    Ref<CFStringRef> power(str("Power")), rails(str("Rails")), load(str("Load"));
+
+    Ref<CFMutableDictionaryRef> g(IOReportCopyChannelsInGroup(power.get(), nullptr, 0, nullptr));
+    ASSERT_TRUE(g);
+    EXPECT_EQ(ids(g.get()), (std::vector<uint64_t>{0x52414931, 0x50535441}));
+    Ref<CFMutableDictionaryRef> sg(IOReportCopyChannelsInGroup(nullptr, rails.get(), 0, nullptr));
+    ASSERT_TRUE(sg);
+    EXPECT_EQ(IOReportGetChannelCount(sg.get()), 2);
+    Ref<CFMutableDictionaryRef> none(IOReportCopyChannelsInGroup(load.get(), rails.get(), 0, nullptr));
+    ASSERT_TRUE(none);
+    EXPECT_EQ(IOReportGetChannelCount(none.get()), 0);
+    Ref<CFErrorRef> e;
+    EXPECT_FALSE(IOReportCopyChannelsInGroup(nullptr, nullptr, 0, e.slot()));
+    EXPECT_EQ(errorText(e.get()), "no group or subgroup!");
+
+    Ref<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
+    EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), nullptr, nullptr, nullptr), 1);
+    EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), load.get(), nullptr, nullptr), kIOReportIterSkipped);
+    EXPECT_EQ(ids(all.get()), (std::vector<uint64_t>{kTotal}));
+    Ref<CFErrorRef> e2;
+    EXPECT_EQ(IOReportSelectChannelsInGroup(nullptr, load.get(), nullptr, e2.slot()), 1);
+    EXPECT_EQ(errorText(e2.get()), "channel pruning failed");
+
+    Ref<CFMutableDictionaryRef> cats(IOReportCopyChannelsInCategories(0x0006, 0, nullptr));
+    ASSERT_TRUE(cats);
+    std::vector<uint64_t> c = ids(cats.get());
+    std::sort(c.begin(), c.end());
+    EXPECT_EQ(c, (std::vector<uint64_t>{0x48554231, 0x50535441, kTotal}));
+    Ref<CFMutableDictionaryRef> hist(IOReportCopyChannelsOfFormat(kIOReportFormatHistogram, 0, nullptr));
+    ASSERT_TRUE(hist);
+    EXPECT_EQ(ids(hist.get()), (std::vector<uint64_t>{0x48495354}));
+    Ref<CFMutableDictionaryRef> ms(IOReportCopyChannelsWithUnit(kMs, 0, nullptr));
+    ASSERT_TRUE(ms);
+    EXPECT_EQ(IOReportGetChannelCount(ms.get()), 2);
+}
+
+TEST(Names, CurrentProcess) {
+    Ref<CFStringRef> n(IOReportCopyCurrentProcessName());
+    EXPECT_EQ(text(n.get()), "test_ioreport <pid " + std::to_string(getpid()) + ">");
+    EXPECT_FALSE(IOReportCopyDriverName(0));
+}
