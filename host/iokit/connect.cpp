@@ -16,6 +16,9 @@
 namespace talvex::host {
 namespace {
 
+// A method hands back at most this many scalars, whatever room the caller offers.
+constexpr uint32_t kMaxScalarOutputs = 16;
+
 // The simulator's connection ID behind an open connection handle.
 kern_return_t open_connection(io_connect_t handle, uint32_t &id) {
     return Objects::instance().with(handle, Kind::Connection, [&](Object &o) -> kern_return_t {
@@ -124,7 +127,7 @@ kern_return_t IOConnectCallMethod(io_connect_t connection, uint32_t selector, co
         if (input_struct_count > wire::kMaxFrame || input_count > wire::kMaxFrame / 8)
             return kIOReturnMessageTooLarge;
         // What the caller can take: a missing buffer holds nothing.
-        uint32_t scalar_capacity = output && output_count ? *output_count : 0;
+        uint32_t scalar_capacity = output && output_count ? std::min(*output_count, kMaxScalarOutputs) : 0;
         size_t struct_capacity = output_struct && output_struct_count ? *output_struct_count : 0;
         uint8_t flags = static_cast<uint8_t>((output_struct ? 1 : 0) | (input_struct ? 2 : 0));
 

@@ -1,0 +1,273 @@
+// Matching, iterators, registry properties and object references against a
+// private simulator.
+#include <IOKit/IOKitLib.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "iokit_support.h"
+
+namespace talvex::test {
+namespace {
+
+constexpr kern_return_t kInvalidHandle = 0x10000003;
+
+CFNumberRef number(int64_t v) { return CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &v); }
+
+int64_t number_value(CFTypeRef n) {
+    int64_t v = -1;
+    EXPECT_EQ(CFGetTypeID(n), CFNumberGetTypeID());
+    CFNumberGetValue(static_cast<CFNumberRef>(n), kCFNumberSInt64Type, &v);
+    return v;
+}
+
+// { "IOPropertyMatch": { key: value } }, value consumed.
+CFMutableDictionaryRef property_matching(CFStringRef key, CFTypeRef value) {
+    CFMutableDictionaryRef inner = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                             &kCFTypeDictionaryValueCallBacks);
+    CFDictionarySetValue(inner, key, value);
+    CFRelease(value);
+    CFMutableDictionaryRef outer = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                             &kCFTypeDictionaryValueCallBacks);
+    CFDictionarySetValue(outer, CFSTR(kIOPropertyMatchKey), inner);
+    CFRelease(inner);
+    return outer;
+}
+
+CFMutableDictionaryRef name_matching(const char *name) {
+    CFMutableDictionaryRef d = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                         &kCFTypeDictionaryValueCallBacks);
+    CFStringRef s = CFStringCreateWithCString(kCFAllocatorDefault, name, kCFStringEncodingUTF8);
+    CFDictionarySetValue(d, CFSTR(kIONameMatchKey), s);
+    CFRelease(s);
+    return d;
+}
+
+TEST(Matching, FindsServicesByClassNameAndProperty) {
+    Simulator sim;
+    in_child(sim.socket(), [] {
+        io_service_t cp = coprocessor();
+        ASSERT_NE(cp, 0u);
+        io_name_t text;
+        ASSERT_EQ(IORegistryEntryGetName(cp, text), KERN_SUCCESS);
+        EXPECT_STREQ(text, "ZantraTalvexProcessor");
+        ASSERT_EQ(IOObjectGetClass(cp, text), KERN_SUCCESS);
+        EXPECT_STREQ(text, "ZantraTalvexProcessor");
+        uint64_t cp_id = 0, hub_id = 0;
+        ASSERT_EQ(IORegistryEntryGetRegistryEntryID(cp, &cp_id), KERN_SUCCESS);
+        EXPECT_NE(cp_id, 0u);
+
+        io_service_t hub = IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("IOReportHub"));
+        ASSERT_NE(hub, 0u);
+        ASSERT_EQ(IORegistryEntryGetRegistryEntryID(hub, &hub_id), KERN_SUCCESS);
+        EXPECT_NE(hub_id, cp_id);
+        EXPECT_FALSE(IOObjectIsEqualTo(cp, hub));
+
+        // The same entry found another way is the same object, one more count.
+        io_service_t by_prop = IOServiceGetMatchingService(
+            kIOMainPortDefault, property_matching(CFSTR("talvex-state"), number(0x10002)));
+        EXPECT_TRUE(IOObjectIsEqualTo(by_prop, cp));
+        io_service_t by_name = IOServiceGetMatchingService(kIOMainPortDefault, name_matching("IOReportHub"));
+        EXPECT_TRUE(IOObjectIsEqualTo(by_name, hub));
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 2u);
+
+        // Nothing matches: no service, and an empty but valid iterator.
+        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("NoSuchDriver")), 0u);
+        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault,
+                                              property_matching(CFSTR("talvex-state"), number(0x10003))),
+                  0u);
+        io_iterator_t it = 0;
+        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("NoSuchDriver"), &it),
+                  KERN_SUCCESS);
+        EXPECT_NE(it, 0u);
+        EXPECT_TRUE(IOIteratorIsValid(it));
+        EXPECT_EQ(IOIteratorNext(it), 0u);
+        EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
+
+        for (io_object_t o : {cp, by_prop, hub, by_name}) EXPECT_EQ(IOObjectRelease(o), KERN_SUCCESS);
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 0u);
+    });
+}
+
+TEST(Matching, ConsumesTheDictionaryWhateverHappens) {
+    Simulator sim;
+    in_child(sim.socket(), [] {
+        CFMutableDictionaryRef m = IOServiceMatching("ZantraTalvexProcessor");
+        ASSERT_TRUE(m);
+        CFStringRef cls = static_cast<CFStringRef>(CFDictionaryGetValue(m, CFSTR(kIOProviderClassKey)));
+        ASSERT_TRUE(cls);
+        EXPECT_STREQ(CFStringGetCStringPtr(cls, kCFStringEncodingUTF8), "ZantraTalvexProcessor");
+
+        CFRetain(m);
+        io_service_t s = IOServiceGetMatchingService(kIOMainPortDefault, m);
+        EXPECT_EQ(CFGetRetainCount(m), 1);
+        CFRetain(m);
+        io_iterator_t it = 0;
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, m, &it), KERN_SUCCESS);
+        EXPECT_EQ(CFGetRetainCount(m), 1);
+        CFRetain(m);
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, m, nullptr), kIOReturnBadArgument);
+        EXPECT_EQ(CFGetRetainCount(m), 1);
+        CFRelease(m);
+
+        // A dictionary that cannot be serialised is refused, and still consumed.
+        CFMutableDictionaryRef bad = IOServiceMatching("x");
+        CFURLRef url = CFURLCreateWithFileSystemPath(kCFAllocatorDefault, CFSTR("/tmp"), kCFURLPOSIXPathStyle, true);
+        CFDictionarySetValue(bad, CFSTR("url"), url);
+        CFRelease(url);
+        io_iterator_t none = 123;
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, bad, &none), kIOReturnBadArgument);
+        EXPECT_EQ(none, 0u);
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, nullptr, &none), kIOReturnBadArgument);
+        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault, nullptr), 0u);
+        EXPECT_EQ(IOServiceMatching(nullptr), nullptr);
+
+        IOObjectRelease(s);
+        IOObjectRelease(it);
+    });
+}
+
+TEST(Iterators, SnapshotGoesInvalidWhenTheRegistryChangesAndResetTakesANewOne) {
+    Simulator sim;
+    in_child(sim.socket(), [&] {
+        // An empty matching dictionary matches every published service.
+        CFMutableDictionaryRef all = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                               &kCFTypeDictionaryValueCallBacks);
+        io_iterator_t it = 0;
+        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, all, &it), KERN_SUCCESS);
+        io_name_t cls;
+        ASSERT_EQ(IOObjectGetClass(it, cls), KERN_SUCCESS);
+        EXPECT_STREQ(cls, "IOUserIterator");
+        EXPECT_TRUE(IOIteratorIsValid(it));
+
+        std::vector<std::string> names;
+        while (io_object_t s = IOIteratorNext(it)) {
+            io_name_t name;
+            EXPECT_EQ(IORegistryEntryGetName(s, name), KERN_SUCCESS);
+            names.emplace_back(name);
+            IOObjectRelease(s);
+        }
+        EXPECT_EQ(names, (std::vector<std::string>{"ZantraTalvexProcessor", "IOReportHub"}));
+        EXPECT_EQ(IOIteratorNext(it), 0u);
+        EXPECT_TRUE(IOIteratorIsValid(it));
+
+        auto r = sim.control({"service", "unpublish", "IOReportHub"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_FALSE(IOIteratorIsValid(it));
+        // A reset rewinds and takes a fresh snapshot: valid again, hub gone.
+        IOIteratorReset(it);
+        EXPECT_TRUE(IOIteratorIsValid(it));
+        names.clear();
+        while (io_object_t s = IOIteratorNext(it)) {
+            io_name_t name;
+            IORegistryEntryGetName(s, name);
+            names.emplace_back(name);
+            IOObjectRelease(s);
+        }
+        EXPECT_EQ(names, (std::vector<std::string>{"ZantraTalvexProcessor"}));
+
+        r = sim.control({"service", "publish", "IOReportHub"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_FALSE(IOIteratorIsValid(it));
+        IOIteratorReset(it);
+        EXPECT_TRUE(IOIteratorIsValid(it));
+        int count = 0;
+        while (io_object_t s = IOIteratorNext(it)) {
+            ++count;
+            IOObjectRelease(s);
+        }
+        EXPECT_EQ(count, 2);
+        EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
+        EXPECT_FALSE(IOIteratorIsValid(it));
+        EXPECT_EQ(IOIteratorNext(it), 0u);
+    });
+}
+
+TEST(Properties, ReadWriteAndTheWritesTraceLine) {
+    Simulator sim;
+    sim.trace(true);
+    in_child(sim.socket(), [&] {
+        io_service_t cp = coprocessor();
+        ASSERT_NE(cp, 0u);
+        CFTypeRef state = IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), kCFAllocatorDefault, 0);
+        ASSERT_TRUE(state);
+        EXPECT_EQ(number_value(state), 0x10002);
+        CFRelease(state);
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("no-such-key"), kCFAllocatorDefault, 0), nullptr);
+        CFNumberRef not_a_key = number(1);
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, reinterpret_cast<CFStringRef>(not_a_key), nullptr, 0), nullptr);
+
+        CFNumberRef v = number(255);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), v), KERN_SUCCESS);
+        CFRelease(v);
+        CFTypeRef back = IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(number_value(back), 255);
+        CFRelease(back);
+
+        // Values that cannot be serialised, bad keys and bad handles never reach the simulator.
+        CFURLRef url = CFURLCreateWithFileSystemPath(kCFAllocatorDefault, CFSTR("/tmp"), kCFURLPOSIXPathStyle, true);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("url"), url), kIOReturnBadArgument);
+        CFRelease(url);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("null"), nullptr), kIOReturnBadArgument);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, reinterpret_cast<CFStringRef>(not_a_key), CFSTR("x")),
+                  kIOReturnBadArgument);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(0, CFSTR("key"), CFSTR("x")), kInvalidHandle);
+        CFRelease(not_a_key);
+
+        auto r = sim.control({"property", "set", "talvex-state", "0x10004"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        CFMutableDictionaryRef all = nullptr;
+        ASSERT_EQ(IORegistryEntryCreateCFProperties(cp, &all, kCFAllocatorDefault, 0), KERN_SUCCESS);
+        ASSERT_TRUE(all);
+        EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("talvex-state"))), 0x10004);
+        EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("key"))), 255);
+        CFDictionarySetValue(all, CFSTR("mutable"), kCFBooleanTrue);   // the caller gets a mutable dictionary
+        CFRelease(all);
+
+        r = sim.control({"property", "delete", "talvex-state"});
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), kCFAllocatorDefault, 0), nullptr);
+        IOObjectRelease(cp);
+    });
+    auto trace = sim.trace();
+    EXPECT_EQ(trace, (std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","property":"key","value":255})"}));
+}
+
+TEST(Objects, CountsAndHandlesThatNameNothing) {
+    Simulator sim;
+    in_child(sim.socket(), [] {
+        io_service_t cp = coprocessor();
+        ASSERT_NE(cp, 0u);
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 1u);
+        EXPECT_EQ(IOObjectRetain(cp), KERN_SUCCESS);
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 2u);
+        EXPECT_EQ(IOObjectRelease(cp), KERN_SUCCESS);
+        EXPECT_EQ(IOObjectRelease(cp), KERN_SUCCESS);
+        // Gone: the handle names nothing now.
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 0u);
+        EXPECT_NE(IOObjectRelease(cp), KERN_SUCCESS);
+        EXPECT_NE(IOObjectRetain(cp), KERN_SUCCESS);
+        io_name_t name;
+        EXPECT_EQ(IORegistryEntryGetName(cp, name), kInvalidHandle);
+        EXPECT_EQ(IOObjectGetClass(cp, name), kInvalidHandle);
+        uint64_t id;
+        EXPECT_EQ(IORegistryEntryGetRegistryEntryID(cp, &id), kInvalidHandle);
+        EXPECT_EQ(IOObjectGetUserRetainCount(0), 0u);
+        EXPECT_NE(IOObjectRelease(0), KERN_SUCCESS);
+
+        // A handle of another kind is refused by entry calls.
+        io_iterator_t it = 0;
+        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOReportHub"), &it),
+                  KERN_SUCCESS);
+        EXPECT_EQ(IORegistryEntryGetName(it, name), kIOReturnBadArgument);
+        io_connect_t c = 0;
+        EXPECT_EQ(IOServiceOpen(it, mach_task_self(), 0, &c), kIOReturnBadArgument);
+        EXPECT_EQ(IOIteratorNext(cp), 0u);
+        IOObjectRelease(it);
+    });
+}
+
+}  // namespace
+}  // namespace talvex::test

@@ -1,0 +1,289 @@
+// The link to the simulator: no simulator, a simulator that dies, peers that
+// break the protocol, and several threads sharing the link.
+#include <IOKit/IOKitLib.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <thread>
+
+#include "iokit_support.h"
+
+namespace talvex::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr kern_return_t kInvalidHandle = 0x10000003;
+
+long long ms_since(Clock::time_point t) {
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - t).count();
+}
+
+void expect_empty_registry() {
+    auto t0 = Clock::now();
+    EXPECT_EQ(coprocessor(), 0u);
+    io_iterator_t it = 0;
+    ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("ZantraTalvexProcessor"), &it),
+              KERN_SUCCESS);
+    EXPECT_NE(it, 0u);
+    EXPECT_TRUE(IOIteratorIsValid(it));
+    EXPECT_EQ(IOIteratorNext(it), 0u);
+    IOIteratorReset(it);
+    EXPECT_TRUE(IOIteratorIsValid(it));
+    EXPECT_EQ(IOIteratorNext(it), 0u);
+    EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
+    io_connect_t c = 0;
+    EXPECT_EQ(IOServiceOpen(0, mach_task_self(), 0, &c), kInvalidHandle);
+    EXPECT_LT(ms_since(t0), 1000);
+}
+
+TEST(NoSimulator, TheRegistryIsEmpty) {
+    in_child("/nonexistent-talvex-dir/sim.sock", [] { expect_empty_registry(); });
+
+    // A socket file that nobody listens on (a simulator that died long ago).
+    char tmpl[] = "/tmp/talvex-stale-XXXXXX";
+    ASSERT_TRUE(mkdtemp(tmpl));
+    std::string path = std::string(tmpl) + "/sim.sock";
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
+    close(fd);
+    in_child(path, [] { expect_empty_registry(); });
+    unlink(path.c_str());
+    rmdir(tmpl);
+
+    // A path too long for a socket address.
+    in_child("/tmp/" + std::string(200, 'x') + "/sim.sock", [] { expect_empty_registry(); });
+}
+
+TEST(NoSimulator, APeerThatIsNotASimulatorLeavesTheRegistryEmpty) {
+    in_child("", [] {
+        FakePeer peer([](FakePeer &p) {
+            Request req;
+            if (!p.read(req)) return;
+            wire::Writer w;
+            w.u32(99);
+            p.reply(req, kIOReturnUnsupported, w.data());
+            while (p.read(req)) {
+                ADD_FAILURE() << "request after a refused greeting: op " << static_cast<int>(req.op);
+                p.reply(req, kIOReturnError, {});
+            }
+        });
+        setenv("TALVEX_SIM_SOCKET", peer.socket().c_str(), 1);
+        expect_empty_registry();
+    });
+}
+
+TEST(DeadSimulator, ACallInFlightFailsPromptlyAndLaterCallsFailFast) {
+    Simulator sim;
+    pid_t sim_pid = sim.pid();
+    in_child(sim.socket(), [&] {
+        io_service_t cp = coprocessor();
+        ASSERT_NE(cp, 0u);
+        io_connect_t c = open_client(cp);
+        io_iterator_t it = 0;
+        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOReportHub"), &it),
+                  KERN_SUCCESS);
+
+        // Freeze the simulator so the call waits, then kill it.
+        ASSERT_EQ(kill(sim_pid, SIGSTOP), 0);
+        auto call = std::async(std::launch::async, [c] {
+            kern_return_t kr = IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr);
+            return std::make_pair(kr, Clock::now());
+        });
+        EXPECT_EQ(call.wait_for(milliseconds(300)), std::future_status::timeout);
+        auto killed = Clock::now();
+        ASSERT_EQ(kill(sim_pid, SIGKILL), 0);
+        ASSERT_EQ(call.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        auto [kr, when] = call.get();
+        EXPECT_EQ(kr, kIOReturnIPCError);
+        EXPECT_LT(std::chrono::duration_cast<milliseconds>(when - killed).count(), 1000);
+
+        auto t0 = Clock::now();
+        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnIPCError);
+        EXPECT_EQ(coprocessor(), 0u);
+        io_iterator_t it2 = 0;
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("IOReportHub"), &it2),
+                  kIOReturnIPCError);
+        EXPECT_FALSE(IOIteratorIsValid(it));
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), nullptr, 0), nullptr);
+        io_name_t name;
+        EXPECT_EQ(IORegistryEntryGetName(cp, name), kIOReturnIPCError);
+        EXPECT_EQ(IOServiceClose(c), kIOReturnIPCError);
+        EXPECT_LT(ms_since(t0), 200);
+        IOObjectRelease(it);
+        IOObjectRelease(cp);
+    });
+}
+
+TEST(DeadSimulator, ACallAfterItDiedFailsWithoutSigpipe) {
+    Simulator sim;
+    pid_t sim_pid = sim.pid();
+    auto out = child_output(
+        sim.socket(),
+        [&] {
+            io_service_t cp = coprocessor();
+            io_connect_t c = open_client(cp);
+            say("ready\n");
+            while (kill(sim_pid, 0) == 0) std::this_thread::sleep_for(milliseconds(5));   // until reaped
+            uint8_t big[4096] = {};
+            EXPECT_EQ(IOConnectCallStructMethod(c, 9, big, sizeof big, nullptr, nullptr), kIOReturnIPCError);
+            EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnIPCError);
+            say("survived\n");
+            IOObjectRelease(c);
+            IOObjectRelease(cp);
+        },
+        "ready", [&] { sim.kill(); });
+    EXPECT_EQ(lines(out), (std::vector<std::string>{"ready", "survived"}));
+}
+
+// A peer script answering Match with one entry (ID 42), after first sending
+// an event and a stale reply, and writing the reply one byte at a time.
+void fragmented_match(FakePeer &p) {
+    if (!p.greet()) return;
+    Request req;
+    if (!p.read(req) || req.op != wire::Op::Match) return;
+    wire::Writer ev;
+    ev.u32(7);
+    ev.u64(42);
+    ev.u32(0xe0000130);
+    ev.u8(1);
+    ev.u64(5);
+    p.send(wire::make_event(ev.data()));
+    p.send(wire::make_reply(wire::Op::Match, req.seq + 100, 0, {}));   // not ours
+    wire::Writer body;
+    body.u64(5);
+    body.u32(1);
+    body.u64(42);
+    auto frame = wire::make_reply(wire::Op::Match, req.seq, 0, body.data());
+    for (uint8_t b : frame) {
+        p.send({&b, 1});
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    while (p.read(req)) p.reply(req, kIOReturnUnsupported, {});
+}
+
+TEST(Protocol, FramesAreReassembledAndStrayFramesSkipped) {
+    in_child("", [] {
+        FakePeer peer(fragmented_match);
+        setenv("TALVEX_SIM_SOCKET", peer.socket().c_str(), 1);
+        io_service_t s = coprocessor();
+        ASSERT_NE(s, 0u);
+        uint64_t id = 0;
+        EXPECT_EQ(IORegistryEntryGetRegistryEntryID(s, &id), KERN_SUCCESS);
+        EXPECT_EQ(id, 42u);
+        // The link is still in step: the next reply is the peer's answer.
+        io_name_t name;
+        EXPECT_EQ(IORegistryEntryGetName(s, name), kIOReturnUnsupported);
+        IOObjectRelease(s);
+    });
+}
+
+TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
+    in_child("", [] {
+        FakePeer peer([](FakePeer &p) {
+            if (!p.greet()) return;
+            Request req;
+            // 1: a Match reply whose list is shorter than its count.
+            if (!p.read(req)) return;
+            wire::Writer short_list;
+            short_list.u64(1);
+            short_list.u32(3);
+            short_list.u64(42);
+            p.reply(req, 0, short_list.data());
+            // 2: a good Match reply.
+            if (!p.read(req)) return;
+            wire::Writer good;
+            good.u64(1);
+            good.u32(1);
+            good.u64(42);
+            p.reply(req, 0, good.data());
+            // 3: Open.
+            if (!p.read(req)) return;
+            wire::Writer conn;
+            conn.u32(9);
+            p.reply(req, 0, conn.data());
+            // 4: Map without a descriptor.
+            if (!p.read(req)) return;
+            wire::Writer size;
+            size.u64(4096);
+            p.reply(req, 0, size.data());
+            // 5: Map with a descriptor smaller than the size claimed.
+            if (!p.read(req)) return;
+            int fd = memfd_create("small", MFD_CLOEXEC);
+            if (ftruncate(fd, 100) != 0) ADD_FAILURE() << "ftruncate";
+            p.send_fd(wire::make_reply(req.op, req.seq, 0, size.data()), fd);
+            close(fd);
+            // 6: a call answered with a frame longer than any frame may be.
+            if (!p.read(req)) return;
+            uint8_t huge[4];
+            wire::store_le32(huge, wire::kMaxFrame + 1);
+            p.send({huge, 4});
+            while (p.read(req)) ADD_FAILURE() << "request on a link that should be dead";
+        });
+        setenv("TALVEX_SIM_SOCKET", peer.socket().c_str(), 1);
+        io_iterator_t it = 0;
+        EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("X"), &it), kIOReturnIPCError);
+        io_service_t s = coprocessor();
+        ASSERT_NE(s, 0u);
+        io_connect_t c = open_client(s);
+        mach_vm_address_t addr = 0;
+        mach_vm_size_t size = 0;
+        EXPECT_EQ(IOConnectMapMemory(c, 0, mach_task_self(), &addr, &size, kIOMapAnywhere), kIOReturnIPCError);
+        EXPECT_EQ(IOConnectMapMemory(c, 0, mach_task_self(), &addr, &size, kIOMapAnywhere), kIOReturnVMError);
+        EXPECT_EQ(addr, 0u);
+        auto t0 = Clock::now();
+        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnIPCError);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnIPCError);
+        EXPECT_LT(ms_since(t0), 500);
+        IOObjectRelease(c);
+        IOObjectRelease(s);
+    });
+}
+
+TEST(Threads, CallsFromSeveralThreadsEachGetTheirOwnReply) {
+    Simulator sim;
+    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "1", "--scalar-outputs", "101"}).status, 0);
+    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "2", "--scalar-outputs", "102"}).status, 0);
+    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "3", "--scalar-outputs", "103"}).status, 0);
+    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "4", "--scalar-outputs", "104"}).status, 0);
+    in_child(sim.socket(), [] {
+        io_service_t cp = coprocessor();
+        io_connect_t c = open_client(cp);
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> threads;
+        for (uint64_t t = 1; t <= 4; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 200; ++i) {
+                    uint64_t out = 0;
+                    uint32_t n = 1;
+                    if (IOConnectCallScalarMethod(c, 12, &t, 1, &out, &n) != KERN_SUCCESS || n != 1 ||
+                        out != 100 + t)
+                        ++wrong;
+                    if (i % 50 == 0) {
+                        io_service_t again = coprocessor();
+                        if (again != cp) ++wrong;
+                        IOObjectRelease(again);
+                    }
+                }
+            });
+        for (auto &t : threads) t.join();
+        EXPECT_EQ(wrong.load(), 0);
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 1u);
+        IOServiceClose(c);
+        IOObjectRelease(cp);
+    });
+}
+
+}  // namespace
+}  // namespace talvex::test
