@@ -1,0 +1,267 @@
+// Object runtime: retain counts, registered classes, ownership through
+// containers, identity fallbacks, constant strings and thread safety.
+#include "cf_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <thread>
+#include <vector>
+
+using namespace cftest;
+
+namespace {
+
+// A registered class whose instances carry an id and a payload; finalize
+// counts its calls so tests can see exactly when an instance is freed.
+struct Widget {
+    CFRuntimeBase base;
+    int64_t id;
+    uint8_t payload[40];
+};
+
+std::atomic<int> g_widget_finalized{0};
+std::atomic<int> g_widget_inited{0};
+
+void widget_init(CFTypeRef cf) {
+    ++g_widget_inited;
+    // The fields are zero when init runs.
+    auto w = static_cast<Widget *>(const_cast<void *>(cf));
+    for (uint8_t b : w->payload) EXPECT_EQ(b, 0);
+    EXPECT_EQ(w->id, 0);
+}
+void widget_finalize(CFTypeRef) { ++g_widget_finalized; }
+Boolean widget_equal(CFTypeRef a, CFTypeRef b) {
+    return static_cast<const Widget *>(a)->id == static_cast<const Widget *>(b)->id;
+}
+CFHashCode widget_hash(CFTypeRef cf) { return static_cast<CFHashCode>(static_cast<const Widget *>(cf)->id); }
+CFStringRef widget_debug(CFTypeRef cf) {
+    return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("Widget#%lld"),
+                                    static_cast<long long>(static_cast<const Widget *>(cf)->id));
+}
+CFStringRef widget_formatting(CFTypeRef cf, CFDictionaryRef) {
+    return CFStringCreateWithFormat(nullptr, nullptr, CFSTR("w%lld"),
+                                    static_cast<long long>(static_cast<const Widget *>(cf)->id));
+}
+
+const CFRuntimeClass kWidgetClass = {0,           "Widget",    widget_init, nullptr,          widget_finalize,
+                                     widget_equal, widget_hash, widget_formatting, widget_debug};
+// A class with nothing but a name: identity equality and the default description.
+const CFRuntimeClass kBareClass = {0, "BareThing", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
+
+CFTypeID widget_type() {
+    static CFTypeID id = _CFRuntimeRegisterClass(&kWidgetClass);
+    return id;
+}
+
+Widget *make_widget(int64_t id) {
+    auto w = static_cast<Widget *>(const_cast<void *>(
+        _CFRuntimeCreateInstance(nullptr, widget_type(), sizeof(Widget) - sizeof(CFRuntimeBase), nullptr)));
+    if (w != nullptr) w->id = id;
+    return w;
+}
+
+}  // namespace
+
+TEST(CFRuntime, RegisteredClassInstancesHaveTheirFieldsAfterTheHeader) {
+    CFTypeID type = widget_type();
+    ASSERT_NE(type, _kCFRuntimeNotATypeID);
+    EXPECT_EQ(widget_type(), type);
+    int inited = g_widget_inited;
+    Widget *w = make_widget(7);
+    ASSERT_NE(w, nullptr);
+    EXPECT_EQ(g_widget_inited, inited + 1);
+    EXPECT_EQ(CFGetTypeID(w), type);
+    EXPECT_EQ(CFGetRetainCount(w), 1);
+    // Every byte of the fields is usable (the sanitizer catches an overrun).
+    std::memset(w->payload, 0xab, sizeof w->payload);
+    EXPECT_EQ(w->id, 7);
+
+    Owned<CFStringRef> name(CFCopyTypeIDDescription(type));
+    EXPECT_EQ(text(name), "Widget");
+
+    int finalized = g_widget_finalized;
+    CFRetain(w);
+    EXPECT_EQ(CFGetRetainCount(w), 2);
+    CFRelease(w);
+    EXPECT_EQ(g_widget_finalized, finalized);
+    CFRelease(w);
+    EXPECT_EQ(g_widget_finalized, finalized + 1);
+
+    // Unknown classes and nonsense sizes give nothing.
+    EXPECT_EQ(_CFRuntimeCreateInstance(nullptr, 999999, 0, nullptr), nullptr);
+    EXPECT_EQ(_CFRuntimeCreateInstance(nullptr, type, -1, nullptr), nullptr);
+    EXPECT_EQ(_CFRuntimeCreateInstance(nullptr, CFStringGetTypeID(), 0, nullptr), nullptr);
+    EXPECT_EQ(_CFRuntimeRegisterClass(nullptr), _kCFRuntimeNotATypeID);
+    EXPECT_EQ(CFCopyTypeIDDescription(999999), nullptr);
+}
+
+TEST(CFRuntime, TypeIDsAreDistinctAndNamed) {
+    CFTypeID registered = _CFRuntimeRegisterClass(&kBareClass);
+    const std::vector<std::pair<CFTypeID, const char *>> types = {
+        {CFStringGetTypeID(), "CFString"}, {CFNumberGetTypeID(), "CFNumber"},
+        {CFBooleanGetTypeID(), "CFBoolean"}, {CFDataGetTypeID(), "CFData"},
+        {CFArrayGetTypeID(), "CFArray"},   {CFDictionaryGetTypeID(), "CFDictionary"},
+        {CFErrorGetTypeID(), "CFError"},   {CFURLGetTypeID(), "CFURL"},
+        {widget_type(), "Widget"},         {registered, "BareThing"},
+    };
+    std::set<CFTypeID> seen;
+    for (auto [id, name] : types) {
+        EXPECT_NE(id, _kCFRuntimeNotATypeID) << name;
+        EXPECT_TRUE(seen.insert(id).second) << name << " shares its ID";
+        Owned<CFStringRef> desc(CFCopyTypeIDDescription(id));
+        EXPECT_EQ(text(desc), name);
+    }
+    EXPECT_EQ(CFGetTypeID(CFSTR("x")), CFStringGetTypeID());
+    EXPECT_EQ(CFGetTypeID(kCFBooleanTrue), CFBooleanGetTypeID());
+    Owned<CFNumberRef> n(make_int(1));
+    EXPECT_EQ(CFGetTypeID(n), CFNumberGetTypeID());
+}
+
+TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
+    int finalized = g_widget_finalized;
+    Widget *w = make_widget(1);
+    ASSERT_NE(w, nullptr);
+
+    CFMutableArrayRef array = make_array();
+    CFArrayAppendValue(array, w);
+    CFMutableDictionaryRef dict = make_dict();
+    CFDictionarySetValue(dict, CFSTR("w"), w);
+    EXPECT_EQ(CFGetRetainCount(w), 3);
+
+    CFArrayRef array_copy = CFArrayCreateCopy(nullptr, array);
+    CFDictionaryRef dict_copy = CFDictionaryCreateCopy(nullptr, dict);
+    CFMutableArrayRef array_mcopy = CFArrayCreateMutableCopy(nullptr, 0, array_copy);
+    ASSERT_NE(array_copy, nullptr);
+    ASSERT_NE(dict_copy, nullptr);
+    ASSERT_NE(array_mcopy, nullptr);
+    EXPECT_NE(static_cast<CFTypeRef>(array_copy), static_cast<CFTypeRef>(array));
+    EXPECT_EQ(CFArrayGetValueAtIndex(array_copy, 0), w);   // shallow: the same object
+    EXPECT_EQ(CFDictionaryGetValue(dict_copy, CFSTR("w")), w);
+    EXPECT_EQ(CFGetRetainCount(w), 6);
+
+    // An immutable copy of an immutable container is the container itself.
+    CFArrayRef again = CFArrayCreateCopy(nullptr, array_copy);
+    EXPECT_EQ(again, array_copy);
+    CFRelease(again);
+
+    CFRelease(w);   // the containers keep it alive
+    CFRelease(array);
+    CFRelease(dict);
+    CFRelease(array_copy);
+    CFRelease(array_mcopy);
+    EXPECT_EQ(g_widget_finalized, finalized);
+    EXPECT_EQ(CFGetRetainCount(w), 1);
+    CFRelease(dict_copy);
+    EXPECT_EQ(g_widget_finalized, finalized + 1);
+
+    // Removal and replacement release exactly once.
+    Widget *a = make_widget(2);
+    Widget *b = make_widget(3);
+    CFMutableArrayRef m = make_array();
+    CFArrayAppendValue(m, a);
+    CFArraySetValueAtIndex(m, 0, b);
+    EXPECT_EQ(CFGetRetainCount(a), 1);
+    EXPECT_EQ(CFGetRetainCount(b), 2);
+    CFMutableDictionaryRef d = make_dict();
+    CFDictionarySetValue(d, a, b);
+    CFDictionaryRemoveValue(d, a);
+    EXPECT_EQ(CFGetRetainCount(a), 1);
+    EXPECT_EQ(CFGetRetainCount(b), 2);
+    CFRelease(a);
+    CFRelease(b);
+    EXPECT_EQ(g_widget_finalized, finalized + 2);
+    CFRelease(m);
+    CFRelease(d);
+    EXPECT_EQ(g_widget_finalized, finalized + 3);
+}
+
+TEST(CFRuntime, EqualityHashAndDescriptionUseTheClassOrIdentity) {
+    Owned<CFTypeRef> a(make_widget(5));
+    Owned<CFTypeRef> b(make_widget(5));
+    Owned<CFTypeRef> c(make_widget(6));
+    EXPECT_TRUE(CFEqual(a, b));
+    EXPECT_FALSE(CFEqual(a, c));
+    EXPECT_EQ(CFHash(a), CFHash(b));
+    EXPECT_FALSE(CFEqual(a, CFSTR("w5")));   // different types never equal
+    // CFCopyDescription prefers the debug description, %@ the formatting one.
+    EXPECT_EQ(describe(a), "Widget#5");
+    Owned<CFStringRef> formatted(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("[%@]"), a.get()));
+    EXPECT_EQ(text(formatted), "[w5]");
+
+    // Equal widgets are one key in a dictionary.
+    Owned<CFMutableDictionaryRef> d(make_dict());
+    CFDictionarySetValue(d, a, CFSTR("first"));
+    CFDictionarySetValue(d, b, CFSTR("second"));
+    EXPECT_EQ(CFDictionaryGetCount(d), 1);
+    EXPECT_EQ(text(static_cast<CFStringRef>(CFDictionaryGetValue(d, a))), "second");
+
+    CFTypeID bare = _CFRuntimeRegisterClass(&kBareClass);
+    Owned<CFTypeRef> x(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
+    Owned<CFTypeRef> y(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
+    ASSERT_NE(x.get(), nullptr);
+    EXPECT_TRUE(CFEqual(x, x));
+    EXPECT_FALSE(CFEqual(x, y));
+    char expect[64];
+    std::snprintf(expect, sizeof expect, "<BareThing %p>", x.get());
+    EXPECT_EQ(describe(x), expect);
+}
+
+TEST(CFRuntime, ConstantStringsAreInternedAndImmortal) {
+    CFStringRef s = CFSTR("interned text");
+    std::string spelled = std::string("interned ") + "text";   // same text, another address
+    EXPECT_EQ(__CFStringMakeConstantString(spelled.c_str()), s);
+    CFIndex count = CFGetRetainCount(s);
+    for (int i = 0; i < 5; ++i) CFRelease(s);
+    CFRetain(s);
+    EXPECT_EQ(CFGetRetainCount(s), count);
+    EXPECT_EQ(text(s), "interned text");
+    // Booleans and the error constants are immortal too.
+    CFRelease(kCFBooleanTrue);
+    CFRelease(kCFErrorDomainMach);
+    EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue));
+    EXPECT_EQ(CFSTR("NSMachErrorDomain"), kCFErrorDomainMach);
+}
+
+TEST(CFRuntime, RetainCountsAndInterningAreThreadSafe) {
+    int finalized = g_widget_finalized;
+    Widget *w = make_widget(9);
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 50000;
+    std::vector<std::thread> threads;
+    std::vector<CFStringRef> interned(kThreads);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                CFRetain(w);
+                CFRelease(w);
+            }
+            // Each thread spells the same text in its own buffer.
+            for (int i = 0; i < 1000; ++i) {
+                std::string mine = "thread-shared-" + std::to_string(i);
+                CFStringRef s = __CFStringMakeConstantString(mine.c_str());
+                if (i == 999) interned[t] = s;
+            }
+        });
+    }
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(CFGetRetainCount(w), 1);
+    EXPECT_EQ(g_widget_finalized, finalized);
+    CFRelease(w);
+    EXPECT_EQ(g_widget_finalized, finalized + 1);
+    for (CFStringRef s : interned) EXPECT_EQ(s, interned[0]);
+    EXPECT_EQ(text(interned[0]), "thread-shared-999");
+}
+
+TEST(CFRuntimeDeathTest, MisuseAbortsWithAClearMessage) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(CFRetain(nullptr), "CFRetain: called with a null object");
+    EXPECT_DEATH(CFRelease(nullptr), "CFRelease: called with a null object");
+    Owned<CFArrayRef> fixed(CFArrayCreate(nullptr, nullptr, 0, &kCFTypeArrayCallBacks));
+    EXPECT_DEATH(CFArrayGetValueAtIndex(fixed, 0), "CFArrayGetValueAtIndex: index 0 is outside");
+    EXPECT_DEATH(CFArrayAppendValue(const_cast<CFMutableArrayRef>(fixed.get()), CFSTR("x")), "immutable array");
+    EXPECT_DEATH(CFStringGetLength(reinterpret_cast<CFStringRef>(fixed.get())), "is not a CFString");
+}

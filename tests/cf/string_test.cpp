@@ -1,0 +1,168 @@
+// CFString: encodings, UTF-16 length, C-string access, mutation, comparison
+// and the format engine (checked against the C library's snprintf).
+#include "cf_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <sys/types.h>
+
+using namespace cftest;
+
+namespace {
+
+std::string format(CFStringRef fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    Owned<CFStringRef> s(CFStringCreateWithFormatAndArguments(nullptr, nullptr, fmt, args));
+    va_end(args);
+    return text(s);
+}
+
+}  // namespace
+
+// The same directive through snprintf and through the format engine.
+#define EXPECT_LIKE_SNPRINTF(fmt, ...)                                                        \
+    do {                                                                                      \
+        char expect_[4096];                                                                   \
+        std::snprintf(expect_, sizeof expect_, fmt, __VA_ARGS__);                             \
+        EXPECT_EQ(format(CFSTR(fmt), __VA_ARGS__), std::string(expect_)) << "format " << fmt; \
+    } while (0)
+
+TEST(CFStringFormat, OrdinaryConversionsMatchTheCLibrary) {
+    EXPECT_LIKE_SNPRINTF("%d|%i|%5d|%-5d|%05d|%+d|% d|%.3d", 42, -42, 42, 42, -42, 42, 42, 7);
+    EXPECT_LIKE_SNPRINTF("%hhd %hhu %hd %hu %hhx", 300, 300, 70000, 70000, 0x1ff);
+    EXPECT_LIKE_SNPRINTF("%ld %lu %lld %llu %lx", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX, 0xfeedfacecafebeefUL);
+    EXPECT_LIKE_SNPRINTF("%zd %zu %jd %ju %td %tx", static_cast<ssize_t>(-5), SIZE_MAX, INTMAX_MIN, UINTMAX_MAX,
+                         static_cast<ptrdiff_t>(-9), static_cast<ptrdiff_t>(255));
+    EXPECT_LIKE_SNPRINTF("%o %#o %x %#x %X %#X %#.8x %08X", 8u, 8u, 255u, 255u, 255u, 255u, 0x1234u, 0xabcu);
+    EXPECT_LIKE_SNPRINTF("%c|%5c|%-3c|", 'a', 'b', 'c');
+    EXPECT_LIKE_SNPRINTF("%s|%10s|%-10s|%.2s|%5.1s", "abc", "right", "left", "truncate", "xyz");
+    EXPECT_LIKE_SNPRINTF("%p|%20p", static_cast<void *>(&errno), static_cast<void *>(nullptr));
+    EXPECT_LIKE_SNPRINTF("%f %F %e %E %g %G %a %A", 3.25, -1.5, 12345.678, 0.000123, 1e-5, 1e20, 1.0, -0.5);
+    EXPECT_LIKE_SNPRINTF("%.3f|%10.4e|%-12g|%+.0f|%#.0f|%#g|%010.3f", M_PI, M_E, 2.5, 2.5, 3.0, 1.0, -3.14159);
+    EXPECT_LIKE_SNPRINTF("%f %e %g %F", HUGE_VAL, -HUGE_VAL, NAN, HUGE_VAL);
+    EXPECT_LIKE_SNPRINTF("%Lf|%.20Le|%Lg", 1.0L / 3, 2.0L / 3, LDBL_MAX);
+    EXPECT_LIKE_SNPRINTF("%lf %.1lf", 1.25, 9.95);
+    EXPECT_LIKE_SNPRINTF("%ls|%lc|%5ls|%-4lc|", L"wide", static_cast<wint_t>(L'w'), L"ab", static_cast<wint_t>(L'z'));
+    EXPECT_LIKE_SNPRINTF("100%% sure %s", "yes");
+    // Width and precision from arguments, negative ones included.
+    EXPECT_LIKE_SNPRINTF("[%*d|%-*d|%*d]", 6, 1, 6, 2, -6, 3);
+    EXPECT_LIKE_SNPRINTF("[%.*f|%*.*f|%.*d|%.*s]", 2, M_PI, -12, 3, M_PI, -1, 5, 3, "abcdef");
+    EXPECT_LIKE_SNPRINTF("%s %d %s %lld %s %f", "mix", 1, "of", 2LL, "types", 3.5);
+    // Output longer than any fixed buffer.
+    EXPECT_LIKE_SNPRINTF("%600d|%-700s|", 1, "x");
+}
+
+TEST(CFStringFormat, ObjectsNullsAndText) {
+    Owned<CFNumberRef> n(make_int(42));
+    EXPECT_EQ(format(CFSTR("%@ and %@ and %@"), CFSTR("text"), n.get(), kCFBooleanFalse), "text and 42 and false");
+    EXPECT_EQ(format(CFSTR("[%@]"), nullptr), "[(null)]");
+    EXPECT_EQ(format(CFSTR("[%8@|%-6@|%.2@]"), CFSTR("héllo"), CFSTR("ab"), CFSTR("日本語")), "[   héllo|ab    |日本]");
+    // A mutable string's %@ is its text at the time of formatting.
+    Owned<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
+    CFStringAppendCString(m, "grown", kCFStringEncodingUTF8);
+    EXPECT_EQ(format(CFSTR("%@!"), m.get()), "grown!");
+
+    // Wide text beyond ASCII becomes UTF-8.
+    EXPECT_EQ(format(CFSTR("%ls %lc"), L"h\u00e9\U0001F600", static_cast<wint_t>(0x65e5)), "h\u00e9\U0001F600 \u65e5");
+    // Bytes that are not UTF-8 are taken as Latin-1, never lost and never invalid.
+    std::string latin = format(CFSTR("<%s>"), "caf\xe9");
+    EXPECT_EQ(latin, "<caf\u00e9>");
+    // Directives that are not conversions stay as written and consume nothing.
+    EXPECT_EQ(format(CFSTR("%y %d 100%"), 5), "%y 5 100%");
+    EXPECT_EQ(format(CFSTR("%99999999999d|%d"), 7), "%99999999999d|7");
+    // %n stores nothing but still takes its argument.
+    int ignored = 0;
+    EXPECT_EQ(format(CFSTR("a%nb%d"), &ignored, 9), "ab9");
+    EXPECT_EQ(ignored, 0);
+
+    Owned<CFMutableStringRef> out(CFStringCreateMutableCopy(nullptr, 0, CFSTR("log: ")));
+    CFStringAppendFormat(out, nullptr, CFSTR("%s=%#06x %@"), "reg", 0x2a, CFSTR("ok"));
+    EXPECT_EQ(text(out), "log: reg=0x002a ok");
+    EXPECT_EQ(CFStringGetLength(out), 18);
+}
+
+TEST(CFString, LengthIsInUTF16UnitsAndBadBytesAreRefused) {
+    struct Case {
+        const char *utf8;
+        CFIndex units;
+    } cases[] = {{"", 0}, {"plain", 5}, {"h\u00e9llo", 5}, {"\u65e5\u672c", 2}, {"\U0001F600", 2}, {"a\U0001F600b\u00e9", 5}};
+    for (const Case &c : cases) {
+        Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, c.utf8, kCFStringEncodingUTF8));
+        ASSERT_NE(s.get(), nullptr) << c.utf8;
+        EXPECT_EQ(CFStringGetLength(s), c.units) << c.utf8;
+        EXPECT_EQ(text(s), c.utf8);
+    }
+    for (const char *bad : {"\xc3\x28", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\xff"})
+        EXPECT_EQ(CFStringCreateWithCString(nullptr, bad, kCFStringEncodingUTF8), nullptr) << "accepted " << bad;
+    EXPECT_EQ(CFStringCreateWithCString(nullptr, "caf\u00e9", kCFStringEncodingASCII), nullptr);
+    EXPECT_EQ(CFStringCreateWithCString(nullptr, "x", 0x0500), nullptr);   // unsupported encoding
+
+    const uint8_t bytes[] = {0xef, 0xbb, 0xbf, 'a', 0, 'b'};
+    Owned<CFStringRef> with_bom(CFStringCreateWithBytes(nullptr, bytes, 6, kCFStringEncodingUTF8, true));
+    EXPECT_EQ(CFStringGetLength(with_bom), 3);   // BOM dropped, NUL kept
+    Owned<CFStringRef> raw(CFStringCreateWithBytes(nullptr, bytes + 3, 1, kCFStringEncodingASCII, false));
+    EXPECT_EQ(text(raw), "a");
+
+    EXPECT_EQ(CFStringGetMaximumSizeForEncoding(5, kCFStringEncodingUTF8), 15);
+    EXPECT_EQ(CFStringGetMaximumSizeForEncoding(5, kCFStringEncodingASCII), 5);
+    EXPECT_EQ(CFStringGetMaximumSizeForEncoding(LONG_MAX / 2, kCFStringEncodingUTF8), kCFNotFound);
+}
+
+TEST(CFString, CStringAccessRespectsBufferAndEncoding) {
+    char buffer[8];
+    EXPECT_TRUE(CFStringGetCString(CFSTR("hello"), buffer, 6, kCFStringEncodingUTF8));
+    EXPECT_STREQ(buffer, "hello");
+    EXPECT_FALSE(CFStringGetCString(CFSTR("hello"), buffer, 5, kCFStringEncodingUTF8));   // no room for the NUL
+    EXPECT_STREQ(buffer, "");
+    EXPECT_TRUE(CFStringGetCString(CFSTR("h\u00e9"), buffer, 4, kCFStringEncodingUTF8));
+    EXPECT_FALSE(CFStringGetCString(CFSTR("h\u00e9"), buffer, sizeof buffer, kCFStringEncodingASCII));
+    EXPECT_FALSE(CFStringGetCString(CFSTR("x"), buffer, 0, kCFStringEncodingUTF8));
+
+    EXPECT_STREQ(CFStringGetCStringPtr(CFSTR("plain"), kCFStringEncodingASCII), "plain");
+    EXPECT_EQ(CFStringGetCStringPtr(CFSTR("h\u00e9"), kCFStringEncodingASCII), nullptr);
+    EXPECT_STREQ(CFStringGetCStringPtr(CFSTR("h\u00e9"), kCFStringEncodingUTF8), "h\u00e9");
+}
+
+TEST(CFString, MutableStringsAndCopiesAreIndependent) {
+    Owned<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
+    CFStringAppend(m, CFSTR("ab"));
+    CFStringAppendCString(m, "\u00e9", kCFStringEncodingUTF8);
+    CFStringAppendCString(m, "\xff", kCFStringEncodingUTF8);   // invalid: nothing appended
+    CFStringAppendCString(m, "\u00e9", kCFStringEncodingASCII);  // not ASCII: nothing appended
+    EXPECT_EQ(text(m), "ab\u00e9");
+    EXPECT_EQ(CFStringGetLength(m), 3);
+    EXPECT_EQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), nullptr);
+
+    Owned<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
+    for (int i = 0; i < 6; ++i) CFStringAppend(m, m);   // appending itself, across reallocations
+    EXPECT_EQ(CFStringGetLength(m), 3 * 64);
+    EXPECT_EQ(text(frozen), "ab\u00e9");
+    EXPECT_NE(static_cast<CFTypeRef>(frozen.get()), static_cast<CFTypeRef>(m.get()));
+
+    Owned<CFMutableStringRef> copy(CFStringCreateMutableCopy(nullptr, 0, frozen));
+    CFStringAppend(copy, CFSTR("!"));
+    EXPECT_EQ(text(frozen), "ab\u00e9");
+    EXPECT_EQ(text(copy), "ab\u00e9!");
+    EXPECT_FALSE(CFEqual(copy, frozen));
+    Owned<CFStringRef> same(CFStringCreateWithCString(nullptr, "ab\u00e9!", kCFStringEncodingUTF8));
+    EXPECT_TRUE(CFEqual(copy, same));
+    EXPECT_EQ(CFHash(copy), CFHash(same));
+    EXPECT_EQ(describe(copy), "ab\u00e9!");
+}
+
+TEST(CFString, CompareAndPrefix) {
+    EXPECT_EQ(CFStringCompare(CFSTR("abc"), CFSTR("abd"), 0), kCFCompareLessThan);
+    EXPECT_EQ(CFStringCompare(CFSTR("abc"), CFSTR("ab"), 0), kCFCompareGreaterThan);
+    EXPECT_EQ(CFStringCompare(CFSTR("abc"), CFSTR("abc"), 0), kCFCompareEqualTo);
+    EXPECT_EQ(CFStringCompare(CFSTR("z"), CFSTR("\u00e9"), 0), kCFCompareLessThan);   // by code point, not signed bytes
+    EXPECT_TRUE(CFStringHasPrefix(CFSTR("IOReportGroupName"), CFSTR("IOReport")));
+    EXPECT_TRUE(CFStringHasPrefix(CFSTR("abc"), CFSTR("")));
+    EXPECT_FALSE(CFStringHasPrefix(CFSTR("IO"), CFSTR("IOReport")));
+}
