@@ -1,0 +1,87 @@
+// Small helpers for building and inspecting property lists in the tests.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <IOKit/IOCFSerialize.h>
+#include <IOKit/IOCFUnserialize.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace talvex::test {
+
+struct CFReleaser {
+    void operator()(const void *obj) const { CFRelease(obj); }
+};
+using CF = std::unique_ptr<const void, CFReleaser>;
+
+inline CF str(std::string_view text) {
+    return CF(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(text.data()),
+                                      static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
+}
+
+template <typename T>
+CF num(CFNumberType type, T value) {
+    return CF(CFNumberCreate(kCFAllocatorDefault, type, &value));
+}
+
+inline CF cfdata(std::string_view bytes) {
+    return CF(CFDataCreate(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()),
+                           static_cast<CFIndex>(bytes.size())));
+}
+
+inline CFMutableDictionaryRef new_dict() {
+    return CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
+                                     &kCFTypeDictionaryValueCallBacks);
+}
+
+inline CFMutableArrayRef new_array() { return CFArrayCreateMutable(kCFAllocatorDefault, 0, &kCFTypeArrayCallBacks); }
+
+// The serialised bytes (including the final NUL), or "<null>" when
+// serialisation gave nothing.
+inline std::string serialized(CFTypeRef obj, CFOptionFlags options = 0) {
+    CF out(IOCFSerialize(obj, options));
+    if (!out) return "<null>";
+    const auto *d = static_cast<CFDataRef>(out.get());
+    return std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(d)), static_cast<size_t>(CFDataGetLength(d)));
+}
+
+// The serialised text without its NUL (expects exactly one NUL at the end).
+inline std::string xml(CFTypeRef obj) {
+    std::string s = serialized(obj);
+    if (s.empty() || s.back() != '\0') return "<no NUL>" + s;
+    s.pop_back();
+    return s;
+}
+
+inline std::string text_of(CFStringRef s) {
+    if (s == nullptr) return "<null>";
+    const char *p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8);
+    return p != nullptr ? p : "<not UTF-8>";
+}
+
+// Parse result and error text together.
+struct Parsed {
+    CF obj;
+    std::string error;  // empty when no error string was stored
+};
+
+// Parses exactly the bytes of `text` from a heap copy of that size, so that a
+// read past the end is caught by the address sanitizer.
+inline Parsed parse(std::string_view text, CFOptionFlags options = 0) {
+    std::unique_ptr<char[]> copy(new char[text.size()]);
+    std::copy(text.begin(), text.end(), copy.get());
+    CFStringRef err = nullptr;
+    Parsed p;
+    p.obj = CF(IOCFUnserializeWithSize(copy.get(), text.size(), kCFAllocatorDefault, options, &err));
+    if (err != nullptr) {
+        p.error = text_of(err);
+        CFRelease(err);
+    }
+    return p;
+}
+
+}  // namespace talvex::test

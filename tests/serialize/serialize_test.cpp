@@ -1,0 +1,177 @@
+// IOCFSerialize: the exact bytes of the registry's XML dialect.
+#include <gtest/gtest.h>
+
+#include "cf_helpers.h"
+
+using namespace talvex::test;
+
+TEST(Serialize, StartRequestIsTheDictionaryTextAndOneNul) {
+    CF path = str("/fw/image.bin");
+    const void *keys[] = {CFSTR("firmware-image-path")};
+    const void *values[] = {path.get()};
+    CF dict(CFDictionaryCreate(kCFAllocatorDefault, keys, values, 1, &kCFTypeDictionaryKeyCallBacks,
+                               &kCFTypeDictionaryValueCallBacks));
+    const std::string bytes = serialized(dict.get());
+    const std::string text = "<dict><key>firmware-image-path</key><string>/fw/image.bin</string></dict>";
+    EXPECT_EQ(bytes, text + '\0');
+    // 73 characters of text and the NUL.
+    EXPECT_EQ(text.size(), 73u);
+    EXPECT_EQ(bytes.size(), 74u);
+}
+
+TEST(Serialize, OnlyAngleBracketsAndAmpersandAreEscaped) {
+    CFMutableDictionaryRef d = new_dict();
+    CF owner(d);
+    CF key = str("a<b>&c\"d'e");
+    CF value = str("<&>\"' \t\n\xc3\xa9");
+    CFDictionarySetValue(d, key.get(), value.get());
+    EXPECT_EQ(xml(d), "<dict><key>a&lt;b&gt;&amp;c\"d'e</key><string>&lt;&amp;&gt;\"' \t\n\xc3\xa9</string></dict>");
+}
+
+TEST(Serialize, EveryElementKindInDictionaryOrder) {
+    CFMutableDictionaryRef d = new_dict();
+    CF owner(d);
+    CFMutableArrayRef a = new_array();
+    CF array(a);
+    CF s = str("text"), n = num(kCFNumberSInt32Type, int32_t{42}), bytes = cfdata("Man");
+    CF empty_s = str(""), empty_d = cfdata("");
+    CF empty_dict(new_dict()), empty_array(new_array());
+    for (CFTypeRef v : {s.get(), n.get(), bytes.get(), static_cast<CFTypeRef>(kCFBooleanTrue),
+                        static_cast<CFTypeRef>(kCFBooleanFalse), empty_s.get(), empty_d.get(), empty_dict.get(),
+                        empty_array.get()})
+        CFArrayAppendValue(a, v);
+    // Insertion order, not alphabetical order.
+    CFDictionarySetValue(d, CFSTR("z"), a);
+    CFDictionarySetValue(d, CFSTR("a"), kCFBooleanTrue);
+    EXPECT_EQ(xml(d),
+              "<dict><key>z</key><array><string>text</string><integer size=\"32\">0x2a</integer>"
+              "<data>TWFu</data><true/><false/><string></string><data></data><dict></dict><array></array>"
+              "</array><key>a</key><true/></dict>");
+    // A bare leaf is a document of its own.
+    EXPECT_EQ(xml(s.get()), "<string>text</string>");
+    EXPECT_EQ(xml(kCFBooleanFalse), "<false/>");
+}
+
+TEST(Serialize, Base64PadsEveryTailLength) {
+    EXPECT_EQ(xml(cfdata("M").get()), "<data>TQ==</data>");
+    EXPECT_EQ(xml(cfdata("Ma").get()), "<data>TWE=</data>");
+    EXPECT_EQ(xml(cfdata("Man").get()), "<data>TWFu</data>");
+    EXPECT_EQ(xml(cfdata("Many").get()), "<data>TWFueQ==</data>");
+    EXPECT_EQ(xml(cfdata(std::string("\xff\xfe\x00\x3e", 4)).get()), "<data>//4APg==</data>");
+    // Long data stays on one line.
+    EXPECT_EQ(xml(cfdata(std::string(120, 'x')).get()).find('\n'), std::string::npos);
+}
+
+TEST(Serialize, IntegerWidthFollowsTheNumberTypeAndWritesTheBits) {
+    struct Case {
+        CF number;
+        const char *expect;
+    };
+    const Case cases[] = {
+        {num(kCFNumberSInt8Type, int8_t{-1}), "<integer size=\"8\">0xff</integer>"},
+        {num(kCFNumberCharType, char{0x7f}), "<integer size=\"8\">0x7f</integer>"},
+        {num(kCFNumberSInt16Type, int16_t{-2}), "<integer size=\"16\">0xfffe</integer>"},
+        {num(kCFNumberShortType, short{0x1234}), "<integer size=\"16\">0x1234</integer>"},
+        {num(kCFNumberSInt32Type, int32_t{-1}), "<integer size=\"32\">0xffffffff</integer>"},
+        {num(kCFNumberIntType, int{0}), "<integer size=\"32\">0x0</integer>"},
+        {num(kCFNumberSInt64Type, int64_t{-1}), "<integer size=\"64\">0xffffffffffffffff</integer>"},
+        {num(kCFNumberLongType, long{0xabcdef}), "<integer size=\"64\">0xabcdef</integer>"},
+        {num(kCFNumberLongLongType, INT64_MIN), "<integer size=\"64\">0x8000000000000000</integer>"},
+        {num(kCFNumberCFIndexType, CFIndex{-256}), "<integer size=\"64\">0xffffffffffffff00</integer>"},
+        {num(kCFNumberNSIntegerType, long{7}), "<integer size=\"64\">0x7</integer>"},
+    };
+    for (const Case &c : cases) EXPECT_EQ(xml(c.number.get()), c.expect);
+}
+
+TEST(Serialize, ObjectReachedTwiceIsWrittenOnceWithAnId) {
+    // IDs follow the first appearance of each shared object: b (ID 0), then n
+    // inside b (ID 1), then s (ID 2). Keys never take IDs and do not count as
+    // a use: the key object k, used once as a value, is written in full.
+    CF s = str("shared"), n = num(kCFNumberSInt16Type, int16_t{5}), key = str("k");
+    CFMutableDictionaryRef b = new_dict();
+    CF b_owner(b);
+    CFDictionarySetValue(b, key.get(), n.get());
+    CFMutableArrayRef root = new_array();
+    CF root_owner(root);
+    CF once = str("once");
+    for (CFTypeRef v : {once.get(), static_cast<CFTypeRef>(b), s.get(), static_cast<CFTypeRef>(b), s.get(),
+                        n.get(), key.get()})
+        CFArrayAppendValue(root, v);
+    EXPECT_EQ(xml(root),
+              "<array><string>once</string>"
+              "<dict ID=\"0\"><key>k</key><integer size=\"16\" ID=\"1\">0x5</integer></dict>"
+              "<string ID=\"2\">shared</string><dict IDREF=\"0\"/><string IDREF=\"2\"/>"
+              "<integer IDREF=\"1\"/><string>k</string></array>");
+
+    // Equal but distinct objects are each written in full; the boolean
+    // singletons are never referenced.
+    CFMutableArrayRef twins = new_array();
+    CF twins_owner(twins);
+    CF a1 = str("same"), a2 = str("same"), d1 = cfdata("xy"), d2 = cfdata("xy");
+    for (CFTypeRef v : {a1.get(), a2.get(), d1.get(), d2.get(), static_cast<CFTypeRef>(kCFBooleanTrue),
+                        static_cast<CFTypeRef>(kCFBooleanTrue)})
+        CFArrayAppendValue(twins, v);
+    EXPECT_EQ(xml(twins),
+              "<array><string>same</string><string>same</string><data>eHk=</data><data>eHk=</data>"
+              "<true/><true/></array>");
+}
+
+TEST(Serialize, UnsupportedInputGivesNothing) {
+    CF s = str("x");
+    EXPECT_EQ(serialized(s.get(), 1), "<null>");
+    EXPECT_EQ(serialized(nullptr), "<null>");
+    CF f32 = num(kCFNumberFloat32Type, 1.5f), f64 = num(kCFNumberDoubleType, 2.0);
+    EXPECT_EQ(serialized(f32.get()), "<null>");
+    EXPECT_EQ(serialized(f64.get()), "<null>");
+    // A NUL inside a string would end the text: refused, not cut short.
+    CF with_nul = str(std::string_view("a\0b", 3));
+    ASSERT_TRUE(with_nul);
+    EXPECT_EQ(serialized(with_nul.get()), "<null>");
+
+    // A float deep inside, a key that is not a string, an object of another type.
+    CFMutableArrayRef outer = new_array();
+    CF outer_owner(outer);
+    CFMutableDictionaryRef inner = new_dict();
+    CF inner_owner(inner);
+    CFArrayAppendValue(outer, inner);
+    CFDictionarySetValue(inner, CFSTR("f"), f64.get());
+    EXPECT_EQ(serialized(outer), "<null>");
+    CFDictionaryRemoveAllValues(inner);
+    CF num_key = num(kCFNumberSInt32Type, 1);
+    CFDictionarySetValue(inner, num_key.get(), s.get());
+    EXPECT_EQ(serialized(outer), "<null>");
+    CFDictionaryRemoveAllValues(inner);
+    CF error(CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, 2, nullptr));
+    CFDictionarySetValue(inner, CFSTR("e"), error.get());
+    EXPECT_EQ(serialized(outer), "<null>");
+    CFDictionaryRemoveAllValues(inner);
+    EXPECT_EQ(xml(outer), "<array><dict></dict></array>");
+}
+
+TEST(Serialize, ContainerInsideItselfGivesNothing) {
+    CFMutableArrayRef a = new_array();
+    CFMutableArrayRef b = new_array();
+    CFArrayAppendValue(a, b);
+    CFArrayAppendValue(b, a);
+    EXPECT_EQ(serialized(a), "<null>");
+    CFArrayRemoveAllValues(b);  // break the cycle so both can be freed
+    CFRelease(b);
+    CFRelease(a);
+}
+
+TEST(Serialize, NestingIsLimitedTo128Containers) {
+    auto nested = [](int depth) {
+        CF leaf = str("x");
+        CF current(CFRetain(leaf.get()));
+        for (int i = 0; i < depth; ++i) {
+            CFMutableArrayRef a = new_array();
+            CFArrayAppendValue(a, current.get());
+            current.reset(a);
+        }
+        return current;
+    };
+    CF ok = nested(128), too_deep = nested(129);
+    const std::string text = xml(ok.get());
+    EXPECT_EQ(text.rfind("<array>", std::string::npos), 127u * 7);
+    EXPECT_EQ(serialized(too_deep.get()), "<null>");
+}
