@@ -41,6 +41,11 @@ inline constexpr uint32_t kCoprocessorSelectorCount = 41;
 // Declares selectors 0 to 40 with their argument shapes.
 void define_coprocessor_methods(MethodTable &table);
 
+class Coprocessor;
+
+// Behaviour per area (sim/model_<area>.cpp), installed by the constructor.
+void install_lifecycle_methods(Coprocessor &cop);   // 0-4, 10, 15, 17, 18, 31, 33, 40
+
 class Coprocessor final : public ServiceModel {
 public:
     Coprocessor(Simulation &sim, Service &service);
