@@ -59,3 +59,34 @@ int TalvexCmdTimesync(int argc, char *argv[]);
 int TalvexCmdGetState(int argc, char *argv[]);
 
 // monitor: TalvexMonitor (talvex_client.h)
+
+// ---------------------------------------------------------------------------
+// Bus and memory access commands.
+
+// registers.cpp
+int TalvexCmdReadReg(int argc, char *argv[]);
+int TalvexCmdWriteReg(int argc, char *argv[]);
+int TalvexCmdBB(int argc, char *argv[]);
+int TalvexCmdCma(int argc, char *argv[]);
+// spi_i2c.cpp
+int TalvexCmdSpi(int argc, char *argv[]);
+int TalvexCmdI2C(int argc, char *argv[]);
+// memory.cpp
+int TalvexCmdMem(int argc, char *argv[]);
+int TalvexCmdGpio(int argc, char *argv[]);
+int TalvexCmdPmu(int argc, char *argv[]);
+// properties.cpp
+int TalvexCmdGet(int argc, char *argv[]);
+int TalvexCmdSet(int argc, char *argv[]);
+// uart.cpp
+int TalvexCmdUart(int argc, char *argv[]);
+
+// bus.cpp: the driver calls these commands make themselves. A failed call is
+// reported here ("result == 0 ", as a client operation reports its own) and
+// the command reports it once more.
+IOReturn TalvexBusStructCall(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
+                             void *output, size_t *output_size);
+IOReturn TalvexBusScalarCall(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count,
+                             uint64_t *output, uint32_t *output_count);
+// A hexadecimal word cut to one byte ("1ff" is 0xff).
+uint8_t TalvexParseHexByte(const char *word);

@@ -1,0 +1,129 @@
+// Register access commands: readreg, writereg, bb, cma.
+#include "talvexctl.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr size_t kRegisterBufferSize = 16;
+constexpr size_t kReadRegRequestSize = 3;    // device, address, count
+constexpr size_t kWriteRegRequestSize = 19;  // device, address, count, 16 data bytes
+constexpr size_t kCmaBufferSize = 256;
+
+}  // namespace
+
+// readreg <device> <addr> <len>: selector 6, request {device, addr, len},
+// up to 16 register bytes back, dumped over the length asked.
+int TalvexCmdReadReg(int argc, char *argv[]) {
+    if (argc != 4) {
+        TALVEX_ASSERT_REPORT("argc == 4", "", 0);
+        return 1;
+    }
+    uint8_t device = TalvexDeviceLookup(argv[1]);
+    if (device == kTalvexNoDevice) {
+        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
+        return 1;
+    }
+    uint8_t address = TalvexParseHexByte(argv[2]);
+    uint8_t len = TalvexParseHexByte(argv[3]);
+    uint8_t buffer[kRegisterBufferSize];
+    if (len > sizeof(buffer)) {
+        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
+        return 1;
+    }
+    std::memset(buffer, 0xff, sizeof buffer);
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    uint8_t request[kReadRegRequestSize] = {device, address, len};
+    size_t reply_size = len;
+    IOReturn result = TalvexBusStructCall(talvex, kTalvexReadReg, request, sizeof request, buffer, &reply_size);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    } else {
+        TalvexHexDump(buffer, len);
+    }
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+// writereg <device> <addr> <byte0> [<byte1> ...]: selector 7, always 19 bytes.
+int TalvexCmdWriteReg(int argc, char *argv[]) {
+    if (argc < 4) {
+        TALVEX_ASSERT_REPORT("argc >= 4", "", 0);
+        return 1;
+    }
+    uint8_t device = TalvexDeviceLookup(argv[1]);
+    if (device == kTalvexNoDevice) {
+        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
+        return 1;
+    }
+    uint8_t address = TalvexParseHexByte(argv[2]);
+    uint8_t buffer[kRegisterBufferSize] = {};
+    int len = argc - 3;
+    if (static_cast<size_t>(len) > sizeof(buffer)) {
+        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
+        return 1;
+    }
+    for (int i = 0; i < len; ++i) buffer[i] = TalvexParseHexByte(argv[3 + i]);
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    uint8_t request[kWriteRegRequestSize] = {};
+    request[0] = device;
+    request[1] = address;
+    request[2] = static_cast<uint8_t>(len);
+    std::memcpy(request + 3, buffer, sizeof buffer);
+    IOReturn result = TalvexBusStructCall(talvex, kTalvexWriteReg, request, sizeof request, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+// bb <context_max>: selector 8 with the number as an unsigned 32-bit scalar.
+int TalvexCmdBB(int argc, char *argv[]) {
+    if (argc != 2) {
+        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
+        return 1;
+    }
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    // As atoi reads it: decimal, no base prefix, cut to an int.
+    auto context_max = static_cast<uint32_t>(static_cast<int>(TalvexParseDec(argv[1])));
+    uint64_t input[1] = {context_max};
+    IOReturn result = TalvexBusScalarCall(talvex, kTalvexBB, input, 1, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+// cma [<byte0> ...]: selector 9 with the bytes themselves as the structure,
+// empty when none are given.
+int TalvexCmdCma(int argc, char *argv[]) {
+    uint8_t buffer[kCmaBufferSize];
+    size_t len = argc > 1 ? static_cast<size_t>(argc - 1) : 0;
+    if (len > sizeof(buffer)) {
+        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
+        return 1;
+    }
+    for (size_t i = 0; i < len; ++i) buffer[i] = TalvexParseHexByte(argv[1 + i]);
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    IOReturn result = TalvexBusStructCall(talvex, kTalvexCma, buffer, len, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}

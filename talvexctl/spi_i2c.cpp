@@ -1,0 +1,191 @@
+// SPI and I2C commands: spi, i2c.
+#include "talvexctl.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// spi: the handler's buffers lie one after the other, so that a read dump
+// longer than the reply area runs on through the data area into the request
+// buffer that the driver answers in.
+constexpr size_t kSpiReplyAreaSize = 16;
+constexpr size_t kSpiDataSize = 125;
+constexpr size_t kSpiHeaderSize = 3;   // chip select, input length, output length
+constexpr size_t kSpiRequestSize = kSpiHeaderSize + kSpiDataSize;
+constexpr size_t kSpiDataOffset = kSpiReplyAreaSize;
+constexpr size_t kSpiRequestOffset = kSpiDataOffset + kSpiDataSize;
+constexpr size_t kSpiAreaSize = kSpiRequestOffset + kSpiRequestSize;
+
+constexpr size_t kI2CBufferSize = 16;
+
+int i2c_read(const char *port_word, const char *address_word, const char *reg_word, const char *len_word) {
+    uint8_t port = TalvexParseHexByte(port_word);
+    uint8_t address = TalvexParseHexByte(address_word);
+    uint8_t reg = reg_word ? TalvexParseHexByte(reg_word) : 0;
+    uint8_t len = TalvexParseHexByte(len_word);
+    uint8_t buffer[kI2CBufferSize];
+    if (len > sizeof(buffer)) {
+        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
+        return 1;
+    }
+    std::memset(buffer, 0xff, sizeof buffer);
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    IOReturn result = TalvexI2CRead(talvex, port, address, reg_word ? &reg : nullptr, buffer, len);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    } else {
+        TalvexHexDump(buffer, len);
+    }
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+// `words` are the data words, `count` of them.
+int i2c_write(const char *port_word, const char *address_word, const char *reg_word, char *words[], int count) {
+    uint8_t port = TalvexParseHexByte(port_word);
+    uint8_t address = TalvexParseHexByte(address_word);
+    uint8_t reg = reg_word ? TalvexParseHexByte(reg_word) : 0;
+    uint8_t buffer[kI2CBufferSize] = {};
+    // Words past the buffer are refused below, whatever they hold.
+    for (int i = 0; i < count && static_cast<size_t>(i) < sizeof(buffer); ++i) buffer[i] = TalvexParseHexByte(words[i]);
+    auto len = static_cast<uint32_t>(count);
+    if (len > sizeof(buffer)) {
+        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
+        return 1;
+    }
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    IOReturn result = TalvexI2CWrite(talvex, port, address, reg_word ? &reg : nullptr, buffer, len);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+}  // namespace
+
+// spi read <cs> [<byte0> ...] <len> | spi write <cs> [<byte0> ...]
+//
+// Read form: the output length is the second-to-last word, the data area
+// takes words 4 onward and the input length is one more than that, so the
+// last byte sent is the data area's 0xff fill. Write form: the input length
+// is count-2, from word 4 onward; the one byte without a word is 0. The
+// read form dumps from the reply area, not from the driver's reply.
+int TalvexCmdSpi(int argc, char *argv[]) {
+    if (argc < 4) {
+        TALVEX_ASSERT_REPORT("argc > 3", "", 0);
+        return 1;
+    }
+    bool read;
+    if (std::strcmp(argv[1], "read") == 0) {
+        read = true;
+    } else if (std::strcmp(argv[1], "write") == 0) {
+        read = false;
+    } else {
+        TALVEX_ASSERT_REPORT("", "expected 'read' or 'write'", 0);
+        return 1;
+    }
+
+    uint8_t area[kSpiAreaSize];
+    std::memset(area, 0xff, kSpiRequestOffset);
+    std::memset(area + kSpiRequestOffset, 0, kSpiRequestSize);
+    uint8_t *data = area + kSpiDataOffset;
+    uint8_t *request = area + kSpiRequestOffset;
+
+    uint8_t output_length = 0;
+    uint8_t input_length;
+    if (read) {
+        output_length = TalvexParseHexByte(argv[argc - 2]);
+        auto count = static_cast<size_t>(argc - 4);
+        for (size_t i = 0; i < count && i < kSpiDataSize; ++i) data[i] = TalvexParseHexByte(argv[4 + i]);
+        input_length = static_cast<uint8_t>(argc - 3);
+    } else {
+        auto count = static_cast<size_t>(argc - 3);
+        for (size_t i = 0; i < count && i < kSpiDataSize; ++i)
+            data[i] = 4 + i < static_cast<size_t>(argc) ? TalvexParseHexByte(argv[4 + i]) : 0;
+        input_length = static_cast<uint8_t>(argc - 2);
+    }
+    if (input_length == 0 && output_length == 0) {
+        TALVEX_ASSERT_REPORT("inputLength > 0 || outputLength > 0", "", 0);
+        return 1;
+    }
+
+    // A plain number is the chip select; a device's own is 0x80 | its identifier.
+    uint8_t device = TalvexDeviceLookup(argv[1]);
+    uint8_t chip_select =
+        device != kTalvexNoDevice ? static_cast<uint8_t>(0x80 | device) : TalvexParseHexByte(argv[2]);
+
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    if (input_length > kSpiDataSize) {
+        TALVEX_ASSERT_REPORT("inputLength <= sizeof(dataBuffer)", "", 0);
+        TalvexClose(talvex);
+        return 1;
+    }
+    request[0] = chip_select;
+    request[1] = input_length;
+    request[2] = 0;   // the output length has no field value of its own
+    std::memcpy(request + kSpiHeaderSize, data, input_length);
+    size_t reply_size = kSpiRequestSize;
+    IOReturn result =
+        TalvexBusStructCall(talvex, kTalvexSpi, request, kSpiHeaderSize + input_length, request, &reply_size);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    } else if (read) {
+        TalvexHexDump(area, output_length);
+    }
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+// i2c read <port> <addr> <len> | write <port> <addr> <data> ... |
+//     readreg <port> <addr> <reg> <len> | writereg <port> <addr> <reg> <data> ...
+int TalvexCmdI2C(int argc, char *argv[]) {
+    if (argc < 3) {
+        TALVEX_ASSERT_REPORT("argc > 2", "", 0);
+        return 1;
+    }
+    const char *form = argv[1];
+    if (std::strcmp(form, "read") == 0) {
+        if (argc != 5) {
+            TALVEX_ASSERT_REPORT("argc == 5", "", 0);
+            return 1;
+        }
+        return i2c_read(argv[2], argv[3], nullptr, argv[4]);
+    }
+    if (std::strcmp(form, "readreg") == 0) {
+        if (argc != 6) {
+            TALVEX_ASSERT_REPORT("argc == 6", "", 0);
+            return 1;
+        }
+        return i2c_read(argv[2], argv[3], argv[4], argv[5]);
+    }
+    if (std::strcmp(form, "write") == 0) {
+        if (argc < 5) {
+            TALVEX_ASSERT_REPORT("argc >= 5", "", 0);
+            return 1;
+        }
+        return i2c_write(argv[2], argv[3], nullptr, argv + 4, argc - 4);
+    }
+    if (std::strcmp(form, "writereg") == 0) {
+        if (argc < 6) {
+            TALVEX_ASSERT_REPORT("argc >= 6", "", 0);
+            return 1;
+        }
+        return i2c_write(argv[2], argv[3], argv[4], argv + 5, argc - 5);
+    }
+    std::printf("Unknown command: %s\n", form);
+    return 1;
+}
