@@ -27,7 +27,9 @@ namespace talvex::sim {
 class Server final : public Outbox {
 public:
     static constexpr size_t kPauseOutput = 1u << 20;
-    static constexpr size_t kMaxPendingOutput = 4 * static_cast<size_t>(wire::kMaxFrame);
+    // A paused client can still be owed one largest reply; beyond that, what
+    // piles up is events it does not read.
+    static constexpr size_t kMaxPendingOutput = 2 * static_cast<size_t>(wire::kMaxFrame) + kPauseOutput;
     static constexpr size_t kMaxClients = 1000;
 
     explicit Server(std::unique_ptr<Clock> clock = nullptr);

@@ -6,7 +6,7 @@
 //   open:  {"service":S,"open":TYPE,"result":N}
 //
 // Scalars and return codes print as unsigned decimal numbers (a code is its
-// 32-bit pattern, so 0xe00002c2 prints as 3758096066). Property values print
+// 32-bit pattern, so 0xe00002c2 prints as 3758097090). Property values print
 // as JSON: numbers, strings, true/false, data as a lower-case hex string,
 // arrays and objects.
 #pragma once

@@ -1,0 +1,221 @@
+// Hostile and broken clients: whatever they do, the simulator keeps serving
+// everyone else and still shuts down cleanly (under the sanitizers, with no leak).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <random>
+
+#include "harness.h"
+#include "sim_client.h"
+
+using namespace talvex;
+using namespace talvex::test;
+
+namespace {
+
+constexpr int32_t kBadArgument = static_cast<int32_t>(0xe00002c2);
+
+// A well-behaved client is served promptly.
+void expect_served(const Simulator &sim) {
+    RawClient good(sim.socket());
+    ASSERT_TRUE(good.connected());
+    wire::Writer none;
+    auto f = good.request(wire::Op::Generation, none);
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->code, 0);
+    EXPECT_EQ(good.service("ZantraTalvexProcessor") != 0, true);
+}
+
+// True when the simulator closed the connection (end of stream) within the timeout.
+bool closed_by_peer(RawClient &c) {
+    pollfd p{c.fd(), POLLIN, 0};
+    if (poll(&p, 1, 5000) <= 0) return false;
+    char b;
+    return recv(c.fd(), &b, 1, 0) == 0;
+}
+
+std::vector<uint8_t> frame_header(uint32_t len, uint16_t op, uint32_t seq) {
+    wire::Writer w;
+    w.u32(len);
+    w.u16(op);
+    w.u16(0);
+    w.u32(seq);
+    return w.take();
+}
+
+}  // namespace
+
+TEST(SimAttack, ImpossibleFramesCloseOnlyThatClient) {
+    Simulator sim;
+    RawClient bystander(sim.socket());
+    uint32_t conn = bystander.open(bystander.service("ZantraTalvexProcessor"), 0);
+    ASSERT_NE(conn, 0u);
+
+    {   // a length far beyond kMaxFrame
+        RawClient c(sim.socket());
+        const uint8_t huge[] = {0xff, 0xff, 0xff, 0xff, 1, 0, 0, 0};
+        ASSERT_TRUE(c.send_bytes(huge));
+        EXPECT_TRUE(closed_by_peer(c));
+    }
+    {   // just over kMaxFrame
+        RawClient c(sim.socket());
+        ASSERT_TRUE(c.send_bytes(frame_header(wire::kMaxFrame + 1, 1, 1)));
+        EXPECT_TRUE(closed_by_peer(c));
+    }
+    {   // shorter than a request header
+        RawClient c(sim.socket());
+        const uint8_t tiny[] = {4, 0, 0, 0, 1, 0, 0, 0};
+        ASSERT_TRUE(c.send_bytes(tiny));
+        EXPECT_TRUE(closed_by_peer(c));
+    }
+    {   // random garbage: whatever it parses as, the connection ends or is answered, never hangs the server
+        std::mt19937 rng(1234);
+        std::vector<uint8_t> junk(4096);
+        for (auto &b : junk) b = static_cast<uint8_t>(rng());
+        RawClient c(sim.socket());
+        c.send_bytes(junk);
+        expect_served(sim);
+    }
+    // The bystander's user client is still open and working.
+    EXPECT_EQ(bystander.call(conn, 4, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimAttack, MalformedBodiesGetErrorReplies) {
+    Simulator sim;
+    RawClient c(sim.socket());
+    uint64_t cp = c.service("ZantraTalvexProcessor");
+    // Every op with an empty (too short) body, and with one byte too many.
+    for (uint16_t op = 1; op <= 14; ++op) {
+        if (op == static_cast<uint16_t>(wire::Op::Generation)) continue;   // its body is empty
+        auto f = c.request(static_cast<wire::Op>(op), std::span<const uint8_t>());
+        ASSERT_TRUE(f) << op;
+        EXPECT_EQ(f->code, kBadArgument) << op;
+    }
+    wire::Writer extra;
+    extra.u64(cp);
+    extra.u8(0);
+    EXPECT_EQ(c.request(wire::Op::EntryInfo, extra)->code, kBadArgument);
+    // Lengths that lie: a blob claiming more than the frame holds, too many scalars.
+    wire::Writer lying;
+    lying.u32(0x7fffffff);
+    EXPECT_EQ(c.request(wire::Op::Match, lying)->code, kBadArgument);
+    wire::Writer scalars;
+    scalars.u32(1);
+    scalars.u32(0);
+    scalars.u32(1000000);
+    EXPECT_EQ(c.request(wire::Op::Call, scalars)->code, kBadArgument);
+    wire::Writer words;
+    words.u32(0xffffffff);
+    EXPECT_EQ(c.request(wire::Op::Control, words)->code, kBadArgument);
+    // Unknown ops and replies sent as requests are unsupported, answered with the same seq.
+    EXPECT_EQ(c.request(static_cast<wire::Op>(99), std::span<const uint8_t>())->code,
+              static_cast<int32_t>(kIOReturnUnsupported));
+    // A connection or notification that is not this client's.
+    RawClient other(sim.socket());
+    uint32_t conn = other.open(cp, 0);
+    ASSERT_NE(conn, 0u);
+    EXPECT_EQ(c.call(conn, 4, {}, {}, 0, 0, false).code, kBadArgument);
+    EXPECT_EQ(other.call(conn, 4, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimAttack, PartialFramesAndDeadClientsLeaveOthersServed) {
+    Simulator sim;
+    {   // a truncated frame, then disconnect
+        RawClient c(sim.socket());
+        auto frame = wire::make_request(wire::Op::Generation, 1, {});
+        c.send_bytes(std::span(frame).first(6));
+    }
+    {   // a frame that arrives in single bytes is still one frame
+        RawClient c(sim.socket());
+        wire::Writer w;
+        w.u64(c.service("ZantraTalvexProcessor"));
+        auto frame = wire::make_request(wire::Op::EntryInfo, 77, w.data());
+        for (uint8_t b : frame) c.send_bytes(std::span(&b, 1));
+        auto f = c.read_frame();
+        ASSERT_TRUE(f);
+        EXPECT_EQ(f->seq, 77u);
+        EXPECT_EQ(f->code, 0);
+    }
+    // A client process killed in the middle of a frame, with a user client and an interest open.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        RawClient c(sim.socket());
+        uint64_t cp = c.service("ZantraTalvexProcessor");
+        c.open(cp, 0);
+        c.add_interest(cp);
+        auto frame = wire::make_request(wire::Op::Generation, 9, {});
+        c.send_bytes(std::span(frame).first(5));
+        raise(SIGKILL);
+    }
+    int st = 0;
+    waitpid(child, &st, 0);
+    EXPECT_TRUE(WIFSIGNALED(st));
+    // Its registration is gone with it: notifying reaches nobody and fails nothing.
+    EXPECT_EQ(sim.control({"notify", "0xe0000130", "--value", "1"}).status, 0);
+    expect_served(sim);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimAttack, ClientsThatDoNotReadCannotStallOthers) {
+    Simulator sim;
+    // One client pipelines requests and never reads a reply: it is paused, not served ahead of others.
+    RawClient pipeliner(sim.socket());
+    fcntl(pipeliner.fd(), F_SETFL, O_NONBLOCK);
+    uint64_t cp = pipeliner.service("ZantraTalvexProcessor");
+    wire::Writer all;
+    all.u64(cp);
+    auto request = wire::make_request(wire::Op::GetProperties, 1, all.data());
+    std::vector<uint8_t> batch;
+    for (int i = 0; i < 256; ++i) batch.insert(batch.end(), request.begin(), request.end());
+    size_t sent_total = 0;
+    for (int round = 0; round < 2000; ++round) {
+        ssize_t n = send(pipeliner.fd(), batch.data(), batch.size(), MSG_NOSIGNAL);
+        if (n <= 0) break;
+        sent_total += static_cast<size_t>(n);
+    }
+    EXPECT_GT(sent_total, 0u);
+    expect_served(sim);
+
+    // Another registers for events and never reads them; a flood of large
+    // events disconnects it once too much is queued, and nobody else notices.
+    RawClient sleeper(sim.socket());
+    ASSERT_NE(sleeper.add_interest(cp), 0u);
+    RawClient driver(sim.socket());
+    std::string hex(2u << 20, 'a');   // 1 MiB of data per event
+    bool dropped = false;
+    for (int i = 0; i < 100 && !dropped; ++i) {
+        auto f = control(driver, {"notify", "1", "--data", hex});
+        ASSERT_TRUE(f);
+        ASSERT_EQ(f->code, 0);
+        if (i > 30) {
+            pollfd p{sleeper.fd(), POLLIN, 0};
+            dropped = poll(&p, 1, 0) > 0 && (p.revents & (POLLHUP | POLLERR));
+        }
+    }
+    EXPECT_TRUE(dropped);
+    expect_served(sim);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+    EXPECT_NE(sim.log().find("does not read"), std::string::npos) << sim.log();
+}
+
+TEST(SimAttack, PipelinedRequestsAreAnsweredInOrder) {
+    Simulator sim;
+    RawClient c(sim.socket());
+    std::vector<uint8_t> batch;
+    for (uint32_t seq = 1; seq <= 500; ++seq) {
+        auto f = wire::make_request(wire::Op::Generation, seq, {});
+        batch.insert(batch.end(), f.begin(), f.end());
+    }
+    ASSERT_TRUE(c.send_bytes(batch));
+    for (uint32_t seq = 1; seq <= 500; ++seq) {
+        auto f = c.read_frame();
+        ASSERT_TRUE(f);
+        ASSERT_EQ(f->seq, seq);
+    }
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}

@@ -1,0 +1,216 @@
+// The talvexsim command line: control-command errors, run/shell, and how
+// serve guards its socket.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <thread>
+
+#include "harness.h"
+#include "sim_client.h"
+
+using namespace talvex;
+using namespace talvex::test;
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir() {
+        char tmpl[] = "/tmp/talvexsim-test-XXXXXX";
+        path = mkdtemp(tmpl) ? tmpl : "";
+    }
+    ~TempDir() {
+        std::string cmd = "rm -rf '" + path + "'";
+        if (std::system(cmd.c_str()) != 0) {
+        }
+    }
+};
+
+bool wait_for_socket(const std::string &path) {
+    for (int i = 0; i < 1000; ++i) {
+        RawClient c(path);
+        if (c.connected()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(SimCli, ControlCommandErrorsAreOneLineNamingTheProblem) {
+    Simulator sim;
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"stub", "--selectr", "6"}, "--selectr"},
+        {{"stub", "--selector", "abc"}, "'abc'"},
+        {{"stub", "--selector", "0x1ffffffff"}, "0x1ffffffff"},
+        {{"stub", "--selector"}, "missing value for --selector"},
+        {{"stub", "--code", "1"}, "--selector"},
+        {{"stub", "--open"}, "--code"},
+        {{"stub", "--open", "--code", "1", "--selector", "3"}, "--selector"},
+        {{"stub", "--selector", "1", "--times", "0"}, "--times"},
+        {{"stub", "--selector", "1", "--output", "abc"}, "'abc'"},
+        {{"stub", "--selector", "1", "--service", "Nope"}, "Nope"},
+        {{"notify"}, "missing message type"},
+        {{"notify", "1", "--value", "1", "--data", "00"}, "exclude"},
+        {{"notify", "1", "--value", "x1"}, "'x1'"},
+        {{"property", "set", "k"}, "missing value"},
+        {{"property", "set", "k", "12x"}, "'12x'"},
+        {{"property", "set", "k", "2", "--type", "bool"}, "'2'"},
+        {{"property", "set", "k", "1", "--type", "float"}, "'float'"},
+        {{"property", "set", "--service", "Nope", "k", "1"}, "Nope"},
+        {{"property", "delete", "absent"}, "absent"},
+        {{"property"}, "missing subcommand"},
+        {{"service", "unpublish", "Nope"}, "Nope"},
+        {{"service", "hide", "X"}, "'hide'"},
+        {{"trace", "extra"}, "'extra'"},
+        {{"bogus"}, "'bogus'"},
+    };
+    for (auto &[args, needle] : cases) {
+        auto r = sim.control(args);
+        std::string what = args[0] + (args.size() > 1 ? " " + args[1] : "");
+        EXPECT_EQ(r.status, 1) << what;
+        EXPECT_EQ(lines(r.err).size(), 1u) << what << ": " << r.err;
+        EXPECT_NE(r.err.find(needle), std::string::npos) << what << ": " << r.err;
+        EXPECT_EQ(r.err.rfind("talvexsim: ", 0), 0u) << r.err;
+        EXPECT_TRUE(r.out.empty()) << what;
+    }
+    // Nothing that failed left a stub or an edit behind.
+    RawClient c(sim.socket());
+    uint32_t conn = c.open(c.service("ZantraTalvexProcessor"), 0);
+    EXPECT_EQ(c.call(conn, 1, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+
+    TempDir dir;
+    std::string nowhere = dir.path + "/none.sock";
+    auto r = run({talvexsim_path(), "--socket", nowhere, "trace"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "talvexsim: no simulator at " + nowhere + "\n");
+}
+
+TEST(SimCli, SocketOptionHelpAndUsage) {
+    Simulator sim;
+    // --socket before or after the command, or the environment.
+    EXPECT_EQ(run({talvexsim_path(), "stub", "--selector", "4", "--socket", sim.socket()}).status, 0);
+    EXPECT_EQ(run({talvexsim_path(), "trace"}, sim.env()).status, 0);
+
+    auto r = run({talvexsim_path(), "--help"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("usage: talvexsim", 0), 0u);
+    for (std::string cmd : {"serve", "run", "shell", "trace", "stub", "notify", "property", "service"}) {
+        r = run({talvexsim_path(), cmd, "--help"});
+        EXPECT_EQ(r.status, 0) << cmd;
+        EXPECT_EQ(r.out.rfind("usage: talvexsim", 0), 0u) << cmd << ": " << r.out;
+    }
+    r = run({talvexsim_path()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lines(r.err).size(), 1u);
+    r = run({talvexsim_path(), "serve", "extra"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lines(r.err).size(), 1u);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimCli, RunAndShellUseAPrivateSimulator) {
+    // The command sees the socket, can steer the simulator, and its status is ours.
+    auto r = run({talvexsim_path(), "run", "--", "/bin/sh", "-c",
+                  "\"$0\" stub --selector 4 && \"$0\" trace && echo \"$TALVEX_SIM_SOCKET\"; exit 3", talvexsim_path()});
+    EXPECT_EQ(r.status, 3) << r.err;
+    ASSERT_EQ(lines(r.out).size(), 1u) << r.out;
+    std::string socket = lines(r.out)[0];
+    EXPECT_EQ(socket.rfind("/tmp/", 0), 0u);
+    struct stat st;
+    EXPECT_NE(stat(socket.substr(0, socket.rfind('/')).c_str(), &st), 0) << "private directory left behind";
+    EXPECT_TRUE(r.err.empty()) << r.err;
+
+    EXPECT_EQ(run({talvexsim_path(), "run", "--", "/no/such/program"}).status, 127);
+    EXPECT_EQ(run({talvexsim_path(), "run"}).status, 1);
+
+    r = run({talvexsim_path(), "shell"}, {{"SHELL", "/bin/sh"}}, "echo \"sock=$TALVEX_SIM_SOCKET\"\nexit 5\n");
+    EXPECT_EQ(r.status, 5);
+    EXPECT_EQ(r.out.rfind("sock=/tmp/", 0), 0u) << r.out;
+}
+
+TEST(SimCli, ServeGuardsItsSocket) {
+    TempDir dir;
+    ASSERT_FALSE(dir.path.empty());
+
+    // A directory that others can enter or write is refused.
+    std::string open_dir = dir.path + "/open";
+    ASSERT_EQ(mkdir(open_dir.c_str(), 0700), 0);
+    chmod(open_dir.c_str(), 0770);
+    auto r = run({talvexsim_path(), "serve", "--socket", open_dir + "/s.sock"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(lines(r.err).size(), 1u);
+    EXPECT_NE(r.err.find("refusing"), std::string::npos) << r.err;
+
+    // A missing directory is created 0700 and the socket is 0600.
+    std::string sock = dir.path + "/made/s.sock";
+    {
+        Process serve({talvexsim_path(), "serve", "--socket", sock});
+        ASSERT_TRUE(wait_for_socket(sock));
+        struct stat st;
+        ASSERT_EQ(stat((dir.path + "/made").c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, 0700u);
+        ASSERT_EQ(stat(sock.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+        // A live simulator is not replaced.
+        r = run({talvexsim_path(), "serve", "--socket", sock});
+        EXPECT_EQ(r.status, 1);
+        EXPECT_NE(r.err.find("already serving"), std::string::npos) << r.err;
+
+        // Peers of another user are turned away (needs the privilege to become one).
+        if (geteuid() == 0) {
+            chmod(dir.path.c_str(), 0711);
+            chmod((dir.path + "/made").c_str(), 0711);
+            chmod(sock.c_str(), 0666);
+            pid_t child = fork();
+            if (child == 0) {
+                if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+                RawClient c(sock);
+                if (!c.connected()) _exit(3);
+                auto f = c.request(wire::Op::Generation, std::span<const uint8_t>());
+                _exit(f ? 4 : 0);
+            }
+            int st2 = 0;
+            waitpid(child, &st2, 0);
+            EXPECT_TRUE(WIFEXITED(st2) && WEXITSTATUS(st2) == 0) << st2;
+            chmod((dir.path + "/made").c_str(), 0700);
+            chmod(dir.path.c_str(), 0700);
+        }
+
+        // SIGINT stops it cleanly and removes the socket.
+        serve.signal(SIGINT);
+        auto done = serve.wait();
+        EXPECT_EQ(done.status, 0) << done.err;
+        EXPECT_NE(stat(sock.c_str(), &st), 0);
+    }
+
+    // A stale socket (its simulator killed) is replaced.
+    {
+        Process serve({talvexsim_path(), "serve", "--socket", sock});
+        ASSERT_TRUE(wait_for_socket(sock));
+        serve.signal(SIGKILL);
+        serve.wait();
+    }
+    struct stat st;
+    ASSERT_EQ(stat(sock.c_str(), &st), 0) << "a killed simulator leaves its socket";
+    {
+        Process serve({talvexsim_path(), "serve", "--socket", sock});
+        EXPECT_TRUE(wait_for_socket(sock));
+        serve.signal(SIGTERM);
+        EXPECT_EQ(serve.wait().status, 0);
+    }
+
+    // Something else at the socket's path is left alone.
+    std::string file = dir.path + "/made/file";
+    FILE *f = fopen(file.c_str(), "w");
+    ASSERT_TRUE(f);
+    fclose(f);
+    r = run({talvexsim_path(), "serve", "--socket", file});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("not a socket"), std::string::npos) << r.err;
+}

@@ -1,0 +1,328 @@
+// In-process tests of the simulator's parts: numbers, timers, matching, the
+// method table and catalogue shapes, stubs, trace formatting, models.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include "control.h"
+#include "coprocessor.h"
+#include "methods.h"
+#include "registry.h"
+#include "shared_memory.h"
+#include "simulation.h"
+#include "stubs.h"
+#include "timers.h"
+#include "trace.h"
+
+using namespace talvex;
+using namespace talvex::sim;
+
+namespace {
+
+// Collects what the simulation sends.
+struct Captured : Outbox {
+    struct Sent {
+        ClientId client;
+        std::vector<uint8_t> frame;
+        bool with_fd;
+    };
+    std::vector<Sent> sent;
+    void send(ClientId client, std::vector<uint8_t> frame, int fd) override {
+        sent.push_back({client, std::move(frame), fd >= 0});
+    }
+};
+
+CallArgs args_for(uint32_t selector, std::span<const uint64_t> scalars, std::span<const uint8_t> input,
+                  uint32_t scalar_cap, uint64_t out_cap) {
+    CallArgs a;
+    a.selector = selector;
+    a.scalars = scalars;
+    a.input = input;
+    a.scalar_output_capacity = scalar_cap;
+    a.output_capacity = out_cap;
+    return a;
+}
+
+}  // namespace
+
+TEST(SimUnit, NumbersAcceptHexDecimalAndNegatives) {
+    EXPECT_EQ(parse_unsigned("0"), 0u);
+    EXPECT_EQ(parse_unsigned("0x1F"), 0x1fu);
+    EXPECT_EQ(parse_unsigned("18446744073709551615"), UINT64_MAX);
+    EXPECT_EQ(parse_unsigned("0xffffffffffffffff"), UINT64_MAX);
+    for (auto bad : {"", "0x", "18446744073709551616", "0x10000000000000000", "12a", " 1", "-1", "0b1", "1.5"})
+        EXPECT_FALSE(parse_unsigned(bad)) << bad;
+    EXPECT_EQ(parse_signed("-1"), UINT64_MAX);
+    EXPECT_EQ(parse_signed("-0x10"), static_cast<uint64_t>(-16));
+    EXPECT_EQ(parse_signed("-9223372036854775808"), uint64_t{1} << 63);
+    EXPECT_FALSE(parse_signed("-9223372036854775809"));
+    EXPECT_FALSE(parse_signed("--1"));
+    EXPECT_EQ(parse_number_list("1,0x2,-1"), (std::vector<uint64_t>{1, 2, UINT64_MAX}));
+    EXPECT_EQ(parse_number_list(""), std::vector<uint64_t>{});
+    EXPECT_FALSE(parse_number_list("1,,2"));
+    EXPECT_FALSE(parse_number_list("1,"));
+}
+
+TEST(SimUnit, TimersRunInDueOrderAndCanBeCancelled) {
+    TimerQueue q;
+    std::vector<int> ran;
+    q.add(30, [&] { ran.push_back(3); });
+    q.add(10, [&] { ran.push_back(1); });
+    auto cancelled = q.add(20, [&] { ran.push_back(99); });
+    q.add(10, [&] { ran.push_back(2); });   // same instant: after the first one added
+    EXPECT_EQ(q.next_due(), 10u);
+    EXPECT_TRUE(q.cancel(cancelled));
+    EXPECT_FALSE(q.cancel(cancelled));
+    EXPECT_EQ(q.run_due(9), 0u);
+    // A callback that schedules an already-due timer sees it run in the same pass.
+    q.add(25, [&] { q.add(5, [&] { ran.push_back(4); }); });
+    EXPECT_EQ(q.run_due(25), 4u);
+    EXPECT_EQ(ran, (std::vector<int>{1, 2, 4}));
+    EXPECT_EQ(q.next_due(), 30u);
+    q.run_due(100);
+    EXPECT_EQ(ran.back(), 3);
+    EXPECT_FALSE(q.next_due());
+
+    StepClock step;
+    EXPECT_FALSE(step.real_wait_until(kNanosPerSecond));   // only a step moves it
+    step.advance(kNanosPerSecond);
+    EXPECT_EQ(step.real_wait_until(kNanosPerSecond), std::chrono::milliseconds(0));
+    RealClock real;
+    auto wait = real.real_wait_until(real.now_ns() + 50'000'000);
+    ASSERT_TRUE(wait);
+    EXPECT_GT(wait->count(), 40);
+    EXPECT_LE(wait->count(), 50);
+}
+
+TEST(SimUnit, MatchingNamesPropertiesAndPublication) {
+    Registry reg;
+    Service &a = reg.add("ClassA", "alpha");
+    Service &b = reg.add("ClassB", "beta");
+    int64_t one = 1;
+    CFRef<CFNumberRef> n(CFNumberCreate(nullptr, kCFNumberSInt64Type, &one));
+    a.set_property("k", n.get());
+    b.set_property("k", n.get());
+    b.set_property("only-b", kCFBooleanTrue);
+    EXPECT_NE(a.id, 0u);
+    EXPECT_EQ(reg.find(b.id), &b);
+    EXPECT_EQ(reg.find(0), nullptr);
+    EXPECT_EQ(reg.find(b.id + 1), nullptr);
+
+    auto dict = [] {
+        return CFRef<CFMutableDictionaryRef>(
+            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
+    };
+    auto m = dict();
+    CFDictionarySetValue(m.get(), CFSTR("SomethingElse"), CFSTR("ignored"));
+    EXPECT_EQ(reg.match(m.get()), (std::vector<uint64_t>{a.id, b.id}));
+
+    // IONameMatch: a string, or an array of which one must match.
+    const void *names[] = {CFSTR("nope"), CFSTR("beta")};
+    CFRef<CFArrayRef> name_list(CFArrayCreate(nullptr, names, 2, &kCFTypeArrayCallBacks));
+    CFDictionarySetValue(m.get(), CFSTR("IONameMatch"), name_list.get());
+    EXPECT_EQ(reg.match(m.get()), std::vector<uint64_t>{b.id});
+
+    // IOPropertyMatch: every key with an equal value.
+    auto props = dict();
+    CFDictionarySetValue(props.get(), CFSTR("k"), n.get());
+    auto pm = dict();
+    CFDictionarySetValue(pm.get(), CFSTR("IOPropertyMatch"), props.get());
+    EXPECT_EQ(reg.match(pm.get()), (std::vector<uint64_t>{a.id, b.id}));
+    CFDictionarySetValue(props.get(), CFSTR("only-b"), kCFBooleanTrue);
+    EXPECT_EQ(reg.match(pm.get()), std::vector<uint64_t>{b.id});
+    CFDictionarySetValue(props.get(), CFSTR("only-b"), kCFBooleanFalse);
+    EXPECT_TRUE(reg.match(pm.get()).empty());
+    CFDictionarySetValue(pm.get(), CFSTR("IOPropertyMatch"), CFSTR("not a dictionary"));
+    EXPECT_TRUE(reg.match(pm.get()).empty());
+
+    uint64_t gen = reg.generation();
+    EXPECT_TRUE(reg.set_published(a, false));
+    EXPECT_FALSE(reg.set_published(a, false));
+    EXPECT_EQ(reg.generation(), gen + 1);
+    EXPECT_EQ(reg.match(dict().get()), std::vector<uint64_t>{b.id});
+    EXPECT_EQ(reg.find_class("ClassA"), &a);   // still there, only hidden
+}
+
+TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
+    MethodTable t;
+    int called = 0;
+    t.define(2, {exactly(1), between(0, 4), exactly(8), none()}, [&](const CallArgs &a, CallReply &r) {
+        ++called;
+        r.output.assign(a.input.begin(), a.input.end());
+        return kIOReturnSuccess;
+    });
+    t.define(3, {none(), none(), between(0, 16), exactly(2)});
+    const uint64_t one[] = {7};
+    const uint8_t in[] = {1, 2};
+    CallReply r;
+    EXPECT_EQ(t.dispatch(args_for(2, one, in, 0, 8), r), kIOReturnSuccess);
+    EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2}));
+    EXPECT_EQ(t.dispatch(args_for(2, {}, in, 0, 8), r), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(args_for(2, one, in, 0, 7), r), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(args_for(2, one, in, 1, 8), r), kIOReturnBadArgument);
+    EXPECT_EQ(called, 1);
+    // No handler yet: zero-filled outputs of the full asked size.
+    CallReply z;
+    EXPECT_EQ(t.dispatch(args_for(3, {}, {}, 2, 5), z), kIOReturnSuccess);
+    EXPECT_EQ(z.output, std::vector<uint8_t>(5, 0));
+    EXPECT_EQ(z.scalars, std::vector<uint64_t>(2, 0));
+    EXPECT_EQ(t.dispatch(args_for(1, {}, {}, 0, 0), z), kIOReturnBadArgument);   // a gap in the table
+    EXPECT_EQ(t.dispatch(args_for(4000, {}, {}, 0, 0), z), kIOReturnBadArgument);
+    EXPECT_FALSE(t.set_handler(1, nullptr));
+
+    // The coprocessor's catalogue: every selector 0-40 declared, nothing beyond.
+    MethodTable cat;
+    define_coprocessor_methods(cat);
+    for (uint32_t s = 0; s < kCoprocessorSelectorCount; ++s) EXPECT_TRUE(cat.shape(s)) << s;
+    EXPECT_FALSE(cat.shape(kCoprocessorSelectorCount));
+    auto accepts = [&](uint32_t sel, size_t scalars, size_t input, uint32_t scap, uint64_t ocap) {
+        std::vector<uint64_t> sv(scalars);
+        std::vector<uint8_t> iv(input);
+        return cat.shape(sel)->accepts(args_for(sel, sv, iv, scap, ocap));
+    };
+    EXPECT_TRUE(accepts(5, 0, 3 + 125, 0, 128));   // SPI: header plus the most data
+    EXPECT_FALSE(accepts(5, 0, 129, 0, 128));
+    EXPECT_FALSE(accepts(5, 0, 4, 0, 64));
+    EXPECT_TRUE(accepts(6, 0, 3, 0, 0));           // a read of length 0 is a valid request
+    EXPECT_FALSE(accepts(6, 0, 3, 0, 17));
+    EXPECT_TRUE(accepts(2, 2, 0, 0, 0));           // start without an image
+    EXPECT_TRUE(accepts(2, 2, 73, 0, 0));
+    EXPECT_FALSE(accepts(2, 1, 0, 0, 0));
+    EXPECT_TRUE(accepts(13, 2, 0, 0, 36));
+    EXPECT_TRUE(accepts(31, 0, 0, 0, 0));          // panic without text
+    EXPECT_TRUE(accepts(39, 2, 0, 0, 256));        // perfmon report
+    EXPECT_TRUE(accepts(39, 2, 4, 0, 0));          // perfmon mode
+    EXPECT_TRUE(accepts(23, 0, 72, 0, 82));
+    EXPECT_FALSE(accepts(23, 0, 72, 0, 81));
+    EXPECT_TRUE(accepts(12, 1, 0, 1, 0));
+    EXPECT_FALSE(accepts(1, 1, 0, 0, 0));
+}
+
+TEST(SimUnit, StubsMatchNewestFirstAndRetire) {
+    StubTable t;
+    CallStub base;
+    base.service = "S";
+    base.selector = 6;
+    base.output = {1, 2, 3};
+    ASSERT_TRUE(t.add(base));
+    CallStub narrow = base;
+    narrow.scalars_prefix = {5};
+    narrow.code = kIOReturnBusy;
+    narrow.output_size = 6;
+    narrow.times = 1;
+    ASSERT_TRUE(t.add(narrow));
+
+    const uint64_t five[] = {5, 9};
+    const uint64_t four[] = {4};
+    CallReply r;
+    EXPECT_EQ(t.answer_call("S", args_for(6, five, {}, 0, 10), r), kIOReturnBusy);
+    EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2, 3, 0, 0, 0}));   // padded to the reported size
+    EXPECT_EQ(t.answer_call("S", args_for(6, five, {}, 0, 2), r), kIOReturnSuccess);   // narrow one retired
+    EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2}));                                 // cut to the capacity
+    EXPECT_EQ(t.answer_call("S", args_for(6, four, {}, 0, 0), r), kIOReturnSuccess);
+    EXPECT_TRUE(r.output.empty());
+    EXPECT_FALSE(t.answer_call("S", args_for(7, four, {}, 0, 0), r));
+    EXPECT_FALSE(t.answer_call("T", args_for(6, four, {}, 0, 0), r));
+
+    OpenStub o{"S", kIOReturnNotPermitted, 2};
+    ASSERT_TRUE(t.add(o));
+    EXPECT_EQ(t.answer_open("S"), kIOReturnNotPermitted);
+    EXPECT_EQ(t.answer_open("S"), kIOReturnNotPermitted);
+    EXPECT_FALSE(t.answer_open("S"));
+    t.clear();
+    EXPECT_EQ(t.size(), 0u);
+}
+
+TEST(SimUnit, TraceFormatsAndStaysBounded) {
+    const uint64_t scalars[] = {1, UINT64_MAX};
+    const uint8_t input[] = {0x00, 0xab};
+    EXPECT_EQ(Trace::call_line("S", args_for(3, scalars, input, 2, 16), kIOReturnBadArgument),
+              R"({"service":"S","selector":3,"scalars":[1,18446744073709551615],"input":"00ab","output_size":16,"scalar_output_count":2,"result":3758097090})");
+    EXPECT_EQ(Trace::open_line("S", 0, 0), R"({"service":"S","open":0,"result":0})");
+
+    EXPECT_EQ(json_string("a\"b\\c\n\x01\x7f"), R"("a\"b\\c\n\u0001\u007f")");
+    EXPECT_EQ(json_string("\xc3\xa9"), "\"\xc3\xa9\"");            // valid UTF-8 passes
+    EXPECT_EQ(json_string("\xc3(\xed\xa0\x80"), R"("\ufffd(\ufffd\ufffd\ufffd")");   // broken and surrogate
+
+    auto dict = CFRef<CFMutableDictionaryRef>(
+        CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
+    int64_t neg = -5;
+    double half = 0.5;
+    CFRef<CFNumberRef> n(CFNumberCreate(nullptr, kCFNumberSInt64Type, &neg));
+    CFRef<CFNumberRef> d(CFNumberCreate(nullptr, kCFNumberFloat64Type, &half));
+    const uint8_t bytes[] = {0xde, 0xad};
+    CFRef<CFDataRef> data(CFDataCreate(nullptr, bytes, 2));
+    const void *items[] = {n.get(), kCFBooleanFalse, d.get()};
+    CFRef<CFArrayRef> arr(CFArrayCreate(nullptr, items, 3, &kCFTypeArrayCallBacks));
+    CFDictionarySetValue(dict.get(), CFSTR("z"), data.get());
+    CFDictionarySetValue(dict.get(), CFSTR("a"), arr.get());
+    CFDictionarySetValue(dict.get(), CFSTR("s"), CFSTR("x\"y"));
+    EXPECT_EQ(Trace::write_line("S", "k", dict.get()),
+              R"({"service":"S","property":"k","value":{"z":"dead","a":[-5,false,0.5],"s":"x\"y"}})");
+    EXPECT_EQ(cf_to_json(data.get(), 3), R"x("(value too large to trace)")x");
+    std::vector<uint8_t> big(10, 0x11);
+    EXPECT_EQ(trace_hex(big, 2), "1111...");
+
+    Trace t;
+    for (size_t i = 0; i < Trace::kMaxLines + 5; ++i) t.add(std::to_string(i));
+    EXPECT_EQ(t.lines(), Trace::kMaxLines);
+    EXPECT_EQ(t.line(0), "5");
+    t.add(std::string(Trace::kMaxBytes - 10, 'x'));   // the byte bound drops old lines as well
+    EXPECT_LE(t.bytes(), Trace::kMaxBytes);
+    EXPECT_EQ(t.text().size(), t.bytes());
+    t.clear();
+    EXPECT_EQ(t.text(), "");
+}
+
+TEST(SimUnit, CoprocessorStateChangesNotifyAndTimersFollowTheClock) {
+    Captured out;
+    auto clock = std::make_unique<StepClock>();
+    StepClock *step = clock.get();
+    Simulation sim(out, std::move(clock));
+    Service *svc = sim.registry().find_class(kCoprocessorClass);
+    ASSERT_TRUE(svc);
+    auto *cp = dynamic_cast<Coprocessor *>(svc->model.get());
+    ASSERT_TRUE(cp);
+    EXPECT_EQ(cp->state(), kTalvexStateBooted);
+
+    // Register client 7 through the protocol, then change state from a timer.
+    wire::Writer w;
+    w.u64(svc->id);
+    w.str("IOGeneralInterest");
+    auto frame = wire::make_request(wire::Op::AddInterest, 1, w.data());
+    sim.handle(7, std::span(frame).subspan(4));   // the message after its length
+    ASSERT_EQ(out.sent.size(), 1u);
+    sim.timers().add(step->now_ns() + kNanosPerSecond, [&] { cp->set_state(kTalvexStatePanic); });
+    EXPECT_EQ(sim.run_timers(), 0u);
+    step->advance(kNanosPerSecond);
+    EXPECT_EQ(sim.run_timers(), 1u);
+    EXPECT_EQ(cp->state(), kTalvexStatePanic);
+    ASSERT_EQ(out.sent.size(), 2u);
+    EXPECT_EQ(out.sent[1].client, 7u);
+    wire::Reader r(std::span(out.sent[1].frame).subspan(12));
+    r.u32();
+    EXPECT_EQ(r.u64(), svc->id);
+    EXPECT_EQ(r.u32(), kTalvexMessageStateChanged);
+    EXPECT_EQ(r.u8(), static_cast<uint8_t>(wire::ArgKind::Value));
+    EXPECT_EQ(r.u64(), kTalvexStatePanic);
+
+    // The client goes away: nothing more is sent to it.
+    sim.client_gone(7);
+    EXPECT_EQ(sim.notify(*svc, 1, MessageArg::none()), 0u);
+    EXPECT_EQ(sim.interest_count(), 0u);
+}
+
+TEST(SimUnit, SharedRegionIsWritableHereAndReadOnlyForClients) {
+    auto region = SharedRegion::create(4096);
+    ASSERT_TRUE(region);
+    region->bytes()[100] = 0x5a;
+    void *p = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, region->client_fd(), 0);
+    ASSERT_NE(p, MAP_FAILED);
+    EXPECT_EQ(static_cast<uint8_t *>(p)[100], 0x5a);
+    region->bytes()[101] = 0x33;   // later writes show through the client's mapping
+    EXPECT_EQ(static_cast<uint8_t *>(p)[101], 0x33);
+    munmap(p, 4096);
+    EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, region->client_fd(), 0), MAP_FAILED);
+    std::string error;
+    EXPECT_FALSE(SharedRegion::create(0, &error));
+    EXPECT_FALSE(error.empty());
+}
