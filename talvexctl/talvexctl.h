@@ -90,3 +90,18 @@ IOReturn TalvexBusScalarCall(TalvexHandle *talvex, uint32_t selector, const uint
                              uint64_t *output, uint32_t *output_count);
 // A hexadecimal word cut to one byte ("1ff" is 0xff).
 uint8_t TalvexParseHexByte(const char *word);
+
+// start.cpp
+int TalvexCmdStart(int argc, char *argv[]);
+
+// power.cpp
+int TalvexCmdSetState(int argc, char *argv[]);
+int TalvexCmdWake(int argc, char *argv[]);
+int TalvexCmdHalt(int argc, char *argv[]);   // halt and halt_ms
+int TalvexCmdPanic(int argc, char *argv[]);
+int TalvexCmdReport(int argc, char *argv[]);
+int TalvexCmdRate(int argc, char *argv[]);
+int TalvexCmdFw0(int argc, char *argv[]);
+int TalvexCmdFw1(int argc, char *argv[]);
+int TalvexCmdConn(int argc, char *argv[]);
+int TalvexCmdSetProperty(int argc, char *argv[]);
