@@ -73,6 +73,8 @@ TEST(UserClient, ScalarCallsCutOutputsToTheCallersRoom) {
     Simulator sim;
     auto r = sim.control({"stub", "--selector", "12", "--scalar-outputs", "7,8,9"});
     ASSERT_EQ(r.status, 0) << r.err;
+    r = sim.control({"stub", "--selector", "40"});   // whatever the model thinks of the values
+    ASSERT_EQ(r.status, 0) << r.err;
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);
