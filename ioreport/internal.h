@@ -9,24 +9,75 @@
 
 namespace ioreport {
 
-// Record and aggregate keys.
-inline CFStringRef kDriverID() { return CFSTR("DriverID"); }
-inline CFStringRef kDriverName() { return CFSTR("DriverName"); }
-inline CFStringRef kLegendChannel() { return CFSTR("LegendChannel"); }
-inline CFStringRef kGroupName() { return CFSTR("IOReportGroupName"); }
-inline CFStringRef kSubGroupName() { return CFSTR("IOReportSubGroupName"); }
-inline CFStringRef kChannelInfo() { return CFSTR("IOReportChannelInfo"); }
-inline CFStringRef kChannelName() { return CFSTR("ChannelName"); }
-inline CFStringRef kUnitLabel() { return CFSTR("UnitLabel"); }
-inline CFStringRef kProcessedConfig() { return CFSTR("ProcessedChannelConfig"); }
-inline CFStringRef kStateNames() { return CFSTR("StateNames"); }
-inline CFStringRef kRawElements() { return CFSTR("RawElements"); }
-inline CFStringRef kQueryOpts() { return CFSTR("QueryOpts"); }
-inline CFStringRef kChannels() { return CFSTR("IOReportChannels"); }
-inline CFStringRef kDrivers() { return CFSTR("IOReportDrivers"); }
-inline CFStringRef kGroups() { return CFSTR("IOReportChannelGroups"); }
-inline CFStringRef kUnitKey() { return CFSTR("IOReportChannelUnit"); }
-inline CFStringRef kConfigKey() { return CFSTR("IOReportChannelConfig"); }
+// Record and aggregate keys (constant strings, looked up once).
+inline CFStringRef kDriverID() {
+    static const CFStringRef s = CFSTR("DriverID");
+    return s;
+}
+inline CFStringRef kDriverName() {
+    static const CFStringRef s = CFSTR("DriverName");
+    return s;
+}
+inline CFStringRef kLegendChannel() {
+    static const CFStringRef s = CFSTR("LegendChannel");
+    return s;
+}
+inline CFStringRef kGroupName() {
+    static const CFStringRef s = CFSTR("IOReportGroupName");
+    return s;
+}
+inline CFStringRef kSubGroupName() {
+    static const CFStringRef s = CFSTR("IOReportSubGroupName");
+    return s;
+}
+inline CFStringRef kChannelInfo() {
+    static const CFStringRef s = CFSTR("IOReportChannelInfo");
+    return s;
+}
+inline CFStringRef kChannelName() {
+    static const CFStringRef s = CFSTR("ChannelName");
+    return s;
+}
+inline CFStringRef kUnitLabel() {
+    static const CFStringRef s = CFSTR("UnitLabel");
+    return s;
+}
+inline CFStringRef kProcessedConfig() {
+    static const CFStringRef s = CFSTR("ProcessedChannelConfig");
+    return s;
+}
+inline CFStringRef kStateNames() {
+    static const CFStringRef s = CFSTR("StateNames");
+    return s;
+}
+inline CFStringRef kRawElements() {
+    static const CFStringRef s = CFSTR("RawElements");
+    return s;
+}
+inline CFStringRef kQueryOpts() {
+    static const CFStringRef s = CFSTR("QueryOpts");
+    return s;
+}
+inline CFStringRef kChannels() {
+    static const CFStringRef s = CFSTR("IOReportChannels");
+    return s;
+}
+inline CFStringRef kDrivers() {
+    static const CFStringRef s = CFSTR("IOReportDrivers");
+    return s;
+}
+inline CFStringRef kGroups() {
+    static const CFStringRef s = CFSTR("IOReportChannelGroups");
+    return s;
+}
+inline CFStringRef kUnitKey() {
+    static const CFStringRef s = CFSTR("IOReportChannelUnit");
+    return s;
+}
+inline CFStringRef kConfigKey() {
+    static const CFStringRef s = CFSTR("IOReportChannelConfig");
+    return s;
+}
 
 inline constexpr uint64_t kSentinel = 0x8000000000000000ull;
 inline constexpr size_t kElementSize = 64;
