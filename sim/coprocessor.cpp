@@ -73,6 +73,7 @@ void define_coprocessor_methods(MethodTable &t) {
 Coprocessor::Coprocessor(Simulation &sim, Service &service) : sim_(sim), service_(service) {
     define_coprocessor_methods(methods_);
     install_lifecycle_methods(*this);
+    install_bus_methods(*this);
     int64_t booted = kTalvexStateBooted;
     CFRef<CFNumberRef> state(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &booted));
     service_.set_property(kStateKey, state.get());

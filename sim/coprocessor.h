@@ -45,6 +45,7 @@ class Coprocessor;
 
 // Behaviour per area (sim/model_<area>.cpp), installed by the constructor.
 void install_lifecycle_methods(Coprocessor &cop);   // 0-4, 10, 15, 17, 18, 31, 33, 40
+void install_bus_methods(Coprocessor &cop);         // 5-9, 11, 12, 16, 34-38
 
 class Coprocessor final : public ServiceModel {
 public:
