@@ -133,9 +133,6 @@ consteval __CFString constant_string(const char *ascii) {
 CFStringRef make_string(std::string_view utf8) noexcept;
 // The text of a string (valid UTF-8, not copied).
 std::string_view string_view_of(CFStringRef str) noexcept;
-// Appends the description of `cf` ("(null)" for null) to `out`. Throws
-// std::bad_alloc when memory runs out.
-void append_description(std::string &out, CFTypeRef cf);
 // The description %@ inserts: the class's formatting description when it has
 // one, else CFCopyDescription. Null when memory runs out.
 CFStringRef copy_format_description(CFTypeRef cf, CFDictionaryRef format_options) noexcept;

@@ -72,22 +72,6 @@ const char *type_name(CFTypeID id) {
     return cls != nullptr && cls->className != nullptr ? cls->className : "CF object";
 }
 
-void append_description(std::string &out, CFTypeRef cf) {
-    if (cf == nullptr) {
-        out += "(null)";
-        return;
-    }
-    CFStringRef desc = CFCopyDescription(cf);
-    if (desc == nullptr) throw std::bad_alloc();
-    try {
-        out += string_view_of(desc);
-    } catch (...) {
-        CFRelease(desc);
-        throw;
-    }
-    CFRelease(desc);
-}
-
 CFStringRef copy_format_description(CFTypeRef cf, CFDictionaryRef format_options) noexcept {
     const CFRuntimeClass *cls = class_for(type_of(cf));
     if (cls != nullptr && cls->copyFormattingDesc != nullptr) {

@@ -126,7 +126,7 @@ struct ConstantTable {
     std::unordered_map<std::string_view, __CFString *> strings;  // keyed by the strings' own text
 };
 
-ConstantTable &constants() {
+ConstantTable &constants() noexcept {
     // Never destroyed: constant strings stay valid through static destruction.
     static ConstantTable *table = [] {
         auto t = new ConstantTable;
@@ -226,24 +226,29 @@ CFStringRef __CFStringMakeConstantString(const char *cstr) {
     auto found = table.strings.find(text);
     if (found != table.strings.end()) return found->second;
     try {
+        // Text that is not UTF-8 is stored with its stray bytes taken as
+        // Latin-1, and the caller's spelling becomes one more key for it.
         TextInfo info = scan_utf8(text);
-        std::string clean;
-        if (!info.valid) {
-            clean = sanitize_utf8(text);
-            info = scan_utf8(clean);
+        if (info.valid) {
+            __CFString *str = new_string(text, info, false);
+            if (str == nullptr) fatal("CFSTR", "out of memory");
+            str->base._cfinfoa = kImmortal;
+            table.strings.emplace(string_view_of(str), str);
+            return str;
         }
-        __CFString *str = new_string(info.valid && clean.empty() ? text : std::string_view(clean), info, false);
-        if (str == nullptr) fatal("CFSTR", "out of memory");
-        str->base._cfinfoa = kImmortal;
-        // Keyed by the caller's spelling, which may differ from the stored text
-        // only when it was not valid UTF-8.
-        std::string_view key = clean.empty() ? string_view_of(str) : std::string_view(cstr);
-        if (!clean.empty()) {
-            char *spelling = strdup(cstr);
-            if (spelling == nullptr) fatal("CFSTR", "out of memory");
-            key = spelling;
+        std::string clean = sanitize_utf8(text);
+        __CFString *str;
+        if (auto same = table.strings.find(clean); same != table.strings.end()) {
+            str = same->second;
+        } else {
+            str = new_string(clean, scan_utf8(clean), false);
+            if (str == nullptr) fatal("CFSTR", "out of memory");
+            str->base._cfinfoa = kImmortal;
+            table.strings.emplace(string_view_of(str), str);
         }
-        table.strings.emplace(key, str);
+        char *spelling = strdup(cstr);
+        if (spelling == nullptr) fatal("CFSTR", "out of memory");
+        table.strings.emplace(spelling, str);
         return str;
     } catch (...) {
         fatal("CFSTR", "out of memory");
@@ -276,6 +281,7 @@ CFStringRef CFStringCreateCopy(CFAllocatorRef, CFStringRef str) {
     return new_string(string_view_of(s), TextInfo{true, s->ascii, s->utf16_length}, false);
 }
 
+// The maximum length is not enforced: mutable strings grow as needed.
 CFMutableStringRef CFStringCreateMutable(CFAllocatorRef, CFIndex) {
     return new_string({}, TextInfo{true, true, 0}, true);
 }

@@ -224,6 +224,12 @@ TEST(CFRuntime, ConstantStringsAreInternedAndImmortal) {
     CFRelease(kCFErrorDomainMach);
     EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue));
     EXPECT_EQ(CFSTR("NSMachErrorDomain"), kCFErrorDomainMach);
+    // A spelling that is not UTF-8 keeps its stray byte as Latin-1 and is the
+    // same object as the clean text.
+    CFStringRef latin = __CFStringMakeConstantString("caf\xe9");
+    EXPECT_EQ(text(latin), "caf\u00e9");
+    EXPECT_EQ(CFSTR("caf\u00e9"), latin);
+    EXPECT_EQ(__CFStringMakeConstantString("caf\xe9"), latin);
 }
 
 TEST(CFRuntime, RetainCountsAndInterningAreThreadSafe) {
