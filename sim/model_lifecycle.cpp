@@ -110,13 +110,16 @@ private:
     void move_to(uint64_t state) {
         if (cop_.state() != state) cop_.set_state(state);
     }
-    // Runs `step` `delay_ns` from now, as part of the pending transition. Steps
-    // hold the model alive (shared_from_this), whatever happens to the handlers.
-    void after(uint64_t delay_ns, std::function<void()> step);
+    // Runs `step` at simulated time `due_ns`, as part of the pending
+    // transition. A step that follows another counts from when that one was
+    // due, not from when it ran, so a coarse clock step keeps the timing.
+    // Steps hold the model alive (shared_from_this), whatever happens to the
+    // handlers.
+    void at(uint64_t due_ns, std::function<void()> step);
     void cancel_pending();
-    // booting now, booted after kBootNs.
-    void begin_boot();
-    void firmware_up();
+    // booting at `since`, booted kBootNs later.
+    void begin_boot(uint64_t since);
+    void firmware_up(uint64_t since);
     void send_timesync();
     void trace_event(const std::string &fields);
 
@@ -135,8 +138,8 @@ bool fits32(uint64_t v) { return v <= UINT32_MAX; }
 
 std::string json_or_null(const std::optional<std::string> &text) { return text ? json_string(*text) : "null"; }
 
-void Lifecycle::after(uint64_t delay_ns, std::function<void()> step) {
-    pending_.push_back(cop_.simulation().timers().add(now() + delay_ns, std::move(step)));
+void Lifecycle::at(uint64_t due_ns, std::function<void()> step) {
+    pending_.push_back(cop_.simulation().timers().add(due_ns, std::move(step)));
 }
 
 void Lifecycle::cancel_pending() {
@@ -148,14 +151,14 @@ void Lifecycle::trace_event(const std::string &fields) {
     cop_.simulation().trace().add("{\"service\":" + json_string(cop_.service().class_name) + "," + fields + "}");
 }
 
-void Lifecycle::begin_boot() {
+void Lifecycle::begin_boot(uint64_t since) {
     move_to(kTalvexStateBooting);
-    after(kBootNs, [self = shared_from_this()] { self->firmware_up(); });
+    at(since + kBootNs, [self = shared_from_this(), up = since + kBootNs] { self->firmware_up(up); });
 }
 
-void Lifecycle::firmware_up() {
+void Lifecycle::firmware_up(uint64_t since) {
     pending_.clear();
-    booted_at_ap_ = ap_time();
+    booted_at_ap_ = kApUptimeAtStartNs + since;
     move_to(kTalvexStateBooted);
     if (!(boot_.flags & kBootNoTimesync)) send_timesync();
 }
@@ -176,7 +179,8 @@ IOReturn Lifecycle::select_firmware(const CallArgs &a) {
 IOReturn Lifecycle::reset(const CallArgs &) {
     cancel_pending();
     move_to(kTalvexStateOff);
-    after(kResetOffNs, [self = shared_from_this()] { self->begin_boot(); });
+    uint64_t boot = now() + kResetOffNs;
+    at(boot, [self = shared_from_this(), boot] { self->begin_boot(boot); });
     return kIOReturnSuccess;
 }
 
@@ -203,7 +207,7 @@ IOReturn Lifecycle::start(const CallArgs &a) {
     trace_event("\"event\":\"boot\",\"number\":" + std::to_string(boot_.number) +
                 ",\"flags\":" + std::to_string(boot_.flags) + ",\"image\":" + json_or_null(boot_.image));
     cancel_pending();
-    begin_boot();
+    begin_boot(now());
     return kIOReturnSuccess;
 }
 
@@ -286,8 +290,9 @@ IOReturn Lifecycle::halt(const CallArgs &a) {
     // A new halt replaces one that has not happened yet.
     cancel_pending();
     auto self = shared_from_this();
-    after(delay_ms * kNanosPerMilli, [self] { self->move_to(kTalvexStateNotResponding); });
-    if (duration_ms != 0) after((delay_ms + duration_ms) * kNanosPerMilli, [self] {
+    uint64_t halt = now() + delay_ms * kNanosPerMilli;
+    at(halt, [self] { self->move_to(kTalvexStateNotResponding); });
+    if (duration_ms != 0) at(halt + duration_ms * kNanosPerMilli, [self] {
         self->pending_.clear();
         self->move_to(kTalvexStateBooted);
     });
