@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -49,8 +50,9 @@ constexpr const char *kUsage =
     "/tmp/talvexsim-$UID.\n";
 
 constexpr const char *kServeUsage =
-    "usage: talvexsim [--socket PATH] serve\n"
-    "  Serves the simulated registry on the socket until SIGINT or SIGTERM.\n";
+    "usage: talvexsim [--socket PATH] serve [--exit-with-parent]\n"
+    "  Serves the simulated registry on the socket until SIGINT or SIGTERM.\n"
+    "  --exit-with-parent  also stop when the parent process ends (run and shell use it)\n";
 
 constexpr const char *kRunUsage =
     "usage: talvexsim run [--] CMD [ARGS...]\n"
@@ -139,7 +141,19 @@ std::vector<char *> c_strings(std::vector<std::string> &v) {
     return out;
 }
 
-int serve(const std::string &socket_path) {
+// The command that `run` or `shell` is waiting for; signals meant for us go to it.
+volatile pid_t g_command = -1;
+
+extern "C" void forward_to_command(int sig) {
+    if (g_command > 0) kill(g_command, sig);
+}
+
+int serve(const std::string &socket_path, bool exit_with_parent) {
+    if (exit_with_parent) {
+        pid_t parent = getppid();
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) return 1;   // the parent is already gone
+    }
     Server server;
     std::string error;
     if (!server.listen(socket_path, error)) {
@@ -165,7 +179,7 @@ int run_private(std::vector<std::string> cmd) {
 
     // The simulator: this same program, in its own process group so that the
     // terminal's interrupt reaches only the command.
-    std::vector<std::string> sim_argv{"talvexsim", "serve", "--socket", socket};
+    std::vector<std::string> sim_argv{"talvexsim", "serve", "--exit-with-parent", "--socket", socket};
     auto sim_args = c_strings(sim_argv);
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
@@ -195,12 +209,18 @@ int run_private(std::vector<std::string> cmd) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 
-    // While the command runs, interrupts are its business, not ours.
-    struct sigaction ignore {}, old_int {}, old_quit {};
+    // While the command runs, interrupts are its business, not ours (the
+    // terminal sends them to it directly); a hangup or termination sent to
+    // us is passed on to it. Either way we clean up after it exits.
+    struct sigaction ignore {}, forward {}, old_int {}, old_quit {}, old_hup {}, old_term {};
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
+    forward.sa_handler = forward_to_command;
+    sigemptyset(&forward.sa_mask);
     sigaction(SIGINT, &ignore, &old_int);
     sigaction(SIGQUIT, &ignore, &old_quit);
+    sigaction(SIGHUP, &forward, &old_hup);
+    sigaction(SIGTERM, &forward, &old_term);
 
     auto env = environment_with_socket(socket);
     auto envp = c_strings(env);
@@ -211,6 +231,8 @@ int run_private(std::vector<std::string> cmd) {
     sigemptyset(&defaults);
     sigaddset(&defaults, SIGINT);
     sigaddset(&defaults, SIGQUIT);
+    sigaddset(&defaults, SIGHUP);
+    sigaddset(&defaults, SIGTERM);
     posix_spawnattr_setsigdefault(&cattr, &defaults);
     posix_spawnattr_setflags(&cattr, POSIX_SPAWN_SETSIGDEF);
     pid_t child = -1;
@@ -221,13 +243,17 @@ int run_private(std::vector<std::string> cmd) {
         std::fprintf(stderr, "talvexsim: cannot run %s: %s\n", cmd[0].c_str(), std::strerror(rc));
         status = 127;
     } else {
+        g_command = child;
         int st = 0;
         while (waitpid(child, &st, 0) < 0 && errno == EINTR) {
         }
+        g_command = -1;
         status = exit_status(st);
     }
     sigaction(SIGINT, &old_int, nullptr);
     sigaction(SIGQUIT, &old_quit, nullptr);
+    sigaction(SIGHUP, &old_hup, nullptr);
+    sigaction(SIGTERM, &old_term, nullptr);
 
     kill(sim, SIGTERM);
     int st = 0;
@@ -319,14 +345,18 @@ int cli_main(int argc, char **argv) {
     std::string path = socket ? *socket : wire::default_socket_path();
 
     if (command == "serve") {
+        bool exit_with_parent = false;
         for (auto &w : rest) {
             if (is_help(w)) {
                 std::fputs(kServeUsage, stdout);
                 return 0;
             }
         }
-        if (!rest.empty()) return usage_error("serve: unexpected argument '" + rest[0] + "'");
-        return serve(path);
+        for (auto &w : rest) {
+            if (w == "--exit-with-parent") exit_with_parent = true;
+            else return usage_error("serve: unexpected argument '" + w + "'");
+        }
+        return serve(path, exit_with_parent);
     }
     if (command == "run" || command == "shell") {
         if (!rest.empty() && is_help(rest[0])) {

@@ -53,8 +53,20 @@ Simulation::~Simulation() {
 }
 
 void Simulation::client_gone(ClientId client) {
+    if (!per_client_.count(client)) return;
     std::erase_if(connections_, [&](const auto &kv) { return kv.second.client == client; });
     std::erase_if(interests_, [&](const auto &kv) { return kv.second.client == client; });
+    per_client_.erase(client);
+}
+
+void Simulation::erase_connection(std::map<uint32_t, Connection>::iterator it) {
+    --per_client_[it->second.client].connections;
+    connections_.erase(it);
+}
+
+void Simulation::erase_interest(std::map<uint32_t, Interest>::iterator it) {
+    --per_client_[it->second.client].interests;
+    interests_.erase(it);
 }
 
 void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
@@ -163,14 +175,6 @@ IOReturn Simulation::op_set_property(Reader &r, Writer &) {
     return kIOReturnSuccess;
 }
 
-size_t Simulation::count_for(ClientId client, bool connections) const {
-    if (connections)
-        return static_cast<size_t>(
-            std::count_if(connections_.begin(), connections_.end(), [&](auto &kv) { return kv.second.client == client; }));
-    return static_cast<size_t>(
-        std::count_if(interests_.begin(), interests_.end(), [&](auto &kv) { return kv.second.client == client; }));
-}
-
 IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
     uint64_t id = r.u64();
     uint32_t type = r.u32();
@@ -185,7 +189,7 @@ IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
         code = kIOReturnNoDevice;
     else if (!s->model)
         code = kIOReturnUnsupported;
-    else if (count_for(client, true) >= kMaxConnectionsPerClient)
+    else if (per_client_[client].connections >= kMaxConnectionsPerClient)
         code = kIOReturnNoResources;
     else
         code = s->model->open(type, uc);
@@ -195,6 +199,7 @@ IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
     while (next_connection_ == 0 || connections_.count(next_connection_)) ++next_connection_;
     uint32_t conn = next_connection_++;
     connections_.emplace(conn, Connection{client, s, std::move(uc)});
+    ++per_client_[client].connections;
     out.u32(conn);
     return kIOReturnSuccess;
 }
@@ -209,7 +214,7 @@ IOReturn Simulation::op_close(ClientId client, Reader &r, Writer &) {
     uint32_t id = r.u32();
     if (!r.at_end()) return kIOReturnBadArgument;
     if (!connection(client, id)) return kIOReturnBadArgument;
-    connections_.erase(id);
+    erase_connection(connections_.find(id));
     return kIOReturnSuccess;
 }
 
@@ -272,10 +277,11 @@ IOReturn Simulation::op_add_interest(ClientId client, Reader &r, Writer &out) {
     if (!r.at_end()) return kIOReturnBadArgument;
     Service *s = registry_.find(id);
     if (!s || type.empty()) return kIOReturnBadArgument;
-    if (count_for(client, false) >= kMaxInterestsPerClient) return kIOReturnNoResources;
+    if (per_client_[client].interests >= kMaxInterestsPerClient) return kIOReturnNoResources;
     while (next_interest_ == 0 || interests_.count(next_interest_)) ++next_interest_;
     uint32_t nid = next_interest_++;
     interests_.emplace(nid, Interest{client, s, std::move(type)});
+    ++per_client_[client].interests;
     out.u32(nid);
     return kIOReturnSuccess;
 }
@@ -285,7 +291,7 @@ IOReturn Simulation::op_remove_interest(ClientId client, Reader &r, Writer &) {
     if (!r.at_end()) return kIOReturnBadArgument;
     auto it = interests_.find(id);
     if (it == interests_.end() || it->second.client != client) return kIOReturnBadArgument;
-    interests_.erase(it);
+    erase_interest(it);
     return kIOReturnSuccess;
 }
 

@@ -128,7 +128,8 @@ private:
     IOReturn op_control(wire::Reader &r, wire::Writer &out);
 
     Connection *connection(ClientId client, uint32_t id);
-    size_t count_for(ClientId client, bool connections) const;
+    void erase_connection(std::map<uint32_t, Connection>::iterator it);
+    void erase_interest(std::map<uint32_t, Interest>::iterator it);
 
     Outbox &outbox_;
     std::unique_ptr<Clock> clock_;
@@ -138,6 +139,10 @@ private:
     StubTable stubs_;
     std::map<uint32_t, Connection> connections_;
     std::map<uint32_t, Interest> interests_;
+    struct Counts {
+        size_t connections = 0, interests = 0;
+    };
+    std::map<ClientId, Counts> per_client_;
     uint32_t next_connection_ = 1;
     uint32_t next_interest_ = 1;
 };

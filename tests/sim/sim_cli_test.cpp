@@ -132,6 +132,45 @@ TEST(SimCli, RunAndShellUseAPrivateSimulator) {
     EXPECT_EQ(r.out.rfind("sock=/tmp/", 0), 0u) << r.out;
 }
 
+TEST(SimCli, RunPassesTerminationOnAndNeverOrphansItsSimulator) {
+    auto socket_of = [](Process &p, pid_t &command) {
+        EXPECT_TRUE(p.wait_for_stdout("\n"));
+        auto words = lines(p.out());
+        if (words.empty()) return std::string();
+        auto space = words[0].find(' ');
+        command = static_cast<pid_t>(std::atoi(words[0].substr(0, space).c_str()));
+        return words[0].substr(space + 1);
+    };
+    const std::vector<std::string> argv{talvexsim_path(), "run", "--", "/bin/sh", "-c",
+                                        "echo \"$$ $TALVEX_SIM_SOCKET\"; exec sleep 30"};
+    struct stat st;
+    {   // SIGTERM to run goes to the command; run then cleans up and exits with its status.
+        Process p(argv);
+        pid_t command = -1;
+        std::string socket = socket_of(p, command);
+        p.signal(SIGTERM);
+        auto r = p.wait();
+        EXPECT_EQ(r.status, 128 + SIGTERM) << r.err;
+        EXPECT_NE(stat(socket.c_str(), &st), 0);
+    }
+    {   // run killed outright: its simulator still stops and removes its socket.
+        Process p(argv);
+        pid_t command = -1;
+        std::string socket = socket_of(p, command);
+        ASSERT_EQ(stat(socket.c_str(), &st), 0);
+        p.signal(SIGKILL);
+        p.wait();
+        bool gone = false;
+        for (int i = 0; i < 500 && !gone; ++i) {
+            gone = stat(socket.c_str(), &st) != 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_TRUE(gone);
+        if (command > 0) kill(command, SIGKILL);
+        rmdir(socket.substr(0, socket.rfind('/')).c_str());
+    }
+}
+
 TEST(SimCli, ServeGuardsItsSocket) {
     TempDir dir;
     ASSERT_FALSE(dir.path.empty());

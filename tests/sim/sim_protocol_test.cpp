@@ -150,10 +150,10 @@ TEST(SimProtocol, OpenCallCloseFollowTheCatalogueAndAreTraced) {
     uint32_t conn = c.open(cp, 0, &code);
     ASSERT_NE(conn, 0u);
 
-    // readreg gyro 0 10: 3-byte request, 16 bytes asked.
+    // readreg gyro 0 10: 3-byte request, 16 bytes asked (what they hold is the bus model's business).
     auto r = c.call(conn, 6, {}, {0x00, 0x00, 0x10}, 0, 16);
     EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.output, std::vector<uint8_t>(16, 0));
+    EXPECT_EQ(r.output.size(), 16u);
     // A request of the wrong size, an output that is too large, an unknown selector.
     EXPECT_EQ(c.call(conn, 6, {}, {0x00, 0x00}, 0, 16).code, kBadArgument);
     EXPECT_EQ(c.call(conn, 6, {}, {0x00, 0x00, 0x11}, 0, 17).code, kBadArgument);
@@ -161,7 +161,7 @@ TEST(SimProtocol, OpenCallCloseFollowTheCatalogueAndAreTraced) {
     // gpio read: one scalar in, one out; the wrong scalar counts are refused.
     r = c.call(conn, 12, {7}, {}, 1, 0, false);
     EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.scalars, std::vector<uint64_t>{0});
+    EXPECT_EQ(r.scalars.size(), 1u);
     EXPECT_EQ(c.call(conn, 12, {7, 8}, {}, 1, 0, false).code, kBadArgument);
     EXPECT_EQ(c.call(conn, 12, {7}, {}, 0, 0, false).code, kBadArgument);
     // halt: three scalars.
@@ -173,7 +173,11 @@ TEST(SimProtocol, OpenCallCloseFollowTheCatalogueAndAreTraced) {
     EXPECT_EQ(c.request(wire::Op::Close, close_w)->code, kBadArgument);
     EXPECT_EQ(c.call(conn, 4, {}, {}, 0, 0, false).code, kBadArgument);   // closed: not a call, not traced
 
-    auto trace = sim.trace();
+    // Models may trace events of their own; the call and open lines are these.
+    std::vector<std::string> trace;
+    for (auto &line : sim.trace())
+        if (line.find("\"selector\":") != std::string::npos || line.find("\"open\":") != std::string::npos)
+            trace.push_back(line);
     ASSERT_EQ(trace.size(), 10u);
     EXPECT_EQ(trace[0], R"({"service":"ZantraTalvexProcessor","open":1,"result":3758097090})");
     EXPECT_EQ(trace[1], R"({"service":"ZantraTalvexProcessor","open":0,"result":0})");
@@ -185,7 +189,7 @@ TEST(SimProtocol, OpenCallCloseFollowTheCatalogueAndAreTraced) {
               R"({"service":"ZantraTalvexProcessor","selector":12,"scalars":[7],"input":"","output_size":0,"scalar_output_count":1,"result":0})");
     EXPECT_EQ(trace[9],
               R"({"service":"ZantraTalvexProcessor","selector":40,"scalars":[5000,0,96],"input":"","output_size":0,"scalar_output_count":0,"result":0})");
-    EXPECT_TRUE(sim.trace(true).size() == 10u);
+    EXPECT_GE(sim.trace(true).size(), 10u);
     EXPECT_TRUE(sim.trace().empty());
     EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
@@ -224,8 +228,9 @@ TEST(SimProtocol, StubsAnswerInsteadOfTheModel) {
     EXPECT_TRUE(r.scalars.empty());   // the caller offered no room for scalars
     r = c.call(conn, 13, {3, 0x21}, {}, 0, 4);
     EXPECT_EQ(r.output.size(), 4u);
-    r = c.call(conn, 13, {3, 0x20}, {}, 0, 4);   // other scalars: the model's zero fill
-    EXPECT_EQ(r.output, std::vector<uint8_t>(4, 0));
+    r = c.call(conn, 13, {3, 0x20}, {}, 0, 4);   // other scalars: the model answers
+    EXPECT_EQ(r.output.size(), 4u);
+    EXPECT_NE(r.output, (std::vector<uint8_t>{0xaa, 0xbb, 0, 0}));
     ctl({"stub", "--selector", "12", "--scalar-outputs", "1,2"});
     EXPECT_EQ(c.call(conn, 12, {5}, {}, 1, 0, false).scalars, std::vector<uint64_t>{1});
 

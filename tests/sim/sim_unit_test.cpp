@@ -326,3 +326,31 @@ TEST(SimUnit, SharedRegionIsWritableHereAndReadOnlyForClients) {
     EXPECT_FALSE(SharedRegion::create(0, &error));
     EXPECT_FALSE(error.empty());
 }
+
+TEST(SimUnit, PerClientLimitsAndCleanup) {
+    Captured out;
+    Simulation sim(out);
+    uint64_t cp = sim.registry().find_class(kCoprocessorClass)->id;
+    auto request = [&](ClientId client, wire::Op op, const wire::Writer &body) {
+        auto frame = wire::make_request(op, 1, body.data());
+        sim.handle(client, std::span(frame).subspan(4));
+        wire::Reader r(std::span(out.sent.back().frame).subspan(12));   // length, op, flags, seq, then the code
+        return r.i32();
+    };
+    wire::Writer open;
+    open.u64(cp);
+    open.u32(0);
+    for (size_t i = 0; i < Simulation::kMaxConnectionsPerClient; ++i) ASSERT_EQ(request(1, wire::Op::Open, open), 0);
+    EXPECT_EQ(request(1, wire::Op::Open, open), kIOReturnNoResources);
+    EXPECT_EQ(request(2, wire::Op::Open, open), 0);   // the limit is per client
+    wire::Writer close;
+    close.u32(1);   // the first connection client 1 opened
+    EXPECT_EQ(request(1, wire::Op::Close, close), 0);
+    EXPECT_EQ(request(1, wire::Op::Open, open), 0);
+    EXPECT_EQ(sim.connection_count(), Simulation::kMaxConnectionsPerClient + 1);
+    sim.client_gone(1);
+    EXPECT_EQ(sim.connection_count(), 1u);
+    EXPECT_EQ(request(1, wire::Op::Open, open), 0);   // a reused client ID starts afresh
+    // Every open, failed or not, was traced.
+    EXPECT_EQ(sim.trace().lines(), Simulation::kMaxConnectionsPerClient + 4);
+}
