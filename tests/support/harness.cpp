@@ -275,8 +275,10 @@ void Simulator::kill() {
 std::string Simulator::log() const { return proc_ ? proc_->err() : std::string(); }
 
 std::string normalise(std::string text) {
-    static const std::regex re(R"(file: (?:\S*/)?([^/\s,]+/[^/\s,]+|[^/\s,]+), line: \d+)");
-    return std::regex_replace(text, re, "file: $1, line: N");
+    // A path keeps its last two parts (the greedy prefix backs off to leave
+    // them); a bare file name is kept as it is.
+    static const std::regex re(R"(file: (?:\S*/)?([^/\s,]+/[^/\s,]+), line: \d+|file: ([^/\s,]+), line: \d+)");
+    return std::regex_replace(text, re, "file: $1$2, line: N");
 }
 
 std::vector<std::string> lines(std::string_view text) {
