@@ -142,9 +142,14 @@ CFStringRef IOReportStateGetNameForIndex(CFDictionaryRef sample, int32_t index);
 double IOReportStateGetDutyCycle(CFDictionaryRef sample, int32_t index);
 int IOReportStateGetCurrent(CFDictionaryRef sample);
 
-// Difference of two sample records (see the implementation for the
-// single-record semantics) and of two whole samples.
+// Difference of two sample records. The result is a shallow copy of `older`
+// and writes the difference into the element data it shares with `older`:
+// for the simple format both then hold newer - older; for the other formats
+// the newer elements are copied over that data first, so their differences
+// come out as 0 (histogram sums as the no-value sentinel).
 CFMutableDictionaryRef IOReportSampleCreateDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error);
+// Difference of two whole samples of one subscription: each delta record has
+// its own elements; one failing channel fails the whole delta.
 CFMutableDictionaryRef IOReportCreateSamplesDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error);
 
 // ---------------------------------------------------------------- units and text
