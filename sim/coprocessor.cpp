@@ -73,6 +73,7 @@ void define_coprocessor_methods(MethodTable &t) {
 Coprocessor::Coprocessor(Simulation &sim, Service &service) : sim_(sim), service_(service) {
     define_coprocessor_methods(methods_);
     install_lifecycle_methods(*this);
+    install_diag_methods(*this);
     install_bus_methods(*this);
     int64_t booted = kTalvexStateBooted;
     CFRef<CFNumberRef> state(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &booted));
@@ -95,10 +96,12 @@ uint64_t Coprocessor::state() const {
 }
 
 void Coprocessor::set_state(uint64_t state) {
+    uint64_t from = this->state();
     auto value = static_cast<int64_t>(state);
     CFRef<CFNumberRef> number(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &value));
     service_.set_property(kStateKey, number.get());
     sim_.notify(service_, kTalvexMessageStateChanged, MessageArg::of_value(state));
+    for (const auto &listener : state_listeners_) listener(from, state);
 }
 
 }  // namespace talvex::sim

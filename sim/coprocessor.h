@@ -12,7 +12,9 @@
 #include <IOKit/IOReturn.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <vector>
 
 #include "methods.h"
 #include "registry.h"
@@ -45,6 +47,7 @@ class Coprocessor;
 
 // Behaviour per area (sim/model_<area>.cpp), installed by the constructor.
 void install_lifecycle_methods(Coprocessor &cop);   // 0-4, 10, 15, 17, 18, 31, 33, 40
+void install_diag_methods(Coprocessor &cop);        // 13, 14, 19-30, 32, 39
 void install_bus_methods(Coprocessor &cop);         // 5-9, 11, 12, 16, 34-38
 
 class Coprocessor final : public ServiceModel {
@@ -67,10 +70,17 @@ public:
     // message with the state as its value).
     void set_state(uint64_t state);
 
+    // --- state listeners (models whose firmware-side state follows restarts)
+    // Runs after every change made through set_state, with the old and the
+    // new state.
+    using StateListener = std::function<void(uint64_t from, uint64_t to)>;
+    void add_state_listener(StateListener listener) { state_listeners_.push_back(std::move(listener)); }
+
 private:
     Simulation &sim_;
     Service &service_;
     MethodTable methods_;
+    std::vector<StateListener> state_listeners_;
 };
 
 }  // namespace talvex::sim
