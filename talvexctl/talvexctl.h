@@ -105,3 +105,32 @@ int TalvexCmdFw0(int argc, char *argv[]);
 int TalvexCmdFw1(int argc, char *argv[]);
 int TalvexCmdConn(int argc, char *argv[]);
 int TalvexCmdSetProperty(int argc, char *argv[]);
+
+// ---------------------------------------------------------------------------
+// Diagnostics commands.
+
+// profile.cpp
+int TalvexCmdProfile(int argc, char *argv[]);
+// clocks.cpp
+int TalvexCmdClkRedirect(int argc, char *argv[]);
+int TalvexCmdClkMeasure(int argc, char *argv[]);
+int TalvexCmdClkStartup(int argc, char *argv[]);
+// powerlog.cpp
+int TalvexCmdPowerLog(int argc, char *argv[]);
+// listings.cpp
+int TalvexCmdListClients(int argc, char *argv[]);
+int TalvexCmdListSensors(int argc, char *argv[]);
+// sensorinfo.cpp
+int TalvexCmdSensorInfo(int argc, char *argv[]);
+// perfmon.cpp
+int TalvexCmdPerfmon(int argc, char *argv[]);
+int TalvexCmdSetBaudRate(int argc, char *argv[]);
+
+// diag.cpp: driver calls the diagnostics commands make themselves. A failed
+// call is reported here ("result == 0 ", as a client operation reports its
+// own); the command decides whether it reports it once more.
+IOReturn TalvexDiagScalarCall(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count);
+IOReturn TalvexDiagStructCall(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
+                              void *output, size_t *output_size);
+// The text of a return code; empty when the system has none.
+const char *TalvexDiagCodeText(IOReturn code);

@@ -1,0 +1,69 @@
+// Listings: listclients <device> (the firmware's clients of one device) and
+// listsensors (the devices that answer a property read).
+#include "talvexctl.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr uint32_t kSummary = 0xffffffff;
+constexpr int kNameField = 69;
+
+// One row: the name (bounded to its field) and the four figures.
+void print_client(const uint8_t *reply) {
+    std::printf("%-32.*s: %8d %8d %8d %8d\n", kNameField, reinterpret_cast<const char *>(reply + 4),
+                static_cast<int32_t>(TalvexLoadLE32(reply + 73)), static_cast<int32_t>(TalvexLoadLE32(reply + 77)),
+                static_cast<int32_t>(TalvexLoadLE32(reply + 81)), static_cast<int32_t>(TalvexLoadLE32(reply + 85)));
+}
+
+}  // namespace
+
+int TalvexCmdListClients(int argc, char *argv[]) {
+    if (argc != 2) {
+        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
+        return 1;
+    }
+    uint8_t device = TalvexDeviceLookup(argv[1]);
+    if (device == kTalvexNoDevice) {
+        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
+        return 1;
+    }
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    uint8_t reply[kTalvexClientListOutSize] = {};
+    IOReturn result = TalvexClientList(talvex, device, kSummary, reply);
+    if (result == 0) {
+        std::printf("name                               polling   report threshold timeLimit\n");
+        print_client(reply);
+        // The count is read again from every reply.
+        for (uint32_t i = 0; i < TalvexLoadLE32(reply); ++i) {
+            result = TalvexClientList(talvex, device, i, reply);
+            if (result != 0) break;
+            if (reply[4] != 0) print_client(reply);
+        }
+    }
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TalvexClose(talvex);
+    return result != 0 ? 1 : 0;
+}
+
+int TalvexCmdListSensors(int, char *[]) {
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    for (const TalvexDevice *row = kTalvexDevices; row->name; ++row) {
+        uint64_t input[2] = {row->id, 0};
+        uint8_t value[4];
+        size_t size = sizeof value;
+        if (IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr, nullptr, value,
+                                &size) == 0)
+            std::printf("%s\n", row->name);
+    }
+    TalvexClose(talvex);
+    return 0;
+}

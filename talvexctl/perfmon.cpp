@@ -1,0 +1,139 @@
+// perfmon <device> auto|enable|disable|enabled|report: the firmware's
+// per-device performance monitor; setbaudrate <rate>: the link's baud rate.
+#include "talvexctl.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kItemMode = 0x26;     // also readable as property 38
+constexpr uint32_t kItemReport = 0x2f;
+constexpr size_t kReportSize = 256;
+constexpr uint32_t kMaxEntries = 10;     // what fits in the report
+
+struct ModeWord {
+    const char *word;
+    uint32_t mode;
+};
+
+// The words that set a mode, in the order they are tried.
+const ModeWord kModeWords[] = {{"auto", 2}, {"enable", 1}, {"disable", 0}, {nullptr, 0}};
+
+const char *mode_name(uint32_t mode) {
+    switch (mode) {
+    case 0: return "disabled";
+    case 1: return "enabled";
+    case 2: return "auto";
+    default: return "unknown";
+    }
+}
+
+int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
+    uint8_t input[4];
+    TalvexStoreLE32(input, mode);
+    IOReturn result = TalvexPerfmonCall(talvex, device, kItemMode, input, sizeof input, nullptr, nullptr);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        return 1;
+    }
+    return 0;
+}
+
+int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
+    uint64_t input[2] = {device, kItemMode};
+    uint8_t value[4] = {};
+    size_t size = sizeof value;
+    IOReturn result =
+        IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr, nullptr, value, &size);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        return 1;
+    }
+    std::printf("perfmon is %s for %s\n", mode_name(TalvexLoadLE32(value)), word);
+    return 0;
+}
+
+int show_report(TalvexHandle *talvex, uint8_t device) {
+    uint8_t report[kReportSize];
+    std::memset(report, 0, sizeof report);
+    size_t size = sizeof report;
+    IOReturn result = TalvexPerfmonCall(talvex, device, kItemReport, nullptr, 0, report, &size);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        return 1;
+    }
+    uint32_t count = TalvexLoadLE32(report);
+    for (uint32_t i = 0; i < count && i < kMaxEntries; ++i) {
+        const uint8_t *entry = report + 4 + 24 * i;
+        // An 8-character name fills its field without a terminator.
+        std::printf("%-8.8s: num_samples=%d latency=[min=%d;max=%d;avg=%d]\n", reinterpret_cast<const char *>(entry),
+                    static_cast<int32_t>(TalvexLoadLE32(entry + 8)), static_cast<int32_t>(TalvexLoadLE32(entry + 12)),
+                    static_cast<int32_t>(TalvexLoadLE32(entry + 16)), static_cast<int32_t>(TalvexLoadLE32(entry + 20)));
+    }
+    return 0;
+}
+
+}  // namespace
+
+int TalvexCmdPerfmon(int argc, char *argv[]) {
+    if (argc != 3) {
+        TALVEX_ASSERT_REPORT("argc == 3", "", 0);
+        return 1;
+    }
+    uint8_t device = TalvexDeviceLookup(argv[1]);
+    if (device == kTalvexNoDevice) {
+        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
+        return 1;
+    }
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    const char *word = argv[2];
+    const ModeWord *row = kModeWords;
+    while (row->word && std::strcmp(row->word, word) != 0) ++row;
+    int status = 0;
+    if (row->word) {
+        status = set_mode(talvex, device, row->mode);
+    } else if (std::strcmp(word, "enabled") == 0) {
+        status = show_mode(talvex, device, argv[1]);
+    } else if (std::strcmp(word, "report") == 0) {
+        status = show_report(talvex, device);
+    } else {
+        // No newline, and not a failure.
+        std::printf("unknown command: perfmon %s", word);
+    }
+    TalvexClose(talvex);
+    return status;
+}
+
+// setbaudrate 112500|750000|1500000|3000000
+int TalvexCmdSetBaudRate(int argc, char *argv[]) {
+    if (argc != 2) {
+        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
+        return 1;
+    }
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    // Trailing text is ignored; only the low 32 bits count.
+    auto rate = static_cast<int32_t>(static_cast<uint32_t>(TalvexParseDec(argv[1])));
+    int status = 0;
+    if (rate == 112500 || rate == 750000 || rate == 1500000 || rate == 3000000) {
+        uint64_t input[1] = {static_cast<uint32_t>(rate)};
+        IOReturn result = TalvexDiagScalarCall(talvex, kTalvexSetBaudRate, input, 1);
+        if (result != 0) {
+            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+            status = 1;
+        }
+    } else {
+        TALVEX_ASSERT_REPORT("rate==112500||rate==750000||rate==1500000||rate==3000000", "", 0);
+        status = 1;
+    }
+    TalvexClose(talvex);
+    return status;
+}

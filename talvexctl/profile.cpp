@@ -1,0 +1,156 @@
+// profile: the firmware profiler's hitpoints and timed functions.
+//
+//   profile start|stop|reset       methods 19, 20, 21 ("Ok" after start and reset;
+//                                  stop prints nothing)
+//   profile print                  the summary (22), then every entry (23)
+//   profile gethitpoint|getfunction ID
+//                                  one entry, by index when ID is all decimal
+//                                  digits (or empty), else by name
+#include "talvexctl.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kHitpoint = 0;
+constexpr uint32_t kFunction = 1;
+constexpr uint32_t kByName = 0xffffffff;
+constexpr size_t kSummarySize = 12;
+constexpr size_t kNameField = 64;
+
+// A reply's figures. The name is cut to the 63 characters before the last
+// byte of its field, which is overwritten with a terminator.
+struct Entry {
+    const char *name;
+    int max, min, hits, saves, total_time;
+};
+
+Entry read_entry(uint8_t *reply) {
+    reply[67] = 0;
+    Entry e;
+    e.name = reinterpret_cast<const char *>(reply + 4);
+    e.max = static_cast<int32_t>(TalvexLoadLE32(reply + 68));
+    e.min = static_cast<int32_t>(TalvexLoadLE32(reply + 72));
+    e.hits = TalvexLoadLE16(reply + 76);
+    e.saves = TalvexLoadLE16(reply + 78);
+    e.total_time = static_cast<int32_t>(TalvexLoadLE32(reply + 78));
+    return e;
+}
+
+void print_hitpoint(const Entry &e) {
+    std::printf("%-32s min:%5d max:%5d hits:%5d saves:%4d\n", e.name, e.min, e.max, e.hits, e.saves);
+}
+
+int print_profile(TalvexHandle *talvex) {
+    uint8_t summary[kSummarySize] = {};
+    size_t size = sizeof summary;
+    IOReturn result = TalvexDiagStructCall(talvex, kTalvexProfileInfo, nullptr, 0, summary, &size);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+        return 1;
+    }
+    uint32_t hitpoints = TalvexLoadLE32(summary);
+    uint32_t functions = TalvexLoadLE32(summary + 4);
+    std::printf("profile runtime: %d\n\n", static_cast<int32_t>(TalvexLoadLE32(summary + 8)));
+    std::printf("profile hitpoints (%d):\n", static_cast<int32_t>(hitpoints));
+    uint8_t reply[kTalvexProfileQueryOutSize];
+    for (uint32_t i = 0; i < hitpoints; ++i) {
+        std::memset(reply, 0, sizeof reply);
+        result = TalvexProfileQuery(talvex, kHitpoint, i, reply);
+        if (result != 0) {
+            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+            return 1;
+        }
+        print_hitpoint(read_entry(reply));
+    }
+    std::printf("\nprofile functions (%d):\n", static_cast<int32_t>(functions));
+    for (uint32_t j = 0; j < functions; ++j) {
+        std::memset(reply, 0, sizeof reply);
+        result = TalvexProfileQuery(talvex, kFunction, j, reply);
+        if (result != 0) {
+            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+            return 1;
+        }
+        Entry e = read_entry(reply);
+        std::printf("%s\n\tmin:%5d max:%5d hits:%5d total_time:%4d\n", e.name, e.min, e.max, e.hits, e.total_time);
+    }
+    return 0;
+}
+
+int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
+    uint8_t reply[kTalvexProfileQueryOutSize] = {};
+    char *end = nullptr;
+    long index = std::strtol(id, &end, 10);
+    if (*end == '\0') {
+        // All digits (or nothing at all): by index. The operation reports a failure.
+        if (TalvexProfileQuery(talvex, kind, static_cast<uint32_t>(index), reply) != 0) return 1;
+    } else {
+        size_t length = std::strlen(id);
+        IOReturn result = kIOReturnBadArgument;
+        if (length < kNameField) {
+            uint8_t request[kTalvexProfileQueryInSize] = {};
+            TalvexStoreLE32(request, kind);
+            TalvexStoreLE32(request + 4, kByName);
+            std::memcpy(request + 8, id, length + 1);
+            size_t size = sizeof reply;
+            result = IOConnectCallStructMethod(talvex->connection, kTalvexProfileQuery, request, sizeof request,
+                                               reply, &size);
+        }
+        if (result != 0) {
+            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+            return 1;
+        }
+    }
+    Entry e = read_entry(reply);
+    if (kind == kHitpoint)
+        print_hitpoint(e);
+    else
+        std::printf("%-32s min:%5d max:%5d hits:%5d total_time:%4d\n", e.name, e.min, e.max, e.hits, e.total_time);
+    return 0;
+}
+
+// start, stop, reset: one call each.
+int control(TalvexHandle *talvex, const char *word) {
+    IOReturn result;
+    if (std::strcmp(word, "stop") == 0)
+        result = TalvexDiagScalarCall(talvex, kTalvexProfileStop, nullptr, 0);
+    else
+        result = TalvexDiagStructCall(talvex, std::strcmp(word, "start") == 0 ? kTalvexProfileStart : kTalvexProfileReset,
+                                      nullptr, 0, nullptr, nullptr);
+    if (result != 0) {
+        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+        return 1;
+    }
+    if (std::strcmp(word, "stop") != 0) std::printf("Ok\n");
+    return 0;
+}
+
+}  // namespace
+
+int TalvexCmdProfile(int argc, char *argv[]) {
+    if (argc < 2) {
+        TALVEX_ASSERT_REPORT("argv[1]", "", 0);
+        return 1;
+    }
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) {
+        TALVEX_ASSERT_REPORT("talvex", "", 0);
+        return 1;
+    }
+    const char *word = argv[1];
+    int status;
+    if (std::strcmp(word, "start") == 0 || std::strcmp(word, "stop") == 0 || std::strcmp(word, "reset") == 0) {
+        status = control(talvex, word);
+    } else if (std::strcmp(word, "print") == 0) {
+        status = print_profile(talvex);
+    } else if ((std::strcmp(word, "gethitpoint") == 0 || std::strcmp(word, "getfunction") == 0) && argc >= 3) {
+        status = get_entry(talvex, std::strcmp(word, "getfunction") == 0 ? kFunction : kHitpoint, argv[2]);
+    } else {
+        TALVEX_ASSERT_REPORT("", "unexpected parameter", 0);
+        status = 1;
+    }
+    TalvexClose(talvex);
+    return status;
+}
