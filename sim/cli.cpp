@@ -234,16 +234,27 @@ int run_private(std::vector<std::string> cmd) {
     sigaddset(&defaults, SIGHUP);
     sigaddset(&defaults, SIGTERM);
     posix_spawnattr_setsigdefault(&cattr, &defaults);
-    posix_spawnattr_setflags(&cattr, POSIX_SPAWN_SETSIGDEF);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&cattr, &none);
+    posix_spawnattr_setflags(&cattr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    // A termination that arrives before the command's pid is known waits
+    // (blocked) until it is, then goes to the command.
+    sigset_t held, old_mask;
+    sigemptyset(&held);
+    sigaddset(&held, SIGHUP);
+    sigaddset(&held, SIGTERM);
+    sigprocmask(SIG_BLOCK, &held, &old_mask);
     pid_t child = -1;
     rc = posix_spawnp(&child, cmd[0].c_str(), nullptr, &cattr, argv.data(), envp.data());
     posix_spawnattr_destroy(&cattr);
+    if (rc == 0) g_command = child;
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     int status;
     if (rc != 0) {
         std::fprintf(stderr, "talvexsim: cannot run %s: %s\n", cmd[0].c_str(), std::strerror(rc));
         status = 127;
     } else {
-        g_command = child;
         int st = 0;
         while (waitpid(child, &st, 0) < 0 && errno == EINTR) {
         }

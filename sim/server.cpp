@@ -228,10 +228,16 @@ void Server::run() {
         }
         sim_.run_timers();
         for (auto &[id, c] : clients_) {
-            if (c->dead) continue;
-            process_input(*c);   // frames left from an earlier turn while the client was paused
-            if (!c->out.empty()) flush(*c);
-            if (c->eof && c->out.empty()) c->dead = true;
+            // Frames left from a turn in which the client was paused: handle
+            // them while its replies drain, so none waits for input that may
+            // never come.
+            while (!c->dead) {
+                size_t buffered = c->in.size();
+                process_input(*c);
+                if (!c->out.empty()) flush(*c);
+                if (c->in.size() == buffered || !c->out.empty()) break;
+            }
+            if (c->eof && c->out.empty() && c->in.empty()) c->dead = true;
         }
         reap();
     }

@@ -219,3 +219,32 @@ TEST(SimAttack, PipelinedRequestsAreAnsweredInOrder) {
     }
     EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
+
+TEST(SimAttack, LargePipelinedRepliesAllArriveAfterAHalfClose) {
+    Simulator sim;
+    // 256 KiB property, asked for 24 times in one go: 6 MiB of replies, far
+    // beyond what the simulator queues before it pauses the client.
+    RawClient c(sim.socket());
+    auto set = control(c, {"property", "set", "big", std::string(512u << 10, 'c'), "--type", "data"});
+    ASSERT_TRUE(set && set->code == 0);
+    uint64_t cp = c.service("ZantraTalvexProcessor");
+    wire::Writer w;
+    w.u64(cp);
+    w.str("big");
+    std::vector<uint8_t> batch;
+    for (uint32_t seq = 1; seq <= 24; ++seq) {
+        auto f = wire::make_request(wire::Op::GetProperty, seq, w.data());
+        batch.insert(batch.end(), f.begin(), f.end());
+    }
+    ASSERT_TRUE(c.send_bytes(batch));
+    shutdown(c.fd(), SHUT_WR);
+    for (uint32_t seq = 1; seq <= 24; ++seq) {
+        auto f = c.read_frame();
+        ASSERT_TRUE(f) << seq;
+        EXPECT_EQ(f->seq, seq);
+        EXPECT_EQ(f->code, 0);
+        EXPECT_GT(f->body.size(), 256u << 10);
+    }
+    EXPECT_FALSE(c.read_frame(std::chrono::seconds(5)));   // then the simulator closes its end
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
