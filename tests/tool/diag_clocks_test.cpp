@@ -1,0 +1,237 @@
+// clkredirect, clkmeasure, clkstartup and powerlog end to end: requests,
+// exact output from stubbed replies, diagnostics, and the live model's
+// figures.
+#include "diag_support.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <string>
+
+namespace {
+
+using namespace talvex::test;
+using namespace talvex::test::diag;
+
+TEST(Clocks, RedirectSendsOneOrZeroAndChecksItsWordAfterTheOpen) {
+    Simulator sim;
+    for (auto [word, value] : {std::pair{"enable", 1u}, {"disable", 0u}}) {
+        Outcome o = run(sim, {"clkredirect", word});
+        EXPECT_EQ(o.r.status, 0) << word;
+        EXPECT_EQ(o.r.out + o.r.err, "") << word;
+        ASSERT_EQ(o.calls.size(), 1u);
+        EXPECT_EQ(o.calls[0].selector, 28);
+        EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{value});
+    }
+    for (const Words &args : {Words{"clkredirect"}, Words{"clkredirect", "Enable"}}) {
+        Outcome o = run(sim, args);
+        EXPECT_EQ(o.r.status, 1);
+        EXPECT_EQ(o.err, check("", "clocks.cpp", "unexpected parameter"));
+        EXPECT_EQ(o.opens, 1u);
+        EXPECT_TRUE(o.calls.empty());
+    }
+    stub_code(sim, "28", "0xe00002bc");
+    Outcome o = run(sim, {"clkredirect", "enable"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "clocks.cpp"));
+}
+
+TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
+    Simulator sim;
+    // Each word asks for its clock; no word asks for the IRC under a null label.
+    const std::pair<Words, uint32_t> asked[] = {{{"clkmeasure", "irc"}, 1},     {{"clkmeasure", "pll"}, 2},
+                                                {{"clkmeasure", "lfosc"}, 3},   {{"clkmeasure", "current"}, 0},
+                                                {{"clkmeasure", "ircdiff"}, 4}, {{"clkmeasure"}, 1}};
+    for (const auto &[args, selector] : asked) {
+        stub_once(sim, "32", Hex().u32(1'000'000).u32(990'000).str());
+        Outcome o = run(sim, args);
+        std::string label = args.size() > 1 ? args[1] : "(null)";
+        EXPECT_EQ(o.r.out, label + " clock speed: 990000 Hz (99.000000%)\n");
+        ASSERT_EQ(o.calls.size(), 1u);
+        EXPECT_EQ(o.calls[0].selector, 32);
+        EXPECT_EQ(o.calls[0].input, Hex().u32(selector).str());
+        EXPECT_EQ(o.calls[0].output_size, 8u);
+    }
+    const std::pair<std::string, std::string> replies[] = {
+        {Hex().u32(32768).u32(32768).str(), "pll clock speed: 32768 Hz (100.000000%)\n"},
+        {Hex().u32(0).u32(12'000'000).str(), "pll clock speed: 12000000 Hz (0.000000%)\n"},
+        // The Hz field is signed; the percentage uses the unsigned value.
+        {Hex().u32(0x80000000).u32(0xc0000000).str(), "pll clock speed: -1073741824 Hz (150.000000%)\n"},
+    };
+    for (const auto &[reply, line] : replies) {
+        stub_once(sim, "32", reply);
+        EXPECT_EQ(run(sim, {"clkmeasure", "pll"}).r.out, line);
+    }
+
+    Outcome o = run(sim, {"clkmeasure", "IRC"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.r.out, "Usage: talvexctl clkmeasure [irc|ircdiff|pll|lfosc|current]\n");
+    EXPECT_EQ(o.opens, 0u);
+
+    // A failure: once without the code, once with it, the code's text as message both times.
+    stub_code(sim, "32", "0xe00002bc");
+    o = run(sim, {"clkmeasure", "irc"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.r.out, "");
+    const std::string text = "(iokit/common) general error";
+    EXPECT_EQ(o.err, check("result == 0", "clocks.cpp", text) + coded(kGeneralError, "clocks.cpp", text));
+}
+
+// The percentage of a live measurement.
+double live_percent(const Simulator &sim, const std::string &word) {
+    Outcome o = run(sim, {"clkmeasure", word});
+    EXPECT_EQ(o.r.status, 0) << o.r.err;
+    size_t open = o.r.out.find('(');
+    return open == std::string::npos ? 0 : std::strtod(o.r.out.c_str() + open + 1, nullptr);
+}
+
+TEST(Clocks, LiveClocksRunNearTheirReferenceAndRedirectionMovesCurrentToTheIrc) {
+    Simulator sim;
+    EXPECT_NEAR(live_percent(sim, "pll"), 100.0, 0.01);
+    EXPECT_NEAR(live_percent(sim, "lfosc"), 100.0, 0.02);
+    EXPECT_NEAR(live_percent(sim, "irc"), 100.0, 1.0);
+    EXPECT_NEAR(live_percent(sim, "ircdiff"), 100.0, 1.0);
+    std::string current = run(sim, {"clkmeasure", "current"}).r.out;
+    EXPECT_TRUE(std::regex_match(current, std::regex("current clock speed: (99|100)[0-9]{6} Hz .*\n"))) << current;
+    ASSERT_EQ(run(sim, {"clkredirect", "enable"}).r.status, 0);
+    current = run(sim, {"clkmeasure", "current"}).r.out;
+    EXPECT_TRUE(std::regex_match(current, std::regex("current clock speed: 1[12][0-9]{6} Hz .*\n"))) << current;
+}
+
+TEST(Clocks, StartupPrintsThreeLinesFromProperty240) {
+    Simulator sim;
+    stub_once(sim, "13", Hex().i32(2400).i32(2100).i32(-1).i32(9800).i32(9400).i32(11200).i32(0).i32(7).i32(-8).str());
+    Outcome o = run(sim, {"clkstartup", "ignored"});
+    EXPECT_EQ(o.r.status, 0);
+    EXPECT_EQ(o.r.out, "IRC startup speed - mean:2400 ns min:2100 ns max:-1 ns\n"
+                       "IRC pre-startup speed - mean:9800 ns min:9400 ns max:11200 ns\n"
+                       "IRC total speed - mean:0 ns min:7 ns max:-8 ns\n");
+    ASSERT_EQ(o.calls.size(), 1u);
+    EXPECT_EQ(o.calls[0].selector, 13);
+    EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{3, 240}));
+    EXPECT_EQ(o.calls[0].output_size, 36u);
+
+    stub_code(sim, "13", "0xe00002c7");
+    o = run(sim, {"clkstartup"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_TRUE(std::regex_match(o.r.out, std::regex("TalvexGetProperty\\(handle=0x[0-9a-f]+,dev=3,prop=f0,size=36\\) "
+                                                     "-> e00002c7\n")))
+        << o.r.out;
+    EXPECT_EQ(o.err, from_operation(kUnsupported) + coded(kUnsupported, "clocks.cpp", "(iokit/common) unsupported function"));
+
+    // Live: mean between min and max for each line.
+    o = run(sim, {"clkstartup"});
+    auto got = lines(o.r.out);
+    ASSERT_EQ(got.size(), 3u) << o.r.out;
+    for (const auto &line : got) {
+        int mean = 0, min = 0, max = 0;
+        ASSERT_EQ(std::sscanf(line.c_str() + line.find("mean:"), "mean:%d ns min:%d ns max:%d ns", &mean, &min, &max), 3)
+            << line;
+        EXPECT_LE(min, mean) << line;
+        EXPECT_LE(mean, max) << line;
+        EXPECT_GT(min, 1000) << line;
+    }
+}
+
+// The power log's lines for a record whose every pair holds (period, entries).
+std::string record_text(uint32_t period, uint32_t entries, uint32_t events, uint32_t dropped) {
+    auto pair = [&](const char *label) {
+        return std::string(label) + "Entry = " + std::to_string(entries) + ", Period = " + std::to_string(period) + "\n";
+    };
+    std::string s = "Device Talvex\n" + pair("    Deep Sleep   ") + pair("         Sleep   ") +
+                    pair("    Running12M   ") + pair("   Running100M   ") + "\n";
+    for (const char *name : {"gyro", "accel", "compass", "pressure", "talvex"})
+        s += std::string("Device ") + name + ", events: " + std::to_string(events) +
+             ", dropped: " + std::to_string(dropped) + "\n" + pair("    Sleep        ") + pair("    Active       ");
+    s += "\n";
+    for (int t = 0; t < 3; ++t)
+        s += "Thread " + std::to_string(t) + ", Entry = " + std::to_string(entries) +
+             ", Period = " + std::to_string(period) + "\n";
+    return s;
+}
+
+std::string record(uint32_t period, uint32_t entries, uint32_t events, uint32_t dropped) {
+    Hex h;
+    for (int i = 0; i < 7; ++i) h.u32(period).u32(entries);
+    for (uint32_t d = 0; d < 5; ++d) h.u32(period).u32(entries).u32(period).u32(entries).u32(events).u32(dropped).u32(d);
+    return h.str();
+}
+
+TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
+    Simulator sim;
+    for (auto [word, selector, name] :
+         {std::tuple{"start", 24, "Start"}, {"stop", 25, "Stop"}, {"reset", 26, "Reset"}}) {
+        Outcome o = run(sim, {"powerlog", word});
+        EXPECT_EQ(o.r.status, 0);
+        EXPECT_EQ(o.r.out, std::string(name) + " power log: (os/kern) successful (0)\n");
+        ASSERT_EQ(o.calls.size(), 1u);
+        EXPECT_EQ(o.calls[0].selector, selector);
+        EXPECT_TRUE(o.calls[0].scalars.empty());
+
+        stub_code(sim, std::to_string(selector), "0xe00002bc");
+        o = run(sim, {"powerlog", word});
+        EXPECT_EQ(o.r.status, 1);
+        EXPECT_EQ(o.r.out, std::string(name) + " power log: " + kGeneralError + "\n");
+        EXPECT_EQ(o.err, coded(kGeneralError, "powerlog.cpp") + coded(kGeneralError, "powerlog.cpp"));
+    }
+    for (const Words &args : {Words{"powerlog"}, Words{"powerlog", "getPowerLog"}}) {
+        Outcome o = run(sim, args);
+        EXPECT_EQ(o.r.status, 1);
+        EXPECT_EQ(o.err, check("", "powerlog.cpp", "unexpected parameter"));
+        EXPECT_EQ(o.opens, 1u);
+        EXPECT_TRUE(o.calls.empty());
+    }
+}
+
+TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
+    Simulator sim;
+    stub_once(sim, "27", record(0, 0, 0, 0));
+    Outcome o = run(sim, {"powerlog", "getpowerlog"});
+    EXPECT_EQ(o.r.status, 0);
+    EXPECT_EQ(o.r.out, record_text(0, 0, 0, 0));
+    EXPECT_EQ(lines(o.r.out).size(), 23u + 2);
+    ASSERT_EQ(o.calls.size(), 1u);
+    EXPECT_EQ(o.calls[0].output_size, 196u);
+
+    stub_once(sim, "27", record(0x80000000, 7, 0xffffffff, 3));
+    EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, record_text(2147483648u, 7, 4294967295u, 3));
+
+    stub_code(sim, "27", "0xe00002bc");
+    o = run(sim, {"powerlog", "getpowerlog"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.r.out, "");
+    EXPECT_EQ(o.err, coded(kGeneralError, "diag.cpp") + coded(kGeneralError, "powerlog.cpp"));
+}
+
+// The first number after `key` on the line that starts with `start`.
+unsigned long field(const std::string &text, const std::string &start, const std::string &key) {
+    for (const auto &line : lines(text))
+        if (line.rfind(start, 0) == 0) return std::strtoul(line.c_str() + line.find(key) + key.size(), nullptr, 10);
+    ADD_FAILURE() << "no " << start << " in\n" << text;
+    return 0;
+}
+
+TEST(PowerLog, LiveLogAccumulatesWhileStarted) {
+    Simulator sim;
+    std::string idle = run(sim, {"powerlog", "getpowerlog"}).r.out;
+    EXPECT_EQ(idle, record_text(0, 0, 0, 0));   // nothing before a start
+    ASSERT_EQ(run(sim, {"powerlog", "start"}).r.status, 0);
+    pause_ms(400);
+    std::string log = run(sim, {"powerlog", "getpowerlog"}).r.out;
+    EXPECT_GT(field(log, "    Deep Sleep", "Entry = "), 0u) << log;
+    EXPECT_GT(field(log, "    Deep Sleep", "Period = "), 150u) << log;
+    EXPECT_GT(field(log, "Device gyro", "events: "), 25u) << log;
+    EXPECT_GT(field(log, "Thread 0", "Entry = "), 25u) << log;
+    // The gyro samples twice as often as the compass.
+    EXPECT_NEAR(static_cast<double>(field(log, "Device gyro", "events: ")),
+                2.0 * static_cast<double>(field(log, "Device compass", "events: ")), 3.0);
+
+    ASSERT_EQ(run(sim, {"powerlog", "stop"}).r.status, 0);
+    std::string stopped = run(sim, {"powerlog", "getpowerlog"}).r.out;
+    pause_ms(150);
+    EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, stopped);
+    ASSERT_EQ(run(sim, {"powerlog", "reset"}).r.status, 0);
+    EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, idle);
+}
+
+}  // namespace
