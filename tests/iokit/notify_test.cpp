@@ -109,50 +109,6 @@ TEST(Notifications, DeliveredInOrderOnlyByDispatchMain) {
                           }));
 }
 
-TEST(Notifications, UnpublishingTheServiceSendsTermination) {
-    Simulator sim;
-    auto out = child_output(
-        sim.socket(),
-        [&] {
-            g_service = coprocessor();
-            IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
-            static char tag[] = "T";
-            io_object_t n = 0;
-            ASSERT_EQ(IOServiceAddInterestNotification(port, g_service, kIOGeneralInterest, print_event, tag, &n),
-                      KERN_SUCCESS);
-            IONotificationPortSetDispatchQueue(port, dispatch_get_main_queue());
-            g_exit_after = 1;
-            say("ready\n");
-            dispatch_main();
-        },
-        "ready", [&] { EXPECT_EQ(sim.control({"service", "unpublish", "ZantraTalvexProcessor"}).status, 0); });
-    EXPECT_EQ(lines(out), (std::vector<std::string>{"ready", "T 0xe0000010 service ok null"}));
-}
-
-TEST(Notifications, BadArgumentsAreRefused) {
-    Simulator sim;
-    in_child(sim.socket(), [] {
-        io_service_t cp = coprocessor();
-        IONotificationPortRef port = IONotificationPortCreate(kIOMainPortDefault);
-        io_object_t n = 5;
-        EXPECT_EQ(IOServiceAddInterestNotification(port, cp, kIOGeneralInterest, print_event, nullptr, nullptr),
-                  kIOReturnBadArgument);
-        EXPECT_EQ(IOServiceAddInterestNotification(port, cp, nullptr, print_event, nullptr, &n), kIOReturnBadArgument);
-        EXPECT_EQ(n, 0u);
-        EXPECT_EQ(IOServiceAddInterestNotification(nullptr, cp, kIOGeneralInterest, print_event, nullptr, &n),
-                  kIOReturnBadArgument);
-        EXPECT_EQ(IOServiceAddInterestNotification(port, 0, kIOGeneralInterest, print_event, nullptr, &n),
-                  0x10000003);
-        IONotificationPortDestroy(port);
-        // A destroyed port takes no registrations (and destroying it twice is harmless).
-        EXPECT_EQ(IOServiceAddInterestNotification(port, cp, kIOGeneralInterest, print_event, nullptr, &n),
-                  kIOReturnBadArgument);
-        IONotificationPortDestroy(port);
-        IONotificationPortDestroy(nullptr);
-        IOObjectRelease(cp);
-    });
-}
-
 TEST(MainQueue, KeepsWaitingWithoutSpinningWhenTheSimulatorGoesAway) {
     Simulator sim;
     pid_t sim_pid = sim.pid();

@@ -1,0 +1,129 @@
+// The cost of one external-method round trip through host/ against a private
+// simulator, next to a bare Unix-socket ping-pong of the same frame sizes:
+// the difference is what the IOKit layer and the simulator add.
+#include <IOKit/IOKitLib.h>
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+extern char **environ;
+
+namespace {
+
+// A scalar call with no scalars or structures: 4-byte length, 8-byte header,
+// connection, selector, scalar count, empty structure, scalar capacity (all
+// u32), structure capacity (u64), flags (u8).
+constexpr size_t kRequestFrame = 4 + 8 + 4 * 5 + 8 + 1;
+// Its reply: length, header, code, scalar count, empty structure.
+constexpr size_t kReplyFrame = 4 + 8 + 4 + 4 + 4;
+
+// `talvexsim serve` on a fresh socket for the whole run.
+class PrivateSimulator {
+public:
+    PrivateSimulator() {
+        char tmpl[] = "/tmp/talvex-bench-XXXXXX";
+        if (!mkdtemp(tmpl)) std::abort();
+        dir_ = tmpl;
+        socket_ = dir_ + "/sim.sock";
+        std::string path = TALVEX_TALVEXSIM_PATH;
+        std::string serve = "serve", opt = "--socket";
+        char *argv[] = {path.data(), serve.data(), opt.data(), socket_.data(), nullptr};
+        if (posix_spawn(&pid_, path.c_str(), nullptr, nullptr, argv, environ) != 0) std::abort();
+        for (int i = 0; i < 1500 && !reachable(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        setenv("TALVEX_SIM_SOCKET", socket_.c_str(), 1);
+    }
+    ~PrivateSimulator() {
+        kill(pid_, SIGTERM);
+        int st;
+        waitpid(pid_, &st, 0);
+        rmdir(dir_.c_str());
+    }
+
+private:
+    bool reachable() const {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
+        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+        close(fd);
+        return ok;
+    }
+    std::string dir_, socket_;
+    pid_t pid_ = -1;
+};
+
+void BM_IOKitScalarCall(benchmark::State &state) {
+    static PrivateSimulator sim;
+    io_service_t service =
+        IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("ZantraTalvexProcessor"));
+    io_connect_t connect = 0;
+    if (!service || IOServiceOpen(service, mach_task_self(), 0, &connect) != KERN_SUCCESS) {
+        state.SkipWithError("no simulator");
+        return;
+    }
+    for (auto _ : state) {
+        kern_return_t kr = IOConnectCallScalarMethod(connect, 4, nullptr, 0, nullptr, nullptr);
+        if (kr != KERN_SUCCESS) {
+            state.SkipWithError("call failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+    IOServiceClose(connect);
+    IOObjectRelease(service);
+}
+BENCHMARK(BM_IOKitScalarCall)->UseRealTime();
+
+bool read_exact(int fd, uint8_t *p, size_t n) {
+    while (n) {
+        ssize_t got = read(fd, p, n);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        p += got;
+        n -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+void BM_RawSocketPingPong(benchmark::State &state) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+        state.SkipWithError("socketpair failed");
+        return;
+    }
+    std::thread echo([fd = sv[1]] {
+        uint8_t req[kRequestFrame], rep[kReplyFrame] = {};
+        while (read_exact(fd, req, sizeof req))
+            if (send(fd, rep, sizeof rep, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof rep)) break;
+    });
+    uint8_t req[kRequestFrame] = {}, rep[kReplyFrame];
+    for (auto _ : state) {
+        if (send(sv[0], req, sizeof req, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof req) ||
+            !read_exact(sv[0], rep, sizeof rep)) {
+            state.SkipWithError("echo failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+    shutdown(sv[0], SHUT_RDWR);
+    echo.join();
+    close(sv[0]);
+    close(sv[1]);
+}
+BENCHMARK(BM_RawSocketPingPong)->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
