@@ -228,7 +228,7 @@ TEST(SimProtocol, StubsAnswerInsteadOfTheModel) {
     EXPECT_TRUE(r.scalars.empty());   // the caller offered no room for scalars
     r = c.call(conn, 13, {3, 0x21}, {}, 0, 4);
     EXPECT_EQ(r.output.size(), 4u);
-    r = c.call(conn, 13, {3, 0x20}, {}, 0, 4);   // other scalars: the model answers
+    r = c.call(conn, 13, {3, 0x00}, {}, 0, 4);   // other scalars: the model answers (a 4-byte property)
     EXPECT_EQ(r.output.size(), 4u);
     EXPECT_NE(r.output, (std::vector<uint8_t>{0xaa, 0xbb, 0, 0}));
     ctl({"stub", "--selector", "12", "--scalar-outputs", "1,2"});
