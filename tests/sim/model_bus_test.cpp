@@ -1,0 +1,297 @@
+// The bus and memory model in-process, on a clock that moves only when told:
+// requests the tool never sends (wrong lengths, fields out of range), the
+// clock-driven readings, the memory bound, and what the devices keep.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "coprocessor.h"
+#include "model_bus.h"
+#include "simulation.h"
+#include "wire.h"
+
+using namespace talvex;
+using namespace talvex::sim;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr IOReturn kOk = kIOReturnSuccess;
+constexpr uint64_t kMs = 1'000'000;
+
+class Rig : public Outbox {
+public:
+    Rig() {
+        auto clock = std::make_unique<StepClock>();
+        step = clock.get();
+        sim = std::make_unique<Simulation>(*this, std::move(clock));
+        cop = dynamic_cast<Coprocessor *>(sim->registry().find_class(kCoprocessorClass)->model.get());
+    }
+    void send(ClientId, std::vector<uint8_t>, int) override {}
+
+    struct Result {
+        IOReturn code;
+        Bytes output;
+        std::vector<uint64_t> scalars;
+    };
+    Result call(uint32_t selector, const std::vector<uint64_t> &scalars, const Bytes &input, uint64_t capacity,
+                uint32_t scalar_capacity = 0) {
+        CallArgs a;
+        a.selector = selector;
+        a.scalars = scalars;
+        a.input = input;
+        a.output_capacity = capacity;
+        a.scalar_output_capacity = scalar_capacity;
+        CallReply reply;
+        IOReturn code = cop->methods().dispatch(a, reply);
+        return {code, reply.output, reply.scalars};
+    }
+    Result read_registers(uint8_t device, uint8_t reg, uint8_t count) {
+        return call(6, {}, {device, reg, count}, count);
+    }
+    Result write_registers(uint8_t device, uint8_t reg, const Bytes &data) {
+        Bytes request{device, reg, static_cast<uint8_t>(data.size())};
+        request.insert(request.end(), data.begin(), data.end());
+        request.resize(19, 0);
+        return call(7, {}, request, 0);
+    }
+    Result memory_write(uint32_t address, uint8_t block, const Bytes &data) {
+        Bytes request(22, 0);
+        wire::store_le32(request.data(), address);
+        request[4] = block;
+        request[5] = static_cast<uint8_t>(data.size());
+        std::copy(data.begin(), data.end(), request.begin() + 6);
+        return call(38, {}, request, 0);
+    }
+    Result memory_read(uint32_t address, uint8_t block, uint8_t count) {
+        Bytes request(6, 0);
+        wire::store_le32(request.data(), address);
+        request[4] = block;
+        request[5] = count;
+        return call(37, {}, request, count);
+    }
+    Result uart(uint8_t port, uint8_t container, uint8_t retries, bool flag, uint32_t preamble, const Bytes &payload,
+                uint64_t capacity = 100) {
+        Bytes request(109, 0);
+        request[0] = port;
+        request[1] = container;
+        request[2] = static_cast<uint8_t>(payload.size());
+        request[3] = retries;
+        request[4] = flag ? 1 : 0;
+        wire::store_le32(request.data() + 5, preamble);
+        std::copy(payload.begin(), payload.end(), request.begin() + 9);
+        return call(36, {}, request, capacity);
+    }
+    uint16_t accel_z() {
+        Bytes z = read_registers(1, 0x2c, 2).output;
+        return static_cast<uint16_t>(z[0] | z[1] << 8);
+    }
+
+    StepClock *step = nullptr;
+    std::unique_ptr<Simulation> sim;
+    Coprocessor *cop = nullptr;
+};
+
+TEST(ModelBus, EverySelectorNeedsRunningFirmware) {
+    Rig rig;
+    rig.cop->set_state(kTalvexStateStopped);
+    EXPECT_EQ(rig.read_registers(0, 0, 1).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.write_registers(0, 0x20, {1}).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(5, {}, {0, 1, 0, 0xaa}, 128).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(8, {1}, {}, 0).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(9, {}, {}, 0).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(11, {5, 1}, {}, 0).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(12, {5}, {}, 0, 1).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(16, {7}, {}, 0).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 1}, 1).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.call(35, {}, Bytes(21, 0), 0).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.uart(0, 0, 3, false, 0xffffffff, {}).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.memory_read(0, 0, 1).code, kIOReturnNotReady);
+    EXPECT_EQ(rig.memory_write(0, 0, {1}).code, kIOReturnNotReady);
+    rig.cop->set_state(kTalvexStateBooted);
+    EXPECT_EQ(rig.read_registers(0, 0, 1).code, kOk);
+}
+
+TEST(ModelBus, RequestsOutOfRangeAreRefused) {
+    Rig rig;
+    EXPECT_EQ(rig.read_registers(7, 0, 1).code, kIOReturnNoDevice);
+    EXPECT_EQ(rig.call(6, {}, {0, 0, 17}, 16).code, kIOReturnBadArgument);   // count beyond the buffer
+    EXPECT_EQ(rig.write_registers(0, 0x20, {}).code, kIOReturnBadArgument);
+    Bytes seventeen{0, 0x20, 17};
+    seventeen.resize(19, 0);
+    EXPECT_EQ(rig.call(7, {}, seventeen, 0).code, kIOReturnBadArgument);
+
+    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 0xaa}, 128).code, kIOReturnBadArgument);   // length says 2, 1 follows
+    EXPECT_EQ(rig.call(5, {}, {0x87, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);  // no device 7
+    EXPECT_EQ(rig.call(5, {}, {4, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);
+
+    EXPECT_EQ(rig.call(34, {}, {3, 0x50, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);    // port
+    EXPECT_EQ(rig.call(34, {}, {0, 0x80, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);    // 8-bit address
+    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0x00, 0x01, 1}, 1).code, kIOReturnBadArgument);    // register 0x100
+    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 17}, 16).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(34, {}, {0, 0x51, 0xff, 0xff, 0}, 0).code, kIOReturnNotResponding);  // a probe of nothing
+    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 0}, 0).code, kOk);
+
+    EXPECT_EQ(rig.uart(3, 0, 0, false, 0, {}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.uart(0, 4, 0, false, 0, {}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.uart(0, 0, 101, false, 0, {}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.uart(0, 0, 0, true, 4097, {}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.uart(0, 0, 0, false, 4097, {}).code, kOk);   // without the flag the field means nothing
+    EXPECT_EQ(rig.uart(0, 1, 0, true, 0, {}).code, kIOReturnBadArgument);   // raw with nothing to send
+    Bytes too_long(109, 0);
+    too_long[2] = 100;
+    EXPECT_EQ(rig.call(36, {}, too_long, 100).code, kIOReturnBadArgument);
+
+    EXPECT_EQ(rig.memory_read(0xfffffff0, 0, 16).code, kOk);
+    EXPECT_EQ(rig.memory_read(0xfffffff1, 0, 16).code, kIOReturnBadArgument);   // past the top
+    EXPECT_EQ(rig.memory_write(0xffffffff, 2, {1, 2}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.memory_read(0, 4, 1).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.memory_write(0, 0, {}).code, kIOReturnBadArgument);
+
+    EXPECT_EQ(rig.call(8, {4}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(11, {32, 1}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(11, {5, 2}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(12, {32}, {}, 0, 1).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(16, {0x100000007}, {}, 0).code, kIOReturnBadArgument);
+}
+
+TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
+    Rig rig;
+    uint16_t at_start = rig.accel_z();
+    EXPECT_NEAR(at_start, 16384, 60);   // lying flat: 1 g
+    EXPECT_EQ(rig.accel_z(), at_start);  // time stands still
+    rig.step->advance(375 * kMs);
+    uint16_t later = rig.accel_z();
+    EXPECT_NEAR(later, 16384, 60);
+    EXPECT_NE(later, at_start);
+    // Clock-driven registers ignore writes.
+    EXPECT_EQ(rig.write_registers(1, 0x2c, {0, 0}).code, kOk);
+    EXPECT_EQ(rig.accel_z(), later);
+
+    // The data-ready line toggles every 5 ms.
+    uint64_t level = rig.call(12, {3}, {}, 0, 1).scalars.at(0);
+    rig.step->advance(5 * kMs);
+    EXPECT_EQ(rig.call(12, {3}, {}, 0, 1).scalars.at(0), 1 - level);
+
+    // The thermometer reads about 25 degrees, in 1/256 degree, big-endian.
+    Bytes t = rig.call(34, {}, {0, 0x48, 0x00, 0x00, 2}, 2).output;
+    ASSERT_EQ(t.size(), 2u);
+    EXPECT_NEAR((t[0] << 8 | t[1]) / 256.0, 25.0, 0.5);
+
+    EXPECT_EQ(bus_wobble(0, 1000, 10), -10);
+    EXPECT_EQ(bus_wobble(500 * kMs, 1000, 10), 10);
+    EXPECT_EQ(bus_wobble(1000 * kMs, 1000, 10), -10);
+}
+
+TEST(ModelBus, MemoryIsSparseAndBounded) {
+    Rig rig;
+    // A write across a page boundary, read back across it.
+    EXPECT_EQ(rig.memory_write(0x1fe, 0, {1, 2, 3, 4}).code, kOk);
+    EXPECT_EQ(rig.memory_read(0x1fd, 0, 6).output, (Bytes{0, 1, 2, 3, 4, 0}));
+    EXPECT_EQ(rig.memory_read(0x1fe, 2, 4).output, Bytes(4, 0));   // blocks are separate spaces
+    // The rom reads the same pattern every time and keeps nothing.
+    Bytes rom = rig.memory_read(0x1000, 1, 16).output;
+    EXPECT_EQ(rig.memory_read(0x1000, 1, 16).output, rom);
+    EXPECT_NE(rom, Bytes(16, 0));
+    EXPECT_EQ(rig.memory_write(0x1000, 1, {1}).code, kIOReturnNotWritable);
+
+    BusModel model(*rig.cop);   // a fresh one, to count its pages
+    auto write = [&](uint32_t address, const Bytes &data) {
+        Bytes request(22, 0);
+        wire::store_le32(request.data(), address);
+        request[4] = 3;
+        request[5] = static_cast<uint8_t>(data.size());
+        std::copy(data.begin(), data.end(), request.begin() + 6);
+        CallArgs a;
+        a.selector = 38;
+        a.input = request;
+        CallReply reply;
+        return model.memory_write(a, reply);
+    };
+    for (uint32_t page = 0; page < BusModel::kMaxPagesPerBlock - 1; ++page)
+        ASSERT_EQ(write(page * 0x10000, {0xaa}), kOk) << page;
+    EXPECT_EQ(model.pages(3), BusModel::kMaxPagesPerBlock - 1);
+    // A write across two new pages does not fit; none of it is kept.
+    EXPECT_EQ(write(0x7fffffff, {1, 2}), kIOReturnNoMemory);
+    EXPECT_EQ(model.pages(3), BusModel::kMaxPagesPerBlock - 1);
+    EXPECT_EQ(write(0xfffffff8, {1, 2, 3, 4, 5, 6, 7, 8}), kOk);   // one new page: the last that fits
+    EXPECT_EQ(model.pages(3), BusModel::kMaxPagesPerBlock);
+    EXPECT_EQ(write(0x100, {1}), kIOReturnNoMemory);
+    EXPECT_EQ(write(0x10, {0xbb}), kOk);   // pages that exist still take writes
+}
+
+TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
+    Rig rig;
+    // Register writes wrap from 0xff to 0x00; identity registers ignore them.
+    EXPECT_EQ(rig.write_registers(4, 0xcf, {0x11, 0x22, 0x33}).code, kOk);
+    EXPECT_EQ(rig.read_registers(4, 0xcf, 3).output, (Bytes{0x11, 0x58, 0x33}));
+    EXPECT_EQ(rig.write_registers(6, 0xff, {0xaa, 0xbb}).code, kOk);
+    EXPECT_EQ(rig.read_registers(6, 0xff, 2).output, (Bytes{0xaa, 0xbb}));
+
+    // SPI: the controller's WHO_AM_I holds; its other registers keep writes.
+    EXPECT_EQ(rig.call(5, {}, {1, 3, 0, 0x0f, 0x55, 0x66}, 128).code, kOk);
+    Rig::Result r = rig.call(5, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
+    EXPECT_EQ(r.output, (Bytes{1, 4, 0, 0x00, 0x6c, 0x66, 0x00}));
+    // A chip select with nothing on it reads all ones; the loopback echoes.
+    EXPECT_EQ(rig.call(5, {}, {2, 2, 0, 1, 2}, 128).output, (Bytes{2, 2, 0, 0xff, 0xff}));
+    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 1, 2}, 128).output, (Bytes{0, 2, 0, 1, 2}));
+
+    // I2C: the gauge's identity and voltage are read-only, its other registers not.
+    Bytes write(21, 0);
+    write[0] = 2;
+    write[1] = 0x36;
+    wire::store_le16(write.data() + 2, 0x00);
+    write[4] = 5;
+    for (int i = 0; i < 5; ++i) write[5 + i] = static_cast<uint8_t>(0xe0 + i);
+    EXPECT_EQ(rig.call(35, {}, write, 0).code, kOk);
+    Bytes gauge = rig.call(34, {}, {2, 0x36, 0x00, 0x00, 5}, 5).output;
+    ASSERT_EQ(gauge.size(), 5u);
+    EXPECT_EQ(gauge[0], 0x5a);
+    EXPECT_EQ(gauge[1], 0xe1);
+    EXPECT_NEAR(gauge[2] << 8 | gauge[3], 3870, 15);
+    EXPECT_EQ(gauge[4], 0xe4);
+
+    // GPIO outputs keep their level; the rail event names what is on.
+    EXPECT_EQ(rig.call(11, {20, 1}, {}, 0).code, kOk);
+    EXPECT_EQ(rig.call(12, {20}, {}, 0, 1).scalars, std::vector<uint64_t>{1});
+    rig.sim->trace().clear();
+    EXPECT_EQ(rig.call(16, {5}, {}, 0).code, kOk);
+    ASSERT_EQ(rig.sim->trace().lines(), 1u);
+    EXPECT_EQ(rig.sim->trace().line(0), R"({"service":"ZantraTalvexProcessor","event":"pmu","mask":5,"previous":7,)"
+                                        R"("on":["PPV1V2_TALVEX","PP3V0_IMU"]})");
+}
+
+TEST(ModelBus, UartFramesRetriesAndReplies) {
+    Rig rig;
+    // Raw frames are not acknowledged: one transmission, even one the
+    // sleeping bb partner misses.
+    rig.sim->trace().clear();
+    EXPECT_EQ(rig.uart(2, 1, 3, true, 0, {0xaa}).code, kOk);
+    EXPECT_EQ(rig.sim->trace().line(0),
+              R"({"service":"ZantraTalvexProcessor","event":"uart","port":"bb","container":"raw","retries":3,)"
+              R"("preamble":0,"attempts":1,"delivered":false,"frame":"aa","reply":""})");
+    // A ping retries until the partner is awake.
+    rig.sim->trace().clear();
+    EXPECT_EQ(rig.uart(2, 0, 3, false, 0, {}).code, kOk);
+    EXPECT_NE(rig.sim->trace().line(0).find(R"("attempts":2,"delivered":true,"frame":"7e000000")"), std::string::npos)
+        << rig.sim->trace().line(0);
+
+    // cmreply: the version of each partner, the unknown command and the empty one.
+    auto body = [](const Bytes &frame) { return Bytes(frame.begin() + 3, frame.end() - 1); };
+    Bytes version = body(rig.uart(1, 3, 0, false, 0, {0x01}).output);
+    EXPECT_EQ(std::string(version.begin() + 2, version.end()), "isp 1.0.7");
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x03, 0xff, 0xff, 0x02}).output), (Bytes{0x83, 0x00, 0x00, 0x02}));
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x44}).output), (Bytes{0xc4, 0x01}));
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {}).output), (Bytes{0x80, 0x02}));
+
+    // A 99-byte echo makes a 103-byte frame: cut to what the caller offered.
+    Rig::Result echo = rig.uart(0, 2, 0, false, 0, Bytes(99, 0x31));
+    EXPECT_EQ(echo.code, kOk);
+    EXPECT_EQ(echo.output.size(), 100u);
+    EXPECT_EQ(rig.uart(0, 2, 0, false, 0, {1}, 4).output, (Bytes{0x7e, 0x82, 0x01, 0x01}));
+}
+
+}  // namespace

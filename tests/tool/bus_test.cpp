@@ -1,0 +1,519 @@
+// The bus and memory commands end to end against a private simulator: what
+// they print, their diagnostics and exit status, and the exact bytes and
+// scalars that reach the driver.
+#include "harness.h"
+#include "talvexctl.h"
+#include "trace_calls.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using talvex::test::normalise;
+using talvex::test::RunResult;
+using talvex::test::Simulator;
+using talvex::test::trace_calls;
+using talvex::test::trace_field;
+using talvex::test::TraceCall;
+using talvex::test::trace_opens;
+
+using Words = std::vector<std::string>;
+using Bytes = std::vector<uint8_t>;
+
+// One command's run and what the driver saw of it.
+struct Outcome {
+    RunResult r;
+    std::string err;                  // normalised
+    size_t opens = 0;
+    std::vector<TraceCall> calls;
+    std::vector<std::string> events;  // the model's event lines
+};
+
+Outcome run(const Simulator &sim, const Words &args) {
+    sim.trace(true);
+    Outcome o;
+    o.r = sim.tool(args);
+    o.err = normalise(o.r.err);
+    auto trace = sim.trace();
+    o.opens = trace_opens(trace);
+    o.calls = trace_calls(trace);
+    for (const auto &line : trace)
+        if (trace_field(line, "event")) o.events.push_back(line);
+    return o;
+}
+
+// Runs a command that must succeed with one call, and returns that call.
+TraceCall one_call(const Simulator &sim, const Words &args, const std::string &out = "") {
+    Outcome o = run(sim, args);
+    EXPECT_EQ(o.r.status, 0) << args[0] << ": " << o.r.err;
+    EXPECT_EQ(o.r.out, out) << args[0];
+    EXPECT_EQ(o.r.err, "") << args[0];
+    EXPECT_EQ(o.calls.size(), 1u) << args[0];
+    return o.calls.empty() ? TraceCall{} : o.calls[0];
+}
+
+// A refused argument check: its one diagnostic, nothing reaches the driver.
+void expect_refused(const Simulator &sim, const Words &args, const std::string &condition, const std::string &file,
+                    bool opened = false) {
+    Outcome o = run(sim, args);
+    EXPECT_EQ(o.r.status, 1) << args[0];
+    EXPECT_EQ(o.r.out, "") << args[0];
+    EXPECT_EQ(o.err, "AssertMacros: " + condition + ",  file: talvexctl/" + file + ", line: N\n") << args[0];
+    EXPECT_EQ(o.opens, opened ? 1u : 0u) << args[0];
+    EXPECT_TRUE(o.calls.empty()) << args[0];
+}
+
+// A word-level refusal: one line on standard output.
+void expect_said(const Simulator &sim, const Words &args, const std::string &line) {
+    Outcome o = run(sim, args);
+    EXPECT_EQ(o.r.status, 1) << args[0];
+    EXPECT_EQ(o.r.out, line + "\n") << args[0];
+    EXPECT_EQ(o.r.err, "") << args[0];
+    EXPECT_EQ(o.opens, 0u) << args[0];
+}
+
+std::string failed(const std::string &text, const std::string &file) {
+    return "AssertMacros: result == 0 , " + text + "  file: " + file + ", line: N\n";
+}
+
+// A failed driver call: reported where the call was made and by the command.
+void expect_call_failed(const Simulator &sim, const Words &args, const std::string &text, const std::string &file,
+                        const std::string &call_file = "talvexctl/bus.cpp") {
+    Outcome o = run(sim, args);
+    EXPECT_EQ(o.r.status, 1) << args[0];
+    EXPECT_EQ(o.err, failed(text, call_file) + failed(text, "talvexctl/" + file)) << args[0];
+    EXPECT_EQ(o.calls.size(), 1u) << args[0];
+}
+
+void control(const Simulator &sim, const Words &args) {
+    RunResult r = sim.control(args);
+    ASSERT_EQ(r.status, 0) << r.err;
+}
+
+std::string hex(const Bytes &bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string s;
+    for (uint8_t b : bytes) s += {digits[b >> 4], digits[b & 15]};
+    return s;
+}
+
+std::string zeros(size_t n) { return std::string(2 * n, '0'); }
+
+std::string dump(const Bytes &bytes) {
+    testing::internal::CaptureStdout();
+    TalvexHexDump(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    return testing::internal::GetCapturedStdout();
+}
+
+Bytes with(Bytes bytes, size_t size, uint8_t fill) {
+    bytes.resize(size, fill);
+    return bytes;
+}
+
+// What the SPI read form dumps: the reply area, the data area (the parsed
+// bytes, then fill) and the request buffer as the driver left it.
+std::string spi_dump(Bytes data, const Bytes &answer, size_t length) {
+    Bytes shown(16, 0xff);
+    data.resize(125, 0xff);
+    shown.insert(shown.end(), data.begin(), data.end());
+    shown.insert(shown.end(), answer.begin(), answer.end());
+    shown.resize(length, 0x00);
+    return dump(shown);
+}
+
+const std::string kNotResponding = "(iokit/common) device not responding (0xe00002ed)";
+const std::string kBadArgument = "(iokit/common) invalid argument (0xe00002c2)";
+
+TEST(Registers, ReadRegAsksForTheHexLengthAndDumpsIt) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"readreg", "gyro", "0", "10"}, dump(with(Bytes(15, 0), 16, 0xd7)));
+    EXPECT_EQ(c.selector, 6);
+    EXPECT_EQ(c.input, "000010");
+    EXPECT_EQ(c.output_size, 16u);
+    // Only the low 8 bits of address and length count.
+    c = one_call(sim, {"readreg", "accel", "10f", "101"}, dump({0x33}));
+    EXPECT_EQ(c.input, "010f01");
+    EXPECT_EQ(one_call(sim, {"readreg", "prox", "0", "110"}, dump(Bytes(16, 0))).input, "060010");
+    c = one_call(sim, {"readreg", "talvex", "0", "0"});
+    EXPECT_EQ(c.input, "030000");
+    EXPECT_EQ(c.output_size, 0u);
+
+    // Bytes the driver does not write stay 0xff; the dump covers the length asked.
+    control(sim, {"stub", "--selector", "6", "--output", "0102", "--times", "1"});
+    one_call(sim, {"readreg", "corvel", "0", "4"}, dump({1, 2, 0xff, 0xff}));
+
+    expect_refused(sim, {"readreg", "gyro", "0", "11"}, "len <= sizeof(buffer)", "registers.cpp");
+    expect_refused(sim, {"readreg", "0", "0", "1"}, "device != 0xff", "registers.cpp");
+    expect_refused(sim, {"readreg", "Gyro", "0", "1"}, "device != 0xff", "registers.cpp");
+    expect_refused(sim, {"readreg", "gyro", "0"}, "argc == 4", "registers.cpp");
+    expect_refused(sim, {"readreg", "gyro", "0", "1", "2"}, "argc == 4", "registers.cpp");
+
+    control(sim, {"stub", "--selector", "6", "--code", "0xe00002ed", "--times", "1"});
+    Outcome o = run(sim, {"readreg", "gyro", "0", "1"});
+    EXPECT_EQ(o.r.out, "");   // no dump after a failure
+    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/registers.cpp"));
+    EXPECT_EQ(o.r.status, 1);
+}
+
+TEST(Registers, WriteRegSendsNineteenBytesAndReadsBack) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"writereg", "accel", "20", "1", "2"});
+    EXPECT_EQ(c.selector, 7);
+    EXPECT_EQ(c.input, "012002" "0102" + zeros(14));
+    EXPECT_EQ(c.output_size, 0u);
+    one_call(sim, {"readreg", "accel", "20", "2"}, dump({1, 2}));
+
+    // Bytes are cut to 8 bits; a write runs on past 0xff to 0x00, where the
+    // identity registers of talvex ignore it.
+    EXPECT_EQ(one_call(sim, {"writereg", "talvex", "fe", "1ff", "2", "3"}).input, "03fe03" "ff0203" + zeros(13));
+    one_call(sim, {"readreg", "talvex", "fe", "3"}, dump({0xff, 0x02, 'T'}));
+
+    Words sixteen{"writereg", "compass", "40"};
+    for (int i = 0; i < 16; ++i) sixteen.push_back(std::to_string(i));
+    EXPECT_EQ(one_call(sim, sixteen).input, "024010" "00010203040506070809101112131415");
+    sixteen.push_back("ff");
+    expect_refused(sim, sixteen, "len <= sizeof(buffer)", "registers.cpp");
+    expect_refused(sim, {"writereg", "accel", "20"}, "argc >= 4", "registers.cpp");
+    expect_refused(sim, {"writereg", "1", "20", "5"}, "device != 0xff", "registers.cpp");
+}
+
+TEST(Registers, BbSendsOneScalarAndCmaItsBytes) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"bb", "3"});
+    EXPECT_EQ(c.selector, 8);
+    EXPECT_EQ(c.scalars, std::vector<uint64_t>{3});
+    EXPECT_EQ(one_call(sim, {"bb", "0x3"}).scalars, std::vector<uint64_t>{0});   // decimal, as atoi reads it
+    Outcome o = run(sim, {"bb", "-1"});
+    ASSERT_EQ(o.calls.size(), 1u);
+    EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{0xffffffff});   // 32-bit two's complement
+    EXPECT_EQ(o.err, failed(kBadArgument, "talvexctl/bus.cpp") + failed(kBadArgument, "talvexctl/registers.cpp"));
+    expect_refused(sim, {"bb"}, "argc == 2", "registers.cpp");
+    expect_refused(sim, {"bb", "1", "2"}, "argc == 2", "registers.cpp");
+
+    c = one_call(sim, {"cma"});
+    EXPECT_EQ(c.selector, 9);
+    EXPECT_EQ(c.input, "");
+    EXPECT_EQ(c.output_size, 0u);
+    EXPECT_EQ(one_call(sim, {"cma", "1", "ff", "1ff", "zz", "0x7e"}).input, "01ffff007e");
+    o = run(sim, {"cma", "a", "b"});
+    ASSERT_EQ(o.events.size(), 1u);
+    EXPECT_EQ(trace_field(o.events[0], "bytes"), "0a0b");
+    Words many{"cma"};
+    for (int i = 0; i < 256; ++i) many.push_back("5a");
+    EXPECT_EQ(one_call(sim, many).input, hex(Bytes(256, 0x5a)));
+    many.push_back("5a");
+    expect_refused(sim, many, "len <= sizeof(buffer)", "registers.cpp");
+}
+
+TEST(Spi, ReadFormDumpsFromTheReplyAreaThroughTheDataArea) {
+    Simulator sim;
+    // Count 4: the length comes from the chip-select word, and the one byte
+    // sent is the data area's fill.
+    TraceCall c = one_call(sim, {"spi", "read", "2", "x"}, dump(Bytes(2, 0xff)));
+    EXPECT_EQ(c.selector, 5);
+    EXPECT_EQ(c.input, "020100ff");
+    EXPECT_EQ(c.output_size, 128u);
+
+    // Words 4 on are data, the second-to-last is the output length (0xa0):
+    // 16 bytes of reply area, the 125-byte data area, then the request
+    // buffer as the loopback answered it.
+    c = one_call(sim, {"spi", "read", "0", "x", "11", "22", "a0", "33"},
+                 spi_dump({0x11, 0x22, 0xa0, 0x33}, {0x00, 0x05, 0x00, 0x11, 0x22, 0xa0, 0x33, 0xff}, 0xa0));
+    EXPECT_EQ(c.input, "000500" "1122a033ff");
+    // The gyro's own chip select speaks the register protocol: 0x8f reads
+    // from WHO_AM_I on.
+    c = one_call(sim, {"spi", "read", "80", "x", "8f", "0", "a0", "0"},
+                 spi_dump({0x8f, 0x00, 0xa0, 0x00}, {0x80, 0x05, 0x00, 0x00, 0xd7, 0x00, 0x00, 0x00}, 0xa0));
+    EXPECT_EQ(c.input, "800500" "8f00a000ff");
+    // A length up to 16 shows only fill.
+    one_call(sim, {"spi", "read", "0", "x", "1", "10", "2"}, dump(Bytes(16, 0xff)));
+
+    control(sim, {"stub", "--selector", "5", "--code", "0xe00002ed", "--times", "1"});
+    Outcome o = run(sim, {"spi", "read", "0", "x", "1", "2"});
+    EXPECT_EQ(o.r.out, "");
+    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/spi_i2c.cpp"));
+}
+
+TEST(Spi, WriteFormLengthsAndRefusals) {
+    Simulator sim;
+    // count-2 bytes from word 4 on: the byte without a word is 0, then the fill.
+    EXPECT_EQ(one_call(sim, {"spi", "write", "1", "x", "8f", "00"}).input, "010400" "8f0000ff");
+    EXPECT_EQ(one_call(sim, {"spi", "write", "101", "x"}).input, "010200" "00ff");
+
+    // Writes to the controller's registers from 0x20 (0xab, the word-less 0,
+    // the fill), read back through the read form.
+    one_call(sim, {"spi", "write", "1", "x", "20", "ab"});
+    one_call(sim, {"spi", "read", "1", "x", "a0", "0", "a0", "0"},
+             spi_dump({0xa0, 0x00, 0xa0, 0x00}, {0x01, 0x05, 0x00, 0x00, 0xab, 0x00, 0xff, 0x00}, 0xa0));
+
+    // 125 data bytes fit; 126 are refused once the driver is open.
+    Words words{"spi", "write", "0", "x"};
+    for (int i = 0; i < 123; ++i) words.push_back("1");
+    EXPECT_EQ(one_call(sim, words).input.size(), 2u * 128);
+    words.push_back("1");
+    expect_refused(sim, words, "inputLength <= sizeof(dataBuffer)", "spi_i2c.cpp", true);
+    // A count that wraps the 8-bit length to 0 with no output length.
+    words.resize(258, "1");
+    expect_refused(sim, words, "inputLength > 0 || outputLength > 0", "spi_i2c.cpp");
+
+    expect_refused(sim, {"spi", "read", "0"}, "argc > 3", "spi_i2c.cpp");
+    Outcome o = run(sim, {"spi", "peek", "0", "1"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.err, "AssertMacros: , expected 'read' or 'write' file: talvexctl/spi_i2c.cpp, line: N\n");
+    EXPECT_EQ(o.opens, 0u);
+    // Chip selects the controller does not have.
+    expect_call_failed(sim, {"spi", "write", "7", "x"}, kBadArgument, "spi_i2c.cpp");
+}
+
+TEST(I2C, ReadsAndWritesTargetsWithAndWithoutARegister) {
+    Simulator sim;
+    Bytes eeprom{'T', 'L', 'V', 'X', '-', 'C', 'A', 'L', 0x01, 0x07};
+    TraceCall c = one_call(sim, {"i2c", "read", "0", "50", "10"}, dump(with(eeprom, 16, 0xff)));
+    EXPECT_EQ(c.selector, 34);
+    EXPECT_EQ(c.input, "0050ffff10");
+    EXPECT_EQ(c.output_size, 16u);
+    // With no register the read runs on where the last one stopped; 0x110 counts as 0x10.
+    EXPECT_EQ(one_call(sim, {"i2c", "read", "0", "50", "110"}, dump(Bytes(16, 0xff))).input, "0050ffff10");
+    // Register 0x1ff keeps its low byte; the read runs on from 0xff to 0x00.
+    EXPECT_EQ(one_call(sim, {"i2c", "readreg", "0", "50", "1ff", "2"}, dump({0xff, 'T'})).input, "0050ff0002");
+
+    c = one_call(sim, {"i2c", "writereg", "0", "50", "20", "de", "ad"});
+    EXPECT_EQ(c.selector, 35);
+    EXPECT_EQ(c.input, "0050200002" "dead" + zeros(14));
+    one_call(sim, {"i2c", "readreg", "0", "50", "20", "2"}, dump({0xde, 0xad}));
+    // Without a register the first byte written moves the pointer.
+    EXPECT_EQ(one_call(sim, {"i2c", "write", "0", "50", "30", "be", "ef"}).input, "0050ffff03" "30beef" + zeros(13));
+    one_call(sim, {"i2c", "write", "0", "50", "30"});
+    one_call(sim, {"i2c", "read", "0", "50", "2"}, dump({0xbe, 0xef}));
+    // The expander has no pointer: it keeps the last byte.
+    one_call(sim, {"i2c", "write", "1", "20", "0", "5a"});
+    one_call(sim, {"i2c", "read", "1", "20", "2"}, dump({0x5a, 0x5a}));
+
+    Words sixteen{"i2c", "write", "0", "50"};
+    for (int i = 0; i < 16; ++i) sixteen.push_back("7");
+    EXPECT_EQ(one_call(sim, sixteen).input, "0050ffff10" + hex(Bytes(16, 7)));
+    sixteen.push_back("7");
+    expect_refused(sim, sixteen, "len <= sizeof(buffer)", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "read", "0", "50", "11"}, "len <= sizeof(buffer)", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "read"}, "argc > 2", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "read", "0", "50"}, "argc == 5", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "readreg", "0", "50", "1"}, "argc == 6", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "write", "0", "50"}, "argc >= 5", "spi_i2c.cpp");
+    expect_refused(sim, {"i2c", "writereg", "0", "50", "1"}, "argc >= 6", "spi_i2c.cpp");
+    expect_said(sim, {"i2c", "scan", "0"}, "Unknown command: scan");
+
+    // Nothing at that address: reported by the operation and the command.
+    expect_call_failed(sim, {"i2c", "read", "0", "51", "1"}, kNotResponding, "spi_i2c.cpp", "client/operations.cpp");
+    expect_call_failed(sim, {"i2c", "writereg", "2", "37", "0", "1"}, kNotResponding, "spi_i2c.cpp",
+                       "client/operations.cpp");
+}
+
+TEST(Memory, MemKeepsWhatItWritesAndRefusesLongTransfers) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"mem", "write", "100", "0", "de", "ad", "be", "ef"});
+    EXPECT_EQ(c.selector, 38);
+    EXPECT_EQ(c.input, "00010000" "00" "04" "deadbeef" + zeros(12));
+    c = one_call(sim, {"mem", "read", "fe", "0", "8"}, dump({0, 0, 0xde, 0xad, 0xbe, 0xef, 0, 0}));
+    EXPECT_EQ(c.selector, 37);
+    EXPECT_EQ(c.input, "fe000000" "00" "08");
+    EXPECT_EQ(c.output_size, 8u);
+    // Addresses keep their low 32 bits; one byte still sends 22.
+    EXPECT_EQ(one_call(sim, {"mem", "write", "1ffffffff", "103", "1ff"}).input, "ffffffff" "03" "01" "ff" + zeros(15));
+    one_call(sim, {"mem", "read", "ffffffff", "3", "1"}, dump({0xff}));
+    c = one_call(sim, {"mem", "read", "0", "0", "0"});
+    EXPECT_EQ(c.input, "00000000" "00" "00");
+    EXPECT_EQ(one_call(sim, {"mem", "read", "0", "0", "110"}, dump(Bytes(16, 0))).input, "00000000" "00" "10");
+
+    expect_refused(sim, {"mem", "read", "0", "0", "11"}, "len <= sizeof(buffer)", "memory.cpp");
+    Words seventeen{"mem", "write", "0", "0"};
+    seventeen.resize(4 + 17, "1");
+    expect_refused(sim, seventeen, "len <= sizeof(buffer)", "memory.cpp");
+    expect_refused(sim, {"mem", "read"}, "argc > 2", "memory.cpp");
+    expect_refused(sim, {"mem", "read", "0", "0"}, "argc == 5", "memory.cpp");
+    expect_refused(sim, {"mem", "write", "0", "0"}, "argc >= 5", "memory.cpp");
+    expect_said(sim, {"mem", "peek", "0"}, "Unknown command: peek");
+
+    expect_call_failed(sim, {"mem", "write", "0", "1", "1"}, "(iokit/common) write not supported (0xe00002cf)",
+                       "memory.cpp");   // the rom
+    expect_call_failed(sim, {"mem", "read", "0", "4", "1"}, kBadArgument, "memory.cpp");
+}
+
+TEST(Memory, GpioOpensFirstAndParsesDecimal) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"gpio", "write", "10", "1"});
+    EXPECT_EQ(c.selector, 11);
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{10, 1}));
+    c = one_call(sim, {"gpio", "read", "10"}, dump({1}));
+    EXPECT_EQ(c.selector, 12);
+    EXPECT_EQ(c.scalars, std::vector<uint64_t>{10});
+    EXPECT_EQ(c.scalar_output_count, 1u);
+    EXPECT_EQ(one_call(sim, {"gpio", "read", "0x10"}, dump({1})).scalars, std::vector<uint64_t>{0});
+    EXPECT_EQ(one_call(sim, {"gpio", "read", "266"}, dump({1})).scalars, std::vector<uint64_t>{10});
+
+    expect_refused(sim, {"gpio", "read"}, "argc == 3", "memory.cpp", true);
+    expect_refused(sim, {"gpio", "write", "5"}, "argc == 4", "memory.cpp", true);
+    Outcome o = run(sim, {"gpio"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.err, "AssertMacros: , expected 'read' or 'write' file: talvexctl/memory.cpp, line: N\n");
+    EXPECT_EQ(o.opens, 1u);
+    EXPECT_TRUE(o.calls.empty());
+    // Line 2 is an input.
+    expect_call_failed(sim, {"gpio", "write", "2", "1"}, "(iokit/common) not permitted (0xe00002e2)", "memory.cpp");
+}
+
+TEST(Memory, PmuMaskSwitchesTheImuRail) {
+    Simulator sim;
+    one_call(sim, {"writereg", "gyro", "21", "44"});
+    TraceCall c = one_call(sim, {"pmu", "3"});
+    EXPECT_EQ(c.selector, 16);
+    EXPECT_EQ(c.scalars, std::vector<uint64_t>{3});
+    expect_call_failed(sim, {"readreg", "gyro", "21", "1"}, "(iokit/common) no power to device (0xe00002e3)",
+                       "registers.cpp");
+    one_call(sim, {"readreg", "compass", "a", "3"}, dump({'H', '4', '3'}));   // not on that rail
+    EXPECT_EQ(one_call(sim, {"pmu", "100000007"}).scalars, std::vector<uint64_t>{7});
+    one_call(sim, {"readreg", "gyro", "20", "2"}, dump({0x07, 0x00}));   // back with power-on values
+
+    expect_call_failed(sim, {"pmu", "8"}, kBadArgument, "memory.cpp");
+    expect_refused(sim, {"pmu"}, "argc == 2", "memory.cpp");
+}
+
+TEST(Properties, GetAndSetTakeNumbersAndCutTheDevice) {
+    Simulator sim;
+    Bytes value(128);
+    for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(i * 3);
+    control(sim, {"stub", "--selector", "13", "--output", hex(value), "--times", "1"});
+    TraceCall c = one_call(sim, {"get", "103", "ffffffff"}, dump(value));
+    EXPECT_EQ(c.selector, 13);
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 0xffffffff}));
+    EXPECT_EQ(c.output_size, 128u);
+    control(sim, {"stub", "--selector", "13", "--output", "0102", "--output-size", "0", "--times", "1"});
+    EXPECT_EQ(one_call(sim, {"get", "accel", "0x1"}).scalars, (std::vector<uint64_t>{0xce, 1}));
+    control(sim, {"stub", "--selector", "13", "--output", "0a0b0c", "--times", "1"});
+    one_call(sim, {"get", "0x1", "2"}, dump({0x0a, 0x0b, 0x0c}));
+
+    control(sim, {"stub", "--selector", "14", "--times", "1"});
+    c = one_call(sim, {"set", "103", "22", "10"});
+    EXPECT_EQ(c.selector, 14);
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 0x22, 0x10}));
+
+    const std::string unsupported = "(iokit/common) unsupported function (0xe00002c7)";
+    control(sim, {"stub", "--selector", "13", "--code", "0xe00002c7", "--times", "1"});
+    Outcome o = run(sim, {"get", "2", "1ff"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.err, failed(unsupported, "client/operations.cpp") + failed(unsupported, "talvexctl/properties.cpp"));
+    EXPECT_TRUE(std::regex_match(o.r.out, std::regex(R"(TalvexGetProperty\(handle=0x[0-9a-f]+,dev=2,prop=1ff,size=128\) -> e00002c7\n)")))
+        << o.r.out;
+    control(sim, {"stub", "--selector", "14", "--code", "0xe00002c7", "--times", "1"});
+    o = run(sim, {"set", "1", "2", "ffffffff"});
+    EXPECT_EQ(o.err, failed(unsupported, "client/operations.cpp") + failed(unsupported, "talvexctl/properties.cpp"));
+    EXPECT_TRUE(std::regex_match(o.r.out, std::regex(R"(TalvexSetProperty\(handle=0x[0-9a-f]+,dev=1,prop=2,val=ffffffff\) -> e00002c7\n)")))
+        << o.r.out;
+
+    expect_refused(sim, {"get", "1"}, "argc == 3", "properties.cpp");
+    expect_refused(sim, {"set", "1", "2"}, "argc == 4", "properties.cpp");
+}
+
+// The 109-byte request: port, container, length, retry, flag, preamble (LE32 at 5), payload.
+std::string uart_request(uint8_t port, uint8_t container, uint8_t retry, uint32_t preamble, const Bytes &payload) {
+    Bytes head{port, container, static_cast<uint8_t>(payload.size()), retry, preamble != 0xffffffff ? uint8_t{1} : uint8_t{0},
+               static_cast<uint8_t>(preamble), static_cast<uint8_t>(preamble >> 8), static_cast<uint8_t>(preamble >> 16),
+               static_cast<uint8_t>(preamble >> 24)};
+    return hex(head) + hex(with(payload, 100, 0));
+}
+
+TEST(Uart, PacksTheRequestWithItsDefaultsAndOption) {
+    Simulator sim;
+    TraceCall c = one_call(sim, {"uart", "ping", "ap"});
+    EXPECT_EQ(c.selector, 36);
+    EXPECT_EQ(c.input, uart_request(0, 0, 3, 0xffffffff, {}));
+    EXPECT_EQ(c.output_size, 100u);
+    EXPECT_EQ(one_call(sim, {"uart", "raw", "isp", "1", "2"}).input, uart_request(1, 1, 3, 0, {1, 2}));
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "bb", "--retry", "100"}).input, uart_request(2, 0, 100, 0xffffffff, {}));
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "--preamble", "4096"}).input, uart_request(0, 0, 3, 4096, {}));
+    // One option only: a second is payload.
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "--preamble", "8", "--retry", "5"}).input,
+              uart_request(0, 0, 3, 8, {0x00, 0x05}));
+    // A single word of three characters or more is text.
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "abc"}).input, uart_request(0, 0, 3, 0xffffffff, {'a', 'b', 'c'}));
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "ab"}).input, uart_request(0, 0, 3, 0xffffffff, {0xab}));
+    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "0x5"}).input, uart_request(0, 0, 3, 0xffffffff, {'0', 'x', '5'}));
+    Words hexes{"uart", "cmreply", "ap"};
+    hexes.resize(3 + 99, "1ee");
+    EXPECT_EQ(one_call(sim, hexes, dump({0x7e, 0x83, 0x02, 0xee, 0x01, 0x4f})).input,
+              uart_request(0, 3, 0, 0xffffffff, Bytes(99, 0xee)));
+
+    hexes.push_back("1");
+    expect_refused(sim, hexes, "inputLength < sizeof(inputBuffer)", "uart.cpp");
+    expect_refused(sim, {"uart", "raw", "ap"}, "inputLength > 0 && inputLength < sizeof(inputBuffer)", "uart.cpp");
+    expect_refused(sim, {"uart", "ping", "ap", std::string(100, 'x')},
+                   "inputLength > 0 && inputLength < sizeof(inputBuffer)", "uart.cpp");
+    expect_refused(sim, {"uart", "ping"}, "argc >= 3", "uart.cpp");
+    expect_said(sim, {"uart", "pong", "ap"}, "unknown container, use ping, pingreply, cmreply, or raw");
+    expect_said(sim, {"uart", "ping", "usb"}, "unknown port, use ap, bb or isp");
+    expect_said(sim, {"uart", "ping", "ap", "--preamble", "4097"}, "preamble too long, max is 4096 bytes");
+    expect_said(sim, {"uart", "ping", "ap", "--preamble", "-1"}, "preamble too long, max is 4096 bytes");
+    expect_said(sim, {"uart", "ping", "ap", "--retry", "0"}, "retry must be between 1 and 100");
+    expect_said(sim, {"uart", "ping", "ap", "--retry", "101"}, "retry must be between 1 and 100");
+    expect_said(sim, {"uart", "ping", "ap", "--retry"}, "--retry needs a value");
+}
+
+TEST(Uart, RepliesDependOnThePayloadAndTheLinkIsLogged) {
+    Simulator sim;
+    one_call(sim, {"uart", "pingreply", "ap", "abc"}, dump({0x7e, 0x82, 0x03, 'a', 'b', 'c', 0x36}));
+    one_call(sim, {"uart", "cmreply", "isp", "2", "f0", "0f"}, dump({0x7e, 0x83, 0x04, 0x82, 0x00, 0x0f, 0xf0, 0x18}));
+    control(sim, {"stub", "--selector", "36", "--output", "0102", "--times", "1"});
+    one_call(sim, {"uart", "ping", "ap", "1"});   // ping prints nothing even when bytes come back
+
+    // The bb partner misses a frame without a long enough preamble.
+    Outcome o = run(sim, {"uart", "pingreply", "bb", "1"});
+    EXPECT_EQ(o.r.out, "");
+    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/uart.cpp"));
+    ASSERT_EQ(o.events.size(), 1u);
+    EXPECT_EQ(o.events[0],
+              R"({"service":"ZantraTalvexProcessor","event":"uart","port":"bb","container":"pingreply","retries":0,)"
+              R"("preamble":null,"attempts":1,"delivered":false,"frame":"7e020101c4","reply":""})");
+    o = run(sim, {"uart", "pingreply", "bb", "--retry", "1", "1"});
+    EXPECT_EQ(o.r.status, 0) << o.r.err;
+    ASSERT_EQ(o.events.size(), 1u);
+    EXPECT_EQ(trace_field(o.events[0], "attempts"), "2");
+    o = run(sim, {"uart", "pingreply", "bb", "--preamble", "8", "1"});
+    EXPECT_EQ(o.r.status, 0) << o.r.err;
+    ASSERT_EQ(o.events.size(), 1u);
+    EXPECT_EQ(trace_field(o.events[0], "attempts"), "1");
+    EXPECT_EQ(trace_field(o.events[0], "preamble"), "8");
+}
+
+TEST(Bus, ChecksFallBeforeOrAfterTheOpenAsEachCommandDoes) {
+    Simulator sim;
+    control(sim, {"stub", "--open", "--code", "0xe00002e2"});
+    const std::string refused =
+        "AssertMacros: result == 0 , (iokit/common) not permitted (0xe00002e2)  file: client/handle.cpp, line: N\n";
+    auto open_failed = [&](const Words &args, const std::string &file) {
+        Outcome o = run(sim, args);
+        EXPECT_EQ(o.r.status, 1) << args[0];
+        EXPECT_EQ(o.r.out, "") << args[0];
+        EXPECT_EQ(o.err, refused + "AssertMacros: talvex,  file: talvexctl/" + file + ", line: N\n") << args[0];
+    };
+    // Words checked before the open are reported as such; the rest after it.
+    expect_refused(sim, {"readreg", "gyro", "0", "11"}, "len <= sizeof(buffer)", "registers.cpp");
+    open_failed({"readreg", "gyro", "0", "10"}, "registers.cpp");
+    open_failed({"writereg", "gyro", "0", "1"}, "registers.cpp");
+    open_failed({"bb", "junk"}, "registers.cpp");
+    open_failed({"cma"}, "registers.cpp");
+    open_failed({"spi", "write", "0", "x"}, "spi_i2c.cpp");
+    open_failed({"i2c", "read", "0", "50", "1"}, "spi_i2c.cpp");
+    open_failed({"mem", "read", "0", "0", "1"}, "memory.cpp");
+    open_failed({"gpio"}, "memory.cpp");
+    open_failed({"gpio", "read"}, "memory.cpp");
+    open_failed({"pmu", "junk"}, "memory.cpp");
+    open_failed({"get", "junk", "junk"}, "properties.cpp");
+    open_failed({"set", "1", "2", "3"}, "properties.cpp");
+    open_failed({"uart", "ping", "ap"}, "uart.cpp");
+    expect_said(sim, {"uart", "ping", "ap", "--retry", "0"}, "retry must be between 1 and 100");
+}
+
+}  // namespace
