@@ -417,6 +417,21 @@ TEST(Properties, GetAndSetTakeNumbersAndCutTheDevice) {
     expect_refused(sim, {"set", "1", "2"}, "argc == 4", "properties.cpp");
 }
 
+TEST(Properties, WorkAgainstTheDevicePropertyModel) {
+    Simulator sim;
+    // Property numbers are hexadecimal: 16 is the talvex report rate (22).
+    TraceCall c = one_call(sim, {"set", "3", "16", "3c"});
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 22, 0x3c}));
+    c = one_call(sim, {"get", "103", "16"}, dump({0x3c, 0, 0, 0}));
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 22}));
+    // A property the device does not have.
+    Outcome o = run(sim, {"get", "3", "ffff"});
+    EXPECT_EQ(o.r.status, 1);
+    EXPECT_EQ(o.r.out.find("TalvexGetProperty("), 0u) << o.r.out;
+    EXPECT_EQ(talvex::test::lines(o.err).size(), 2u);
+    EXPECT_NE(o.err.find("(0xe00002c7)"), std::string::npos) << o.err;
+}
+
 // The 109-byte request: port, container, length, retry, flag, preamble (LE32 at 5), payload.
 std::string uart_request(uint8_t port, uint8_t container, uint8_t retry, uint32_t preamble, const Bytes &payload) {
     Bytes head{port, container, static_cast<uint8_t>(payload.size()), retry, preamble != 0xffffffff ? uint8_t{1} : uint8_t{0},
