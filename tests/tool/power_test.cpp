@@ -198,6 +198,7 @@ TEST(Power, HaltStopsTheCoprocessorAnsweringForItsDuration) {
     EXPECT_GE(halted, 0.05) << m.out;
     EXPECT_GE(recovered, 0.35) << m.out;
     EXPECT_LT(recovered, 2.0) << m.out;
+    EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
 }
 
 TEST(Power, PanicSendsItsTextWithTheNul) {
@@ -229,6 +230,7 @@ TEST(Power, PanicSendsItsTextWithTheNul) {
     EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)"));
 
     expect_refused_before_open(sim, {"panic", "a", "b"}, "argc == 1 || argc == 2");
+    EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
 }
 
 TEST(Power, ReportAnnouncesItselfThenCalls) {

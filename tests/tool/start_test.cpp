@@ -155,6 +155,7 @@ TEST(Start, ImageAndNumberGoInTheRequest) {
               trace.end());
     for (int i = 0; i < 100 && sim.tool({"gettalvexstate"}).out != "booted (0x10002)\n"; ++i) usleep(20'000);
     EXPECT_EQ(sim.tool({"gettalvexstate"}).out, "booted (0x10002)\n");
+    EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
 }
 
 TEST(Start, WordCountIsJudgedAfterTheOpen) {
@@ -276,6 +277,7 @@ TEST(Start, MonitorSeesTheBootFromStopped) {
     EXPECT_LT(talvex, 1'000'000'000ull);
     EXPECT_GT(ap, 120'000'000'000ull);
     EXPECT_EQ(m.err, "");
+    EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
 }
 
 }  // namespace
