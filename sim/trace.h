@@ -28,8 +28,9 @@ namespace talvex::sim {
 class Trace {
 public:
     static constexpr size_t kMaxLines = 100'000;
-    // Also bounded in bytes, so that the whole trace fits one reply frame.
-    static constexpr size_t kMaxBytes = 12u << 20;
+    // Also bounded in bytes, so that the whole trace fits one reply frame
+    // (100 000 lines of ordinary calls take about 13 MB).
+    static constexpr size_t kMaxBytes = (31u << 20) / 2;
 
     void add(std::string line);
     // Every line, each ended by a newline.
