@@ -21,12 +21,6 @@ struct Command {
 
 int help(int, char *[]);
 
-// Commands whose handlers are not part of this build yet.
-int not_built(int, char *argv[]) {
-    std::fprintf(stderr, "talvexctl: %s: not built yet\n", argv[0]);
-    return 1;
-}
-
 const Command kCommands[] = {
     {"help", help, ""},
     {"reset", TalvexCmdReset, ""},
@@ -73,8 +67,8 @@ const Command kCommands[] = {
     {"report", TalvexCmdReport, nullptr},
     {"setproperty", TalvexCmdSetProperty, nullptr},
     {"uart", TalvexCmdUart, "uart ping|pingreply|raw <port> [--preamble <len>] [--retry <count>] <data>"},
-    {"ioreport", not_built, nullptr},
-    {"cpuload", not_built, nullptr},
+    {"ioreport", TalvexCmdIoreport, nullptr},
+    {"cpuload", TalvexCmdCpuload, nullptr},
     {"perfmon", TalvexCmdPerfmon, "perfmon <device> enable|disable|report"},
     {nullptr, nullptr, nullptr},
 };

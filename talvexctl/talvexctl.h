@@ -134,3 +134,10 @@ IOReturn TalvexDiagStructCall(TalvexHandle *talvex, uint32_t selector, const voi
                               void *output, size_t *output_size);
 // The text of a return code; empty when the system has none.
 const char *TalvexDiagCodeText(IOReturn code);
+
+// ---------------------------------------------------------------------------
+// Report commands.
+
+// report.cpp
+int TalvexCmdIoreport(int argc, char *argv[]);
+int TalvexCmdCpuload(int argc, char *argv[]);
