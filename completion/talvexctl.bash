@@ -103,7 +103,7 @@ _talvexctl() {
 # --- talvexsim --------------------------------------------------------------
 
 _talvexsim_commands="serve run shell trace stub notify property service channel load help"
-_talvexsim_services="ZantraTalvexProcessor IOReportHub"
+_talvexsim_services="ZantraTalvexProcessor IOReportHub ZantraPowerController ZantraThermalMonitor"
 
 _talvexsim() {
     local cur=${COMP_WORDS[COMP_CWORD]}
@@ -129,7 +129,7 @@ _talvexsim() {
         _talvexctl_offer "number string bool data" "$cur"
         return 0
         ;;
-    --channels | --selector | --scalars | --input-prefix | --code | --output | --output-size | \
+    --channels | --index | --selector | --scalars | --input-prefix | --code | --output | --output-size | \
         --scalar-outputs | --times | --value | --data)
         return 0
         ;;
@@ -189,7 +189,7 @@ _talvexsim() {
         fi
         ;;
     shell)
-        _talvexctl_offer "--help" "$cur"
+        _talvexctl_offer "--clock --channels --help" "$cur"
         ;;
     trace)
         _talvexctl_offer "--clear --help" "$cur"
@@ -228,13 +228,15 @@ _talvexsim() {
         ;;
     channel)
         if ((COMP_CWORD == cmd_at + 1)); then
-            _talvexctl_offer "set --help" "$cur"
+            _talvexctl_offer "set release --help" "$cur"
         elif [[ $cur == -* ]]; then
-            _talvexctl_offer "--service" "$cur"
+            _talvexctl_offer "--service --index" "$cur"
         fi
         ;;
     load)
-        _talvexctl_offer "--help" "$cur"
+        if ((COMP_CWORD == cmd_at + 1)); then
+            _talvexctl_offer "auto --help" "$cur"
+        fi
         ;;
     esac
     return 0
