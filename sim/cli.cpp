@@ -20,6 +20,8 @@
 #include <thread>
 
 #include "control.h"
+#include "hub.h"
+#include "report_models.h"
 #include "server.h"
 #include "wire.h"
 
@@ -44,25 +46,75 @@ constexpr const char *kUsage =
     "  property set|delete ...  edit a service's registry properties\n"
     "  service publish|unpublish CLASS\n"
     "                           restore or hide a service\n"
+    "  channel set|release ...  hold a report channel's value, or let it move again\n"
+    "  load PERCENT|auto        pin the coprocessor's load, or let the model vary it\n"
     "\n"
     "Each command's --help tells more. The socket is --socket PATH (before or after the\n"
     "command), else $TALVEX_SIM_SOCKET, else a per-user default under $XDG_RUNTIME_DIR or\n"
     "/tmp/talvexsim-$UID.\n";
 
 constexpr const char *kServeUsage =
-    "usage: talvexsim [--socket PATH] serve [--exit-with-parent]\n"
+    "usage: talvexsim [--socket PATH] serve [--clock real|step] [--channels N] [--exit-with-parent]\n"
     "  Serves the simulated registry on the socket until SIGINT or SIGTERM.\n"
+    "  --clock step        simulated time stands still except that every report hub update\n"
+    "                      moves it on by exactly one second (figures repeat from run to run;\n"
+    "                      delayed steps such as a boot wait for hub updates); default real\n"
+    "  --channels N        N extra report channels of mixed formats on ZantraTalvexProcessor\n"
+    "                      (at most 100000)\n"
     "  --exit-with-parent  also stop when the parent process ends (run and shell use it)\n";
 
 constexpr const char *kRunUsage =
-    "usage: talvexsim run [--] CMD [ARGS...]\n"
+    "usage: talvexsim run [--clock real|step] [--channels N] [--] CMD [ARGS...]\n"
     "  Starts a private simulator on a fresh socket, runs CMD with TALVEX_SIM_SOCKET naming it,\n"
-    "  stops the simulator and exits with CMD's status (127 when CMD cannot be run).\n";
+    "  stops the simulator and exits with CMD's status (127 when CMD cannot be run).\n"
+    "  --clock and --channels are passed to the simulator (see serve --help).\n";
 
 constexpr const char *kShellUsage =
-    "usage: talvexsim shell\n"
+    "usage: talvexsim shell [--clock real|step] [--channels N]\n"
     "  Runs an interactive shell ($SHELL, else /bin/sh) against a private simulator and exits\n"
-    "  with the shell's status.\n";
+    "  with the shell's status. --clock and --channels are passed to the simulator.\n";
+
+// --- simulator options shared by serve, run and shell
+struct SimOptions {
+    bool step_clock = false;
+    size_t channels = 0;
+
+    // The options as serve takes them.
+    std::vector<std::string> words() const {
+        std::vector<std::string> w;
+        if (step_clock) w.insert(w.end(), {"--clock", "step"});
+        if (channels) w.insert(w.end(), {"--channels", std::to_string(channels)});
+        return w;
+    }
+};
+
+// Takes a simulator option at words[i] (advancing i past its value). Returns
+// false when words[i] is not one; sets `error` when it is one but is wrong.
+bool take_sim_option(const std::vector<std::string> &words, size_t &i, SimOptions &opts, std::string &error) {
+    const std::string &w = words[i];
+    std::string name = w.substr(0, w.find('='));
+    if (name != "--clock" && name != "--channels") return false;
+    std::string value;
+    if (name.size() < w.size()) {
+        value = w.substr(name.size() + 1);
+    } else if (i + 1 < words.size()) {
+        value = words[++i];
+    } else {
+        error = "missing value for " + name;
+        return true;
+    }
+    if (name == "--clock") {
+        if (value != "real" && value != "step") error = "bad value for --clock: '" + value + "' (real or step)";
+        opts.step_clock = value == "step";
+        return true;
+    }
+    auto n = parse_unsigned(value);
+    if (!n || *n > kMaxExtraChannels)
+        error = "bad number for --channels: '" + value + "' (0 to " + std::to_string(kMaxExtraChannels) + ")";
+    else
+        opts.channels = static_cast<size_t>(*n);
+    return true;
+}
 
 int usage_error(const std::string &message) {
     std::fprintf(stderr, "talvexsim: %s\n", message.c_str());
@@ -148,13 +200,23 @@ extern "C" void forward_to_command(int sig) {
     if (g_command > 0) kill(g_command, sig);
 }
 
-int serve(const std::string &socket_path, bool exit_with_parent) {
+int serve(const std::string &socket_path, bool exit_with_parent, const SimOptions &opts) {
     if (exit_with_parent) {
         pid_t parent = getppid();
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent) return 1;   // the parent is already gone
     }
-    Server server;
+    std::unique_ptr<Clock> clock;
+    StepClock *step = nullptr;
+    if (opts.step_clock) {
+        auto c = std::make_unique<StepClock>();
+        step = c.get();
+        clock = std::move(c);
+    }
+    Server server(std::move(clock));
+    if (ReportHub *hub = ReportHub::of(server.simulation())) hub->set_step_clock(step);
+    if (!add_extra_report_channels(server.simulation(), opts.channels))
+        return usage_error("serve: cannot add " + std::to_string(opts.channels) + " report channels");
     std::string error;
     if (!server.listen(socket_path, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
@@ -167,7 +229,7 @@ int serve(const std::string &socket_path, bool exit_with_parent) {
 
 // Starts `talvexsim serve` on a fresh socket in a fresh private directory,
 // runs `cmd` against it, stops it and cleans up. Returns cmd's exit status.
-int run_private(std::vector<std::string> cmd) {
+int run_private(std::vector<std::string> cmd, const SimOptions &opts) {
     char tmpl[] = "/tmp/talvexsim-run-XXXXXX";
     if (!mkdtemp(tmpl)) return usage_error(std::string("cannot create a private directory: ") + std::strerror(errno));
     std::string dir = tmpl;
@@ -180,6 +242,7 @@ int run_private(std::vector<std::string> cmd) {
     // The simulator: this same program, in its own process group so that the
     // terminal's interrupt reaches only the command.
     std::vector<std::string> sim_argv{"talvexsim", "serve", "--exit-with-parent", "--socket", socket};
+    for (auto &w : opts.words()) sim_argv.push_back(w);
     auto sim_args = c_strings(sim_argv);
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
@@ -363,11 +426,18 @@ int cli_main(int argc, char **argv) {
                 return 0;
             }
         }
-        for (auto &w : rest) {
-            if (w == "--exit-with-parent") exit_with_parent = true;
-            else return usage_error("serve: unexpected argument '" + w + "'");
+        SimOptions opts;
+        for (size_t i = 0; i < rest.size(); ++i) {
+            std::string error;
+            if (take_sim_option(rest, i, opts, error)) {
+                if (!error.empty()) return usage_error("serve: " + error);
+            } else if (rest[i] == "--exit-with-parent") {
+                exit_with_parent = true;
+            } else {
+                return usage_error("serve: unexpected argument '" + rest[i] + "'");
+            }
         }
-        return serve(path, exit_with_parent);
+        return serve(path, exit_with_parent, opts);
     }
     if (command == "run" || command == "shell") {
         if (!rest.empty() && is_help(rest[0])) {
@@ -375,6 +445,13 @@ int cli_main(int argc, char **argv) {
             return 0;
         }
         if (socket) return usage_error(command + ": --socket does not apply (a private simulator gets a fresh socket)");
+        // The simulator's options come first; the command starts at the
+        // first other word (or after "--").
+        SimOptions opts;
+        size_t first = 0;
+        for (std::string error; first < rest.size() && take_sim_option(rest, first, opts, error); ++first)
+            if (!error.empty()) return usage_error(command + ": " + error);
+        rest.erase(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(first));
         std::vector<std::string> cmd;
         if (command == "run") {
             if (!rest.empty() && rest[0] == "--") rest.erase(rest.begin());
@@ -385,7 +462,7 @@ int cli_main(int argc, char **argv) {
             const char *shell = std::getenv("SHELL");
             cmd.push_back(shell && *shell ? shell : "/bin/sh");
         }
-        return run_private(std::move(cmd));
+        return run_private(std::move(cmd), opts);
     }
     if (is_control_command(command)) {
         // Check the words here first, so that bad usage is reported even

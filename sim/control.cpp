@@ -43,6 +43,22 @@ constexpr const char *kServiceUsage =
     "       talvexsim service publish CLASS\n"
     "  Hides a service from matching, or restores it.\n";
 
+// --- report channels
+constexpr const char *kChannelUsage =
+    "usage: talvexsim channel set [--service CLASS] [--index I] NAME VALUE\n"
+    "       talvexsim channel release [--service CLASS] [--index I] NAME\n"
+    "  set holds a report channel's value at VALUE (decimal or 0x hexadecimal, negative allowed)\n"
+    "  until released; release lets it move with the model again, onward from the held value.\n"
+    "  NAME is the channel's name (as ioreport shows it, without trailing blanks) or its 0x\n"
+    "  channel ID. Simple channels have one value; array channels four per element, chosen\n"
+    "  with --index (default 0). The default service is ZantraTalvexProcessor.\n";
+
+constexpr const char *kLoadUsage =
+    "usage: talvexsim load PERCENT|auto\n"
+    "  Pins the coprocessor's load (0 to 100, at most two decimals): while it is booted, its\n"
+    "  IDLE MS counter then grows by (100 - PERCENT)% of the running time. auto lets the\n"
+    "  model vary the load again.\n";
+
 struct Options {
     std::map<std::string, std::string, std::less<>> values;   // option name -> value ("" for a flag)
     std::vector<std::string> positional;
@@ -338,10 +354,63 @@ bool parse_property(std::string_view sub, const Options &o, ControlCommand &c, s
     return static_cast<bool>(c.value);
 }
 
+// --- report channels
+bool parse_channel(std::string_view sub, const Options &o, ControlCommand &c, std::string &problem) {
+    size_t want = sub == "set" ? 2 : 1;
+    if (o.positional.size() < want) {
+        problem = o.positional.empty() ? "missing channel name" : "missing value";
+        return false;
+    }
+    if (o.positional.size() > want) {
+        problem = "unexpected argument '" + o.positional[want] + "'";
+        return false;
+    }
+    c.kind = sub == "set" ? ControlCommand::Kind::ChannelSet : ControlCommand::Kind::ChannelRelease;
+    c.channel = o.positional[0];
+    if (!number_option(o, "index", UINT32_MAX, c.value_index, problem)) return false;
+    if (sub == "set") {
+        auto v = parse_signed(o.positional[1]);
+        if (!v) {
+            problem = "bad value '" + o.positional[1] + "'";
+            return false;
+        }
+        c.channel_value = static_cast<int64_t>(*v);
+    }
+    return true;
+}
+
+// "auto", or a percentage from 0 to 100 with at most two decimals, in
+// hundredths of a percent.
+bool parse_load(const Options &o, ControlCommand &c, std::string &problem) {
+    if (o.positional.size() != 1) {
+        problem = o.positional.empty() ? "missing percentage (or auto)" : "unexpected argument '" + o.positional[1] + "'";
+        return false;
+    }
+    c.kind = ControlCommand::Kind::Load;
+    const std::string &text = o.positional[0];
+    if (text == "auto") return true;
+    size_t dot = text.find('.');
+    std::string whole = text.substr(0, dot), fraction = dot == std::string::npos ? "" : text.substr(dot + 1);
+    bool digits = !whole.empty() && whole.size() <= 3 && fraction.size() <= 2 && (dot == std::string::npos || !fraction.empty());
+    for (char ch : whole + fraction) digits = digits && ch >= '0' && ch <= '9';
+    uint32_t v = 0;
+    if (digits) {
+        v = static_cast<uint32_t>(std::stoul(whole)) * 100;
+        if (!fraction.empty()) v += static_cast<uint32_t>(std::stoul(fraction)) * (fraction.size() == 1 ? 10 : 1);
+    }
+    if (!digits || v > 10'000) {
+        problem = "bad percentage '" + text + "' (0 to 100, at most two decimals, or auto)";
+        return false;
+    }
+    c.load = v;
+    return true;
+}
+
 }  // namespace
 
 bool is_control_command(std::string_view word) {
-    return word == "trace" || word == "stub" || word == "notify" || word == "property" || word == "service";
+    return word == "trace" || word == "stub" || word == "notify" || word == "property" || word == "service" ||
+           word == "channel" || word == "load";
 }
 
 std::string control_usage(std::string_view command) {
@@ -350,6 +419,8 @@ std::string control_usage(std::string_view command) {
     if (command == "notify") return kNotifyUsage;
     if (command == "property") return kPropertyUsage;
     if (command == "service") return kServiceUsage;
+    if (command == "channel") return kChannelUsage;
+    if (command == "load") return kLoadUsage;
     return {};
 }
 
@@ -399,6 +470,20 @@ std::optional<ControlCommand> parse_control(const std::vector<std::string> &word
                                {}, o, problem) &&
                  (o.help || parse_property(sub, o, c, problem));
         }
+    } else if (name == "channel") {
+        std::string sub = words.size() > 1 ? words[1] : "";
+        if (sub == "--help" || sub == "-h") {
+            o.help = true;
+            ok = true;
+        } else if (sub != "set" && sub != "release") {
+            problem = sub.empty() ? "missing subcommand (set or release)" : "unknown subcommand '" + sub + "'";
+        } else {
+            where += " " + sub;
+            ok = split_options(words, 2, {"service", "index"}, {}, o, problem) &&
+                 (o.help || parse_channel(sub, o, c, problem));
+        }
+    } else if (name == "load") {
+        ok = split_options(words, 1, {}, {}, o, problem) && (o.help || parse_load(o, c, problem));
     } else {   // service
         std::string sub = words.size() > 1 ? words[1] : "";
         if (sub == "--help" || sub == "-h") {
@@ -468,6 +553,9 @@ ControlResult execute_control(Simulation &sim, const ControlCommand &c) {
         break;
     case Kind::Publish: sim.set_published(*service, true); break;
     case Kind::Unpublish: sim.set_published(*service, false); break;
+    case Kind::ChannelSet:
+    case Kind::ChannelRelease:
+    case Kind::Load: return execute_report_control(sim, *service, c);
     default: break;
     }
     return result;

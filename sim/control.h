@@ -1,5 +1,6 @@
 // Control commands: how bring-up engineers and tests steer the simulator
-// (trace, stub, notify, property, service). The `talvexsim` command line
+// (trace, stub, notify, property, service; channel and load for report
+// channels). The `talvexsim` command line
 // forwards a command's words; the simulator parses and runs them.
 #pragma once
 
@@ -18,7 +19,10 @@
 namespace talvex::sim {
 
 struct ControlCommand {
-    enum class Kind { Help, Trace, StubCall, StubOpen, StubClear, Notify, PropertySet, PropertyDelete, Publish, Unpublish };
+    enum class Kind {
+        Help, Trace, StubCall, StubOpen, StubClear, Notify, PropertySet, PropertyDelete, Publish, Unpublish,
+        ChannelSet, ChannelRelease, Load,
+    };
     Kind kind = Kind::Help;
     std::string help;                 // Help: the text to print
     bool clear = false;               // Trace: clear after printing
@@ -29,6 +33,11 @@ struct ControlCommand {
     MessageArg arg;                   // Notify
     std::string key;                  // PropertySet, PropertyDelete
     CFRef<CFTypeRef> value;           // PropertySet
+    // --- report channels (executed by execute_report_control, report_control.cpp)
+    std::string channel;              // ChannelSet, ChannelRelease: a name or a 0x channel ID
+    uint64_t value_index = 0;         // ChannelSet, ChannelRelease: which value (--index)
+    int64_t channel_value = 0;        // ChannelSet
+    std::optional<uint32_t> load;     // Load: hundredths of a percent; nothing for "auto"
 };
 
 // The words of a control command, the first naming it. On failure returns
@@ -36,6 +45,8 @@ struct ControlCommand {
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error);
 // Runs a parsed command. Fails (code 1) when it names a service that does not exist.
 ControlResult execute_control(Simulation &sim, const ControlCommand &command);
+// Runs a ChannelSet, ChannelRelease or Load command on the service.
+ControlResult execute_report_control(Simulation &sim, Service &service, const ControlCommand &command);
 
 // Whether the word names a control command.
 bool is_control_command(std::string_view word);

@@ -8,7 +8,8 @@
 #include "cf_ref.h"
 #include "control.h"
 #include "coprocessor.h"
-#include "report_hub.h"
+#include "hub.h"
+#include "report_models.h"
 
 namespace talvex::sim {
 
@@ -43,6 +44,7 @@ Simulation::Simulation(Outbox &outbox, std::unique_ptr<Clock> clock)
     cp.model = std::make_unique<Coprocessor>(*this, cp);
     Service &hub = registry_.add(kReportHubClass, kReportHubClass);
     hub.model = std::make_unique<ReportHub>(*this, hub);
+    install_report_models(*this);
 }
 
 Simulation::~Simulation() {

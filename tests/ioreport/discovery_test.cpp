@@ -99,7 +99,9 @@ void publishHubLegend() {
 }
 
 void unpublishAll() {
-    for (const char *cls : {kTalvex, kHub}) {
+    // The simulator's other driver with a public legend is hidden too, so
+    // that only the legends written here are public.
+    for (const char *cls : {kTalvex, kHub, "ZantraPowerController"}) {
         deleteProperty(cls, "IOReportLegendPublic");
         deleteProperty(cls, "IOReportLegend");
     }
