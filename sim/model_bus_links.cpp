@@ -37,7 +37,8 @@ constexpr uint8_t kUartMaxPayload = 99;
 constexpr uint8_t kUartMaxRetries = 100;
 constexpr uint32_t kUartMaxPreamble = 4096;
 constexpr uint8_t kUartPorts = 3, kUartPortBB = 2;
-constexpr uint8_t kPing = 0, kRaw = 1, kPingReply = 2, kCmReply = 3;
+[[maybe_unused]] constexpr uint8_t kPing = 0;   // the plain container: no code checks for it
+constexpr uint8_t kRaw = 1, kPingReply = 2, kCmReply = 3;
 constexpr uint8_t kUartSof = 0x7e;
 constexpr uint8_t kUartReplyBit = 0x80;
 constexpr uint32_t kUartWakePreamble = 8;   // bytes that wake the sleeping bb partner in time
