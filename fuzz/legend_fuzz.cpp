@@ -1,0 +1,295 @@
+// Legend discovery: arbitrary legends in the registry turned into
+// aggregates, then filters, merges, clones, compares and prunes.
+//
+// Each input gives the in-process simulator's services (the coprocessor, the
+// report hub and up to two more) legends: mostly the shape drivers publish
+// (an array of group dictionaries with names, channel info and channel
+// arrays of ID, type and name), with any part swapped for some other
+// property list, plus the public flag or not. The library then discovers
+// them through the platform API as a process would: every public legend,
+// and one of: one driver's, a matching dictionary's, one channel ID's, or
+// the group, category, format or unit filter. Each aggregate is walked with every
+// channel accessor and description, merged into aggregates of other
+// options, cloned, compared with its clone and pruned, with walk results
+// taken from the input.
+#include <IOReport.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "plist_gen.h"
+#include "sim_host.h"
+
+namespace {
+
+namespace sim = talvex::sim;
+using talvex::fuzz::PlistGen;
+using talvex::fuzz::Ref;
+using talvex::fuzz::SimHost;
+
+const std::vector<std::string_view> kWords = {
+    "IOReportGroupName", "IOReportSubGroupName", "IOReportChannelInfo", "IOReportChannels", "IOReportChannelUnit",
+    "IOReportChannelConfig", "Energy", "Power", "States", "", "\xc3\xa9t\xc3\xa9",
+};
+constexpr std::string_view kGroups[] = {"Energy", "Power", "States", "Perf", ""};
+constexpr std::string_view kExtraClasses[] = {"TalvexSensorHub", "TalvexPMU", sim::kCoprocessorClass};
+
+void release(CFTypeRef v) {
+    if (v) CFRelease(v);
+}
+
+CFStringRef cfstr(std::string_view s) {
+    return CFStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(s.data()), static_cast<CFIndex>(s.size()),
+                                   kCFStringEncodingUTF8, false);
+}
+
+CFNumberRef num(uint64_t v) {
+    auto s = static_cast<long long>(v);
+    return CFNumberCreate(nullptr, kCFNumberLongLongType, &s);
+}
+
+// Legend parts: each usually of the right shape, sometimes anything at all.
+class LegendGen {
+public:
+    explicit LegendGen(FuzzedDataProvider &in) : in_(in), any_(in, kWords) {}
+
+    CFTypeRef legend() {
+        if (odd()) return any_.value();
+        CFMutableArrayRef groups = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
+        size_t n = in_.ConsumeIntegralInRange<size_t>(0, 4);
+        for (size_t i = 0; i < n; ++i) {
+            Ref<CFTypeRef> g(group());
+            CFArrayAppendValue(groups, g.get());
+        }
+        return groups;
+    }
+
+private:
+    bool odd() { return in_.ConsumeIntegralInRange(0, 15) == 0; }
+
+    CFTypeRef text() {
+        if (odd()) return any_.value();
+        return cfstr(kGroups[in_.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)]);
+    }
+
+    CFTypeRef group() {
+        if (odd()) return any_.value();
+        CFMutableDictionaryRef d =
+            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+        if (in_.ConsumeBool()) set(d, "IOReportGroupName", text());
+        if (in_.ConsumeBool()) set(d, "IOReportSubGroupName", text());
+        if (in_.ConsumeBool()) set(d, "IOReportChannelInfo", info());
+        CFMutableArrayRef channels = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
+        size_t n = in_.ConsumeIntegralInRange<size_t>(0, 6);
+        for (size_t i = 0; i < n; ++i) {
+            Ref<CFTypeRef> c(channel());
+            CFArrayAppendValue(channels, c.get());
+        }
+        if (odd()) {
+            CFRelease(channels);
+            set(d, "IOReportChannels", any_.value());
+        } else {
+            set(d, "IOReportChannels", channels);
+        }
+        return d;
+    }
+
+    CFTypeRef info() {
+        if (odd()) return any_.value();
+        CFMutableDictionaryRef d =
+            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+        if (in_.ConsumeBool()) set(d, "IOReportChannelUnit", odd() ? any_.value() : num(in_.ConsumeIntegral<uint64_t>()));
+        if (in_.ConsumeBool()) {
+            auto bytes = in_.ConsumeBytes<uint8_t>(in_.ConsumeIntegralInRange<size_t>(0, 48));
+            set(d, "IOReportChannelConfig", CFDataCreate(nullptr, bytes.data(), static_cast<CFIndex>(bytes.size())));
+        }
+        return d;
+    }
+
+    CFTypeRef channel() {
+        if (odd()) return any_.value();
+        CFMutableArrayRef c = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
+        size_t n = in_.ConsumeIntegralInRange<size_t>(0, 4);
+        for (size_t i = 0; i < n; ++i) {
+            Ref<CFTypeRef> v;
+            if (odd()) {
+                v.reset(any_.value());
+            } else if (i == 0) {
+                v.reset(num(in_.ConsumeBool() ? in_.ConsumeIntegralInRange<uint64_t>(1, 8) : in_.ConsumeIntegral<uint64_t>()));
+            } else if (i == 1) {
+                uint64_t type = in_.ConsumeIntegralInRange<uint64_t>(0, 5) | uint64_t{in_.ConsumeIntegral<uint16_t>()} << 16 |
+                                uint64_t{in_.ConsumeIntegralInRange<uint16_t>(0, 8)} << 32;
+                v.reset(num(in_.ConsumeBool() ? type : in_.ConsumeIntegral<uint64_t>()));
+            } else {
+                v.reset(any_.string());
+            }
+            CFArrayAppendValue(c, v.get());
+        }
+        return c;
+    }
+
+    static void set(CFMutableDictionaryRef d, const char *key, CFTypeRef value) {
+        Ref<CFStringRef> k(cfstr(key));
+        CFDictionarySetValue(d, k.get(), value);
+        CFRelease(value);
+    }
+
+    FuzzedDataProvider &in_;
+    PlistGen any_;
+};
+
+void publish_legends(FuzzedDataProvider &in, sim::Simulation &s) {
+    size_t extra = in.ConsumeIntegralInRange<size_t>(0, 2);
+    for (size_t i = 0; i < extra; ++i) {
+        std::string cls(kExtraClasses[in.ConsumeIntegralInRange<size_t>(0, std::size(kExtraClasses) - 1)]);
+        std::string name = in.ConsumeBool() ? cls : in.ConsumeRandomLengthString(20);
+        s.registry().add(cls, name);
+    }
+    LegendGen gen(in);
+    for (const auto &service : s.registry().services()) {
+        if (in.ConsumeIntegralInRange(0, 3) == 0) continue;
+        Ref<CFTypeRef> legend(gen.legend());
+        service->set_property("IOReportLegend", legend.get());
+        switch (in.ConsumeIntegralInRange(0, 7)) {
+        case 0: break;   // not public
+        case 1: service->set_property("IOReportLegendPublic", kCFBooleanFalse); break;
+        default: service->set_property("IOReportLegendPublic", kCFBooleanTrue); break;
+        }
+    }
+}
+
+// A walk result for a clone or prune block.
+int walk_result(FuzzedDataProvider &in) {
+    switch (in.ConsumeIntegralInRange(0, 15)) {
+    case 0: return kIOReportIterSkipped;
+    case 1: return 2;
+    case 2: return 1;
+    default: return kIOReportIterOk;
+    }
+}
+
+void describe(CFMutableDictionaryRef channel) {
+    IOReportChannelGetChannelID(channel);
+    IOReportChannelGetDriverID(channel);
+    IOReportChannelGetDriverName(channel);
+    IOReportChannelGetGroup(channel);
+    IOReportChannelGetSubGroup(channel);
+    IOReportChannelGetFormat(channel);
+    IOReportChannelGetCategories(channel);
+    IOReportChannelGetUnit(channel);
+    IOReportChannelGetChannelName(channel);
+    IOReportChannelGetUnitLabel(channel);
+    release(IOReportChannelCopyDescription(channel, nullptr, "# "));
+    release(IOReportSampleCopyDescription(channel, nullptr, nullptr));
+    uint64_t type = 0;
+    if (getChannelType(channel, &type) == kIOReturnSuccess) setChannelType(channel, &type);
+    getChannelConfig(channel);
+}
+
+void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
+    if (!agg) return;
+    int count = IOReportGetChannelCount(agg);
+    int seen = 0;
+    IOReportIterate(agg, [&](CFMutableDictionaryRef c) {
+        describe(c);
+        ++seen;
+        return kIOReportIterOk;
+    });
+    if (count >= 0 && seen != count) {
+        std::fprintf(stderr, "legend_fuzz: %d channels counted, %d walked\n", count, seen);
+        std::abort();
+    }
+
+    // Merges into aggregates of every filing option.
+    for (uint32_t options = 0; options < 4; ++options) {
+        Ref<CFMutableDictionaryRef> merged(IOReportCreateAggregate(options));
+        CFErrorRef error = nullptr;
+        int r = IOReportMergeChannels(merged.get(), agg, &error);
+        release(error);
+        if (r == 0 && count >= 0 && IOReportGetChannelCount(merged.get()) != count) {
+            std::fprintf(stderr, "legend_fuzz: a merge of %d channels holds %d\n", count,
+                         IOReportGetChannelCount(merged.get()));
+            std::abort();
+        }
+    }
+
+    Ref<CFMutableDictionaryRef> clone(cloneAggregate(agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
+        return walk_result(in);
+    }));
+    Ref<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
+    Ref<CFMutableDictionaryRef> compared(compareAggregates(
+        whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) {
+            return walk_result(in);
+        }));
+    if (clone) release(compareAggregates(clone.get(), agg, [](auto, auto, auto) { return 0; }));
+
+    Ref<CFStringRef> group(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
+                                            : nullptr);
+    Ref<CFStringRef> subgroup(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
+                                               : nullptr);
+    if (whole) {
+        CFErrorRef error = nullptr;
+        IOReportSelectChannelsInGroup(whole.get(), group.get(), subgroup.get(), &error);
+        release(error);
+    }
+    IOReportPrune(agg, [&](CFMutableDictionaryRef) { return walk_result(in); });
+    IOReportGetChannelCount(agg);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    SimHost &host = SimHost::instance();
+    host.reset([&](sim::Simulation &s) { publish_legends(in, s); });
+
+    uint32_t options = in.ConsumeIntegralInRange<uint32_t>(0, 3);
+    std::vector<Ref<CFMutableDictionaryRef>> found;
+    CFErrorRef error = nullptr;
+    found.emplace_back(IOReportCopyAllChannels(options, &error));
+    release(error);
+
+    // One more way to discover, of the seven.
+    error = nullptr;
+    switch (in.ConsumeIntegralInRange(0, 6)) {
+    case 0: {
+        io_service_t service =
+            IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching(sim::kCoprocessorClass));
+        if (service) {
+            found.emplace_back(IOReportCopyChannelsForDriver(service, options, &error));
+            release(IOReportCopyDriverName(service));
+            IOObjectRelease(service);
+        }
+        break;
+    }
+    case 1: {
+        Ref<CFMutableDictionaryRef> matching(IOServiceMatching(in.ConsumeBool() ? sim::kReportHubClass : "TalvexSensorHub"));
+        found.emplace_back(IOReportCopyChannelsForDrivers(matching.get(), options, &error));
+        break;
+    }
+    case 2: {
+        Ref<CFMutableDictionaryRef> matching(IOServiceMatching(sim::kCoprocessorClass));
+        uint64_t id = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint64_t>(1, 8) : in.ConsumeIntegral<uint64_t>();
+        found.emplace_back(IOReportCopyChannelsWithID(matching.get(), id, &error));
+        break;
+    }
+    case 3: {
+        Ref<CFStringRef> group(cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)]));
+        found.emplace_back(IOReportCopyChannelsInGroup(group.get(), nullptr, options, &error));
+        break;
+    }
+    case 4: found.emplace_back(IOReportCopyChannelsInCategories(in.ConsumeIntegral<uint16_t>(), options, &error)); break;
+    case 5: found.emplace_back(IOReportCopyChannelsOfFormat(in.ConsumeIntegralInRange<uint8_t>(0, 5), options, &error)); break;
+    default: found.emplace_back(IOReportCopyChannelsWithUnit(in.ConsumeIntegral<uint64_t>(), options, &error)); break;
+    }
+    release(error);
+
+    for (auto &agg : found) exercise(in, agg.get());
+    host.check_link();
+    return 0;
+}

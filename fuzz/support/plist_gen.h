@@ -1,0 +1,93 @@
+// Property lists built from fuzz input, and what the registry's XML dialect
+// can carry of them.
+#pragma once
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace talvex::fuzz {
+
+// Owns one CoreFoundation reference.
+template <class T>
+class Ref {
+public:
+    Ref() = default;
+    explicit Ref(T r) : r_(r) {}
+    ~Ref() { reset(); }
+    Ref(const Ref &) = delete;
+    Ref &operator=(const Ref &) = delete;
+    Ref(Ref &&o) noexcept : r_(o.r_) { o.r_ = nullptr; }
+    Ref &operator=(Ref &&o) noexcept {
+        if (this != &o) {
+            reset();
+            r_ = o.r_;
+            o.r_ = nullptr;
+        }
+        return *this;
+    }
+    T get() const { return r_; }
+    T release() {
+        T r = r_;
+        r_ = nullptr;
+        return r;
+    }
+    void reset(T r = nullptr) {
+        if (r_) CFRelease(r_);
+        r_ = r;
+    }
+    explicit operator bool() const { return r_ != nullptr; }
+
+private:
+    T r_ = nullptr;
+};
+
+// Builds property lists: dictionaries, arrays, strings (UTF-8 or Latin-1
+// text from the input, or words of a vocabulary), integers of every width,
+// now and then a floating-point number, data, booleans, objects reached from
+// more than one place, and nesting deep enough to pass the dialect's limit.
+class PlistGen {
+public:
+    explicit PlistGen(FuzzedDataProvider &in, std::vector<std::string_view> words = {})
+        : in_(in), words_(std::move(words)) {}
+    ~PlistGen();
+    PlistGen(const PlistGen &) = delete;
+    PlistGen &operator=(const PlistGen &) = delete;
+
+    // A new value of any kind (owned by the caller); never null.
+    CFTypeRef value(int depth = 0);
+    // A new dictionary or array (owned by the caller).
+    CFTypeRef container(int depth = 0);
+    // A new string: a vocabulary word or text from the input.
+    CFStringRef string();
+    // A new integer of a random width.
+    CFNumberRef integer();
+
+    // Whether IOCFSerialize must write `root`, a list made by this generator:
+    // every number integral, every key a string, no string with a NUL in it,
+    // and no container written in full deeper than the dialect's 128 levels.
+    // Objects reached again are written by reference, so only their first
+    // appearance (in document order) counts.
+    bool dialect_can_carry(CFTypeRef root) const;
+
+    // Deepest nesting the generator builds on its own.
+    static constexpr int kMaxDepth = 140;
+
+private:
+    void place(CFTypeRef v);
+
+    FuzzedDataProvider &in_;
+    std::vector<std::string_view> words_;
+    std::vector<CFTypeRef> placed_;   // retained: candidates for sharing
+    std::unordered_set<const void *> with_nul_;   // retained: strings with a NUL inside
+};
+
+// The UTF-8 text of a string ("" when it has none), for messages.
+std::string utf8(CFStringRef s);
+
+}  // namespace talvex::fuzz

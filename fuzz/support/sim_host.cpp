@@ -1,0 +1,184 @@
+#include "sim_host.h"
+
+#include <IOKit/IOKitLib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "clock.h"
+#include "wire.h"
+
+namespace talvex::fuzz {
+
+namespace {
+
+constexpr sim::ClientId kClient = 1;
+
+[[noreturn]] void die(const char *what) {
+    std::fprintf(stderr, "sim_host: %s: %s\n", what, std::strerror(errno));
+    std::abort();
+}
+
+bool read_exact(int fd, uint8_t *p, size_t n) {
+    while (n > 0) {
+        ssize_t got = read(fd, p, n);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        p += got;
+        n -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+// Writes one frame, with a descriptor riding on its first byte when given.
+bool write_frame(int sock, const std::vector<uint8_t> &frame, int fd) {
+    size_t done = 0;
+    if (fd >= 0 && !frame.empty()) {
+        iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr *c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+        ssize_t n;
+        do {
+            n = sendmsg(sock, &msg, MSG_NOSIGNAL);
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0) return false;
+        done = static_cast<size_t>(n);
+    }
+    while (done < frame.size()) {
+        ssize_t n = send(sock, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+struct SimHost::State : sim::Outbox {
+    std::mutex mu;
+    std::unique_ptr<sim::Simulation> sim;
+    int listen_fd = -1;
+    int client_fd = -1;                  // the connection being served (mu held to use it)
+    std::atomic<uint64_t> served{0};     // requests answered so far
+    uint64_t step_ns = 0;                // simulated time added before each request
+
+    void send(sim::ClientId, std::vector<uint8_t> frame, int fd) override {
+        // A write that fails means the host went away; the serving loop sees
+        // that on its next read.
+        if (client_fd >= 0) write_frame(client_fd, frame, fd);
+    }
+
+    void serve() {
+        std::vector<uint8_t> message;
+        for (;;) {
+            int c = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (c < 0) {
+                if (errno == EINTR || errno == ECONNABORTED) continue;
+                die("accept");
+            }
+            {
+                std::lock_guard lk(mu);
+                client_fd = c;
+            }
+            for (;;) {
+                uint8_t prefix[4];
+                if (!read_exact(c, prefix, 4)) break;
+                uint32_t len = wire::load_le32(prefix);
+                if (len < 8 || len > wire::kMaxFrame) break;
+                message.resize(len);
+                if (!read_exact(c, message.data(), len)) break;
+                std::lock_guard lk(mu);
+                served.fetch_add(1);   // before the reply leaves, so check_link sees it
+                if (step_ns) {
+                    static_cast<sim::StepClock &>(sim->clock()).advance(step_ns);
+                    sim->run_timers();
+                }
+                sim->handle(kClient, message);
+                sim->run_timers();
+            }
+            std::lock_guard lk(mu);
+            client_fd = -1;
+            sim->client_gone(kClient);
+            close(c);
+        }
+    }
+};
+
+SimHost &SimHost::instance() {
+    static SimHost *host = new SimHost;   // never destroyed: its thread serves until the process ends
+    return *host;
+}
+
+SimHost::SimHost() : s_(new State) {
+    s_->sim = std::make_unique<sim::Simulation>(*s_, std::make_unique<sim::StepClock>());
+    char dir[] = "/tmp/talvex-fuzz-XXXXXX";
+    if (!mkdtemp(dir)) die("mkdtemp");
+    std::string path = std::string(dir) + "/sim.sock";
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
+    s_->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (s_->listen_fd < 0) die("socket");
+    if (bind(s_->listen_fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0) die("bind");
+    if (listen(s_->listen_fd, 4) != 0) die("listen");
+    setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
+    std::thread([st = s_] { st->serve(); }).detach();
+    // The socket file and its directory are not needed once the host has
+    // connected; removing them now leaves nothing behind in /tmp.
+    check_link();
+    unlink(path.c_str());
+    rmdir(dir);
+}
+
+void SimHost::reset(const std::function<void(sim::Simulation &)> &setup) {
+    std::lock_guard lk(s_->mu);
+    if (s_->client_fd >= 0) s_->sim->client_gone(kClient);
+    s_->sim.reset();
+    s_->sim = std::make_unique<sim::Simulation>(*s_, std::make_unique<sim::StepClock>());
+    if (setup) setup(*s_->sim);
+}
+
+void SimHost::set_step(uint64_t ns) {
+    std::lock_guard lk(s_->mu);
+    s_->step_ns = ns;
+}
+
+void SimHost::with(const std::function<void(sim::Simulation &)> &f) {
+    std::lock_guard lk(s_->mu);
+    f(*s_->sim);
+}
+
+void SimHost::check_link() {
+    uint64_t before = s_->served.load();
+    io_iterator_t it = 0;
+    kern_return_t kr = IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("TalvexFuzzNothing"), &it);
+    if (it) IOObjectRelease(it);
+    if (kr != KERN_SUCCESS || s_->served.load() == before) {
+        std::fprintf(stderr, "sim_host: the host lost its link to the in-process simulator (%#x)\n",
+                     static_cast<unsigned>(kr));
+        std::abort();
+    }
+}
+
+}  // namespace talvex::fuzz

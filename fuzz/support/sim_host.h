@@ -1,0 +1,50 @@
+// An in-process simulator behind the host transport, for fuzz targets that
+// drive code through the platform API (the tool's handlers, report-channel
+// discovery).
+//
+// host/ finds the simulator as any process does: through TALVEX_SIM_SOCKET.
+// The first use makes a private directory, listens on a socket in it, points
+// TALVEX_SIM_SOCKET there and serves the socket from one thread, handing each
+// request to the current Simulation (on a step clock, so nothing depends on
+// the wall clock). reset() swaps in a fresh Simulation for every fuzz input,
+// so an input never sees what an earlier one left behind, while the host's
+// connection stays up across inputs.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "simulation.h"
+
+namespace talvex::fuzz {
+
+class SimHost {
+public:
+    // The process's one instance; starts listening on first use. Call it
+    // before anything touches the platform API.
+    static SimHost &instance();
+
+    // Replaces the simulation with a fresh one and lets `setup` edit it
+    // (stubs, properties, state) before any request reaches it.
+    void reset(const std::function<void(sim::Simulation &)> &setup = {});
+
+    // Simulated time moves on by `ns` before each request is handled (0 by
+    // default; reset() keeps the setting), so delayed model steps happen
+    // between the calls of one input.
+    void set_step(uint64_t ns);
+
+    // Runs `f` on the current simulation while no request is being served.
+    void with(const std::function<void(sim::Simulation &)> &f);
+
+    // Aborts with a message when the host's link to the simulator broke: the
+    // host drops its link only when the simulator breaks the protocol, which
+    // a fresh simulation never should. Costs one round trip.
+    void check_link();
+
+private:
+    SimHost();
+    struct State;
+    State *s_;
+};
+
+}  // namespace talvex::fuzz

@@ -1,0 +1,188 @@
+// The command line: talvexctl's entry point and every command handler that
+// returns (all but monitor, ioreport and cpuload, which run until killed),
+// in-process, against an in-process simulator.
+//
+// An input first sets the simulator up: the coprocessor's state, stubbed
+// answers for any selector (return code, output bytes, reported output size,
+// scalar outputs, how many times), failing user-client opens, an odd
+// "talvex-state" property or a hidden driver, and how far simulated time
+// moves per request. Then it runs up to three commands, each an argument
+// vector of command-table words, numbers and raw text. Every command must
+// exit with 0 or 1, leave no user client open in the simulator and keep the
+// host's link to it intact; the sanitizers catch the rest.
+#include <fuzzer/FuzzedDataProvider.h>
+#include <getopt.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "coprocessor.h"
+#include "sim_host.h"
+
+int talvexctl_main(int argc, char *argv[]);
+
+namespace {
+
+using talvex::fuzz::SimHost;
+namespace sim = talvex::sim;
+
+// The command table's words, less the three commands that never return.
+constexpr std::string_view kCommands[] = {
+    "help",     "reset",    "ping",     "start",    "stop",     "gettalvexstate", "readreg",     "writereg",
+    "bb",       "timesync", "tymesync", "cma",      "spi",      "i2c",            "mem",         "gpio",
+    "rate",     "fw0",      "fw1",      "conn",     "pmu",      "get",            "set",         "setstate",
+    "wake",     "halt",     "halt_ms",  "profile",  "clkredirect", "clkmeasure",  "clkstartup",  "powerlog",
+    "setbaudrate", "listclients", "listsensors", "sensorinfo", "panic", "report", "setproperty", "uart",
+    "perfmon",
+};
+constexpr std::string_view kNeverReturn[] = {"monitor", "ioreport", "cpuload"};
+
+// Words the handlers look for, and numbers near their limits.
+constexpr std::string_view kWords[] = {
+    "gyro", "accel", "compass", "pressure", "talvex", "corvel", "prox", "read", "write", "readreg", "writereg",
+    "start", "stop", "reset", "print", "gethitpoint", "getfunction", "getpowerlog", "enable", "disable", "enabled",
+    "report", "auto", "irc", "pll", "lfosc", "current", "ircdiff", "ping", "pingreply", "cmreply", "raw", "ap", "bb",
+    "isp", "--preamble", "--retry", "--debug", "--noautobaud", "--nowaitforready", "--notimesync", "--noheartbeat",
+    "--noconfig", "--nopaniccheck", "-a", "-d", "-p", "--", "--bogus", "", "0", "1", "2", "3", "7", "10", "f", "10",
+    "11", "16", "17", "ff", "100", "1ff", "7fffffff", "80000000", "ffffffff", "ffffffffffffffff", "-1", "0x10", "99",
+    "101", "4096", "4097", "112500", "750000", "1500000", "3000000", "0x80", "0x83", "96", "1000", "4294968",
+    "fw.img", "/tmp/fw.img", "hello", "a_rather_long_profile_entry_name_that_does_not_fit_in_sixty_four_bytes_x",
+};
+
+std::string number_word(FuzzedDataProvider &in) {
+    auto v = in.ConsumeIntegral<uint64_t>();
+    char buf[32];
+    switch (in.ConsumeIntegralInRange(0, 3)) {
+    case 0: std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v & 0xff)); break;
+    case 1: std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v)); break;
+    case 2: std::snprintf(buf, sizeof buf, "%llu", static_cast<unsigned long long>(v % 100000)); break;
+    default: std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(v)); break;
+    }
+    return buf;
+}
+
+std::vector<std::string> argument_vector(FuzzedDataProvider &in) {
+    std::vector<std::string> words{"talvexctl"};
+    size_t which = in.ConsumeIntegralInRange<size_t>(0, std::size(kCommands));
+    words.emplace_back(which < std::size(kCommands) ? std::string(kCommands[which]) : in.ConsumeRandomLengthString(16));
+    size_t items = in.ConsumeIntegralInRange<size_t>(0, 24);
+    for (size_t i = 0; i < items; ++i) {
+        switch (in.ConsumeIntegralInRange(0, 7)) {
+        case 0:
+        case 1:
+        case 2: words.emplace_back(kWords[in.ConsumeIntegralInRange<size_t>(0, std::size(kWords) - 1)]); break;
+        case 3:
+        case 4: words.push_back(number_word(in)); break;
+        case 5: {
+            // Many copies of the last word: long argument lists cost little input.
+            size_t copies = in.ConsumeIntegralInRange<size_t>(1, 300);
+            std::string last = words.back();
+            for (size_t k = 0; k < copies; ++k) words.push_back(last);
+            break;
+        }
+        default: words.push_back(in.ConsumeRandomLengthString(80)); break;
+        }
+    }
+    return words;
+}
+
+constexpr IOReturn kCodes[] = {
+    kIOReturnSuccess,     kIOReturnError,    kIOReturnNotReady,  kIOReturnUnsupported, kIOReturnBadArgument,
+    kIOReturnNoDevice,    kIOReturnTimeout,  kIOReturnNotFound,  kIOReturnBusy,        kIOReturnIPCError,
+    static_cast<IOReturn>(0x1), static_cast<IOReturn>(0x10000003), static_cast<IOReturn>(0xe00002c7 & 0x1fffffff),
+};
+
+IOReturn code(FuzzedDataProvider &in) {
+    if (in.ConsumeIntegralInRange(0, 3) == 0) return in.ConsumeIntegral<IOReturn>();
+    return kCodes[in.ConsumeIntegralInRange<size_t>(0, std::size(kCodes) - 1)];
+}
+
+constexpr uint64_t kStates[] = {
+    sim::kTalvexStateOff,    sim::kTalvexStateStopped,       sim::kTalvexStateBooting,
+    sim::kTalvexStateBooted, sim::kTalvexStateNotResponding, sim::kTalvexStatePanic,
+};
+
+constexpr uint64_t kSteps[] = {0, 1'000'000, 100'000'000, 2 * sim::kNanosPerSecond};
+
+void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
+    sim::Service *cp = s.registry().find_class(sim::kCoprocessorClass);
+    auto *cop = dynamic_cast<sim::Coprocessor *>(cp->model.get());
+    if (cop && in.ConsumeIntegralInRange(0, 3) != 0)
+        cop->set_state(kStates[in.ConsumeIntegralInRange<size_t>(0, std::size(kStates) - 1)]);
+
+    size_t stubs = in.ConsumeIntegralInRange<size_t>(0, 6);
+    for (size_t i = 0; i < stubs; ++i) {
+        sim::CallStub stub;
+        stub.service = sim::kCoprocessorClass;
+        stub.selector = in.ConsumeIntegralInRange<uint32_t>(0, 41);
+        stub.code = code(in);
+        if (in.ConsumeBool()) {
+            stub.output = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 300));
+        } else {
+            stub.output.assign(in.ConsumeIntegralInRange<size_t>(0, 300), in.ConsumeIntegral<uint8_t>());
+        }
+        if (in.ConsumeIntegralInRange(0, 3) == 0)
+            stub.output_size = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint64_t>(0, 512) : in.ConsumeIntegral<uint64_t>();
+        size_t scalars = in.ConsumeIntegralInRange<size_t>(0, 3);
+        for (size_t k = 0; k < scalars; ++k) stub.scalar_outputs.push_back(in.ConsumeIntegral<uint64_t>());
+        if (in.ConsumeBool()) stub.times = in.ConsumeIntegralInRange<uint64_t>(1, 3);
+        s.stubs().add(std::move(stub));
+    }
+    if (in.ConsumeIntegralInRange(0, 15) == 0) {
+        sim::OpenStub open;
+        open.service = sim::kCoprocessorClass;
+        open.code = code(in);
+        if (in.ConsumeBool()) open.times = 1;
+        s.stubs().add(std::move(open));
+    }
+    switch (in.ConsumeIntegralInRange(0, 31)) {
+    case 0: cp->remove_property("talvex-state"); break;
+    case 1: {
+        auto text = sim::make_cf_string("booted");
+        cp->set_property("talvex-state", text.get());
+        break;
+    }
+    case 2: s.set_published(*cp, false); break;
+    default: break;
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    SimHost &host = SimHost::instance();
+    host.reset([&](sim::Simulation &s) { set_up(in, s); });
+    host.set_step(kSteps[in.ConsumeIntegralInRange<size_t>(0, std::size(kSteps) - 1)]);
+
+    size_t commands = in.ConsumeIntegralInRange<size_t>(1, 3);
+    for (size_t c = 0; c < commands; ++c) {
+        std::vector<std::string> words = argument_vector(in);
+        bool runs_forever = false;
+        for (std::string_view w : kNeverReturn) runs_forever |= words[1] == w;
+        if (runs_forever) continue;
+        std::vector<char *> argv;
+        for (std::string &w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
+
+        optind = 0;   // a fresh process starts getopt from scratch
+        int status = talvexctl_main(static_cast<int>(words.size()), argv.data());
+        std::fflush(stdout);
+        if (status != 0 && status != 1) {
+            std::fprintf(stderr, "tool_fuzz: %s exited with %d\n", words[1].c_str(), status);
+            std::abort();
+        }
+        size_t open = 0;
+        host.with([&](sim::Simulation &s) { open = s.connection_count(); });
+        if (open != 0) {
+            std::fprintf(stderr, "tool_fuzz: %s left %zu user client(s) open\n", words[1].c_str(), open);
+            std::abort();
+        }
+        host.check_link();
+    }
+    return 0;
+}
