@@ -1,0 +1,311 @@
+// The report hub end to end: the report-channel library against a private
+// simulator on a step clock (every sample moves time on by one second).
+// The library opens the hub once per process, so one simulator serves every
+// test here; refusals of the open itself run in a fresh process each.
+#include <IOReport.h>
+#include <harness.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+using talvex::test::Simulator;
+
+namespace {
+
+template <class T>
+class Own {
+public:
+    explicit Own(T r = nullptr) : r_(r) {}
+    ~Own() {
+        if (r_) CFRelease(r_);
+    }
+    Own(const Own &) = delete;
+    Own &operator=(const Own &) = delete;
+    T get() const { return r_; }
+    T *slot() { return &r_; }
+    explicit operator bool() const { return r_ != nullptr; }
+
+private:
+    T r_;
+};
+
+constexpr uint64_t kStates = 0x5057525354415445ull;   // "PWRSTATE"
+constexpr uint64_t kTempSoc = 0x54454D5020534F43ull;  // "TEMP SOC"
+constexpr int64_t kNoValue = INT64_MIN;
+
+Simulator &sim() {
+    static std::unique_ptr<Simulator> s = [] {
+        auto p = std::make_unique<Simulator>(std::vector<std::string>{"--clock", "step"});
+        setenv("TALVEX_SIM_SOCKET", p->socket().c_str(), 1);
+        return p;
+    }();
+    return *s;
+}
+
+void control(std::vector<std::string> words) {
+    auto r = sim().control(words);
+    ASSERT_EQ(r.status, 0) << r.err;
+}
+
+std::string text(CFStringRef s) {
+    if (!s) return "<null>";
+    char buf[256];
+    return CFStringGetCString(s, buf, sizeof buf, kCFStringEncodingUTF8) ? buf : "<bad>";
+}
+
+std::string error_text(CFErrorRef e) {
+    if (!e) return "no error";
+    Own<CFStringRef> d(CFErrorCopyDescription(e));
+    char code[16];
+    std::snprintf(code, sizeof code, "%#x", static_cast<uint32_t>(CFErrorGetCode(e)));
+    return text(d.get()) + " " + code;
+}
+
+io_service_t service(const char *cls) {
+    sim();
+    return IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching(cls));
+}
+
+// Every record of an aggregate by channel name.
+std::map<std::string, CFMutableDictionaryRef> by_name(CFDictionaryRef aggregate) {
+    std::map<std::string, CFMutableDictionaryRef> out;
+    IOReportIterate(aggregate, [&](CFMutableDictionaryRef r) {
+        out[text(IOReportChannelGetChannelName(r))] = r;
+        return 0;
+    });
+    return out;
+}
+
+struct Subscription {
+    Own<CFMutableDictionaryRef> channels;
+    Own<CFMutableDictionaryRef> subscribed;
+    Own<IOReportSubscriptionRef> handle;
+    std::string error;
+};
+
+// Subscribes to `channels` (taking it over).
+std::unique_ptr<Subscription> subscribe(CFMutableDictionaryRef channels) {
+    auto s = std::make_unique<Subscription>();
+    *s->channels.slot() = channels;
+    Own<CFErrorRef> e;
+    *s->handle.slot() = IOReportCreateSubscription(nullptr, channels, s->subscribed.slot(), 0, e.slot());
+    s->error = error_text(e.get());
+    return s;
+}
+
+CFMutableDictionaryRef sample(Subscription &s) { return IOReportCreateSamples(s.handle.get(), s.subscribed.get(), nullptr); }
+
+// In a fresh process: one subscription to the coprocessor's channels; what
+// failed, on standard error.
+[[noreturn]] void subscribe_in_child() {
+    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    auto s = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
+    std::fprintf(stderr, "%s\n", s->handle ? "subscribed" : s->error.c_str());
+    std::exit(0);
+}
+
+// Every test talks to the shared simulator; the first one starts it.
+class ReportHub : public ::testing::Test {
+protected:
+    void SetUp() override { sim(); }
+};
+
+}  // namespace
+
+TEST_F(ReportHub, DiscoveryFindsTheDriversWithPublicLegends) {
+    Own<CFMutableDictionaryRef> all(IOReportCopyAllChannels(kIOReportOptionByDriver, nullptr));
+    ASSERT_TRUE(all);
+    std::map<std::string, std::string> driver_of;
+    IOReportIterate(all.get(), [&](CFMutableDictionaryRef r) {
+        std::string driver = text(IOReportChannelGetDriverName(r));
+        driver_of[text(IOReportChannelGetChannelName(r))] = driver.substr(0, driver.find(' '));
+        return 0;
+    });
+    auto records = by_name(all.get());
+    struct Want {
+        const char *name, *driver, *group, *subgroup, *unit;
+        uint8_t format;
+    };
+    for (const Want &w : std::vector<Want>{
+             {"TOTAL MS", "ZantraTalvexProcessor", "CPU", "Time", "ms", 1},
+             {"IDLE MS ", "ZantraTalvexProcessor", "CPU", "Time", "ms", 1},
+             {"PWRSTATE", "ZantraTalvexProcessor", "Power", "States", "24Mticks", 2},
+             {"PROCLAT", "ZantraTalvexProcessor", "Firmware", "Latency", "us", 3},
+             {"EVENTS", "ZantraTalvexProcessor", "Firmware", "Events", "events", 4},
+             {"vdd_cpu", "ZantraPowerController", "Energy", "Rails", "mJ", 1},
+             {"vdd_sns", "ZantraPowerController", "Energy", "Rails", "mJ", 1},
+             {"vdd_io", "ZantraPowerController", "Energy", "Rails", "mJ", 1},
+         }) {
+        ASSERT_TRUE(records.count(w.name)) << w.name;
+        CFMutableDictionaryRef r = records[w.name];
+        EXPECT_EQ(driver_of[w.name], w.driver) << w.name;
+        EXPECT_EQ(text(IOReportChannelGetGroup(r)), w.group) << w.name;
+        EXPECT_EQ(text(IOReportChannelGetSubGroup(r)), w.subgroup) << w.name;
+        EXPECT_EQ(text(IOReportChannelGetUnitLabel(r)), w.unit) << w.name;
+        EXPECT_EQ(IOReportChannelGetFormat(r), w.format) << w.name;
+    }
+    EXPECT_EQ(records.size(), 8u);   // the thermal monitor's legend is not public
+
+    io_service_t thermal = service("ZantraThermalMonitor");
+    ASSERT_NE(thermal, 0u);
+    Own<CFErrorRef> e;
+    Own<CFMutableDictionaryRef> none(IOReportCopyChannelsForDriver(thermal, 0, e.slot()));
+    ASSERT_TRUE(none);
+    EXPECT_EQ(IOReportGetChannelCount(none.get()), 0);
+    EXPECT_FALSE(e);
+    IOObjectRelease(thermal);
+}
+
+TEST_F(ReportHub, SamplesAndDeltasOfEveryFormat) {
+    control({"load", "25"});
+    auto s = subscribe(IOReportCopyAllChannels(0, nullptr));
+    ASSERT_TRUE(s->handle) << s->error;
+    Own<CFMutableDictionaryRef> older(sample(*s)), newer(sample(*s));
+    ASSERT_TRUE(older && newer);
+    Own<CFErrorRef> e;
+    Own<CFMutableDictionaryRef> delta(IOReportCreateSamplesDelta(older.get(), newer.get(), e.slot()));
+    ASSERT_TRUE(delta) << error_text(e.get());
+    auto d = by_name(delta.get());
+    auto now = by_name(newer.get());
+    ASSERT_EQ(d.size(), 8u);
+
+    // cpuload's arithmetic over one step: exactly the pinned load.
+    uint64_t total = static_cast<uint64_t>(IOReportSimpleGetIntegerValue(d["TOTAL MS"]));
+    uint64_t idle = static_cast<uint64_t>(IOReportSimpleGetIntegerValue(d["IDLE MS "]));
+    ASSERT_EQ(total, 1000u);
+    char load[32];
+    std::snprintf(load, sizeof load, "%.2f", static_cast<double>(static_cast<float>(
+                                                 static_cast<double>(total - idle) * 100.0 / static_cast<double>(total))));
+    EXPECT_STREQ(load, "25.00");
+
+    CFMutableDictionaryRef states = d["PWRSTATE"];
+    ASSERT_EQ(IOReportStateGetCount(states), 4);
+    const char *names[] = {"DEEPSLP", "SLEEP", "RUN12M", "RUN100M"};
+    const double shares[] = {0.4875, 0.2625, 0.175, 0.075};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(text(IOReportStateGetNameForIndex(states, i)), names[i]);
+        EXPECT_DOUBLE_EQ(IOReportStateGetDutyCycle(states, i), shares[i]) << names[i];
+    }
+    int current = IOReportStateGetCurrent(now["PWRSTATE"]);
+    EXPECT_TRUE(current >= 0 && current < 4) << current;
+
+    CFMutableDictionaryRef latency = d["PROCLAT"];
+    ASSERT_EQ(IOReportHistogramGetBucketCount(latency), 16);
+    uint64_t lower = 1, upper = 0;
+    ASSERT_EQ(IOReportHistogramGetBucketBounds(latency, 8, &lower, &upper), kIOReturnSuccess);
+    EXPECT_EQ(std::pair(lower, upper), std::pair(uint64_t{200}, uint64_t{400}));
+    ASSERT_EQ(IOReportHistogramGetBucketBounds(latency, 15, &lower, &upper), kIOReturnSuccess);
+    EXPECT_EQ(std::pair(lower, upper), std::pair(uint64_t{2800}, uint64_t{3200}));
+    int64_t hits = 0;
+    for (int b = 0; b < 16; ++b) hits += IOReportHistogramGetBucketHits(latency, b);
+    EXPECT_NEAR(static_cast<double>(hits), 625.0, 16.0);   // one sample per 400 us of the 250 ms busy
+    EXPECT_GE(IOReportHistogramGetMinValue(now["PROCLAT"]), 0);
+    EXPECT_LE(IOReportHistogramGetMaxValue(now["PROCLAT"]), 3200);
+
+    const int64_t events[] = {200, 100, 50, 10, 25, 5, 2, 60};
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(IOReportArrayGetValueAtIndex(d["EVENTS"], i), events[i]) << i;
+    EXPECT_EQ(IOReportArrayGetValueAtIndex(d["EVENTS"], 8), kNoValue);
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(d["vdd_cpu"]), 180);
+
+    for (auto *agg : {newer.get(), delta.get()})
+        IOReportIterate(agg, [](CFMutableDictionaryRef r) {
+            Own<CFStringRef> text_of(IOReportSampleCopyDescription(r, nullptr, nullptr));
+            EXPECT_TRUE(text_of) << text(IOReportChannelGetChannelName(r));
+            return 0;
+        });
+}
+
+TEST_F(ReportHub, ChannelsLeaveTheSampleWithTheirDriver) {
+    auto s = subscribe(IOReportCopyAllChannels(0, nullptr));
+    ASSERT_TRUE(s->handle) << s->error;
+    control({"service", "unpublish", "ZantraPowerController"});
+    Own<CFMutableDictionaryRef> without(sample(*s));
+    control({"service", "publish", "ZantraPowerController"});
+    Own<CFMutableDictionaryRef> with(sample(*s));
+    ASSERT_TRUE(without && with);
+    auto missing = by_name(without.get()), back = by_name(with.get());
+    EXPECT_EQ(missing.size(), 5u);
+    EXPECT_FALSE(missing.count("vdd_cpu"));
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(missing["TOTAL MS"]) + 1000, IOReportSimpleGetIntegerValue(back["TOTAL MS"]));
+    EXPECT_EQ(back.size(), 8u);
+    EXPECT_GT(IOReportSimpleGetIntegerValue(back["vdd_io"]), 0);
+}
+
+TEST_F(ReportHub, AChannelByIDLearnsItsTypeAndHiddenLegendsAreServed) {
+    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    CFMutableDictionaryRef channels = IOReportCopyChannelsWithID(matching.get(), kStates, nullptr);
+    ASSERT_TRUE(channels);
+    io_service_t thermal = service("ZantraThermalMonitor");
+    uint64_t thermal_id = 0;
+    ASSERT_EQ(IORegistryEntryGetRegistryEntryID(thermal, &thermal_id), KERN_SUCCESS);
+    IOObjectRelease(thermal);
+    Own<CFStringRef> driver(CFStringCreateWithCString(nullptr, "thermal", kCFStringEncodingUTF8));
+    ASSERT_EQ(IOReportAddChannelDescription(channels, thermal_id, driver.get(), kTempSoc, 0, nullptr, nullptr, nullptr,
+                                            nullptr, nullptr),
+              kIOReturnSuccess);
+    auto s = subscribe(channels);
+    ASSERT_TRUE(s->handle) << s->error;
+    Own<CFMutableDictionaryRef> first(sample(*s));
+    ASSERT_TRUE(first);
+    auto got = by_name(first.get());
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(IOReportChannelGetFormat(got["PWRSTATE"]), 2);
+    EXPECT_EQ(IOReportStateGetCount(got["PWRSTATE"]), 4);
+    int64_t temperature = IOReportSimpleGetIntegerValue(got["TEMP SOC"]);
+    EXPECT_TRUE(temperature >= 38'000 && temperature <= 44'000) << temperature;
+}
+
+TEST_F(ReportHub, RefusalsOfTheInterestListAndOfAnUpdate) {
+    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    control({"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7", "--times", "1"});
+    auto refused = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
+    EXPECT_FALSE(refused->handle);
+    EXPECT_EQ(refused->error, "kIOReportUserClientConfigureInterests failed 0xe00002c7");
+
+    auto s = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
+    ASSERT_TRUE(s->handle) << s->error;
+    control({"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002d8", "--times", "1"});
+    Own<CFMutableDictionaryRef> failed(sample(*s)), next(sample(*s));
+    EXPECT_FALSE(failed);
+    EXPECT_TRUE(next);
+}
+
+TEST(ReportHubFreshProcess, RefusedOpenAndRefusedSelector0) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    control({"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5", "--times", "1"});
+    EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "Could not open IOReportHub 0xe00002c5");
+    control({"stub", "--clear"});
+    control({"stub", "--service", "IOReportHub", "--selector", "0", "--code", "0xe00002c7", "--times", "1"});
+    EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "kIOReportUserClientOpen failed 0xe00002c7");
+    control({"stub", "--clear"});
+}
+
+TEST(SimCli, ClockAndChannelOptions) {
+    using talvex::test::run;
+    using talvex::test::talvexsim_path;
+    const std::string sim_bin = talvexsim_path();
+    auto r = run({sim_bin, "serve", "--clock", "sometimes"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "talvexsim: serve: bad value for --clock: 'sometimes' (real or step)\n");
+    r = run({sim_bin, "run", "--channels", "100001", "--", "true"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "talvexsim: run: bad number for --channels: '100001' (0 to 100000)\n");
+    r = run({sim_bin, "run", "--channels"});
+    EXPECT_EQ(r.err, "talvexsim: run: missing value for --channels\n");
+
+    // The extra channels exist only when asked for; --clock=step is the same as --clock step.
+    r = run({sim_bin, "run", "--clock=step", "--channels", "4", "--", sim_bin, "channel", "set", "--index", "3",
+             "X0000004", "9"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    r = run({sim_bin, "run", "--", sim_bin, "channel", "set", "X0000004", "9"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "talvexsim: channel set: ZantraTalvexProcessor has no channel 'X0000004'\n");
+}

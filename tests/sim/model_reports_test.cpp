@@ -1,0 +1,487 @@
+// The report hub and the drivers' report channels in-process, on a step
+// clock attached to the hub: buffer layout, refusals, channels that leave
+// with their driver, exact counters under a pinned load, figures frozen
+// while the coprocessor is not booted, the control commands.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "coprocessor.h"
+#include "hub.h"
+#include "report_models.h"
+#include "simulation.h"
+#include "wire.h"
+
+using namespace talvex;
+using namespace talvex::sim;
+
+namespace {
+
+constexpr uint64_t kFiller = 0x8000000000000000ull;
+const uint64_t kTotal = report_id("TOTAL MS"), kIdle = report_id("IDLE MS "), kStates = report_id("PWRSTATE"),
+               kLatency = report_id("PROCLAT"), kEvents = report_id("EVENTS");
+
+struct BufferRun {
+    uint64_t driver, channel, type;
+    size_t at, count;
+};
+
+class Rig : public Outbox {
+public:
+    Rig() {
+        auto clock = std::make_unique<StepClock>();
+        StepClock *step = clock.get();
+        sim = std::make_unique<Simulation>(*this, std::move(clock));
+        hub = ReportHub::of(*sim);
+        hub->set_step_clock(step);
+        cop = dynamic_cast<Coprocessor *>(sim->registry().find_class(kCoprocessorClass)->model.get());
+    }
+    void send(ClientId, std::vector<uint8_t>, int) override {}
+
+    uint64_t driver(const char *cls) { return sim->registry().find_class(cls)->id; }
+    uint64_t cp() { return driver(kCoprocessorClass); }
+    uint64_t power() { return driver(kPowerControllerClass); }
+
+    std::unique_ptr<UserClient> client(bool opened = true) {
+        std::unique_ptr<UserClient> uc;
+        EXPECT_EQ(hub->open(0, uc), kIOReturnSuccess);
+        if (opened) {
+            EXPECT_EQ(call(*uc, 0, {}, {}, 0), kIOReturnSuccess);
+        }
+        return uc;
+    }
+    IOReturn call(UserClient &uc, uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input,
+                  uint32_t scalar_capacity, std::vector<uint64_t> *out = nullptr) {
+        CallArgs a;
+        a.selector = selector;
+        a.scalars = scalars;
+        a.input = input;
+        a.scalar_output_capacity = scalar_capacity;
+        CallReply r;
+        IOReturn code = uc.call(a, r);
+        if (out) *out = r.scalars;
+        return code;
+    }
+    // Configures the channels (driver, channel) and returns the token (0 on failure).
+    uint64_t subscribe(UserClient &uc, const std::vector<std::pair<uint64_t, uint64_t>> &channels) {
+        std::vector<uint64_t> out;
+        if (call(uc, 2, {}, interests(channels), 1, &out) != kIOReturnSuccess || out.size() != 1) return 0;
+        return out[0];
+    }
+    IOReturn update(UserClient &uc, uint64_t token) { return call(uc, 3, {token}, {}, 0); }
+    std::span<const uint8_t> buffer(UserClient &uc, uint64_t token) {
+        SharedRegion *r = uc.region(static_cast<uint32_t>(token));
+        return r ? r->bytes() : std::span<const uint8_t>{};
+    }
+    uint64_t coprocessor_call(uint32_t selector) {
+        CallArgs a;
+        a.selector = selector;
+        CallReply r;
+        return static_cast<uint64_t>(cop->methods().dispatch(a, r));
+    }
+    ControlResult control(std::vector<std::string> words) { return sim->control(words); }
+
+    static std::vector<uint8_t> interests(const std::vector<std::pair<uint64_t, uint64_t>> &channels) {
+        std::vector<uint8_t> b(8 + 24 * channels.size(), 0);
+        wire::store_le32(b.data(), static_cast<uint32_t>(channels.size()));
+        for (size_t i = 0; i < channels.size(); ++i) {
+            wire::store_le64(b.data() + 8 + 24 * i, channels[i].first);
+            wire::store_le64(b.data() + 16 + 24 * i, channels[i].second);
+        }
+        return b;
+    }
+
+    std::unique_ptr<Simulation> sim;
+    ReportHub *hub = nullptr;
+    Coprocessor *cop = nullptr;
+};
+
+// The buffer's runs; the walk must end exactly at the end of the buffer.
+std::vector<BufferRun> runs(std::span<const uint8_t> b) {
+    std::vector<BufferRun> out;
+    size_t at = 0;
+    while (at + 64 <= b.size()) {
+        size_t count = wire::load_le16(b.data() + at + 20);
+        if (count == 0) break;
+        out.push_back({wire::load_le64(b.data() + at), wire::load_le64(b.data() + at + 8),
+                       wire::load_le64(b.data() + at + 16), at, count});
+        at += count * 64;
+    }
+    EXPECT_EQ(at, b.size()) << "runs do not end at the end of the buffer";
+    return out;
+}
+
+// Value `slot` (0-3) of element `element` of the run starting at `at`.
+uint64_t value(std::span<const uint8_t> b, size_t at, size_t element, size_t slot) {
+    return wire::load_le64(b.data() + at + 64 * element + 32 + 8 * slot);
+}
+uint64_t stamp(std::span<const uint8_t> b, size_t at, size_t element) {
+    return wire::load_le64(b.data() + at + 64 * element + 24);
+}
+
+}  // namespace
+
+TEST(HubInProcess, LaysOutTheRequestedChannelsOnceInLegendOrder) {
+    Rig rig;
+    auto uc = rig.client();
+    const uint64_t cp = rig.cp(), power = rig.power();
+    uint64_t token = rig.subscribe(*uc, {{power, report_id("VDD IO")},
+                                         {cp, kEvents},
+                                         {cp, report_id("NOPE")},
+                                         {cp, kTotal},
+                                         {cp, kTotal},
+                                         {42, kTotal}});
+    ASSERT_NE(token, 0u);
+    auto b = rig.buffer(*uc, token);
+    ASSERT_EQ(b.size(), 4u * 64);
+    auto r = runs(b);
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].driver, cp);
+    EXPECT_EQ(r[0].channel, kTotal);
+    EXPECT_EQ(r[0].type, report_type(kReportSimple, kReportCategoryPerformance, 1));
+    EXPECT_EQ(r[1].channel, kEvents);
+    EXPECT_EQ(r[1].count, 2u);
+    EXPECT_EQ(wire::load_le64(b.data() + 64 * 2 + 8), kEvents);   // every element carries the header
+    EXPECT_EQ(wire::load_le64(b.data() + 64 * 2 + 16), r[1].type);
+    EXPECT_EQ(r[2].driver, power);
+    EXPECT_EQ(r[2].channel, report_id("VDD IO"));
+
+    // A second buffer is separate: updating it leaves the first alone.
+    uint64_t other = rig.subscribe(*uc, {{cp, kTotal}});
+    ASSERT_NE(other, token);
+    uint64_t before = value(b, 0, 0, 0);
+    ASSERT_EQ(rig.update(*uc, other), kIOReturnSuccess);
+    EXPECT_EQ(value(b, 0, 0, 0), before);
+    EXPECT_EQ(value(rig.buffer(*uc, other), 0, 0, 0), before + 1000);
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    EXPECT_EQ(value(b, 0, 0, 0), before + 2000);
+
+    // The unconfigured buffer stays a zero page.
+    SharedRegion *fresh = uc->region(kHubBufferMemoryType);
+    ASSERT_TRUE(fresh);
+    for (uint8_t byte : fresh->bytes()) ASSERT_EQ(byte, 0);
+}
+
+TEST(HubInProcess, RefusesWhatIsNotAProperRequest) {
+    Rig rig;
+    const uint64_t cp = rig.cp();
+    auto uc = rig.client(false);
+    std::vector<uint8_t> good = Rig::interests({{cp, kTotal}});
+    EXPECT_EQ(rig.call(*uc, 2, {}, good, 1), kIOReturnNotOpen);
+    EXPECT_EQ(rig.call(*uc, 3, {1}, {}, 0), kIOReturnNotOpen);
+    ASSERT_EQ(rig.call(*uc, 0, {}, {}, 0), kIOReturnSuccess);
+
+    auto with_count = [&](uint32_t n, size_t size) {
+        std::vector<uint8_t> b(size, 0);
+        wire::store_le32(b.data(), n);
+        return b;
+    };
+    for (auto bad : {std::vector<uint8_t>(7, 0), with_count(0, 8), with_count(2, 32), with_count(1, 33),
+                     with_count(0xffffffff, 32), with_count(1, 8)})
+        EXPECT_EQ(rig.call(*uc, 2, {}, bad, 1), kIOReturnBadArgument) << bad.size();
+    EXPECT_EQ(rig.call(*uc, 2, {}, good, 0), kIOReturnBadArgument);    // nowhere to put the token
+    EXPECT_EQ(rig.call(*uc, 2, {1}, good, 1), kIOReturnBadArgument);   // scalar inputs
+    EXPECT_EQ(rig.call(*uc, 1, {}, {}, 0), kIOReturnBadArgument);
+    EXPECT_EQ(rig.update(*uc, 99), kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(*uc, 3, {1, 2}, {}, 0), kIOReturnBadArgument);
+    std::unique_ptr<UserClient> other;
+    EXPECT_EQ(rig.hub->open(1, other), kIOReturnBadArgument);
+
+    // Nothing requested exists: one filler element that names no channel.
+    uint64_t token = rig.subscribe(*uc, {{cp, report_id("NOPE")}, {7, kTotal}});
+    ASSERT_NE(token, 0u);
+    auto r = runs(rig.buffer(*uc, token));
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].driver, kFiller);
+    EXPECT_EQ(r[0].channel, kFiller);
+    EXPECT_EQ(r[0].count, 1u);
+
+    // Tokens belong to the client that got them.
+    auto second = rig.client();
+    EXPECT_EQ(rig.update(*second, token), kIOReturnBadArgument);
+
+    // A bounded number of buffers per client.
+    for (size_t i = 1; i < ReportHub::kMaxSubscriptions; ++i) ASSERT_NE(rig.subscribe(*uc, {{cp, kTotal}}), 0u);
+    EXPECT_EQ(rig.call(*uc, 2, {}, good, 1), kIOReturnNoResources);
+    EXPECT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+}
+
+TEST(HubInProcess, ChannelsLeaveWithTheirDriverAndFillerKeepsTheEnd) {
+    Rig rig;
+    auto uc = rig.client();
+    const uint64_t cp = rig.cp(), power = rig.power(), thermal = rig.driver(kThermalMonitorClass);
+    uint64_t token = rig.subscribe(*uc, {{thermal, report_id("TEMP SOC")},
+                                         {power, report_id("VDD CPU")},
+                                         {power, report_id("VDD SNS")},
+                                         {cp, kTotal}});
+    ASSERT_NE(token, 0u);
+    auto b = rig.buffer(*uc, token);
+    Service &power_service = *rig.sim->registry().find_class(kPowerControllerClass);
+
+    ASSERT_TRUE(rig.sim->set_published(power_service, false));
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    auto r = runs(b);
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].channel, kTotal);
+    EXPECT_EQ(r[1].driver, thermal);   // a legend that is not public is still served
+    EXPECT_EQ(r[1].at, 64u);
+    EXPECT_EQ(r[2].driver, kFiller);
+    EXPECT_EQ(r[2].count, 2u);
+
+    ASSERT_TRUE(rig.sim->set_published(power_service, true));
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    r = runs(b);
+    ASSERT_EQ(r.size(), 4u);
+    EXPECT_EQ(r[1].channel, report_id("VDD CPU"));
+    EXPECT_EQ(r[2].channel, report_id("VDD SNS"));
+    EXPECT_EQ(r[3].channel, report_id("TEMP SOC"));
+}
+
+TEST(CoprocessorReports, APinnedLoadOnAStepClockGivesExactCounters) {
+    Rig rig;
+    auto uc = rig.client();
+    uint64_t token = rig.subscribe(*uc, {{rig.cp(), kTotal}, {rig.cp(), kIdle}});
+    auto b = rig.buffer(*uc, token);
+    auto deltas = [&](int passes) {
+        uint64_t total = value(b, 0, 0, 0), idle = value(b, 64, 0, 0);
+        for (int i = 0; i < passes; ++i) EXPECT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+        return std::pair{value(b, 0, 0, 0) - total, value(b, 64, 0, 0) - idle};
+    };
+
+    ASSERT_EQ(rig.control({"load", "25"}).code, 0);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(deltas(1), (std::pair<uint64_t, uint64_t>{1000, 750}));
+    ASSERT_EQ(rig.control({"load", "12.34"}).code, 0);
+    EXPECT_EQ(deltas(5), (std::pair<uint64_t, uint64_t>{5000, 4383}));   // 87.66% idle, kept exactly
+    ASSERT_EQ(rig.control({"load", "100"}).code, 0);
+    EXPECT_EQ(deltas(1), (std::pair<uint64_t, uint64_t>{1000, 0}));
+
+    // The model's own load changes from second to second, within bounds.
+    ASSERT_EQ(rig.control({"load", "auto"}).code, 0);
+    uint64_t lowest = 1000, highest = 0;
+    for (int i = 0; i < 60; ++i) {
+        auto [total, idle] = deltas(1);
+        ASSERT_EQ(total, 1000u);
+        lowest = std::min(lowest, total - idle);
+        highest = std::max(highest, total - idle);
+    }
+    EXPECT_GE(lowest, 25u);    // 3% to 95%, give or take the millisecond rounding
+    EXPECT_LE(highest, 955u);
+    EXPECT_GT(highest - lowest, 100u);
+
+    for (auto bad : {"101", "1.234", "-1", "abc", "2.", ".5"})
+        EXPECT_EQ(rig.control({"load", bad}).code, 1) << bad;
+    EXPECT_EQ(rig.control({"load"}).code, 1);
+}
+
+TEST(CoprocessorReports, FiguresStandStillUnlessTheCoprocessorIsBooted) {
+    Rig rig;
+    auto uc = rig.client();
+    const uint64_t cp = rig.cp();
+    uint64_t token = rig.subscribe(
+        *uc, {{cp, kTotal}, {cp, kIdle}, {cp, kStates}, {cp, kLatency}, {cp, kEvents}, {rig.power(), report_id("VDD CPU")}});
+    auto b = rig.buffer(*uc, token);
+    const size_t rail = b.size() - 64;
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    auto coprocessor_part = [&] { return std::vector<uint8_t>(b.begin(), b.begin() + static_cast<long>(rail)); };
+
+    auto frozen = [&](const char *what) {
+        std::vector<uint8_t> before = coprocessor_part();
+        uint64_t energy = value(b, rail, 0, 0);
+        ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+        ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+        EXPECT_EQ(coprocessor_part(), before) << what;
+        EXPECT_EQ(value(b, rail, 0, 0), energy + 360) << what;   // the rail's driver keeps counting
+    };
+    ASSERT_EQ(rig.coprocessor_call(3), 0u);   // stop
+    frozen("stopped");
+
+    // A reset boots within the first second; counting starts from then on.
+    ASSERT_EQ(rig.coprocessor_call(1), 0u);
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    ASSERT_EQ(rig.cop->state(), kTalvexStateBooted);
+    uint64_t total = value(b, 0, 0, 0);
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    EXPECT_EQ(value(b, 0, 0, 0), total + 1000);
+
+    ASSERT_EQ(rig.coprocessor_call(31), 0u);   // panic
+    frozen("panic");
+}
+
+TEST(CoprocessorReports, EveryFormatHoldsConsistentFigures) {
+    Rig rig;
+    auto uc = rig.client();
+    const uint64_t cp = rig.cp();
+    ASSERT_EQ(rig.control({"load", "25"}).code, 0);
+    uint64_t token = rig.subscribe(*uc, {{cp, kStates}, {cp, kLatency}, {cp, kEvents}});
+    auto b = rig.buffer(*uc, token);
+    auto r = runs(b);
+    ASSERT_EQ(r.size(), 3u);
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    std::vector<uint8_t> older(b.begin(), b.end());
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    auto delta = [&](size_t at, size_t element, size_t slot) { return value(b, at, element, slot) - value(older, at, element, slot); };
+
+    // Power states: 750 ms idle (65% deep sleep, 35% sleep) and 250 ms busy
+    // (70% at 12 MHz, 30% at 100 MHz), in 24 MHz ticks; one current state.
+    const char *names[] = {"DEEPSLP", "SLEEP", "RUN12M", "RUN100M"};
+    const uint64_t ticks[] = {11'700'000, 6'300'000, 4'200'000, 1'800'000};
+    ASSERT_EQ(r[0].count, 4u);
+    size_t newest = 0, ties = 0;
+    for (size_t s = 0; s < 4; ++s) {
+        EXPECT_EQ(value(b, 0, s, 0), report_id(names[s]));
+        EXPECT_EQ(delta(0, s, 2), ticks[s]) << names[s];
+        if (stamp(b, 0, s) > stamp(b, 0, newest)) newest = s;
+    }
+    for (size_t s = 0; s < 4; ++s) ties += stamp(b, 0, s) == stamp(b, 0, newest);
+    EXPECT_EQ(ties, 1u);
+
+    // Latencies: bucket bounds as the published configuration gives them;
+    // minimum, maximum and sum inside each bucket with hits; about one
+    // sample per 400 us of busy time.
+    CFTypeRef legend = rig.sim->registry().find_class(kCoprocessorClass)->get_property("IOReportLegend");
+    ASSERT_TRUE(legend);
+    auto group = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(static_cast<CFArrayRef>(legend), 2));
+    auto info = static_cast<CFDictionaryRef>(CFDictionaryGetValue(group, CFSTR("IOReportChannelInfo")));
+    auto config = static_cast<CFDataRef>(CFDictionaryGetValue(info, CFSTR("IOReportChannelConfig")));
+    ASSERT_TRUE(config && CFDataGetLength(config) == 32);
+    std::vector<uint64_t> bounds;
+    for (size_t seg = 0; seg < 2; ++seg) {
+        const uint8_t *p = CFDataGetBytePtr(config) + 16 * seg;
+        EXPECT_EQ(wire::load_le32(p + 4), 0u);   // linear
+        for (uint32_t j = 1; j <= wire::load_le32(p + 12); ++j) bounds.push_back(uint64_t{wire::load_le32(p)} * j);
+    }
+    ASSERT_EQ(bounds.size(), r[1].count);
+    EXPECT_EQ(bounds.back(), 3200u);
+    uint64_t hits = 0, lower = 0;
+    for (size_t k = 0; k < bounds.size(); ++k) {
+        uint64_t n = value(b, r[1].at, k, 0), lo = value(b, r[1].at, k, 1), hi = value(b, r[1].at, k, 2);
+        uint64_t sum = value(b, r[1].at, k, 3);
+        ASSERT_GT(n, 0u) << k;
+        EXPECT_TRUE(lower <= lo && lo <= hi && hi <= bounds[k]) << k;
+        EXPECT_TRUE(n * lo <= sum && sum <= n * hi) << k;
+        hits += delta(r[1].at, k, 0);
+        lower = bounds[k];
+    }
+    EXPECT_NEAR(static_cast<double>(hits), 625.0, 16.0);
+
+    // Events per second: gyro, accel, compass, talvex, pressure, corvel,
+    // prox, host-link frames.
+    const uint64_t per_second[] = {200, 100, 50, 10, 25, 5, 2, 60};
+    for (size_t v = 0; v < 8; ++v) EXPECT_EQ(delta(r[2].at, v / 4, v % 4), per_second[v]) << v;
+}
+
+TEST(ReportControl, ChannelSetHoldsAValueAndReleaseLetsItMoveOn) {
+    Rig rig;
+    auto uc = rig.client();
+    const uint64_t cp = rig.cp();
+    uint64_t token = rig.subscribe(*uc, {{cp, kTotal}, {cp, kEvents}, {rig.power(), report_id("VDD CPU")}});
+    auto b = rig.buffer(*uc, token);
+    auto update = [&] { ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess); };
+
+    ASSERT_EQ(rig.control({"channel", "set", "TOTAL MS", "5"}).code, 0);
+    update();
+    update();
+    EXPECT_EQ(value(b, 0, 0, 0), 5u);
+    ASSERT_EQ(rig.control({"channel", "release", "TOTAL MS"}).code, 0);
+    update();
+    EXPECT_EQ(value(b, 0, 0, 0), 1005u);
+    ASSERT_EQ(rig.control({"channel", "set", "0x544F54414C204D53", "-7"}).code, 0);
+    update();
+    EXPECT_EQ(value(b, 0, 0, 0), static_cast<uint64_t>(-7));
+
+    // One value of an array; the others keep moving.
+    std::vector<uint64_t> before;
+    for (size_t v = 0; v < 8; ++v) before.push_back(value(b, 64, v / 4, v % 4));
+    ASSERT_EQ(rig.control({"channel", "set", "--index", "5", "EVENTS", "42"}).code, 0);
+    update();
+    for (size_t v = 0; v < 8; ++v) {
+        if (v == 5) {
+            EXPECT_EQ(value(b, 64, 1, 1), 42u);
+        } else {
+            EXPECT_GT(value(b, 64, v / 4, v % 4), before[v]) << v;
+        }
+    }
+    ASSERT_EQ(rig.control({"channel", "set", "--service", kPowerControllerClass, "vdd_cpu", "0"}).code, 0);
+    update();
+    EXPECT_EQ(value(b, 192, 0, 0), 0u);
+
+    struct Bad {
+        std::vector<std::string> words;
+        const char *message;
+    };
+    for (const Bad &bad : std::vector<Bad>{
+             {{"channel", "set", "PWRSTATE", "1"},
+              "talvexsim: channel set: 'PWRSTATE' is a state channel; only simple and array channels take a value\n"},
+             {{"channel", "set", "--index", "8", "EVENTS", "1"},
+              "talvexsim: channel set: --index 8 is out of range ('EVENTS' has 8 values)\n"},
+             {{"channel", "set", "--index", "1", "TOTAL MS", "1"},
+              "talvexsim: channel set: --index 1 is out of range ('TOTAL MS' has 1 value)\n"},
+             {{"channel", "set", "IDLE", "1"}, "talvexsim: channel set: ZantraTalvexProcessor has no channel 'IDLE'\n"},
+             {{"channel", "set", "--service", "IOReportHub", "TOTAL MS", "1"},
+              "talvexsim: channel set: IOReportHub publishes no report channels\n"},
+             {{"channel", "set", "--service", "Nope", "TOTAL MS", "1"}, "talvexsim: no service 'Nope'\n"},
+             {{"channel", "release", "IDLE MS"}, "talvexsim: channel release: 'IDLE MS' value 0 is not held\n"},
+             {{"channel", "set", "TOTAL MS", "1x"}, "talvexsim: channel set: bad value '1x'\n"},
+             {{"channel", "set", "TOTAL MS"}, "talvexsim: channel set: missing value\n"},
+             {{"channel", "unset", "TOTAL MS"}, "talvexsim: channel: unknown subcommand 'unset'\n"},
+         }) {
+        ControlResult result = rig.control(bad.words);
+        EXPECT_EQ(result.code, 1) << bad.message;
+        EXPECT_EQ(result.err, bad.message);
+    }
+}
+
+TEST(ExtraChannels, MixedFormatsInGroupsOfTheirOwn) {
+    Rig rig;
+    ASSERT_TRUE(add_extra_report_channels(*rig.sim, 10));
+    EXPECT_FALSE(add_extra_report_channels(*rig.sim, kMaxExtraChannels));
+
+    CFTypeRef legend = rig.sim->registry().find_class(kCoprocessorClass)->get_property("IOReportLegend");
+    ASSERT_TRUE(legend);
+    auto groups = static_cast<CFArrayRef>(legend);
+    ASSERT_EQ(CFArrayGetCount(groups), 8);
+    std::vector<std::pair<uint64_t, uint64_t>> wanted;
+    std::vector<uint8_t> formats;
+    for (CFIndex g = 4; g < 8; ++g) {
+        auto group = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(groups, g));
+        EXPECT_TRUE(CFEqual(CFDictionaryGetValue(group, CFSTR("IOReportGroupName")), CFSTR("Extra")));
+        auto channels = static_cast<CFArrayRef>(CFDictionaryGetValue(group, CFSTR("IOReportChannels")));
+        for (CFIndex c = 0; c < CFArrayGetCount(channels); ++c) {
+            auto entry = static_cast<CFArrayRef>(CFArrayGetValueAtIndex(channels, c));
+            int64_t id = 0, type = 0;
+            CFNumberGetValue(static_cast<CFNumberRef>(CFArrayGetValueAtIndex(entry, 0)), kCFNumberSInt64Type, &id);
+            CFNumberGetValue(static_cast<CFNumberRef>(CFArrayGetValueAtIndex(entry, 1)), kCFNumberSInt64Type, &type);
+            wanted.push_back({rig.cp(), static_cast<uint64_t>(id)});
+            formats.push_back(static_cast<uint8_t>(type));
+        }
+    }
+    ASSERT_EQ(wanted.size(), 10u);
+    EXPECT_EQ(wanted.front().second, report_id("X0000001"));
+    EXPECT_EQ(formats, (std::vector<uint8_t>{1, 1, 1, 2, 2, 2, 3, 3, 4, 4}));
+
+    auto uc = rig.client();
+    uint64_t token = rig.subscribe(*uc, wanted);
+    ASSERT_NE(token, 0u);
+    auto b = rig.buffer(*uc, token);
+    std::vector<uint8_t> older(b.begin(), b.end());
+    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
+    auto r = runs(b);
+    ASSERT_EQ(r.size(), 10u);
+    for (const BufferRun &run : r) {
+        bool state = static_cast<uint8_t>(run.type) == kReportState;
+        size_t slot = state ? 2 : 0;   // residency; else the value or the hits
+        EXPECT_GT(value(b, run.at, 0, slot), value(older, run.at, 0, slot)) << report_id_text(run.channel);
+        if (!state) continue;
+        size_t newest = 0;
+        for (size_t s = 1; s < run.count; ++s)
+            if (stamp(b, run.at, s) > stamp(b, run.at, newest)) newest = s;
+        for (size_t s = 0; s < run.count; ++s) {
+            if (s != newest) {
+                EXPECT_LT(stamp(b, run.at, s), stamp(b, run.at, newest));
+            }
+        }
+    }
+}
