@@ -62,6 +62,7 @@ private:
     MethodTable methods_;
     bool opened_ = false;
     std::unordered_map<uint64_t, Subscription> subscriptions_;
+    size_t buffer_bytes_ = 0;
     uint64_t next_token_ = 1;
 };
 
@@ -95,11 +96,12 @@ IOReturn HubClient::configure(const CallArgs &a, CallReply &reply) {
     }
     // Room for one filler element when nothing requested exists.
     size_t bytes = std::max<size_t>(elements, 1) * kReportElementSize;
-    if (bytes > ReportHub::kMaxBufferBytes) return kIOReturnNoMemory;
+    if (bytes > ReportHub::kMaxClientBytes - buffer_bytes_) return kIOReturnNoResources;
 
     uint64_t token = next_token_++;
     s.region = add_region(static_cast<uint32_t>(token), bytes);
     if (!s.region) return kIOReturnNoMemory;
+    buffer_bytes_ += bytes;
     lay_out(s);
     hub_.advance_sources();
     fill(s);

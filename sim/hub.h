@@ -23,7 +23,8 @@
 //
 // Codes: 2 or 3 before 0, kIOReturnNotOpen; a malformed interest list, a
 // missing scalar output slot or an unknown token, kIOReturnBadArgument; more
-// than kMaxSubscriptions buffers on one client, kIOReturnNoResources.
+// than kMaxSubscriptions buffers, or more than kMaxClientBytes of them, on
+// one client, kIOReturnNoResources.
 //
 // With a step clock attached, every update first moves simulated time on by
 // exactly one second (and runs the timers that became due), so figures are
@@ -52,8 +53,8 @@ inline constexpr size_t kHubBufferSize = 4096;
 
 class ReportHub final : public ServiceModel {
 public:
-    static constexpr size_t kMaxSubscriptions = 256;   // per user client
-    static constexpr size_t kMaxBufferBytes = size_t{1} << 30;
+    static constexpr size_t kMaxSubscriptions = 256;            // per user client
+    static constexpr size_t kMaxClientBytes = size_t{512} << 20;   // all of one client's buffers
 
     ReportHub(Simulation &sim, Service &service);
     ~ReportHub() override;

@@ -41,12 +41,17 @@ constexpr uint64_t kStates = 0x5057525354415445ull;   // "PWRSTATE"
 constexpr uint64_t kTempSoc = 0x54454D5020534F43ull;  // "TEMP SOC"
 constexpr int64_t kNoValue = INT64_MIN;
 
+std::unique_ptr<Simulator> &shared_sim() {
+    static std::unique_ptr<Simulator> s;
+    return s;
+}
+
 Simulator &sim() {
-    static std::unique_ptr<Simulator> s = [] {
-        auto p = std::make_unique<Simulator>(std::vector<std::string>{"--clock", "step"});
-        setenv("TALVEX_SIM_SOCKET", p->socket().c_str(), 1);
-        return p;
-    }();
+    auto &s = shared_sim();
+    if (!s) {
+        s = std::make_unique<Simulator>(std::vector<std::string>{"--clock", "step"});
+        setenv("TALVEX_SIM_SOCKET", s->socket().c_str(), 1);
+    }
     return *s;
 }
 
@@ -117,6 +122,19 @@ class ReportHub : public ::testing::Test {
 protected:
     void SetUp() override { sim(); }
 };
+
+// After the last test the shared simulator must shut down cleanly (a
+// sanitizer report or a crash makes its exit status non-zero).
+class SharedSimulatorStopsCleanly : public ::testing::Environment {
+public:
+    void TearDown() override {
+        if (auto &s = shared_sim()) {
+            EXPECT_EQ(s->stop(), 0) << s->log();
+        }
+    }
+};
+[[maybe_unused]] const ::testing::Environment *const kStopCheck =
+    ::testing::AddGlobalTestEnvironment(new SharedSimulatorStopsCleanly);
 
 }  // namespace
 
