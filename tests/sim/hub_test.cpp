@@ -206,11 +206,14 @@ TEST_F(ReportHub, SamplesAndDeltasOfEveryFormat) {
 
     CFMutableDictionaryRef states = d["PWRSTATE"];
     ASSERT_EQ(IOReportStateGetCount(states), 4);
+    // 750 ms idle (65% deep sleep, 35% sleep), 250 ms busy (70% at 12 MHz,
+    // 30% at 100 MHz), in 24 MHz ticks.
     const char *names[] = {"DEEPSLP", "SLEEP", "RUN12M", "RUN100M"};
-    const double shares[] = {0.4875, 0.2625, 0.175, 0.075};
+    const int64_t ticks[] = {11'700'000, 6'300'000, 4'200'000, 1'800'000};
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(text(IOReportStateGetNameForIndex(states, i)), names[i]);
-        EXPECT_DOUBLE_EQ(IOReportStateGetDutyCycle(states, i), shares[i]) << names[i];
+        EXPECT_EQ(IOReportStateGetResidency(states, i), ticks[i]) << names[i];
+        EXPECT_DOUBLE_EQ(IOReportStateGetDutyCycle(states, i), static_cast<double>(ticks[i]) / 24e6) << names[i];
     }
     int current = IOReportStateGetCurrent(now["PWRSTATE"]);
     EXPECT_TRUE(current >= 0 && current < 4) << current;
@@ -223,10 +226,19 @@ TEST_F(ReportHub, SamplesAndDeltasOfEveryFormat) {
     ASSERT_EQ(IOReportHistogramGetBucketBounds(latency, 15, &lower, &upper), kIOReturnSuccess);
     EXPECT_EQ(std::pair(lower, upper), std::pair(uint64_t{2800}, uint64_t{3200}));
     int64_t hits = 0;
-    for (int b = 0; b < 16; ++b) hits += IOReportHistogramGetBucketHits(latency, b);
+    for (int b = 0; b < 16; ++b) {
+        hits += IOReportHistogramGetBucketHits(latency, b);
+        // Each bucket's extremes lie inside it, its sum between them.
+        ASSERT_EQ(IOReportHistogramGetBucketBounds(latency, b, &lower, &upper), kIOReturnSuccess);
+        int64_t n = IOReportHistogramGetBucketHits(now["PROCLAT"], b);
+        int64_t lo = IOReportHistogramGetBucketMinValue(now["PROCLAT"], b);
+        int64_t hi = IOReportHistogramGetBucketMaxValue(now["PROCLAT"], b);
+        int64_t sum = IOReportHistogramGetBucketSum(now["PROCLAT"], b);
+        ASSERT_GT(n, 0) << b;
+        EXPECT_TRUE(static_cast<int64_t>(lower) <= lo && lo <= hi && hi <= static_cast<int64_t>(upper)) << b;
+        EXPECT_TRUE(n * lo <= sum && sum <= n * hi) << b;
+    }
     EXPECT_NEAR(static_cast<double>(hits), 625.0, 16.0);   // one sample per 400 us of the 250 ms busy
-    EXPECT_GE(IOReportHistogramGetMinValue(now["PROCLAT"]), 0);
-    EXPECT_LE(IOReportHistogramGetMaxValue(now["PROCLAT"]), 3200);
 
     const int64_t events[] = {200, 100, 50, 10, 25, 5, 2, 60};
     for (int i = 0; i < 8; ++i) EXPECT_EQ(IOReportArrayGetValueAtIndex(d["EVENTS"], i), events[i]) << i;
