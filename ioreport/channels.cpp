@@ -52,14 +52,14 @@ uint32_t _getAggregateOpts(CFDictionaryRef aggregate) {
 
 CFMutableDictionaryRef ioreport::createChannel(uint64_t driver_id, CFStringRef driver_name, CFArrayRef legend,
                                                CFStringRef group, CFStringRef subgroup, CFDictionaryRef info,
-                                               CFErrorRef *error) {
+                                               CFErrorRef *error, CFNumberRef driver_number) {
     if (!isArray(legend) || CFArrayGetCount(legend) < 2 || readU64(CFArrayGetValueAtIndex(legend, 0)) == kSentinel ||
         readU64(CFArrayGetValueAtIndex(legend, 1)) == kSentinel) {
         setError(error, kIOReturnError, "couldn't create channel");
         return nullptr;
     }
     CFOwner<CFMutableDictionaryRef> rec(newDict());
-    CFOwner<CFNumberRef> id(makeNumber(driver_id));
+    CFOwner<CFNumberRef> id(driver_number ? static_cast<CFNumberRef>(CFRetain(driver_number)) : makeNumber(driver_id));
     if (!rec || !id) {
         setError(error, kIOReturnError, "couldn't create channel");
         return nullptr;

@@ -47,13 +47,15 @@ IOReturn forEachService(CFDictionaryRef matching, const std::function<IOReturn(i
     return rc;
 }
 
-// The driver's identity for its records, looked up once per service.
+// The driver's identity for its records, looked up once per service. Its
+// records share one ID number.
 struct DriverIdentity {
     explicit DriverIdentity(io_service_t s) : service(s) {}
     io_service_t service;
     bool known = false;
     uint64_t id = 0;
     CFOwner<CFStringRef> name;
+    CFOwner<CFNumberRef> number;
 
     IOReturn get(CFErrorRef *error) {
         if (known) return kIOReturnSuccess;
@@ -64,6 +66,7 @@ struct DriverIdentity {
         }
         name.reset(IOReportCopyDriverName(service));
         if (!name) return kIOReturnError;
+        number.reset(makeNumber(id));
         known = true;
         return kIOReturnSuccess;
     }
@@ -90,7 +93,7 @@ IOReturn addLegendChannels(CFMutableDictionaryRef aggregate, io_service_t servic
             if (driver.get(error) != kIOReturnSuccess) return kIOReturnError;
             CFOwner<CFMutableDictionaryRef> record(createChannel(driver.id, driver.name.get(),
                                                                  static_cast<CFArrayRef>(legendChannel), group,
-                                                                 subgroup, info, error));
+                                                                 subgroup, info, error, driver.number.get()));
             if (!record) return kIOReturnError;
             if (addChannel(aggregate, record.get(), options, error) != kIOReturnSuccess) return kIOReturnError;
         }

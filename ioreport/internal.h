@@ -178,8 +178,11 @@ inline CFMutableArrayRef newArray() { return CFArrayCreateMutable(nullptr, 0, &k
 void setError(CFErrorRef *slot, IOReturn code, const char *message);
 
 // Makes a channel record for a legend channel array ("couldn't create channel").
+// `driver_number`, when given, is `driver_id` as a number already made, which
+// the records of one driver then share.
 CFMutableDictionaryRef createChannel(uint64_t driver_id, CFStringRef driver_name, CFArrayRef legend,
-                                     CFStringRef group, CFStringRef subgroup, CFDictionaryRef info, CFErrorRef *error);
+                                     CFStringRef group, CFStringRef subgroup, CFDictionaryRef info, CFErrorRef *error,
+                                     CFNumberRef driver_number = nullptr);
 // Files a record into an aggregate ("_addChannel() failed").
 IOReturn addChannel(CFMutableDictionaryRef aggregate, CFMutableDictionaryRef channel, uint32_t options,
                     CFErrorRef *error);

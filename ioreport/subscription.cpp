@@ -6,7 +6,6 @@
 #include <dispatch/dispatch.h>
 
 #include <cstring>
-#include <unordered_map>
 #include <vector>
 
 using namespace ioreport;
@@ -191,45 +190,75 @@ public:
     enum class End { Exact, Overshoot, ZeroCount };
 
     RunIndex(const uint8_t *bytes, size_t elements) : bytes_(bytes), elements_(elements) {
-        size_t pos = 0;
+        // First pass: how the walks end and how many runs there are, to size
+        // the table; second pass: each key's first run.
+        size_t runs = 0, pos = 0;
         end_ = End::Exact;
         while (pos < elements) {
-            const uint8_t *e = bytes + pos * kElementSize;
-            uint16_t count = load16(e + kElemCount);
+            uint16_t count = load16(bytes + pos * kElementSize + kElemCount);
             if (count == 0) {
                 end_ = End::ZeroCount;
                 return;
             }
-            first_.try_emplace(Key{load64(e + kElemDriverID), load64(e + kElemChannelID)}, pos);
+            ++runs;
             pos += count;
         }
         if (pos > elements) end_ = End::Overshoot;
+        size_t capacity = 16;
+        while (capacity < runs * 2) capacity *= 2;
+        slots_.assign(capacity, Slot{});
+        mask_ = capacity - 1;
+        for (pos = 0; pos < elements;) {
+            const uint8_t *e = bytes + pos * kElementSize;
+            insert(load64(e + kElemDriverID), load64(e + kElemChannelID), pos);
+            pos += load16(e + kElemCount);
+        }
     }
 
     // The start of the channel's run (in elements), or -1 when no walk finds it.
     long find(uint64_t driver, uint64_t channel) const {
-        auto it = first_.find(Key{driver, channel});
-        return it == first_.end() ? -1 : static_cast<long>(it->second);
+        if (slots_.empty()) return -1;
+        for (size_t i = home(driver, channel);; i = (i + 1) & mask_) {
+            const Slot &s = slots_[i];
+            if (s.pos_plus_one == 0) return -1;
+            if (s.driver == driver && s.channel == channel) return static_cast<long>(s.pos_plus_one - 1);
+        }
     }
     End end() const { return end_; }
     const uint8_t *element(size_t pos) const { return bytes_ + pos * kElementSize; }
     size_t elements() const { return elements_; }
 
 private:
-    struct Key {
-        uint64_t driver, channel;
-        bool operator==(const Key &) const = default;
+    // An open-addressing table (linear probing) held in one block, so that a
+    // lookup touches one or two neighbouring slots even with 100,000 runs.
+    struct Slot {
+        uint64_t driver = 0, channel = 0;
+        size_t pos_plus_one = 0;   // 0: empty
     };
-    struct KeyHash {
-        size_t operator()(const Key &k) const noexcept {
-            uint64_t h = k.driver * 0x9E3779B97F4A7C15ull ^ (k.channel + 0x632BE59BD9B4E019ull + (k.driver << 6));
-            return static_cast<size_t>(h ^ (h >> 29));
+    size_t home(uint64_t driver, uint64_t channel) const {
+        uint64_t h = driver * 0x9E3779B97F4A7C15ull ^ (channel + 0x632BE59BD9B4E019ull + (driver << 6));
+        h ^= h >> 29;
+        h *= 0xBF58476D1CE4E5B9ull;
+        h ^= h >> 32;
+        return static_cast<size_t>(h) & mask_;
+    }
+    // Keeps the first run of a key: a walk from the start finds that one.
+    void insert(uint64_t driver, uint64_t channel, size_t pos) {
+        for (size_t i = home(driver, channel);; i = (i + 1) & mask_) {
+            Slot &s = slots_[i];
+            if (s.pos_plus_one == 0) {
+                s = Slot{driver, channel, pos + 1};
+                return;
+            }
+            if (s.driver == driver && s.channel == channel) return;
         }
-    };
+    }
+
     const uint8_t *bytes_;
     size_t elements_;
     End end_;
-    std::unordered_map<Key, size_t, KeyHash> first_;
+    std::vector<Slot> slots_;
+    size_t mask_ = 0;
 };
 
 }  // namespace
