@@ -100,7 +100,21 @@ size_t find_slot(const Dict *d, const void *key, CFHashCode hash) {
     }
 }
 
+// Small dictionaries are looked up by the key's identity first: keys are
+// mostly the very objects they were stored with (constant strings), and a
+// scan of a few neighbouring entries costs less than hashing the key and
+// reaching the index. Identity implies equality, so the result is the same.
+constexpr size_t kIdentityScanEntries = 16;
+
+Entry *find_identical(const Dict *d, const void *key) {
+    if (d->entries.size() > kIdentityScanEntries) return nullptr;
+    for (const Entry &e : d->entries)
+        if (e.key == key && e.live) return const_cast<Entry *>(&e);
+    return nullptr;
+}
+
 const Entry *find_entry(const Dict *d, const void *key) {
+    if (const Entry *e = find_identical(d, key)) return e;
     size_t pos = find_slot(d, key, hash_key(d, key));
     return pos == kNotFound ? nullptr : &d->entries[d->slots[pos] - 2];
 }
@@ -162,9 +176,12 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
 Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noexcept {
     Dict *d = new_dictionary(&source->key_callbacks, &source->value_callbacks, is_mutable);
     if (d == nullptr) return nullptr;
+    // A mutable copy usually gains a key or two (a copied record gets its
+    // sample data): room for them saves regrowing the entries.
+    size_t room = std::max(source->live + (is_mutable ? 2 : 0), capacity);
     try {
-        d->entries.reserve(std::max(source->live, capacity));
-        rebuild(d, std::max(source->live, capacity));
+        d->entries.reserve(room);
+        rebuild(d, room);
         for (const Entry &e : source->entries)
             if (e.live) insert_new(d, e.key, e.value, e.hash);
     } catch (...) {
@@ -341,6 +358,10 @@ enum class Mode { add, set, replace };
 void store(CFMutableDictionaryRef dict, const void *key, const void *value, Mode mode, const char *function) {
     Dict *d = as_mutable_dictionary(dict, function);
     if (d == nullptr) return;
+    if (Entry *e = find_identical(d, key)) {
+        if (mode != Mode::add) replace_value(d, *e, value);
+        return;
+    }
     CFHashCode hash = hash_key(d, key);
     size_t pos = find_slot(d, key, hash);
     if (pos != kNotFound) {
