@@ -1,0 +1,250 @@
+// The report pipeline end to end against a private simulator: the hub's
+// buffer update alone, sampling through the hub (update call, buffer walk,
+// per-channel copies), differencing two samples, both together as a
+// monitoring loop pays them, and describing every record of a sample as
+// `ioreport` does.
+//
+// One simulator publishes the coprocessor's channels plus 100,000 extra ones
+// of the four formats in turn (`talvexsim serve --channels 100000`). Each
+// size subscribes to the first N channels of that legend, so every size
+// reads the same mix. The counter "per_channel" is the (real) time per
+// channel; compare it across sizes to see how the cost grows.
+#include <IOReport.h>
+
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <string>
+#include <thread>
+
+extern char **environ;
+
+namespace {
+
+constexpr int kExtraChannels = 100'000;
+
+// `talvexsim serve --channels N` on a fresh socket for the whole run.
+class PrivateSimulator {
+public:
+    PrivateSimulator() {
+        char tmpl[] = "/tmp/talvex-bench-XXXXXX";
+        if (!mkdtemp(tmpl)) std::abort();
+        dir_ = tmpl;
+        socket_ = dir_ + "/sim.sock";
+        std::string path = TALVEX_TALVEXSIM_PATH;
+        std::string serve = "serve", opt = "--socket", channels = "--channels",
+                    count = std::to_string(kExtraChannels);
+        char *argv[] = {path.data(), serve.data(), opt.data(), socket_.data(), channels.data(), count.data(), nullptr};
+        if (posix_spawn(&pid_, path.c_str(), nullptr, nullptr, argv, environ) != 0) std::abort();
+        for (int i = 0; i < 3000 && !reachable(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        setenv("TALVEX_SIM_SOCKET", socket_.c_str(), 1);
+    }
+    ~PrivateSimulator() {
+        kill(pid_, SIGTERM);
+        int st;
+        waitpid(pid_, &st, 0);
+        rmdir(dir_.c_str());
+    }
+    PrivateSimulator(const PrivateSimulator &) = delete;
+    PrivateSimulator &operator=(const PrivateSimulator &) = delete;
+
+private:
+    bool reachable() const {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
+        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+        close(fd);
+        return ok;
+    }
+    std::string dir_, socket_;
+    pid_t pid_ = -1;
+};
+
+// Every channel of the coprocessor driver, discovered once.
+CFMutableDictionaryRef all_channels() {
+    static PrivateSimulator sim;
+    static CFMutableDictionaryRef all = [] {
+        CFMutableDictionaryRef matching = IOServiceMatching("ZantraTalvexProcessor");
+        CFMutableDictionaryRef channels = IOReportCopyChannelsForDrivers(matching, 0, nullptr);
+        CFRelease(matching);
+        return channels;
+    }();
+    return all;
+}
+
+// A subscription to the first `n` channels, made once per size.
+struct Subscribed {
+    IOReportSubscriptionRef subscription = nullptr;
+    CFMutableDictionaryRef channels = nullptr;
+    int count = 0;
+};
+
+const Subscribed &subscribed(int n) {
+    static std::map<int, Subscribed> made;
+    auto it = made.find(n);
+    if (it != made.end()) return it->second;
+    Subscribed s;
+    if (CFMutableDictionaryRef all = all_channels()) {
+        int kept = 0;
+        CFMutableDictionaryRef desired = cloneAggregate(all, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
+            return kept++ < n ? 0 : kIOReportIterSkipped;
+        });
+        if (desired) {
+            s.subscription = IOReportCreateSubscription(nullptr, desired, &s.channels, 0, nullptr);
+            s.count = IOReportGetChannelCount(desired);
+            CFRelease(desired);
+        }
+    }
+    return made.emplace(n, s).first->second;
+}
+
+// Looks the subscription up; false (with the benchmark skipped) when the
+// simulator did not give it.
+bool ready(benchmark::State &state, const Subscribed &s, int n) {
+    if (!s.subscription || !s.channels || s.count != n) {
+        state.SkipWithError("no subscription to that many channels (is the simulator's hub there?)");
+        return false;
+    }
+    return true;
+}
+
+void per_channel(benchmark::State &state, int n) {
+    state.SetComplexityN(n);
+    state.counters["per_channel"] = benchmark::Counter(
+        static_cast<double>(n), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+// The hub's part of a sample: the update call (transport and the simulator
+// writing the subscribed channels into the mapped buffer).
+void BM_UpdateBuffer(benchmark::State &state) {
+    int n = static_cast<int>(state.range(0));
+    const Subscribed &s = subscribed(n);
+    if (!ready(state, s, n)) return;
+    for (auto _ : state) {
+        if (updateKernelBuffer(s.subscription, nullptr) != kIOReturnSuccess) {
+            state.SkipWithError("update failed");
+            break;
+        }
+    }
+    per_channel(state, n);
+}
+
+// One sample: the hub update call, the walk of the mapped buffer and the copy
+// of every channel's elements.
+void BM_CreateSamples(benchmark::State &state) {
+    int n = static_cast<int>(state.range(0));
+    const Subscribed &s = subscribed(n);
+    if (!ready(state, s, n)) return;
+    for (auto _ : state) {
+        CFMutableDictionaryRef sample = IOReportCreateSamples(s.subscription, s.channels, nullptr);
+        if (!sample) {
+            state.SkipWithError("sample failed");
+            break;
+        }
+        CFRelease(sample);
+    }
+    per_channel(state, n);
+}
+
+// The difference of two samples.
+void BM_CreateSamplesDelta(benchmark::State &state) {
+    int n = static_cast<int>(state.range(0));
+    const Subscribed &s = subscribed(n);
+    if (!ready(state, s, n)) return;
+    CFMutableDictionaryRef older = IOReportCreateSamples(s.subscription, s.channels, nullptr);
+    CFMutableDictionaryRef newer = IOReportCreateSamples(s.subscription, s.channels, nullptr);
+    if (older && newer) {
+        for (auto _ : state) {
+            CFMutableDictionaryRef delta = IOReportCreateSamplesDelta(older, newer, nullptr);
+            if (!delta) {
+                state.SkipWithError("delta failed");
+                break;
+            }
+            CFRelease(delta);
+        }
+    } else {
+        state.SkipWithError("sample failed");
+    }
+    if (older) CFRelease(older);
+    if (newer) CFRelease(newer);
+    per_channel(state, n);
+}
+
+// What a monitoring loop pays per step: a new sample and its difference from
+// the previous one.
+void BM_SampleAndDelta(benchmark::State &state) {
+    int n = static_cast<int>(state.range(0));
+    const Subscribed &s = subscribed(n);
+    if (!ready(state, s, n)) return;
+    CFMutableDictionaryRef previous = IOReportCreateSamples(s.subscription, s.channels, nullptr);
+    for (auto _ : state) {
+        CFMutableDictionaryRef sample = previous ? IOReportCreateSamples(s.subscription, s.channels, nullptr) : nullptr;
+        CFMutableDictionaryRef delta = sample ? IOReportCreateSamplesDelta(previous, sample, nullptr) : nullptr;
+        if (!delta) {
+            state.SkipWithError("sample or delta failed");
+            if (sample) CFRelease(sample);
+            break;
+        }
+        CFRelease(delta);
+        CFRelease(previous);
+        previous = sample;
+    }
+    if (previous) CFRelease(previous);
+    per_channel(state, n);
+}
+
+// `ioreport`'s walk: every record's description, written to /dev/null.
+void BM_IterateDescribe(benchmark::State &state) {
+    int n = static_cast<int>(state.range(0));
+    const Subscribed &s = subscribed(n);
+    if (!ready(state, s, n)) return;
+    int sink = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    CFMutableDictionaryRef sample = IOReportCreateSamples(s.subscription, s.channels, nullptr);
+    if (sample && sink >= 0) {
+        for (auto _ : state) {
+            int result = IOReportIterate(sample, [&](CFMutableDictionaryRef record) {
+                CFStringRef description = IOReportSampleCopyDescription(record, nullptr, nullptr);
+                if (!description) return 1;
+                IOReturn rc = IOReportWriteStringUTF8(sink, description);
+                CFRelease(description);
+                return rc == kIOReturnSuccess ? 0 : kIOReportIterFailed;
+            });
+            if (result != 0) {
+                state.SkipWithError("a description failed");
+                break;
+            }
+        }
+    } else {
+        state.SkipWithError("sample failed");
+    }
+    if (sample) CFRelease(sample);
+    if (sink >= 0) close(sink);
+    per_channel(state, n);
+}
+
+void sizes(benchmark::internal::Benchmark *b) {
+    for (int n : {100, 1'000, 10'000, 100'000}) b->Arg(n);
+    b->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+
+BENCHMARK(BM_UpdateBuffer)->Apply(sizes);
+BENCHMARK(BM_CreateSamples)->Apply(sizes);
+BENCHMARK(BM_CreateSamplesDelta)->Apply(sizes);
+BENCHMARK(BM_SampleAndDelta)->Apply(sizes);
+BENCHMARK(BM_IterateDescribe)->Apply(sizes);
+
+}  // namespace
+
+BENCHMARK_MAIN();
