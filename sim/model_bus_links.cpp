@@ -57,8 +57,12 @@ uint8_t crc8(std::span<const uint8_t> bytes) {
 
 // 0x7e, container, length, body, CRC-8 over container, length and body.
 std::vector<uint8_t> uart_frame(uint8_t container, std::span<const uint8_t> body) {
-    std::vector<uint8_t> frame{kUartSof, container, static_cast<uint8_t>(body.size())};
-    frame.insert(frame.end(), body.begin(), body.end());
+    std::vector<uint8_t> frame;
+    frame.reserve(body.size() + 4);
+    frame.push_back(kUartSof);
+    frame.push_back(container);
+    frame.push_back(static_cast<uint8_t>(body.size()));
+    for (uint8_t b : body) frame.push_back(b);
     frame.push_back(crc8(std::span(frame).subspan(1)));
     return frame;
 }

@@ -273,7 +273,10 @@ IOReturn Lifecycle::panic(const CallArgs &a) {
 IOReturn Lifecycle::report(const CallArgs &) {
     if (!booted()) return kIOReturnNotReady;
     std::string held;
-    for (uint64_t code : assertions_) held += (held.empty() ? "" : ",") + std::to_string(code);
+    for (uint64_t code : assertions_) {
+        if (!held.empty()) held += ',';
+        held += std::to_string(code);
+    }
     trace_event("\"event\":\"report\",\"state\":" + std::to_string(cop_.state()) +
                 ",\"uptime_ns\":" + std::to_string(coprocessor_time()) + ",\"firmware\":" + std::to_string(firmware_) +
                 ",\"number\":" + std::to_string(boot_.number) + ",\"flags\":" + std::to_string(boot_.flags) +

@@ -41,9 +41,13 @@ bool read_number(std::string_view fmt, size_t &i, int &value) {
 // The printf directive for `c`, with `*` fields already replaced by their
 // values and `integer_length` spelling the length modifier.
 std::string directive(const Conversion &c, const char *integer_length) {
-    std::string d = "%" + c.flags;
+    std::string d(1, '%');
+    d += c.flags;
     if (c.width >= 0) d += std::to_string(c.width);
-    if (c.precision >= 0) d += "." + std::to_string(c.precision);
+    if (c.precision >= 0) {
+        d += '.';
+        d += std::to_string(c.precision);
+    }
     d += integer_length;
     d += c.conversion;
     return d;

@@ -46,7 +46,7 @@ std::string normalise(std::string_view path) {
         if (k != 0) out += '/';
         out += parts[k];
     }
-    if (out.empty()) out = ".";
+    if (out.empty()) out.push_back('.');
     return out;
 }
 
