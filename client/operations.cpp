@@ -6,12 +6,24 @@
 #include <cstdlib>
 #include <cstring>
 
-IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware) {
-    uint64_t input[1] = {firmware};
+IOReturn TalvexCallScalar(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count,
+                          uint64_t *output, uint32_t *output_count) {
     IOReturn result =
-        IOConnectCallScalarMethod(talvex->connection, kTalvexSelectFirmware, input, 1, nullptr, nullptr);
+        IOConnectCallScalarMethod(talvex->connection, selector, input, input_count, output, output_count);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     return result;
+}
+
+IOReturn TalvexCallStruct(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
+                          void *output, size_t *output_size) {
+    IOReturn result = IOConnectCallStructMethod(talvex->connection, selector, input, input_size, output, output_size);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    return result;
+}
+
+IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware) {
+    uint64_t input[1] = {firmware};
+    return TalvexCallScalar(talvex, kTalvexSelectFirmware, input, 1, nullptr, nullptr);
 }
 
 IOReturn TalvexGetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, void *reply,
@@ -35,10 +47,8 @@ IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t proper
     uint32_t prop = static_cast<uint32_t>(property);
     uint32_t val = static_cast<uint32_t>(value);
     uint64_t input[3] = {device, prop, val};
-    IOReturn result =
-        IOConnectCallScalarMethod(talvex->connection, kTalvexSetProperty, input, 3, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexSetProperty, input, 3, nullptr, nullptr);
     if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
         std::printf("TalvexSetProperty(handle=%p,dev=%d,prop=%x,val=%x) -> %x\n", static_cast<void *>(talvex),
                     static_cast<int>(device), prop, val, static_cast<uint32_t>(result));
     }
@@ -51,18 +61,12 @@ IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t secon
     TalvexStoreLE32(request + 4, second);
     // bytes 8..71: a text field this operation leaves zero
     size_t reply_size = kTalvexProfileQueryOutSize;
-    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexProfileQuery, request, sizeof request,
-                                                reply, &reply_size);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
+    return TalvexCallStruct(talvex, kTalvexProfileQuery, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value) {
     uint64_t input[1] = {value};
-    IOReturn result =
-        IOConnectCallScalarMethod(talvex->connection, kTalvexClockRedirect, input, 1, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
+    return TalvexCallScalar(talvex, kTalvexClockRedirect, input, 1, nullptr, nullptr);
 }
 
 IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply) {
@@ -70,10 +74,7 @@ IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, 
     request[0] = first;
     TalvexStoreLE32(request + 1, second);
     size_t reply_size = kTalvexClientListOutSize;
-    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexClientList, request, sizeof request,
-                                                reply, &reply_size);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
+    return TalvexCallStruct(talvex, kTalvexClientList, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg, void *reply,
@@ -84,10 +85,7 @@ IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, cons
     TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     size_t reply_size = length;
-    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexI2CRead, request, sizeof request, reply,
-                                                &reply_size);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
+    return TalvexCallStruct(talvex, kTalvexI2CRead, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg,
@@ -103,10 +101,7 @@ IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, con
     TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     if (length) std::memcpy(request + 5, data, length);
-    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexI2CWrite, request, sizeof request,
-                                                nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
+    return TalvexCallStruct(talvex, kTalvexI2CWrite, request, sizeof request, nullptr, nullptr);
 }
 
 IOReturn TalvexPerfmonCall(TalvexHandle *talvex, uint32_t first, uint32_t second, const void *input,

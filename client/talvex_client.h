@@ -91,6 +91,15 @@ inline constexpr size_t kTalvexI2CWriteInSize = 21;
 inline constexpr size_t kTalvexI2CWriteMaxData = 16;
 inline constexpr uint16_t kTalvexNoRegister = 0xffff;
 
+// Direct calls, for requests no operation below makes: one call of method
+// `selector` in its scalar or its structure form, the code returned. A
+// non-zero code is reported ("result == 0 ") here, as an operation reports
+// its own; the command reports it once more where its rules say so.
+IOReturn TalvexCallScalar(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count,
+                          uint64_t *output, uint32_t *output_count);
+IOReturn TalvexCallStruct(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
+                          void *output, size_t *output_size);
+
 // Method 0: one scalar, the firmware number.
 IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware);
 

@@ -77,7 +77,7 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
         std::printf("%s clock speed: %d Hz (%f%%)\n", label ? label : "(null)", static_cast<int32_t>(measured),
                     percent);
     } else {
-        const char *text = TalvexDiagCodeText(result);
+        const char *text = TalvexCodeText(result);
         TALVEX_ASSERT_REPORT("result == 0", text, 0);
         TALVEX_ASSERT_REPORT("result == 0 ", text, result);
     }
@@ -101,7 +101,7 @@ int TalvexCmdClkStartup(int, char *[]) {
         std::printf("IRC pre-startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(3), ns(4), ns(5));
         std::printf("IRC total speed - mean:%d ns min:%d ns max:%d ns\n", ns(6), ns(7), ns(8));
     } else {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
     }
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

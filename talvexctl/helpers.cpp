@@ -1,4 +1,4 @@
-// Device table, hex dump and number parsing.
+// Device table, hex dump, number parsing and code texts.
 #include "talvexctl.h"
 
 #include <cstdio>
@@ -53,3 +53,10 @@ long TalvexParseHex(const char *word) { return std::strtol(word, nullptr, 16); }
 long TalvexParseDec(const char *word) { return std::strtol(word, nullptr, 10); }
 
 long long TalvexParseHex64(const char *word) { return std::strtoll(word, nullptr, 16); }
+
+uint8_t TalvexParseHexByte(const char *word) { return static_cast<uint8_t>(TalvexParseHex(word)); }
+
+const char *TalvexCodeText(IOReturn code) {
+    const char *text = mach_error_string(code);
+    return text ? text : "";
+}

@@ -5,14 +5,6 @@
 
 namespace {
 
-// Calls a method that takes and returns no scalars; a failure is reported
-// here, as a client operation would, and once more by the command.
-IOReturn call_plain(TalvexHandle *talvex, uint32_t selector) {
-    IOReturn result = IOConnectCallScalarMethod(talvex->connection, selector, nullptr, 0, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
-}
-
 // reset, stop and timesync: open, one call, close. Extra words are ignored.
 int plain_command(uint32_t selector) {
     TalvexHandle *talvex = TalvexOpen();
@@ -20,7 +12,7 @@ int plain_command(uint32_t selector) {
         TALVEX_ASSERT_REPORT("talvex", "", 0);
         return 1;
     }
-    IOReturn result = call_plain(talvex, selector);
+    IOReturn result = TalvexCallScalar(talvex, selector, nullptr, 0, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -40,8 +32,7 @@ int TalvexCmdPing(int, char *[]) {
         TALVEX_ASSERT_REPORT("talvex", "", 0);
         return 1;
     }
-    IOReturn result = IOConnectCallScalarMethod(talvex->connection, kTalvexPing, nullptr, 0, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexPing, nullptr, 0, nullptr, nullptr);
     const char *text = mach_error_string(result);
     std::printf("ping result: %s (%#x)\n", text ? text : "(null)", static_cast<uint32_t>(result));
     if (result != 0) {

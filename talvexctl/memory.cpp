@@ -31,7 +31,7 @@ int mem_read(char *argv[]) {
     request[4] = block;
     request[5] = len;
     size_t reply_size = len;
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexMemRead, request, sizeof request, buffer, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMemRead, request, sizeof request, buffer, &reply_size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     } else {
@@ -63,7 +63,7 @@ int mem_write(int argc, char *argv[]) {
     request[4] = block;
     request[5] = static_cast<uint8_t>(len);
     std::memcpy(request + 6, buffer, sizeof buffer);
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexMemWrite, request, sizeof request, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMemWrite, request, sizeof request, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -113,7 +113,7 @@ int TalvexCmdGpio(int argc, char *argv[]) {
             uint64_t input[1] = {static_cast<uint8_t>(TalvexParseDec(argv[2]))};
             uint64_t output[1] = {0};
             uint32_t output_count = 1;
-            result = TalvexBusScalarCall(talvex, kTalvexGpioRead, input, 1, output, &output_count);
+            result = TalvexCallScalar(talvex, kTalvexGpioRead, input, 1, output, &output_count);
             if (result != 0) {
                 TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
             } else {
@@ -128,7 +128,7 @@ int TalvexCmdGpio(int argc, char *argv[]) {
         } else {
             uint64_t input[2] = {static_cast<uint8_t>(TalvexParseDec(argv[2])),
                                  static_cast<uint8_t>(TalvexParseDec(argv[3]))};
-            result = TalvexBusScalarCall(talvex, kTalvexGpioSet, input, 2, nullptr, nullptr);
+            result = TalvexCallScalar(talvex, kTalvexGpioSet, input, 2, nullptr, nullptr);
             if (result != 0)
                 TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
             else
@@ -153,7 +153,7 @@ int TalvexCmdPmu(int argc, char *argv[]) {
         return 1;
     }
     uint64_t input[1] = {static_cast<uint32_t>(TalvexParseHex(argv[1]))};
-    IOReturn result = TalvexBusScalarCall(talvex, kTalvexPmu, input, 1, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexPmu, input, 1, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

@@ -34,7 +34,7 @@ int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
     TalvexStoreLE32(input, mode);
     IOReturn result = TalvexPerfmonCall(talvex, device, kItemMode, input, sizeof input, nullptr, nullptr);
     if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
         return 1;
     }
     return 0;
@@ -47,7 +47,7 @@ int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
     IOReturn result =
         IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr, nullptr, value, &size);
     if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
         return 1;
     }
     std::printf("perfmon is %s for %s\n", mode_name(TalvexLoadLE32(value)), word);
@@ -60,7 +60,7 @@ int show_report(TalvexHandle *talvex, uint8_t device) {
     size_t size = sizeof report;
     IOReturn result = TalvexPerfmonCall(talvex, device, kItemReport, nullptr, 0, report, &size);
     if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
         return 1;
     }
     uint32_t count = TalvexLoadLE32(report);
@@ -125,7 +125,7 @@ int TalvexCmdSetBaudRate(int argc, char *argv[]) {
     int status = 0;
     if (rate == 112500 || rate == 750000 || rate == 1500000 || rate == 3000000) {
         uint64_t input[1] = {static_cast<uint32_t>(rate)};
-        IOReturn result = TalvexDiagScalarCall(talvex, kTalvexSetBaudRate, input, 1);
+        IOReturn result = TalvexCallScalar(talvex, kTalvexSetBaudRate, input, 1, nullptr, nullptr);
         if (result != 0) {
             TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
             status = 1;

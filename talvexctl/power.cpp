@@ -20,19 +20,11 @@ TalvexHandle *open_or_report() {
     return talvex;
 }
 
-// Calls a scalar method and reports a failure at the client level; the
-// command reports it once more.
-IOReturn call_scalars(TalvexHandle *talvex, uint32_t selector, const uint64_t *scalars, uint32_t count) {
-    IOReturn result = IOConnectCallScalarMethod(talvex->connection, selector, scalars, count, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    return result;
-}
-
 // Open, one scalar call, close.
 int scalar_command(uint32_t selector, const uint64_t *scalars, uint32_t count) {
     TalvexHandle *talvex = open_or_report();
     if (!talvex) return 1;
-    IOReturn result = call_scalars(talvex, selector, scalars, count);
+    IOReturn result = TalvexCallScalar(talvex, selector, scalars, count, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -106,7 +98,7 @@ int TalvexCmdHalt(int argc, char *argv[]) {
         if (argc == 4) level = static_cast<uint32_t>(TalvexParseDec(argv[3]));
     }
     uint64_t scalars[3] = {delay, duration, level};
-    IOReturn result = call_scalars(talvex, kTalvexHalt, scalars, 3);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexHalt, scalars, 3, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -123,11 +115,8 @@ int TalvexCmdPanic(int argc, char *argv[]) {
     size_t size = text ? std::strlen(text) + 1 : 0;
     TalvexHandle *talvex = open_or_report();
     if (!talvex) return 1;
-    IOReturn result = IOConnectCallStructMethod(talvex->connection, kTalvexPanic, text, size, nullptr, nullptr);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    }
+    IOReturn result = TalvexCallStruct(talvex, kTalvexPanic, text, size, nullptr, nullptr);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
 }
@@ -137,7 +126,7 @@ int TalvexCmdReport(int, char *[]) {
     if (!talvex) return 1;
     std::printf("calling test report\n");
     std::fflush(stdout);
-    IOReturn result = call_scalars(talvex, kTalvexReport, nullptr, 0);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexReport, nullptr, 0, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

@@ -77,7 +77,7 @@ int TalvexCmdPowerLog(int argc, char *argv[]) {
     } else if (std::strcmp(word, "getpowerlog") == 0) {
         uint8_t record[kRecordSize] = {};
         size_t size = sizeof record;
-        IOReturn result = TalvexDiagStructCall(talvex, kTalvexPowerLogGet, nullptr, 0, record, &size);
+        IOReturn result = TalvexCallStruct(talvex, kTalvexPowerLogGet, nullptr, 0, record, &size);
         if (result != 0) {
             TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
             status = 1;

@@ -46,7 +46,7 @@ void print_hitpoint(const Entry &e) {
 int print_profile(TalvexHandle *talvex) {
     uint8_t summary[kSummarySize] = {};
     size_t size = sizeof summary;
-    IOReturn result = TalvexDiagStructCall(talvex, kTalvexProfileInfo, nullptr, 0, summary, &size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexProfileInfo, nullptr, 0, summary, &size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
         return 1;
@@ -115,10 +115,10 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
 int control(TalvexHandle *talvex, const char *word) {
     IOReturn result;
     if (std::strcmp(word, "stop") == 0)
-        result = TalvexDiagScalarCall(talvex, kTalvexProfileStop, nullptr, 0);
+        result = TalvexCallScalar(talvex, kTalvexProfileStop, nullptr, 0, nullptr, nullptr);
     else
-        result = TalvexDiagStructCall(talvex, std::strcmp(word, "start") == 0 ? kTalvexProfileStart : kTalvexProfileReset,
-                                      nullptr, 0, nullptr, nullptr);
+        result = TalvexCallStruct(talvex, std::strcmp(word, "start") == 0 ? kTalvexProfileStart : kTalvexProfileReset,
+                                  nullptr, 0, nullptr, nullptr);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
         return 1;

@@ -40,7 +40,7 @@ int TalvexCmdReadReg(int argc, char *argv[]) {
     }
     uint8_t request[kReadRegRequestSize] = {device, address, len};
     size_t reply_size = len;
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexReadReg, request, sizeof request, buffer, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexReadReg, request, sizeof request, buffer, &reply_size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     } else {
@@ -80,7 +80,7 @@ int TalvexCmdWriteReg(int argc, char *argv[]) {
     request[1] = address;
     request[2] = static_cast<uint8_t>(len);
     std::memcpy(request + 3, buffer, sizeof buffer);
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexWriteReg, request, sizeof request, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexWriteReg, request, sizeof request, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -100,7 +100,7 @@ int TalvexCmdBB(int argc, char *argv[]) {
     // As atoi reads it: decimal, no base prefix, cut to an int.
     auto context_max = static_cast<uint32_t>(static_cast<int>(TalvexParseDec(argv[1])));
     uint64_t input[1] = {context_max};
-    IOReturn result = TalvexBusScalarCall(talvex, kTalvexBB, input, 1, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexBB, input, 1, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;
@@ -122,7 +122,7 @@ int TalvexCmdCma(int argc, char *argv[]) {
         TALVEX_ASSERT_REPORT("talvex", "", 0);
         return 1;
     }
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexCma, buffer, len, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexCma, buffer, len, nullptr, nullptr);
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

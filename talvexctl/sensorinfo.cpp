@@ -99,7 +99,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
         uint32_t size = r.size;
         IOReturn result = TalvexGetProperty(talvex, device, r.property, r.value, &size);
         if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+            TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
             return result;
         }
         if (r.property == kSampleRates) c.rates_size = size;
@@ -115,7 +115,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
         c.internal_cal_size = sizeof c.internal_cal;
         result = read_direct(talvex, device, kInternalCal, c.internal_cal, &c.internal_cal_size);
     }
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", TalvexDiagCodeText(result), result);
+    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
     return result;
 }
 

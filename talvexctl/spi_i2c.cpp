@@ -140,7 +140,7 @@ int TalvexCmdSpi(int argc, char *argv[]) {
     std::memcpy(request + kSpiHeaderSize, data, input_length);
     size_t reply_size = kSpiRequestSize;
     IOReturn result =
-        TalvexBusStructCall(talvex, kTalvexSpi, request, kSpiHeaderSize + input_length, request, &reply_size);
+        TalvexCallStruct(talvex, kTalvexSpi, request, kSpiHeaderSize + input_length, request, &reply_size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     } else if (read) {

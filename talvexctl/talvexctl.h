@@ -12,6 +12,14 @@
 //   TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result); failed driver calls
 // (declared in talvex_assert.h). The diagnostic never ends the command by
 // itself: the handler releases what it holds and returns 1.
+//
+// A request no client operation makes goes through TalvexCallScalar or
+// TalvexCallStruct (talvex_client.h), which report a failure at the client
+// level as the operations do. Where a command's rules give a failed call no
+// client-level report, or put it after the command's own output (setstate,
+// the power log controls, clkmeasure, a profile entry by name, listsensors,
+// sensorinfo's property reads, perfmon enabled), the command calls
+// IOConnectCall*Method itself.
 
 // ---------------------------------------------------------------------------
 // Devices.
@@ -46,6 +54,10 @@ void TalvexHexDump(const void *bytes, uint32_t length);
 long TalvexParseHex(const char *word);         // strtol, base 16 ("10" is sixteen; 0x optional)
 long TalvexParseDec(const char *word);         // strtol, base 10
 long long TalvexParseHex64(const char *word);  // strtoll, base 16
+uint8_t TalvexParseHexByte(const char *word);  // base 16, cut to one byte ("1ff" is 0xff)
+
+// The text of a return code; empty when the system has none.
+const char *TalvexCodeText(IOReturn code);
 
 // ---------------------------------------------------------------------------
 // Command handlers: (argument count, argument vector from the command word on)
@@ -81,16 +93,6 @@ int TalvexCmdSet(int argc, char *argv[]);
 // uart.cpp
 int TalvexCmdUart(int argc, char *argv[]);
 
-// bus.cpp: the driver calls these commands make themselves. A failed call is
-// reported here ("result == 0 ", as a client operation reports its own) and
-// the command reports it once more.
-IOReturn TalvexBusStructCall(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
-                             void *output, size_t *output_size);
-IOReturn TalvexBusScalarCall(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count,
-                             uint64_t *output, uint32_t *output_count);
-// A hexadecimal word cut to one byte ("1ff" is 0xff).
-uint8_t TalvexParseHexByte(const char *word);
-
 // start.cpp
 int TalvexCmdStart(int argc, char *argv[]);
 
@@ -125,15 +127,6 @@ int TalvexCmdSensorInfo(int argc, char *argv[]);
 // perfmon.cpp
 int TalvexCmdPerfmon(int argc, char *argv[]);
 int TalvexCmdSetBaudRate(int argc, char *argv[]);
-
-// diag.cpp: driver calls the diagnostics commands make themselves. A failed
-// call is reported here ("result == 0 ", as a client operation reports its
-// own); the command decides whether it reports it once more.
-IOReturn TalvexDiagScalarCall(TalvexHandle *talvex, uint32_t selector, const uint64_t *input, uint32_t input_count);
-IOReturn TalvexDiagStructCall(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
-                              void *output, size_t *output_size);
-// The text of a return code; empty when the system has none.
-const char *TalvexDiagCodeText(IOReturn code);
 
 // ---------------------------------------------------------------------------
 // Report commands.

@@ -122,7 +122,7 @@ int TalvexCmdUart(int argc, char *argv[]) {
     uint8_t reply[kUartReplySize];
     std::memset(reply, 0xff, sizeof reply);
     size_t reply_size = sizeof reply;
-    IOReturn result = TalvexBusStructCall(talvex, kTalvexUart, request, sizeof request, reply, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexUart, request, sizeof request, reply, &reply_size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     } else if (with_reply) {

@@ -82,7 +82,7 @@ std::string failed(const std::string &text, const std::string &file) {
 
 // A failed driver call: reported where the call was made and by the command.
 void expect_call_failed(const Simulator &sim, const Words &args, const std::string &text, const std::string &file,
-                        const std::string &call_file = "talvexctl/bus.cpp") {
+                        const std::string &call_file = "client/operations.cpp") {
     Outcome o = run(sim, args);
     EXPECT_EQ(o.r.status, 1) << args[0];
     EXPECT_EQ(o.err, failed(text, call_file) + failed(text, "talvexctl/" + file)) << args[0];
@@ -155,7 +155,7 @@ TEST(Registers, ReadRegAsksForTheHexLengthAndDumpsIt) {
     control(sim, {"stub", "--selector", "6", "--code", "0xe00002ed", "--times", "1"});
     Outcome o = run(sim, {"readreg", "gyro", "0", "1"});
     EXPECT_EQ(o.r.out, "");   // no dump after a failure
-    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/registers.cpp"));
+    EXPECT_EQ(o.err, failed(kNotResponding, "client/operations.cpp") + failed(kNotResponding, "talvexctl/registers.cpp"));
     EXPECT_EQ(o.r.status, 1);
 }
 
@@ -190,7 +190,7 @@ TEST(Registers, BbSendsOneScalarAndCmaItsBytes) {
     Outcome o = run(sim, {"bb", "-1"});
     ASSERT_EQ(o.calls.size(), 1u);
     EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{0xffffffff});   // 32-bit two's complement
-    EXPECT_EQ(o.err, failed(kBadArgument, "talvexctl/bus.cpp") + failed(kBadArgument, "talvexctl/registers.cpp"));
+    EXPECT_EQ(o.err, failed(kBadArgument, "client/operations.cpp") + failed(kBadArgument, "talvexctl/registers.cpp"));
     expect_refused(sim, {"bb"}, "argc == 2", "registers.cpp");
     expect_refused(sim, {"bb", "1", "2"}, "argc == 2", "registers.cpp");
 
@@ -235,7 +235,7 @@ TEST(Spi, ReadFormDumpsFromTheReplyAreaThroughTheDataArea) {
     control(sim, {"stub", "--selector", "5", "--code", "0xe00002ed", "--times", "1"});
     Outcome o = run(sim, {"spi", "read", "0", "x", "1", "2"});
     EXPECT_EQ(o.r.out, "");
-    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/spi_i2c.cpp"));
+    EXPECT_EQ(o.err, failed(kNotResponding, "client/operations.cpp") + failed(kNotResponding, "talvexctl/spi_i2c.cpp"));
 }
 
 TEST(Spi, WriteFormLengthsAndRefusals) {
@@ -486,7 +486,7 @@ TEST(Uart, RepliesDependOnThePayloadAndTheLinkIsLogged) {
     // The bb partner misses a frame without a long enough preamble.
     Outcome o = run(sim, {"uart", "pingreply", "bb", "1"});
     EXPECT_EQ(o.r.out, "");
-    EXPECT_EQ(o.err, failed(kNotResponding, "talvexctl/bus.cpp") + failed(kNotResponding, "talvexctl/uart.cpp"));
+    EXPECT_EQ(o.err, failed(kNotResponding, "client/operations.cpp") + failed(kNotResponding, "talvexctl/uart.cpp"));
     ASSERT_EQ(o.events.size(), 1u);
     EXPECT_EQ(o.events[0],
               R"({"service":"ZantraTalvexProcessor","event":"uart","port":"bb","container":"pingreply","retries":0,)"

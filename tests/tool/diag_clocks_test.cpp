@@ -200,7 +200,7 @@ TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
     o = run(sim, {"powerlog", "getpowerlog"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "");
-    EXPECT_EQ(o.err, coded(kGeneralError, "diag.cpp") + coded(kGeneralError, "powerlog.cpp"));
+    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "powerlog.cpp"));
 }
 
 // The first number after `key` on the line that starts with `start`.

@@ -163,7 +163,7 @@ TEST(SetBaudRate, AcceptsTheFourRatesByTheirLow32Bits) {
     stub_code(sim, "29", "0xe00002bc");
     o = run(sim, {"setbaudrate", "1500000"});
     EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.err, coded(kGeneralError, "diag.cpp") + coded(kGeneralError, "perfmon.cpp"));
+    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "perfmon.cpp"));
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST(Profile, StartAndResetSayOkStopSaysNothing) {
         o = run(sim, {"profile", word});
         EXPECT_EQ(o.r.status, 1) << word;
         EXPECT_EQ(o.r.out, "") << word;
-        EXPECT_EQ(o.err, coded(kGeneralError, "diag.cpp") + coded(kGeneralError, "profile.cpp")) << word;
+        EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "profile.cpp")) << word;
     }
 }
 
@@ -120,7 +120,7 @@ TEST(Profile, EmptySummaryAndFailuresPartWay) {
     o = run(sim, {"profile", "print"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "");
-    EXPECT_EQ(o.err, coded(kGeneralError, "diag.cpp") + coded(kGeneralError, "profile.cpp"));
+    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "profile.cpp"));
 
     // The second function fails: what was printed stays, nothing follows.
     stub_once(sim, "22", Hex().u32(0).u32(3).u32(5).str());
@@ -212,7 +212,7 @@ TEST(Profile, LiveFiguresGrowWhileStartedFreezeWhenStoppedAndClearOnReset) {
     ASSERT_EQ(sim.tool({"stop"}).status, 0);
     Outcome down = run(sim, {"profile", "print"});
     EXPECT_EQ(down.r.status, 1);
-    EXPECT_EQ(down.err, coded(kNotReady, "diag.cpp") + coded(kNotReady, "profile.cpp"));
+    EXPECT_EQ(down.err, from_operation(kNotReady) + coded(kNotReady, "profile.cpp"));
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ TEST(Lifecycle, PlainCommandsCallTheirMethodAndPrintNothing) {
 TEST(Lifecycle, FailedMethodIsReportedTwiceAndFails) {
     Simulator sim;
     const std::string twice =
-        "AssertMacros: result == 0 , (iokit/common) general error (0xe00002bc)  file: talvexctl/lifecycle.cpp, line: N\n"
+        "AssertMacros: result == 0 , (iokit/common) general error (0xe00002bc)  file: client/operations.cpp, line: N\n"
         "AssertMacros: result == 0 , (iokit/common) general error (0xe00002bc)  file: talvexctl/lifecycle.cpp, line: N\n";
     for (auto [command, selector] : std::vector<std::pair<std::string, std::string>>{
              {"reset", "1"}, {"stop", "3"}, {"timesync", "10"}, {"tymesync", "10"}}) {
@@ -86,7 +86,7 @@ TEST(Lifecycle, PingPrintsTheOutcome) {
     EXPECT_EQ(bad.status, 1);
     EXPECT_EQ(bad.out, "ping result: (iokit/common) I/O Timeout (0xe00002d6)\n");
     EXPECT_EQ(normalise(bad.err),
-              "AssertMacros: result == 0 , (iokit/common) I/O Timeout (0xe00002d6)  file: talvexctl/lifecycle.cpp, line: N\n"
+              "AssertMacros: result == 0 , (iokit/common) I/O Timeout (0xe00002d6)  file: client/operations.cpp, line: N\n"
               "AssertMacros: result == 0 , (iokit/common) I/O Timeout (0xe00002d6)  file: talvexctl/lifecycle.cpp, line: N\n");
 
     // A code of a system without texts still prints a line.

@@ -132,7 +132,7 @@ TEST(Power, WakeSendsADecimalNumber) {
     RunResult r = sim.tool({"wake", "1"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)"));
+    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)", "client/operations.cpp"));
 }
 
 TEST(Power, HaltAndHaltMsSendDelayDurationAndLevel) {
@@ -175,7 +175,7 @@ TEST(Power, HaltAndHaltMsSendDelayDurationAndLevel) {
     r = sim.tool({"halt_ms", "1", "1"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)"));
+    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)", "client/operations.cpp"));
 }
 
 TEST(Power, HaltStopsTheCoprocessorAnsweringForItsDuration) {
@@ -227,7 +227,7 @@ TEST(Power, PanicSendsItsTextWithTheNul) {
     r = sim.tool({"panic", "again"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)"));
+    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)", "client/operations.cpp"));
 
     expect_refused_before_open(sim, {"panic", "a", "b"}, "argc == 1 || argc == 2");
     EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
@@ -244,7 +244,7 @@ TEST(Power, ReportAnnouncesItselfThenCalls) {
     RunResult r = sim.tool({"report"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "calling test report\n");
-    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)"));
+    EXPECT_EQ(normalise(r.err), failed("(iokit/common) not ready (0xe00002d8)", "client/operations.cpp"));
 }
 
 TEST(Power, RateSetsPropertyTwentyTwoOfTheTalvexDevice) {
@@ -285,7 +285,7 @@ TEST(Power, HiddenControlsCallTheirMethods) {
     expect_control(sim, {"stub", "--selector", "15", "--code", "0xe00002c7"});
     r = sim.tool({"conn"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(normalise(r.err), failed("(iokit/common) unsupported function (0xe00002c7)"));
+    EXPECT_EQ(normalise(r.err), failed("(iokit/common) unsupported function (0xe00002c7)", "client/operations.cpp"));
 }
 
 TEST(Power, SetPropertyWritesANumberToTheDriversRegistryEntry) {
