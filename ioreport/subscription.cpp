@@ -296,7 +296,9 @@ CFMutableDictionaryRef IOReportCreateSamplesRaw(CFMutableDictionaryRef subscribe
                 uint64_t type = load64(run + kElemType);
                 setChannelType(channel, &type);
             }
-            CFOwner<CFMutableDataRef> elements(CFDataCreateMutable(nullptr, 0));
+            // Room for the whole run up front: the bytes then sit in the data
+            // object's own allocation.
+            CFOwner<CFMutableDataRef> elements(CFDataCreateMutable(nullptr, static_cast<CFIndex>(count * kElementSize)));
             if (!elements) return 1;
             CFDataAppendBytes(elements.get(), run, static_cast<CFIndex>(count * kElementSize));
             CFDictionarySetValue(copy, kRawElements(), elements.get());

@@ -3,14 +3,18 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <vector>
 
+// Bytes the object owns start in the same allocation, right after the
+// header, so a data object is one allocation; a mutable one that outgrows that
+// room moves its bytes to a buffer of their own.
 struct __CFData {
     CFRuntimeBase base;
     uint8_t *bytes;
     size_t length;
     size_t capacity;
-    bool free_bytes;   // false for no-copy bytes under kCFAllocatorNull
+    bool free_bytes;   // bytes is a buffer of its own to free (not inline, not no-copy)
     bool is_mutable;
 };
 
@@ -25,22 +29,19 @@ __CFData *as_mutable_data(CFTypeRef cf, const char *function) {
     return d;
 }
 
-// A data object owning a copy of `length` bytes (zero-filled when bytes is null).
+uint8_t *inline_bytes(__CFData *d) { return reinterpret_cast<uint8_t *>(d) + sizeof(__CFData); }
+
+// A data object owning a copy of `length` bytes (zero-filled when bytes is
+// null), with room for `capacity` bytes in the same allocation.
 __CFData *new_data(const uint8_t *bytes, size_t length, size_t capacity, bool is_mutable) noexcept {
     capacity = std::max({capacity, length, size_t{1}});
-    auto buffer = static_cast<uint8_t *>(std::calloc(capacity, 1));
-    if (buffer == nullptr) return nullptr;
-    if (bytes != nullptr && length != 0) std::memcpy(buffer, bytes, length);
-    __CFData *d = make_object<__CFData>(kDataTypeID);
-    if (d == nullptr) {
-        std::free(buffer);
-        return nullptr;
-    }
-    d->bytes = buffer;
-    d->length = length;
-    d->capacity = capacity;
-    d->free_bytes = true;
-    d->is_mutable = is_mutable;
+    if (capacity > std::numeric_limits<size_t>::max() - sizeof(__CFData)) return nullptr;
+    void *memory = std::malloc(sizeof(__CFData) + capacity);
+    if (memory == nullptr) return nullptr;
+    auto d = new (memory) __CFData{CFRuntimeBase{kDataTypeID, 1}, nullptr, length, capacity, false, is_mutable};
+    d->bytes = inline_bytes(d);
+    if (bytes != nullptr && length != 0) std::memcpy(d->bytes, bytes, length);
+    std::memset(d->bytes + (bytes != nullptr ? length : 0), 0, capacity - (bytes != nullptr ? length : 0));
     return d;
 }
 
@@ -48,10 +49,17 @@ __CFData *new_data(const uint8_t *bytes, size_t length, size_t capacity, bool is
 void reserve(__CFData *d, size_t length, const char *function) {
     if (length > d->capacity) {
         size_t capacity = std::max(length, d->capacity * 2);
-        auto buffer = static_cast<uint8_t *>(std::realloc(d->bytes, capacity));
+        uint8_t *buffer;
+        if (d->free_bytes) {
+            buffer = static_cast<uint8_t *>(std::realloc(d->bytes, capacity));
+        } else {
+            buffer = static_cast<uint8_t *>(std::malloc(capacity));
+            if (buffer != nullptr) std::memcpy(buffer, d->bytes, d->length);
+        }
         if (buffer == nullptr) fatal(function, "out of memory");
         d->bytes = buffer;
         d->capacity = capacity;
+        d->free_bytes = true;
     }
 }
 
