@@ -191,6 +191,29 @@ void describe(CFMutableDictionaryRef channel) {
     getChannelConfig(channel);
 }
 
+// No level of the aggregate is left empty: every channel list has a channel
+// and every driver or group table an entry, each holding something.
+bool no_empty_levels(CFDictionaryRef level) {
+    CFTypeRef list = CFDictionaryGetValue(level, CFSTR("IOReportChannels"));
+    if (list && CFGetTypeID(list) == CFArrayGetTypeID() && CFArrayGetCount(static_cast<CFArrayRef>(list)) == 0)
+        return false;
+    for (CFStringRef key : {CFSTR("IOReportDrivers"), CFSTR("IOReportChannelGroups")}) {
+        CFTypeRef table = CFDictionaryGetValue(level, key);
+        if (!table || CFGetTypeID(table) != CFDictionaryGetTypeID()) continue;
+        auto t = static_cast<CFDictionaryRef>(table);
+        CFIndex n = CFDictionaryGetCount(t);
+        if (n == 0) return false;
+        std::vector<const void *> keys(static_cast<size_t>(n)), values(static_cast<size_t>(n));
+        CFDictionaryGetKeysAndValues(t, keys.data(), values.data());
+        for (const void *v : values) {
+            if (!v || CFGetTypeID(v) != CFDictionaryGetTypeID()) continue;
+            auto child = static_cast<CFDictionaryRef>(v);
+            if (CFDictionaryGetCount(child) == 0 || !no_empty_levels(child)) return false;
+        }
+    }
+    return true;
+}
+
 void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
     if (!agg) return;
     int count = IOReportGetChannelCount(agg);
@@ -218,9 +241,20 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
         }
     }
 
+    // A clone keeps the copies its block returned 0 for.
+    int kept = 0;
+    bool stopped = false;
     Ref<CFMutableDictionaryRef> clone(cloneAggregate(agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
-        return walk_result(in);
+        int r = walk_result(in);
+        kept += r == 0;
+        stopped |= (r & 1) != 0;
+        return r;
     }));
+    if (!stopped && count >= 0 && (!clone || IOReportGetChannelCount(clone.get()) != kept)) {
+        std::fprintf(stderr, "legend_fuzz: a clone kept %d of %d channels, not %d\n",
+                     clone ? IOReportGetChannelCount(clone.get()) : -1, count, kept);
+        std::abort();
+    }
     Ref<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
     Ref<CFMutableDictionaryRef> compared(compareAggregates(
         whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) {
@@ -237,8 +271,25 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
         IOReportSelectChannelsInGroup(whole.get(), group.get(), subgroup.get(), &error);
         release(error);
     }
-    IOReportPrune(agg, [&](CFMutableDictionaryRef) { return walk_result(in); });
-    IOReportGetChannelCount(agg);
+
+    // A prune removes the channels its block returned 16 for, and the levels it empties.
+    int removed = 0, visited = 0;
+    stopped = false;
+    IOReportPrune(agg, [&](CFMutableDictionaryRef) {
+        int r = walk_result(in);
+        ++visited;
+        removed += r == kIOReportIterSkipped;
+        stopped |= (r & 1) != 0;
+        return r;
+    });
+    if (!stopped && count >= 0) {
+        int left = IOReportGetChannelCount(agg);
+        if (visited != count || left != count - removed || !no_empty_levels(agg)) {
+            std::fprintf(stderr, "legend_fuzz: a prune of %d channels (%d walked, %d removed) left %d%s\n", count,
+                         visited, removed, left, no_empty_levels(agg) ? "" : " and an empty level");
+            std::abort();
+        }
+    }
 }
 
 }  // namespace
@@ -291,5 +342,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     for (auto &agg : found) exercise(in, agg.get());
     host.check_link();
+    for (const auto *cls : {sim::kCoprocessorClass, sim::kReportHubClass, "TalvexSensorHub", "TalvexPMU"})
+        SimHost::check_released(cls, "discovery");
     return 0;
 }

@@ -8,7 +8,8 @@
 // control commands from the control words), now and then with bytes left
 // over. Between messages time may move on (running due timers) and a client
 // may disconnect. Every request must get exactly one well-formed reply with
-// its own op and sequence number; events must be well-formed too.
+// its own op and sequence number; events must be well-formed too. Once both
+// clients are gone, none of their user clients or registrations may remain.
 #include <IOKit/IOCFSerialize.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -213,5 +214,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         s.handle(client, std::span<const uint8_t>(frame).subspan(4));
         if (sink.replies != 1) fail("a request that did not get exactly one reply", op);
     }
+    // Both clients gone: nothing of theirs may remain.
+    s.client_gone(1);
+    s.client_gone(2);
+    if (s.connection_count() != 0 || s.interest_count() != 0) fail("disconnected clients left state behind", 0);
     return 0;
 }

@@ -4,12 +4,13 @@
 //
 // An input first sets the simulator up: the coprocessor's state, stubbed
 // answers for any selector (return code, output bytes, reported output size,
-// scalar outputs, how many times), failing user-client opens, an odd
+// scalar outputs, one to four times), failing user-client opens, an odd
 // "talvex-state" property or a hidden driver, and how far simulated time
 // moves per request. Then it runs up to three commands, each an argument
-// vector of command-table words, numbers and raw text. Every command must
-// exit with 0 or 1, leave no user client open in the simulator and keep the
-// host's link to it intact; the sanitizers catch the rest.
+// vector shaped after the command's usage (now and then bent), or of any
+// words at all. Every command must exit with 0 or 1, leave no user client
+// open in the simulator and no handle on the driver's service, and keep the
+// host's link to the simulator intact; the sanitizers catch the rest.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <getopt.h>
 
@@ -30,15 +31,59 @@ namespace {
 using talvex::fuzz::SimHost;
 namespace sim = talvex::sim;
 
-// The command table's words, less the three commands that never return.
-constexpr std::string_view kCommands[] = {
-    "help",     "reset",    "ping",     "start",    "stop",     "gettalvexstate", "readreg",     "writereg",
-    "bb",       "timesync", "tymesync", "cma",      "spi",      "i2c",            "mem",         "gpio",
-    "rate",     "fw0",      "fw1",      "conn",     "pmu",      "get",            "set",         "setstate",
-    "wake",     "halt",     "halt_ms",  "profile",  "clkredirect", "clkmeasure",  "clkstartup",  "powerlog",
-    "setbaudrate", "listclients", "listsensors", "sensorinfo", "panic", "report", "setproperty", "uart",
-    "perfmon",
+// The command table's words, less the three commands that never return,
+// each with the shape of its arguments: words separated by blanks, where
+// a|b|c is one of the literals, dev a device name, hex a hexadecimal number,
+// dec a decimal one, text any text, and a trailing * repeats a word (zero
+// or more times) and ? makes it optional. Several shapes are separated by ';'.
+struct Shape {
+    std::string_view command, shapes;
 };
+constexpr Shape kCommands[] = {
+    {"help", ""},
+    {"reset", ""},
+    {"ping", ""},
+    {"start", "--noautobaud|--nowaitforready|--notimesync|--noheartbeat|--noconfig|--debug|--nopaniccheck|-a|-d|-p|--bogus* text? dec?"},
+    {"stop", ""},
+    {"gettalvexstate", ""},
+    {"readreg", "dev hex hex"},
+    {"writereg", "dev hex hex hex*"},
+    {"bb", "dec"},
+    {"timesync", ""},
+    {"tymesync", ""},
+    {"cma", "hex*"},
+    {"spi", "read|write hex hex*"},
+    {"i2c", "read hex hex hex; readreg hex hex hex hex; write hex hex hex*; writereg hex hex hex hex*"},
+    {"mem", "read hex hex hex; write hex hex hex*"},
+    {"gpio", "read dec; write dec dec"},
+    {"rate", "dec"},
+    {"fw0", ""},
+    {"fw1", ""},
+    {"conn", ""},
+    {"pmu", "hex"},
+    {"get", "hex hex"},
+    {"set", "hex hex hex"},
+    {"setstate", "hex"},
+    {"wake", "dec"},
+    {"halt", "dec dec?"},
+    {"halt_ms", "dec dec dec?"},
+    {"profile", "start|stop|reset|print; gethitpoint|getfunction dec|text"},
+    {"clkredirect", "enable|disable"},
+    {"clkmeasure", "irc|pll|lfosc|current|ircdiff?"},
+    {"clkstartup", ""},
+    {"powerlog", "start|stop|reset|getpowerlog"},
+    {"setbaudrate", "112500|750000|1500000|3000000|dec"},
+    {"listclients", "dev"},
+    {"listsensors", ""},
+    {"sensorinfo", "dev"},
+    {"panic", "text?"},
+    {"report", ""},
+    {"setproperty", "text hex"},
+    {"uart", "ping|pingreply|cmreply|raw ap|bb|isp hex*; ping|pingreply|cmreply|raw ap|bb|isp --preamble|--retry dec hex*; "
+             "ping|pingreply|cmreply|raw ap|bb|isp text"},
+    {"perfmon", "dev auto|enable|disable|enabled|report"},
+};
+constexpr std::string_view kDevices[] = {"gyro", "accel", "compass", "pressure", "talvex", "corvel", "prox"};
 constexpr std::string_view kNeverReturn[] = {"monitor", "ioreport", "cpuload"};
 
 // Words the handlers look for, and numbers near their limits.
@@ -65,10 +110,58 @@ std::string number_word(FuzzedDataProvider &in) {
     return buf;
 }
 
-std::vector<std::string> argument_vector(FuzzedDataProvider &in) {
-    std::vector<std::string> words{"talvexctl"};
-    size_t which = in.ConsumeIntegralInRange<size_t>(0, std::size(kCommands));
-    words.emplace_back(which < std::size(kCommands) ? std::string(kCommands[which]) : in.ConsumeRandomLengthString(16));
+std::vector<std::string_view> split(std::string_view text, char by) {
+    std::vector<std::string_view> parts;
+    while (!text.empty()) {
+        size_t at = text.find(by);
+        std::string_view part = text.substr(0, at);
+        while (!part.empty() && part.front() == ' ') part.remove_prefix(1);
+        if (!part.empty()) parts.push_back(part);
+        if (at == std::string_view::npos) break;
+        text.remove_prefix(at + 1);
+    }
+    return parts;
+}
+
+// One word for a shape's word (its * or ? already taken off).
+std::string word_for(FuzzedDataProvider &in, std::string_view word) {
+    std::vector<std::string_view> choices = split(word, '|');
+    std::string_view kind = choices[in.ConsumeIntegralInRange<size_t>(0, choices.size() - 1)];
+    if (kind == "dev") return std::string(kDevices[in.ConsumeIntegralInRange<size_t>(0, std::size(kDevices) - 1)]);
+    if (kind == "hex") {
+        char buf[24];
+        auto v = in.ConsumeIntegral<uint64_t>();
+        std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(in.ConsumeBool() ? v & 0x1f : v & 0xff));
+        return in.ConsumeIntegralInRange(0, 7) == 0 ? number_word(in) : buf;
+    }
+    if (kind == "dec") {
+        if (in.ConsumeIntegralInRange(0, 3) == 0) return number_word(in);
+        return std::to_string(in.ConsumeIntegralInRange<unsigned>(0, 20));
+    }
+    if (kind == "text") return in.ConsumeRandomLengthString(80);
+    return std::string(kind);
+}
+
+// Words following a shape of the command.
+void shaped(FuzzedDataProvider &in, std::string_view shapes, std::vector<std::string> &words) {
+    std::vector<std::string_view> alternatives = split(shapes, ';');
+    if (alternatives.empty()) return;
+    for (std::string_view w : split(alternatives[in.ConsumeIntegralInRange<size_t>(0, alternatives.size() - 1)], ' ')) {
+        if (w.back() == '?') {
+            if (in.ConsumeBool()) words.push_back(word_for(in, w.substr(0, w.size() - 1)));
+        } else if (w.back() == '*') {
+            // Long runs now and then: some commands refuse more than 16 or 256 words.
+            size_t n = in.ConsumeIntegralInRange(0, 7) == 0 ? in.ConsumeIntegralInRange<size_t>(0, 300)
+                                                            : in.ConsumeIntegralInRange<size_t>(0, 18);
+            for (size_t k = 0; k < n; ++k) words.push_back(word_for(in, w.substr(0, w.size() - 1)));
+        } else {
+            words.push_back(word_for(in, w));
+        }
+    }
+}
+
+// Words of any kind: table words, numbers, raw text.
+void unshaped(FuzzedDataProvider &in, std::vector<std::string> &words) {
     size_t items = in.ConsumeIntegralInRange<size_t>(0, 24);
     for (size_t i = 0; i < items; ++i) {
         switch (in.ConsumeIntegralInRange(0, 7)) {
@@ -86,6 +179,37 @@ std::vector<std::string> argument_vector(FuzzedDataProvider &in) {
         }
         default: words.push_back(in.ConsumeRandomLengthString(80)); break;
         }
+    }
+}
+
+// An argument vector: mostly a command with arguments of its shape, with a
+// word now and then dropped, changed or added; sometimes any words at all.
+std::vector<std::string> argument_vector(FuzzedDataProvider &in) {
+    std::vector<std::string> words{"talvexctl"};
+    size_t which = in.ConsumeIntegralInRange<size_t>(0, std::size(kCommands));
+    if (which == std::size(kCommands)) {
+        words.push_back(in.ConsumeRandomLengthString(16));
+        unshaped(in, words);
+        return words;
+    }
+    words.emplace_back(kCommands[which].command);
+    switch (in.ConsumeIntegralInRange(0, 7)) {
+    case 0: unshaped(in, words); break;
+    case 1:
+        shaped(in, kCommands[which].shapes, words);
+        if (words.size() > 2) words.erase(words.begin() + static_cast<long>(in.ConsumeIntegralInRange<size_t>(2, words.size() - 1)));
+        break;
+    case 2:
+        shaped(in, kCommands[which].shapes, words);
+        words.insert(words.begin() + static_cast<long>(in.ConsumeIntegralInRange<size_t>(2, words.size())),
+                     std::string(kWords[in.ConsumeIntegralInRange<size_t>(0, std::size(kWords) - 1)]));
+        break;
+    case 3:
+        shaped(in, kCommands[which].shapes, words);
+        if (words.size() > 2)
+            words[in.ConsumeIntegralInRange<size_t>(2, words.size() - 1)] = in.ConsumeRandomLengthString(80);
+        break;
+    default: shaped(in, kCommands[which].shapes, words); break;
     }
     return words;
 }
@@ -129,7 +253,10 @@ void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
             stub.output_size = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint64_t>(0, 512) : in.ConsumeIntegral<uint64_t>();
         size_t scalars = in.ConsumeIntegralInRange<size_t>(0, 3);
         for (size_t k = 0; k < scalars; ++k) stub.scalar_outputs.push_back(in.ConsumeIntegral<uint64_t>());
-        if (in.ConsumeBool()) stub.times = in.ConsumeIntegralInRange<uint64_t>(1, 3);
+        // A budget for every stub: listclients and profile print call once
+        // per entry the driver reports, so an answer repeated forever could
+        // keep them calling for 2^32 rounds.
+        stub.times = in.ConsumeIntegralInRange<uint64_t>(1, 4);
         s.stubs().add(std::move(stub));
     }
     if (in.ConsumeIntegralInRange(0, 15) == 0) {
@@ -183,6 +310,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             std::abort();
         }
         host.check_link();
+        SimHost::check_released(sim::kCoprocessorClass, words[1].c_str());
     }
     return 0;
 }

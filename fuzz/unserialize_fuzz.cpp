@@ -4,7 +4,8 @@
 // message. What it returns must go back out through IOCFSerialize (the parser
 // accepts nothing the writer cannot write), read back equal, and write the
 // same text again. Reading with and without an explicit size gives the same
-// result, since a NUL ends the text either way.
+// result, since a NUL ends the text either way. A failed parse explains
+// itself as "line N: what".
 #include <IOKit/IOCFSerialize.h>
 #include <IOKit/IOCFUnserialize.h>
 
@@ -37,6 +38,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Ref<CFStringRef> error(message);
     if (!parsed && !error) fail("a failed parse gave no message");
     if (parsed && error) fail("a successful parse gave a message");
+    if (error) {
+        // "line N: what"
+        std::string m = talvex::fuzz::utf8(error.get());
+        size_t digits = m.size() > 5 ? m.find_first_not_of("0123456789", 5) : std::string::npos;
+        if (m.compare(0, 5, "line ") != 0 || digits == 5 || digits == std::string::npos || m.compare(digits, 2, ": ") != 0 ||
+            m.size() == digits + 2)
+            fail("a parse error message is not \"line N: what\"");
+    }
 
     // The same text, ended by a NUL instead of a size.
     std::string terminated(text, size);

@@ -181,4 +181,15 @@ void SimHost::check_link() {
     }
 }
 
+void SimHost::check_released(const char *class_name, const char *who) {
+    io_service_t service = IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching(class_name));
+    if (!service) return;
+    uint32_t count = IOObjectGetUserRetainCount(service);
+    IOObjectRelease(service);
+    if (count != 1) {
+        std::fprintf(stderr, "sim_host: %s left %u handle(s) on %s\n", who, count - 1, class_name);
+        std::abort();
+    }
+}
+
 }  // namespace talvex::fuzz

@@ -41,6 +41,11 @@ public:
     // a fresh simulation never should. Costs one round trip.
     void check_link();
 
+    // Aborts with a message naming `who` when the process still holds a
+    // handle on the published service of `class_name`: a registry entry has
+    // one handle per process, so a fresh lookup must find its count at 1.
+    static void check_released(const char *class_name, const char *who);
+
 private:
     SimHost();
     struct State;
