@@ -1,4 +1,5 @@
-// The assertion diagnostic and the state names, in-process.
+// The assertion diagnostic in both forms, in-process. (State names: the
+// gettalvexstate and monitor tests.)
 #include "talvex_client.h"
 
 #include <gtest/gtest.h>
@@ -35,19 +36,6 @@ TEST(AssertReport, MacroNamesTheCheckingSite) {
     TALVEX_ASSERT_REPORT("talvex", "", 0);
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(err, "AssertMacros: talvex,  file: " + std::string(__FILE__) + ", line: " + std::to_string(line) + "\n");
-}
-
-TEST(StateNames, TableAndUnknown) {
-    EXPECT_STREQ(TalvexStateNameFor(0x0), "off");
-    EXPECT_STREQ(TalvexStateNameFor(0x10000), "stopped");
-    EXPECT_STREQ(TalvexStateNameFor(0x10001), "booting");
-    EXPECT_STREQ(TalvexStateNameFor(0x10002), "booted");
-    EXPECT_STREQ(TalvexStateNameFor(0x10003), "notresponding");
-    EXPECT_STREQ(TalvexStateNameFor(0x10004), "panic");
-    EXPECT_STREQ(TalvexStateNameFor(0x20000), "unknown");
-    EXPECT_STREQ(TalvexStateNameFor(0x10005), "unknown");
-    EXPECT_STREQ(TalvexStateNameFor(~0ull), "unknown");
-    EXPECT_STREQ(TalvexStateNameFor(0x100010002ull), "unknown");
 }
 
 }  // namespace

@@ -8,9 +8,8 @@
 // The commands run in a child process, so the driver connection and the
 // tool's output belong to it alone; the child names each case on a pipe
 // before running it, so a crash is reported with the words that caused it.
-#include "harness.h"
 #include "talvexctl.h"
-#include "trace_calls.h"
+#include "tool_support.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,6 @@
 // clkredirect, clkmeasure, clkstartup and powerlog end to end: requests,
-// exact output from stubbed replies, diagnostics, and the live model's
-// figures.
-#include "diag_support.h"
+// exact output from stubbed replies, diagnostics, and a live power log.
+#include "tool_support.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,9 +10,8 @@
 namespace {
 
 using namespace talvex::test;
-using namespace talvex::test::diag;
 
-TEST(Clocks, RedirectSendsOneOrZeroAndChecksItsWordAfterTheOpen) {
+TEST(Clocks, RedirectSendsOneOrZero) {
     Simulator sim;
     for (auto [word, value] : {std::pair{"enable", 1u}, {"disable", 0u}}) {
         Outcome o = run(sim, {"clkredirect", word});
@@ -23,17 +21,6 @@ TEST(Clocks, RedirectSendsOneOrZeroAndChecksItsWordAfterTheOpen) {
         EXPECT_EQ(o.calls[0].selector, 28);
         EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{value});
     }
-    for (const Words &args : {Words{"clkredirect"}, Words{"clkredirect", "Enable"}}) {
-        Outcome o = run(sim, args);
-        EXPECT_EQ(o.r.status, 1);
-        EXPECT_EQ(o.err, check("", "clocks.cpp", "unexpected parameter"));
-        EXPECT_EQ(o.opens, 1u);
-        EXPECT_TRUE(o.calls.empty());
-    }
-    stub_code(sim, "28", "0xe00002bc");
-    Outcome o = run(sim, {"clkredirect", "enable"});
-    EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "clocks.cpp"));
 }
 
 TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
@@ -63,39 +50,13 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
         EXPECT_EQ(run(sim, {"clkmeasure", "pll"}).r.out, line);
     }
 
-    Outcome o = run(sim, {"clkmeasure", "IRC"});
-    EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.r.out, "Usage: talvexctl clkmeasure [irc|ircdiff|pll|lfosc|current]\n");
-    EXPECT_EQ(o.opens, 0u);
-
     // A failure: once without the code, once with it, the code's text as message both times.
     stub_code(sim, "32", "0xe00002bc");
-    o = run(sim, {"clkmeasure", "irc"});
+    Outcome o = run(sim, {"clkmeasure", "irc"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "");
     const std::string text = "(iokit/common) general error";
     EXPECT_EQ(o.err, check("result == 0", "clocks.cpp", text) + coded(kGeneralError, "clocks.cpp", text));
-}
-
-// The percentage of a live measurement.
-double live_percent(const Simulator &sim, const std::string &word) {
-    Outcome o = run(sim, {"clkmeasure", word});
-    EXPECT_EQ(o.r.status, 0) << o.r.err;
-    size_t open = o.r.out.find('(');
-    return open == std::string::npos ? 0 : std::strtod(o.r.out.c_str() + open + 1, nullptr);
-}
-
-TEST(Clocks, LiveClocksRunNearTheirReferenceAndRedirectionMovesCurrentToTheIrc) {
-    Simulator sim;
-    EXPECT_NEAR(live_percent(sim, "pll"), 100.0, 0.01);
-    EXPECT_NEAR(live_percent(sim, "lfosc"), 100.0, 0.02);
-    EXPECT_NEAR(live_percent(sim, "irc"), 100.0, 1.0);
-    EXPECT_NEAR(live_percent(sim, "ircdiff"), 100.0, 1.0);
-    std::string current = run(sim, {"clkmeasure", "current"}).r.out;
-    EXPECT_TRUE(std::regex_match(current, std::regex("current clock speed: (99|100)[0-9]{6} Hz .*\n"))) << current;
-    ASSERT_EQ(run(sim, {"clkredirect", "enable"}).r.status, 0);
-    current = run(sim, {"clkmeasure", "current"}).r.out;
-    EXPECT_TRUE(std::regex_match(current, std::regex("current clock speed: 1[12][0-9]{6} Hz .*\n"))) << current;
 }
 
 TEST(Clocks, StartupPrintsThreeLinesFromProperty240) {
@@ -118,19 +79,6 @@ TEST(Clocks, StartupPrintsThreeLinesFromProperty240) {
                                                      "-> e00002c7\n")))
         << o.r.out;
     EXPECT_EQ(o.err, from_operation(kUnsupported) + coded(kUnsupported, "clocks.cpp", "(iokit/common) unsupported function"));
-
-    // Live: mean between min and max for each line.
-    o = run(sim, {"clkstartup"});
-    auto got = lines(o.r.out);
-    ASSERT_EQ(got.size(), 3u) << o.r.out;
-    for (const auto &line : got) {
-        int mean = 0, min = 0, max = 0;
-        ASSERT_EQ(std::sscanf(line.c_str() + line.find("mean:"), "mean:%d ns min:%d ns max:%d ns", &mean, &min, &max), 3)
-            << line;
-        EXPECT_LE(min, mean) << line;
-        EXPECT_LE(mean, max) << line;
-        EXPECT_GT(min, 1000) << line;
-    }
 }
 
 // The power log's lines for a record whose every pair holds (period, entries).
@@ -174,13 +122,6 @@ TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
         EXPECT_EQ(o.r.out, std::string(name) + " power log: " + kGeneralError + "\n");
         EXPECT_EQ(o.err, coded(kGeneralError, "powerlog.cpp") + coded(kGeneralError, "powerlog.cpp"));
     }
-    for (const Words &args : {Words{"powerlog"}, Words{"powerlog", "getPowerLog"}}) {
-        Outcome o = run(sim, args);
-        EXPECT_EQ(o.r.status, 1);
-        EXPECT_EQ(o.err, check("", "powerlog.cpp", "unexpected parameter"));
-        EXPECT_EQ(o.opens, 1u);
-        EXPECT_TRUE(o.calls.empty());
-    }
 }
 
 TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
@@ -189,18 +130,11 @@ TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
     Outcome o = run(sim, {"powerlog", "getpowerlog"});
     EXPECT_EQ(o.r.status, 0);
     EXPECT_EQ(o.r.out, record_text(0, 0, 0, 0));
-    EXPECT_EQ(lines(o.r.out).size(), 23u + 2);
     ASSERT_EQ(o.calls.size(), 1u);
     EXPECT_EQ(o.calls[0].output_size, 196u);
 
     stub_once(sim, "27", record(0x80000000, 7, 0xffffffff, 3));
     EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, record_text(2147483648u, 7, 4294967295u, 3));
-
-    stub_code(sim, "27", "0xe00002bc");
-    o = run(sim, {"powerlog", "getpowerlog"});
-    EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.r.out, "");
-    EXPECT_EQ(o.err, from_operation(kGeneralError) + coded(kGeneralError, "powerlog.cpp"));
 }
 
 // The first number after `key` on the line that starts with `start`.
@@ -222,16 +156,7 @@ TEST(PowerLog, LiveLogAccumulatesWhileStarted) {
     EXPECT_GT(field(log, "    Deep Sleep", "Period = "), 150u) << log;
     EXPECT_GT(field(log, "Device gyro", "events: "), 25u) << log;
     EXPECT_GT(field(log, "Thread 0", "Entry = "), 25u) << log;
-    // The gyro samples twice as often as the compass.
-    EXPECT_NEAR(static_cast<double>(field(log, "Device gyro", "events: ")),
-                2.0 * static_cast<double>(field(log, "Device compass", "events: ")), 3.0);
-
-    ASSERT_EQ(run(sim, {"powerlog", "stop"}).r.status, 0);
-    std::string stopped = run(sim, {"powerlog", "getpowerlog"}).r.out;
-    pause_ms(150);
-    EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, stopped);
-    ASSERT_EQ(run(sim, {"powerlog", "reset"}).r.status, 0);
-    EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, idle);
+    // (How the figures share time, stop and clear: the model's own tests.)
 }
 
 }  // namespace

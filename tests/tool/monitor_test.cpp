@@ -165,16 +165,4 @@ TEST(Monitor, StateWithoutANumericPropertyIsUnknownAndEventsStillArrive) {
     }
 }
 
-TEST(Monitor, RefusedOpenFails) {
-    Simulator sim;
-    ASSERT_EQ(sim.control({"stub", "--open", "--code", "0xe00002c1"}).status, 0);
-    RunResult r = sim.tool({"monitor"}, std::chrono::seconds(10));
-    EXPECT_FALSE(r.timed_out);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(normalise(r.err),
-              "AssertMacros: result == 0 , (iokit/common) privilege violation (0xe00002c1)  file: client/handle.cpp, line: N\n"
-              "AssertMacros: talvex,  file: client/monitor.cpp, line: N\n");
-}
-
 }  // namespace

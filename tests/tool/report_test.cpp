@@ -1,8 +1,7 @@
 // The report commands, ioreport and cpuload: their setup failures, the load
 // arithmetic, and both loops run against a private simulator.
-#include "harness.h"
 #include "report_commands.h"
-#include "trace_calls.h"
+#include "tool_support.h"
 
 #include <gtest/gtest.h>
 
@@ -22,20 +21,10 @@
 
 namespace {
 
-using talvex::test::Process;
-using talvex::test::RunResult;
-using talvex::test::Simulator;
-using talvex::test::TraceCall;
-using talvex::test::trace_calls;
-
-using Args = std::vector<std::string>;
+using namespace talvex::test;
+using Args = Words;
 
 const char *const kReportCommands[] = {"ioreport", "cpuload"};
-
-void expect_control(const Simulator &sim, const Args &args) {
-    RunResult r = sim.control(args);
-    ASSERT_EQ(r.status, 0) << r.err;
-}
 
 std::string percent(float load) {
     char text[64];
@@ -142,31 +131,22 @@ TEST(CpuLoad, ShareOfTheTotalThatWasNotIdle) {
 }
 
 TEST(ReportSetup, NoDriverMeansNoChannelsAndTheSubscriptionFails) {
-    // No simulator at all: an empty registry.
-    for (const char *command : kReportCommands) {
-        RunResult r = talvex::test::run({talvex::test::talvexctl_path(), command},
-                                        {{"TALVEX_SIM_SOCKET", "/nonexistent/talvex-test/sim.sock"}});
-        EXPECT_EQ(r.status, 1) << command;
-        EXPECT_EQ(r.out, "ERROR: IOReportCreateSubscription() failed\n") << command;
-        EXPECT_EQ(r.err, "") << command;
-    }
-
-    // A registry without the coprocessor driver.
+    // A registry without the coprocessor driver (no registry at all: checks_test.cpp).
     Simulator sim;
-    expect_control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
+    control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
     expect_setup_failure(sim, "ERROR: IOReportCreateSubscription() failed");
 }
 
 TEST(ReportSetup, AnUnreadableLegendFailsDiscovery) {
     Simulator sim;
-    expect_control(sim, {"property", "set", "IOReportLegendPublic", "true", "--type", "bool"});
-    expect_control(sim, {"property", "set", "IOReportLegend", "5"});
+    control(sim, {"property", "set", "IOReportLegendPublic", "true", "--type", "bool"});
+    control(sim, {"property", "set", "IOReportLegend", "5"});
     expect_setup_failure(sim, "ERROR: IOReportCopyChannelsForDrivers() failed");
 }
 
 TEST(ReportSetup, ADriverWithoutAPublicLegendHasNoChannels) {
     Simulator sim;
-    expect_control(sim, {"property", "delete", "IOReportLegendPublic"});
+    control(sim, {"property", "delete", "IOReportLegendPublic"});
     expect_setup_failure(sim, "ERROR: IOReportCreateSubscription() failed");
 }
 
@@ -183,7 +163,7 @@ TEST(ReportSetup, AHubThatRefusesFailsTheSubscription) {
         {{"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7"}, 2},
     };
     for (const auto &refusal : refusals) {
-        expect_control(sim, refusal.control);
+        control(sim, refusal.control);
         for (const char *command : kReportCommands) {
             sim.trace(true);
             RunResult r = sim.tool({command});
@@ -200,14 +180,14 @@ TEST(ReportSetup, AHubThatRefusesFailsTheSubscription) {
                 for (const auto &call : calls) EXPECT_NE(call.selector, 3) << command;
             }
         }
-        expect_control(sim, {"stub", "--clear"});
-        expect_control(sim, {"service", "publish", "IOReportHub"});
+        control(sim, {"stub", "--clear"});
+        control(sim, {"service", "publish", "IOReportHub"});
     }
 }
 
 TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
     Simulator sim;
-    expect_control(sim, {"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002bc"});
+    control(sim, {"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002bc"});
     for (const char *command : kReportCommands) {
         sim.trace(true);
         RunResult r = sim.tool({command});
@@ -226,7 +206,7 @@ TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
 
 TEST(Cpuload, PrintsTheLoadOfEachSecondFromTheSecondSampleOn) {
     Simulator sim({"--clock", "step"});
-    expect_control(sim, {"load", "25"});
+    control(sim, {"load", "25"});
     sim.trace(true);
     Running run(sim, "cpuload");
     RunResult r = run.finish(3);
@@ -251,7 +231,7 @@ TEST(Cpuload, PrintsTheLoadOfEachSecondFromTheSecondSampleOn) {
 TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsStill) {
     Simulator sim({"--clock", "step"});
     auto pin = [&](const char *channel, const char *value) {
-        expect_control(sim, {"channel", "set", channel, value});
+        control(sim, {"channel", "set", channel, value});
     };
     pin("TOTAL MS", "10000");
     pin("IDLE MS", "1000");
@@ -280,7 +260,7 @@ TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsSt
     seen_until(taken, 3);
     // Without the driver the samples hold no channels: the counters keep
     // their last values, so the total stands still again.
-    expect_control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
+    control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
     run.resume();
     RunResult r = run.finish(taken + 1);
     seen_until(run.taken(), 3);
@@ -342,8 +322,8 @@ std::string histogram_lines(const char *name, const std::vector<long long> &boun
 TEST(Ioreport, EveryPassPrintsTheHeaderAndOneBlockPerChannel) {
     // The coprocessor's channels and one extra channel of each format.
     Simulator sim({"--clock", "step", "--channels", "4"});
-    expect_control(sim, {"channel", "set", "TOTAL MS", "5000"});
-    expect_control(sim, {"channel", "set", "IDLE MS", "0x1234"});
+    control(sim, {"channel", "set", "TOTAL MS", "5000"});
+    control(sim, {"channel", "set", "IDLE MS", "0x1234"});
     Running run(sim, "ioreport");
     RunResult r = run.finish(2);
     EXPECT_EQ(r.status, 0);

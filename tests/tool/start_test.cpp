@@ -1,8 +1,7 @@
 // start against a private simulator: boot flags from the options, the image
 // dictionary and start number, word counts on both sides of the open, the
 // client operation's failures, and a boot watched by monitor.
-#include "harness.h"
-#include "trace_calls.h"
+#include "tool_support.h"
 
 #include <gtest/gtest.h>
 
@@ -20,31 +19,11 @@
 
 namespace {
 
-using talvex::test::lines;
-using talvex::test::normalise;
-using talvex::test::RunResult;
-using talvex::test::Simulator;
-using talvex::test::trace_calls;
-using talvex::test::trace_opens;
-
-void expect_control(const Simulator &sim, const std::vector<std::string> &args) {
-    RunResult r = sim.control(args);
-    ASSERT_EQ(r.status, 0) << r.err;
-}
-
-std::string hex_of(const std::string &bytes) {
-    static const char kHex[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned char c : bytes) {
-        out += kHex[c >> 4];
-        out += kHex[c & 0xf];
-    }
-    return out;
-}
+using namespace talvex::test;
 
 // The request structure for an image: the serialised dictionary, NUL included.
 std::string image_input(const std::string &absolute_path) {
-    return hex_of("<dict><key>firmware-image-path</key><string>" + absolute_path + "</string></dict>") + "00";
+    return Hex().text("<dict><key>firmware-image-path</key><string>" + absolute_path + "</string></dict>").u8(0);
 }
 
 // A directory with an image file in it, removed afterwards.
@@ -63,23 +42,13 @@ struct ImageDir {
 };
 
 // Runs start from the stopped state and returns the one method-2 call it made.
-talvex::test::TraceCall start_call(const Simulator &sim, const std::vector<std::string> &args) {
-    RunResult stop = sim.tool({"stop"});
-    EXPECT_EQ(stop.status, 0) << stop.err;
-    sim.trace(true);
-    std::vector<std::string> all{"start"};
-    all.insert(all.end(), args.begin(), args.end());
-    RunResult r = sim.tool(all);
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "");
-    auto calls = trace_calls(sim.trace());
-    EXPECT_EQ(calls.size(), 1u);
-    if (calls.empty()) return {};
-    EXPECT_EQ(calls[0].selector, 2);
-    EXPECT_EQ(calls[0].output_size, 0u);
-    EXPECT_EQ(calls[0].scalar_output_count, 0u);
-    return calls[0];
+TraceCall start_call(const Simulator &sim, Words args) {
+    EXPECT_EQ(sim.tool({"stop"}).status, 0);
+    args.insert(args.begin(), "start");
+    TraceCall call = one_call(sim, args);
+    EXPECT_EQ(call.selector, 2);
+    EXPECT_EQ(call.output_size + call.scalar_output_count, 0u);
+    return call;
 }
 
 TEST(Start, OptionsSetTheBootFlags) {
@@ -133,8 +102,7 @@ TEST(Start, ImageAndNumberGoInTheRequest) {
         ASSERT_EQ(sim.tool({"stop"}).status, 0);
         sim.trace(true);
         RunResult r = talvex::test::run(
-            {"/bin/sh", "-c", "cd \"$1\" && exec \"$2\" start \"$3\"", "sh", images.dir, talvex::test::talvexctl_path(),
-             relative},
+            {"/bin/sh", "-c", "cd \"$1\" && exec \"$2\" start \"$3\"", "sh", images.dir, talvexctl_path(), relative},
             sim.env());
         EXPECT_EQ(r.status, 0) << relative << ": " << r.err;
         auto calls = trace_calls(sim.trace());
@@ -142,110 +110,56 @@ TEST(Start, ImageAndNumberGoInTheRequest) {
         EXPECT_EQ(calls[0].input, image_input(images.image())) << relative;
     }
 
-    // The simulated driver boots with it: booting at once, booted shortly after.
-    ASSERT_EQ(sim.tool({"stop"}).status, 0);
-    sim.trace(true);
-    ASSERT_EQ(sim.tool({"start", images.image(), "3"}).status, 0);
-    EXPECT_EQ(sim.tool({"gettalvexstate"}).out, "booting (0x10001)\n");
-    auto trace = sim.trace();
-    ASSERT_FALSE(trace.empty());
-    EXPECT_NE(std::find(trace.begin(), trace.end(),
-                        R"({"service":"ZantraTalvexProcessor","event":"boot","number":3,"flags":1,"image":")" +
-                            images.image() + "\"}"),
-              trace.end());
-    for (int i = 0; i < 100 && sim.tool({"gettalvexstate"}).out != "booted (0x10002)\n"; ++i) usleep(20'000);
-    EXPECT_EQ(sim.tool({"gettalvexstate"}).out, "booted (0x10002)\n");
-    EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report
 }
 
 TEST(Start, WordCountIsJudgedAfterTheOpen) {
     Simulator sim;
-    const std::string invalid =
-        "AssertMacros: result == 0 , (iokit/common) invalid argument (0xe00002c2)  file: talvexctl/start.cpp, line: N\n";
-    for (auto args : std::vector<std::vector<std::string>>{{"start", "a", "b", "c"},
-                                                           {"start", "--debug", "a", "1", "x", "y"}}) {
-        sim.trace(true);
-        RunResult r = sim.tool(args);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(normalise(r.err), invalid);   // once: no driver call to report
-        auto trace = sim.trace();
-        EXPECT_EQ(trace_opens(trace), 1u);
-        EXPECT_TRUE(trace_calls(trace).empty());
+    for (const Words &args : {Words{"start", "a", "b", "c"}, Words{"start", "--debug", "a", "1", "x", "y"}}) {
+        Outcome o = run(sim, args);
+        EXPECT_EQ(o.r.status, 1);
+        EXPECT_EQ(o.r.out, "");
+        EXPECT_EQ(o.err, coded(kBadArgument, "start.cpp"));   // once: no driver call to report
+        EXPECT_EQ(o.opens, 1u);
+        EXPECT_TRUE(o.calls.empty());
     }
-
-    // Without a driver the open fails first, whatever the count.
-    expect_control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
-    for (auto args : std::vector<std::vector<std::string>>{{"start"}, {"start", "a", "b", "c"}}) {
-        RunResult r = sim.tool(args);
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(normalise(r.err),
-                  "AssertMacros: service, cannot find ZantraTalvexProcessor file: client/handle.cpp, line: N\n"
-                  "AssertMacros: talvex,  file: talvexctl/start.cpp, line: N\n");
-    }
-    expect_control(sim, {"service", "publish", "ZantraTalvexProcessor"});
-    expect_control(sim, {"stub", "--open", "--code", "0xe00002e2", "--times", "1"});
-    sim.trace(true);
-    RunResult refused = sim.tool({"start", "a", "b", "c"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(normalise(refused.err),
-              "AssertMacros: result == 0 , (iokit/common) not permitted (0xe00002e2)  file: client/handle.cpp, line: N\n"
-              "AssertMacros: talvex,  file: talvexctl/start.cpp, line: N\n");
-    EXPECT_TRUE(trace_calls(sim.trace()).empty());
 }
 
 TEST(Start, FailuresAreReportedByTheOperationAndTheCommand) {
     Simulator sim;
-    auto twice = [](const std::string &code_text) {
-        return "AssertMacros: result == 0 , " + code_text + "  file: client/load_firmware.cpp, line: N\n" +
-               "AssertMacros: result == 0 , " + code_text + "  file: talvexctl/start.cpp, line: N\n";
+    auto twice = [](const std::string &text) {
+        return coded(text, "client/load_firmware.cpp") + coded(text, "start.cpp");
     };
-    // The simulator starts booted: the driver refuses a second boot.
-    RunResult busy = sim.tool({"start"});
-    EXPECT_EQ(busy.status, 1);
-    EXPECT_EQ(busy.out, "");
-    EXPECT_EQ(normalise(busy.err), twice("(iokit/common) Device Busy (0xe00002d5)"));
-
     // A missing image is sent anyway; the driver decides.
     ASSERT_EQ(sim.tool({"stop"}).status, 0);
-    sim.trace(true);
-    RunResult missing = sim.tool({"start", "/nonexistent/fw.bin"});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(normalise(missing.err), twice("(iokit/common) data was not found (0xe00002f0)"));
-    auto calls = trace_calls(sim.trace());
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].input, image_input("/nonexistent/fw.bin"));
-    EXPECT_EQ(sim.tool({"gettalvexstate"}).out, "stopped (0x10000)\n");
+    Outcome missing = run(sim, {"start", "/nonexistent/fw.bin"});
+    EXPECT_EQ(missing.r.status, 1);
+    EXPECT_EQ(missing.err, twice("(iokit/common) data was not found (0xe00002f0)"));
+    ASSERT_EQ(missing.calls.size(), 1u);
+    EXPECT_EQ(missing.calls[0].input, image_input("/nonexistent/fw.bin"));
 
-    expect_control(sim, {"stub", "--selector", "2", "--code", "0xe00002bc", "--times", "1"});
-    RunResult stubbed = sim.tool({"start", "-d"});
-    EXPECT_EQ(stubbed.status, 1);
-    EXPECT_EQ(normalise(stubbed.err), twice("(iokit/common) general error (0xe00002bc)"));
+    stub_code(sim, "2", "0xe00002bc");
+    Outcome stubbed = run(sim, {"start", "-d"});
+    EXPECT_EQ(stubbed.r.status, 1);
+    EXPECT_EQ(stubbed.err, twice(kGeneralError));
 
     // A path that makes no URL: the operation's "url", then the command's report
     // of the invalid-argument code; nothing reaches the driver.
-    sim.trace(true);
-    RunResult empty = sim.tool({"start", ""});
-    EXPECT_EQ(empty.status, 1);
-    EXPECT_EQ(empty.out, "");
-    EXPECT_EQ(normalise(empty.err),
-              "AssertMacros: url,  file: client/load_firmware.cpp, line: N\n"
-              "AssertMacros: result == 0 , (iokit/common) invalid argument (0xe00002c2)  file: talvexctl/start.cpp, line: N\n");
-    EXPECT_TRUE(trace_calls(sim.trace()).empty());
+    Outcome empty = run(sim, {"start", ""});
+    EXPECT_EQ(empty.r.status, 1);
+    EXPECT_EQ(empty.r.out, "");
+    EXPECT_EQ(empty.err, check("url", "client/load_firmware.cpp") + coded(kBadArgument, "start.cpp"));
+    EXPECT_TRUE(empty.calls.empty());
 }
 
 TEST(Start, UnknownOptionsAreReportedAndSkipped) {
     Simulator sim;
     ASSERT_EQ(sim.tool({"stop"}).status, 0);
-    sim.trace(true);
-    RunResult r = sim.tool({"start", "--bogus", "-x", "-t"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "start: unrecognized option '--bogus'\nstart: invalid option -- 'x'\n");
-    auto calls = trace_calls(sim.trace());
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].scalars, (std::vector<uint64_t>{0, 0x04}));
+    Outcome o = run(sim, {"start", "--bogus", "-x", "-t"});
+    EXPECT_EQ(o.r.status, 0);
+    EXPECT_EQ(o.r.out, "");
+    EXPECT_EQ(o.r.err, "start: unrecognized option '--bogus'\nstart: invalid option -- 'x'\n");
+    ASSERT_EQ(o.calls.size(), 1u);
+    EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{0, 0x04}));
 }
 
 TEST(Start, MonitorSeesTheBootFromStopped) {
