@@ -1,0 +1,333 @@
+// CoreFoundation containers against plain models: every property list the
+// parsers, the library and the simulator handle lives in these.
+//
+// An input is a sequence of operations on one mutable dictionary, one
+// mutable array and one mutable data object, each mirrored on a standard
+// container: adds, sets, replaces and removals by keys that are equal but
+// not always the same object (strings and numbers of different widths),
+// enough keys to pass the size at which a dictionary starts hashing,
+// removals enough to compact it, copies (mutable with a capacity, or
+// immutable) that replace the original, and data resized, replaced in the
+// middle and appended to. After every operation that reads, and at the end,
+// the container must agree with its model: the count, each lookup, the
+// order of iteration, equality and hashes of copies.
+#include <CoreFoundation/CoreFoundation.h>
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "plist_gen.h"
+
+using talvex::fuzz::Ref;
+
+namespace {
+
+[[noreturn]] void fail(const char *what) {
+    std::fprintf(stderr, "containers_fuzz: %s\n", what);
+    std::abort();
+}
+
+constexpr int kKeyCount = 40;   // well past the size at which a dictionary gets an index
+
+// A key: an equal object, not necessarily the same one. Keys below 32 are
+// strings "kN"; the others are numbers N, made with one of four widths.
+CFTypeRef make_key(FuzzedDataProvider &in, int k) {
+    if (k < 32) {
+        std::string text = "k" + std::to_string(k);
+        return CFStringCreateWithCString(nullptr, text.c_str(), kCFStringEncodingUTF8);
+    }
+    switch (in.ConsumeIntegralInRange(0, 3)) {
+    case 0: {
+        auto v = static_cast<int8_t>(k);
+        return CFNumberCreate(nullptr, kCFNumberSInt8Type, &v);
+    }
+    case 1: {
+        auto v = static_cast<int16_t>(k);
+        return CFNumberCreate(nullptr, kCFNumberSInt16Type, &v);
+    }
+    case 2: {
+        auto v = static_cast<int32_t>(k);
+        return CFNumberCreate(nullptr, kCFNumberSInt32Type, &v);
+    }
+    default: {
+        auto v = static_cast<int64_t>(k);
+        return CFNumberCreate(nullptr, kCFNumberSInt64Type, &v);
+    }
+    }
+}
+
+CFNumberRef make_value(int64_t v) { return CFNumberCreate(nullptr, kCFNumberSInt64Type, &v); }
+
+int64_t value_of(const void *v) {
+    int64_t out = -1;
+    if (!v || CFGetTypeID(v) != CFNumberGetTypeID() ||
+        !CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &out))
+        fail("a value that is not one of ours");
+    return out;
+}
+
+int key_of(const void *k) {
+    if (k && CFGetTypeID(k) == CFStringGetTypeID()) {
+        std::string text = talvex::fuzz::utf8(static_cast<CFStringRef>(k));
+        if (text.size() < 2 || text[0] != 'k') fail("a key that is not one of ours");
+        return std::stoi(text.substr(1));
+    }
+    return static_cast<int>(value_of(k));
+}
+
+// The dictionary's model: (key, value) in the order keys were first added.
+using DictModel = std::vector<std::pair<int, int64_t>>;
+
+DictModel::iterator find(DictModel &m, int k) {
+    return std::find_if(m.begin(), m.end(), [k](const auto &e) { return e.first == k; });
+}
+
+void check_dict(CFDictionaryRef d, const DictModel &m) {
+    auto n = static_cast<size_t>(CFDictionaryGetCount(d));
+    if (n != m.size()) fail("dictionary count differs from the model");
+    std::vector<const void *> keys(n), values(n);
+    CFDictionaryGetKeysAndValues(d, keys.data(), values.data());
+    for (size_t i = 0; i < n; ++i)
+        if (key_of(keys[i]) != m[i].first || value_of(values[i]) != m[i].second)
+            fail("dictionary entries differ from the model or its order");
+    struct Walk {
+        const DictModel *m;
+        size_t i = 0;
+    } walk{&m};
+    CFDictionaryApplyFunction(
+        d,
+        [](const void *k, const void *v, void *context) {
+            auto *w = static_cast<Walk *>(context);
+            if (w->i >= w->m->size() || key_of(k) != (*w->m)[w->i].first || value_of(v) != (*w->m)[w->i].second)
+                fail("the apply function walks differently from the model");
+            ++w->i;
+        },
+        &walk);
+    if (walk.i != n) fail("the apply function missed entries");
+}
+
+void check_data(CFDataRef d, const std::vector<uint8_t> &m) {
+    if (static_cast<size_t>(CFDataGetLength(d)) != m.size()) fail("data length differs from the model");
+    if (!m.empty() && std::memcmp(CFDataGetBytePtr(d), m.data(), m.size()) != 0) fail("data bytes differ from the model");
+}
+
+void check_array(CFArrayRef a, const std::vector<int64_t> &m) {
+    if (static_cast<size_t>(CFArrayGetCount(a)) != m.size()) fail("array count differs from the model");
+    std::vector<const void *> values(m.size());
+    CFArrayGetValues(a, CFRangeMake(0, static_cast<CFIndex>(m.size())), values.data());
+    for (size_t i = 0; i < m.size(); ++i)
+        if (value_of(values[i]) != m[i] || value_of(CFArrayGetValueAtIndex(a, static_cast<CFIndex>(i))) != m[i])
+            fail("array values differ from the model");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    Ref<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 20),
+                                                               &kCFTypeDictionaryKeyCallBacks,
+                                                               &kCFTypeDictionaryValueCallBacks));
+    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
+    Ref<CFMutableDataRef> bytes(CFDataCreateMutable(nullptr, 0));
+    DictModel dm;
+    std::vector<int64_t> am;
+    std::vector<uint8_t> bm;
+    int64_t next_value = 0;
+
+    while (in.remaining_bytes() > 0) {
+        int k = in.ConsumeIntegralInRange(0, kKeyCount - 1);
+        switch (in.ConsumeIntegralInRange(0, 20)) {
+        case 0: {   // add: only when absent
+            Ref<CFTypeRef> key(make_key(in, k));
+            Ref<CFNumberRef> v(make_value(++next_value));
+            CFDictionaryAddValue(dict.get(), key.get(), v.get());
+            if (find(dm, k) == dm.end()) dm.emplace_back(k, next_value);
+            break;
+        }
+        case 1:
+        case 2: {   // set: add, or replace in place
+            Ref<CFTypeRef> key(make_key(in, k));
+            Ref<CFNumberRef> v(make_value(++next_value));
+            CFDictionarySetValue(dict.get(), key.get(), v.get());
+            auto it = find(dm, k);
+            if (it == dm.end())
+                dm.emplace_back(k, next_value);
+            else
+                it->second = next_value;
+            break;
+        }
+        case 3: {   // replace: only when present
+            Ref<CFTypeRef> key(make_key(in, k));
+            Ref<CFNumberRef> v(make_value(++next_value));
+            CFDictionaryReplaceValue(dict.get(), key.get(), v.get());
+            auto it = find(dm, k);
+            if (it != dm.end()) it->second = next_value;
+            break;
+        }
+        case 4:
+        case 5: {   // remove
+            Ref<CFTypeRef> key(make_key(in, k));
+            CFDictionaryRemoveValue(dict.get(), key.get());
+            auto it = find(dm, k);
+            if (it != dm.end()) dm.erase(it);
+            break;
+        }
+        case 6: {   // a run of keys added at once
+            int last = in.ConsumeIntegralInRange(k, kKeyCount - 1);
+            for (int j = k; j <= last; ++j) {
+                Ref<CFTypeRef> key(make_key(in, j));
+                Ref<CFNumberRef> v(make_value(++next_value));
+                CFDictionarySetValue(dict.get(), key.get(), v.get());
+                auto it = find(dm, j);
+                if (it == dm.end())
+                    dm.emplace_back(j, next_value);
+                else
+                    it->second = next_value;
+            }
+            break;
+        }
+        case 7:
+            if (in.ConsumeIntegralInRange(0, 3) == 0) {
+                CFDictionaryRemoveAllValues(dict.get());
+                dm.clear();
+            }
+            break;
+        case 8: {   // lookups
+            Ref<CFTypeRef> key(make_key(in, k));
+            auto it = find(dm, k);
+            const void *v = CFDictionaryGetValue(dict.get(), key.get());
+            const void *w = nullptr;
+            Boolean present = CFDictionaryGetValueIfPresent(dict.get(), key.get(), &w);
+            Boolean contains = CFDictionaryContainsKey(dict.get(), key.get());
+            if (it == dm.end()) {
+                if (v || present || contains) fail("a removed or never added key is found");
+            } else if (!v || !present || !contains || v != w || value_of(v) != it->second) {
+                fail("a key is not found, or found with another value");
+            }
+            break;
+        }
+        case 9: {   // copies: mutable with a capacity replaces the original; immutable must equal it
+            check_dict(dict.get(), dm);
+            if (in.ConsumeBool()) {
+                dict.reset(CFDictionaryCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 50), dict.get()));
+            } else {
+                Ref<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, dict.get()));
+                check_dict(copy.get(), dm);
+                if (!CFEqual(copy.get(), dict.get()) || CFHash(copy.get()) != CFHash(dict.get()))
+                    fail("an immutable copy is not equal to its original");
+            }
+            check_dict(dict.get(), dm);
+            break;
+        }
+        case 10: {   // array: append, insert, set (at the end appends), remove
+            Ref<CFNumberRef> v(make_value(++next_value));
+            auto at = in.ConsumeIntegralInRange<size_t>(0, am.size());
+            switch (in.ConsumeIntegralInRange(0, 3)) {
+            case 0:
+                CFArrayAppendValue(array.get(), v.get());
+                am.push_back(next_value);
+                break;
+            case 1:
+                CFArrayInsertValueAtIndex(array.get(), static_cast<CFIndex>(at), v.get());
+                am.insert(am.begin() + static_cast<long>(at), next_value);
+                break;
+            case 2:
+                CFArraySetValueAtIndex(array.get(), static_cast<CFIndex>(at), v.get());
+                if (at == am.size())
+                    am.push_back(next_value);
+                else
+                    am[at] = next_value;
+                break;
+            default:
+                if (at < am.size()) {
+                    CFArrayRemoveValueAtIndex(array.get(), static_cast<CFIndex>(at));
+                    am.erase(am.begin() + static_cast<long>(at));
+                }
+                break;
+            }
+            break;
+        }
+        case 11: {   // array copies and appending a range of itself
+            check_array(array.get(), am);
+            if (in.ConsumeBool()) {
+                array.reset(CFArrayCreateMutableCopy(nullptr, 0, array.get()));
+            } else {
+                auto from = in.ConsumeIntegralInRange<size_t>(0, am.size());
+                auto n = in.ConsumeIntegralInRange<size_t>(0, am.size() - from);
+                Ref<CFArrayRef> copy(CFArrayCreateCopy(nullptr, array.get()));
+                CFArrayAppendArray(array.get(), copy.get(), CFRangeMake(static_cast<CFIndex>(from), static_cast<CFIndex>(n)));
+                std::vector<int64_t> part(am.begin() + static_cast<long>(from), am.begin() + static_cast<long>(from + n));
+                am.insert(am.end(), part.begin(), part.end());
+            }
+            check_array(array.get(), am);
+            break;
+        }
+        case 12: {   // data: append
+            auto b = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 80));
+            CFDataAppendBytes(bytes.get(), b.data(), static_cast<CFIndex>(b.size()));
+            bm.insert(bm.end(), b.begin(), b.end());
+            break;
+        }
+        case 13: {   // data: new length (new bytes zero), or more length
+            auto n = in.ConsumeIntegralInRange<size_t>(0, 300);
+            if (in.ConsumeBool()) {
+                CFDataSetLength(bytes.get(), static_cast<CFIndex>(n));
+                bm.resize(n, 0);
+            } else {
+                CFDataIncreaseLength(bytes.get(), static_cast<CFIndex>(n));
+                bm.resize(bm.size() + n, 0);
+            }
+            break;
+        }
+        case 14: {   // data: replace a range by bytes of another length
+            auto from = in.ConsumeIntegralInRange<size_t>(0, bm.size());
+            auto n = in.ConsumeIntegralInRange<size_t>(0, bm.size() - from);
+            auto b = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 80));
+            CFDataReplaceBytes(bytes.get(), CFRangeMake(static_cast<CFIndex>(from), static_cast<CFIndex>(n)), b.data(),
+                               static_cast<CFIndex>(b.size()));
+            bm.erase(bm.begin() + static_cast<long>(from), bm.begin() + static_cast<long>(from + n));
+            bm.insert(bm.begin() + static_cast<long>(from), b.begin(), b.end());
+            break;
+        }
+        case 15: {   // data: write through the mutable pointer, read a range back
+            if (!bm.empty()) {
+                auto at = in.ConsumeIntegralInRange<size_t>(0, bm.size() - 1);
+                auto v = in.ConsumeIntegral<uint8_t>();
+                CFDataGetMutableBytePtr(bytes.get())[at] = v;
+                bm[at] = v;
+                auto n = in.ConsumeIntegralInRange<size_t>(0, bm.size() - at);
+                std::vector<uint8_t> out(n + 1, 0);
+                CFDataGetBytes(bytes.get(), CFRangeMake(static_cast<CFIndex>(at), static_cast<CFIndex>(n)), out.data());
+                if (n && std::memcmp(out.data(), bm.data() + at, n) != 0) fail("data bytes read back differ");
+            }
+            break;
+        }
+        case 16: {   // data copies
+            check_data(bytes.get(), bm);
+            if (in.ConsumeBool()) {
+                bytes.reset(CFDataCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 200), bytes.get()));
+            } else {
+                Ref<CFDataRef> copy(CFDataCreateCopy(nullptr, bytes.get()));
+                check_data(copy.get(), bm);
+                if (!CFEqual(copy.get(), bytes.get()) || CFHash(copy.get()) != CFHash(bytes.get()))
+                    fail("a data copy is not equal to its original");
+            }
+            check_data(bytes.get(), bm);
+            break;
+        }
+        default:
+            check_dict(dict.get(), dm);
+            break;
+        }
+    }
+    check_dict(dict.get(), dm);
+    check_array(array.get(), am);
+    check_data(bytes.get(), bm);
+    return 0;
+}
