@@ -1,8 +1,8 @@
 // CFDictionary: a table that remembers insertion order.
 //
-// Entries live in one array in the order their keys were first added; the
-// array starts in the dictionary's own allocation (sized when the dictionary
-// is made) and moves to a buffer of its own only when it outgrows that room.
+// Entries live in the order their keys were first added, in arrays that start
+// in the dictionary's own allocation (sized when the dictionary is made) and
+// move to a buffer of their own only when they outgrow that room.
 // Removal marks an entry dead and the array is compacted once more than half
 // of it is dead, so iteration stays proportional to the live count. A small
 // dictionary (most have under ten keys) is searched by scanning its entries;
@@ -14,18 +14,11 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <span>
+#include <utility>
 #include <vector>
 
 namespace cf {
 namespace {
-
-struct Entry {
-    const void *key;
-    const void *value;
-    CFHashCode hash;
-    bool live;
-};
 
 // Index slot values: empty, tombstone, or entry position + 2.
 constexpr uint32_t kEmpty = 0;
@@ -37,20 +30,29 @@ constexpr size_t kScanEntries = 12;
 // Room in the dictionary's own allocation when no capacity is asked for.
 constexpr size_t kDefaultRoom = 8;
 
+// The key of a removed entry: an address no caller can pass.
+const char g_removed = 0;
+const void *const kRemoved = &g_removed;
+
 }  // namespace
 }  // namespace cf
 
+// The entries are three parallel arrays (keys, values, key hashes), so a
+// lookup by identity reads the keys alone, mostly one cache line, and the
+// fields a lookup needs share the header's first line.
 struct __CFDictionary {
     CFRuntimeBase base;
+    const void **keys;                            // kRemoved marks a dead entry
+    const void **values;
+    CFHashCode *hashes;
+    size_t count;                                 // entries used, live and dead
+    size_t live;                                  // live entries
+    size_t capacity;
+    size_t used_slots;                            // slots not empty (entries and tombstones)
+    std::vector<uint32_t> slots;                  // empty (scanned) or a power of two
     CFDictionaryKeyCallBacks key_callbacks;       // all null for plain pointers
     CFDictionaryValueCallBacks value_callbacks;   // all null for plain pointers
-    cf::Entry *entries;                           // inline room or a buffer of its own
-    size_t count;                                 // entries used, live and dead
-    size_t capacity;
-    std::vector<uint32_t> slots;                  // empty (scanned) or a power of two
-    size_t live;                                  // live entries
-    size_t used_slots;                            // slots not empty (entries and tombstones)
-    bool own_entries;                             // entries is a buffer to free
+    bool own_entries;                             // the arrays are a buffer to free
     bool is_mutable;
 };
 
@@ -58,6 +60,8 @@ namespace cf {
 namespace {
 
 using Dict = __CFDictionary;
+
+constexpr size_t kEntryBytes = 2 * sizeof(const void *) + sizeof(CFHashCode);
 
 const void *retain_cf(CFAllocatorRef, const void *value) { return CFRetain(value); }
 void release_cf(CFAllocatorRef, const void *value) { CFRelease(value); }
@@ -73,7 +77,7 @@ Dict *as_mutable_dictionary(CFTypeRef cf, const char *function) {
     return d;
 }
 
-std::span<Entry> entries_of(const Dict *d) { return {d->entries, d->count}; }
+bool is_live(const Dict *d, size_t i) { return d->keys[i] != kRemoved; }
 
 CFHashCode hash_key(const Dict *d, const void *key) {
     return d->key_callbacks.hash != nullptr ? d->key_callbacks.hash(key) : hash_pointer(key);
@@ -87,9 +91,9 @@ bool values_equal(const Dict *d, const void *a, const void *b) {
     return a == b || (d->value_callbacks.equal != nullptr && d->value_callbacks.equal(a, b));
 }
 
-void release_entry(const Dict *d, const Entry &e) {
-    if (d->key_callbacks.release != nullptr) d->key_callbacks.release(nullptr, e.key);
-    if (d->value_callbacks.release != nullptr) d->value_callbacks.release(nullptr, e.value);
+void release_entry(const Dict *d, const void *key, const void *value) {
+    if (d->key_callbacks.release != nullptr) d->key_callbacks.release(nullptr, key);
+    if (d->value_callbacks.release != nullptr) d->value_callbacks.release(nullptr, value);
 }
 
 size_t home_slot(CFHashCode hash, size_t mask) {
@@ -102,66 +106,88 @@ size_t home_slot(CFHashCode hash, size_t mask) {
 
 constexpr size_t kNotFound = std::numeric_limits<size_t>::max();
 
-// An entry and, for an indexed dictionary, the slot that points at it.
+// An entry's position and, for an indexed dictionary, the slot that points
+// at it; kNotFound when absent.
 struct Found {
-    Entry *entry;
+    size_t entry;
     size_t slot;
 };
 
-// The entry holding `key`, or a null entry.
 Found find(const Dict *d, const void *key, CFHashCode hash) {
     if (d->slots.empty()) {
-        for (Entry &e : entries_of(d))
-            if (e.live && e.hash == hash && keys_equal(d, e.key, key)) return {&e, kNotFound};
-        return {nullptr, kNotFound};
+        for (size_t i = 0; i < d->count; ++i)
+            if (is_live(d, i) && d->hashes[i] == hash && keys_equal(d, d->keys[i], key)) return {i, kNotFound};
+        return {kNotFound, kNotFound};
     }
     size_t mask = d->slots.size() - 1;
     for (size_t pos = home_slot(hash, mask);; pos = (pos + 1) & mask) {
         uint32_t s = d->slots[pos];
-        if (s == kEmpty) return {nullptr, kNotFound};
+        if (s == kEmpty) return {kNotFound, kNotFound};
         if (s != kDeleted) {
-            Entry &e = d->entries[s - 2];
-            if (e.hash == hash && keys_equal(d, e.key, key)) return {&e, pos};
+            size_t i = s - 2;
+            if (d->hashes[i] == hash && keys_equal(d, d->keys[i], key)) return {i, pos};
         }
     }
 }
 
 // Small dictionaries are looked up by the key's identity first: keys are
 // mostly the very objects they were stored with (constant strings), and a
-// scan of a few neighbouring entries costs less than hashing the key.
+// scan of a few neighbouring keys costs less than hashing the key.
 // Identity implies equality, so the result is the same.
 constexpr size_t kIdentityScanEntries = 16;
 
-Entry *find_identical(const Dict *d, const void *key) {
-    if (d->count > kIdentityScanEntries) return nullptr;
-    for (Entry &e : entries_of(d))
-        if (e.key == key && e.live) return &e;
-    return nullptr;
+size_t find_identical(const Dict *d, const void *key) {
+    if (d->count > kIdentityScanEntries) return kNotFound;
+    for (size_t i = 0; i < d->count; ++i)
+        if (d->keys[i] == key) return i;   // a removed entry's key is never a caller's
+    return kNotFound;
 }
 
-const Entry *find_entry(const Dict *d, const void *key) {
-    if (const Entry *e = find_identical(d, key)) return e;
-    return find(d, key, hash_key(d, key)).entry;
+size_t find_entry(const Dict *d, const void *key) {
+    size_t i = find_identical(d, key);
+    return i != kNotFound ? i : find(d, key, hash_key(d, key)).entry;
+}
+
+// Points the arrays into `memory`, which has room for `capacity` entries.
+void place_arrays(Dict *d, void *memory, size_t capacity) {
+    auto bytes = static_cast<unsigned char *>(memory);
+    d->keys = reinterpret_cast<const void **>(bytes);
+    d->values = reinterpret_cast<const void **>(bytes + capacity * sizeof(const void *));
+    d->hashes = reinterpret_cast<CFHashCode *>(bytes + 2 * capacity * sizeof(const void *));
+    d->capacity = capacity;
 }
 
 // Makes room for `wanted` entries. Throws std::bad_alloc before changing anything.
 void grow(Dict *d, size_t wanted) {
     if (wanted <= d->capacity) return;
     size_t capacity = std::max({wanted, d->capacity * 2, kDefaultRoom});
-    if (capacity > std::numeric_limits<size_t>::max() / sizeof(Entry)) throw std::bad_alloc();
-    auto buffer = static_cast<Entry *>(std::malloc(capacity * sizeof(Entry)));
+    if (capacity > std::numeric_limits<size_t>::max() / kEntryBytes) throw std::bad_alloc();
+    void *buffer = std::malloc(capacity * kEntryBytes);
     if (buffer == nullptr) throw std::bad_alloc();
-    if (d->count != 0) std::memcpy(static_cast<void *>(buffer), d->entries, d->count * sizeof(Entry));
-    if (d->own_entries) std::free(d->entries);
-    d->entries = buffer;
-    d->capacity = capacity;
+    const void **old_keys = d->keys;
+    const void **old_values = d->values;
+    CFHashCode *old_hashes = d->hashes;
+    place_arrays(d, buffer, capacity);
+    if (d->count != 0) {
+        std::memcpy(static_cast<void *>(d->keys), old_keys, d->count * sizeof(const void *));
+        std::memcpy(static_cast<void *>(d->values), old_values, d->count * sizeof(const void *));
+        std::memcpy(d->hashes, old_hashes, d->count * sizeof(CFHashCode));
+    }
+    if (d->own_entries) std::free(static_cast<void *>(old_keys));
     d->own_entries = true;
 }
 
 // Drops dead entries, keeping the order of the others.
 void compact(Dict *d) {
-    Entry *end = std::remove_if(d->entries, d->entries + d->count, [](const Entry &e) { return !e.live; });
-    d->count = static_cast<size_t>(end - d->entries);
+    size_t kept = 0;
+    for (size_t i = 0; i < d->count; ++i) {
+        if (!is_live(d, i)) continue;
+        d->keys[kept] = d->keys[i];
+        d->values[kept] = d->values[i];
+        d->hashes[kept] = d->hashes[i];
+        ++kept;
+    }
+    d->count = kept;
 }
 
 // Drops dead entries and makes the index fit `expected` entries (none when
@@ -177,7 +203,7 @@ void rebuild(Dict *d, size_t expected) {
     if (!slots.empty()) {
         size_t mask = slots.size() - 1;
         for (size_t i = 0; i < d->count; ++i) {
-            size_t pos = home_slot(d->entries[i].hash, mask);
+            size_t pos = home_slot(d->hashes[i], mask);
             while (slots[pos] != kEmpty) pos = (pos + 1) & mask;
             slots[pos] = static_cast<uint32_t>(i + 2);
         }
@@ -208,34 +234,36 @@ void insert_new(Dict *d, const void *key, const void *value, CFHashCode hash) {
     }
     const void *k = d->key_callbacks.retain != nullptr ? d->key_callbacks.retain(nullptr, key) : key;
     const void *v = d->value_callbacks.retain != nullptr ? d->value_callbacks.retain(nullptr, value) : value;
-    d->entries[d->count++] = Entry{k, v, hash, true};
+    size_t i = d->count++;
+    d->keys[i] = k;
+    d->values[i] = v;
+    d->hashes[i] = hash;
     if (pos != kNotFound) {
         if (d->slots[pos] == kEmpty) ++d->used_slots;
-        d->slots[pos] = static_cast<uint32_t>(d->count - 1 + 2);
+        d->slots[pos] = static_cast<uint32_t>(i + 2);
     }
     ++d->live;
 }
 
-void replace_value(Dict *d, Entry &e, const void *value) {
+void replace_value(Dict *d, size_t i, const void *value) {
     const void *v = d->value_callbacks.retain != nullptr ? d->value_callbacks.retain(nullptr, value) : value;
-    const void *old = e.value;
-    e.value = v;
+    const void *old = d->values[i];
+    d->values[i] = v;
     if (d->value_callbacks.release != nullptr) d->value_callbacks.release(nullptr, old);
 }
 
 // A new empty dictionary with room for `room` entries in its own allocation.
 Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryValueCallBacks *values,
                      bool is_mutable, size_t room) noexcept {
-    if (room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / sizeof(Entry)) return nullptr;
-    void *memory = std::malloc(sizeof(Dict) + room * sizeof(Entry));
+    if (room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / kEntryBytes) return nullptr;
+    void *memory = std::malloc(sizeof(Dict) + room * kEntryBytes);
     if (memory == nullptr) return nullptr;
     Dict *d = new (memory) Dict();
     d->base = CFRuntimeBase{kDictionaryTypeID, 1};
     d->key_callbacks = keys != nullptr ? *keys : CFDictionaryKeyCallBacks{0, nullptr, nullptr, nullptr, nullptr, nullptr};
     d->value_callbacks = values != nullptr ? *values : CFDictionaryValueCallBacks{0, nullptr, nullptr, nullptr, nullptr};
-    d->entries = reinterpret_cast<Entry *>(static_cast<unsigned char *>(memory) + sizeof(Dict));
+    place_arrays(d, static_cast<unsigned char *>(memory) + sizeof(Dict), room);
     d->count = 0;
-    d->capacity = room;
     d->live = 0;
     d->used_slots = 0;
     d->own_entries = false;
@@ -252,8 +280,8 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     if (d == nullptr) return nullptr;
     try {
         rebuild(d, room);
-        for (const Entry &e : entries_of(source))
-            if (e.live) insert_new(d, e.key, e.value, e.hash);
+        for (size_t i = 0; i < source->count; ++i)
+            if (is_live(source, i)) insert_new(d, source->keys[i], source->values[i], source->hashes[i]);
     } catch (...) {
         CFRelease(d);
         return nullptr;
@@ -263,9 +291,9 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
 
 void dictionary_finalize(CFTypeRef cf) {
     auto d = static_cast<Dict *>(const_cast<void *>(cf));
-    for (const Entry &e : entries_of(d))
-        if (e.live) release_entry(d, e);
-    if (d->own_entries) std::free(d->entries);
+    for (size_t i = 0; i < d->count; ++i)
+        if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
+    if (d->own_entries) std::free(static_cast<void *>(d->keys));
     destroy_fields<Dict>(cf);
 }
 
@@ -274,10 +302,10 @@ Boolean dictionary_equal(CFTypeRef x, CFTypeRef y) {
     auto a = static_cast<const Dict *>(x);
     auto b = static_cast<const Dict *>(y);
     if (a->live != b->live) return false;
-    for (const Entry &e : entries_of(a)) {
-        if (!e.live) continue;
-        const Entry *other = find_entry(b, e.key);
-        if (other == nullptr || !values_equal(a, e.value, other->value)) return false;
+    for (size_t i = 0; i < a->count; ++i) {
+        if (!is_live(a, i)) continue;
+        size_t other = find_entry(b, a->keys[i]);
+        if (other == kNotFound || !values_equal(a, a->values[i], b->values[other])) return false;
     }
     return true;
 }
@@ -288,12 +316,12 @@ CFStringRef dictionary_description(CFTypeRef cf) {
     auto d = static_cast<const Dict *>(cf);
     try {
         std::string text = "{\n";
-        for (const Entry &e : entries_of(d)) {
-            if (!e.live) continue;
+        for (size_t i = 0; i < d->count; ++i) {
+            if (!is_live(d, i)) continue;
             text += "    ";
-            append_value_description(text, e.key, d->key_callbacks.copyDescription);
+            append_value_description(text, d->keys[i], d->key_callbacks.copyDescription);
             text += " = ";
-            append_value_description(text, e.value, d->value_callbacks.copyDescription);
+            append_value_description(text, d->values[i], d->value_callbacks.copyDescription);
             text += ";\n";
         }
         text += '}';
@@ -340,8 +368,8 @@ CFDictionaryRef CFDictionaryCreate(CFAllocatorRef, const void **keys, const void
         rebuild(d, n);
         for (size_t i = 0; i < n; ++i) {
             CFHashCode hash = hash_key(d, keys[i]);
-            if (Entry *e = find(d, keys[i], hash).entry) {
-                replace_value(d, *e, values[i]);
+            if (size_t e = find(d, keys[i], hash).entry; e != kNotFound) {
+                replace_value(d, e, values[i]);
             } else {
                 insert_new(d, keys[i], values[i], hash);
             }
@@ -390,32 +418,32 @@ CFIndex CFDictionaryGetCount(CFDictionaryRef dict) {
 const void *CFDictionaryGetValue(CFDictionaryRef dict, const void *key) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetValue");
     if (d == nullptr) return nullptr;
-    const Entry *e = find_entry(d, key);
-    return e == nullptr ? nullptr : e->value;
+    size_t e = find_entry(d, key);
+    return e == kNotFound ? nullptr : d->values[e];
 }
 
 Boolean CFDictionaryGetValueIfPresent(CFDictionaryRef dict, const void *key, const void **value) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetValueIfPresent");
     if (d == nullptr) return false;
-    const Entry *e = find_entry(d, key);
-    if (e == nullptr) return false;
-    if (value != nullptr) *value = e->value;
+    size_t e = find_entry(d, key);
+    if (e == kNotFound) return false;
+    if (value != nullptr) *value = d->values[e];
     return true;
 }
 
 Boolean CFDictionaryContainsKey(CFDictionaryRef dict, const void *key) {
     const Dict *d = as_dictionary(dict, "CFDictionaryContainsKey");
-    return d != nullptr && find_entry(d, key) != nullptr;
+    return d != nullptr && find_entry(d, key) != kNotFound;
 }
 
 void CFDictionaryGetKeysAndValues(CFDictionaryRef dict, const void **keys, const void **values) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetKeysAndValues");
     if (d == nullptr) return;
     size_t n = 0;
-    for (const Entry &e : entries_of(d)) {
-        if (!e.live) continue;
-        if (keys != nullptr) keys[n] = e.key;
-        if (values != nullptr) values[n] = e.value;
+    for (size_t i = 0; i < d->count; ++i) {
+        if (!is_live(d, i)) continue;
+        if (keys != nullptr) keys[n] = d->keys[i];
+        if (values != nullptr) values[n] = d->values[i];
         ++n;
     }
 }
@@ -427,13 +455,13 @@ enum class Mode { add, set, replace };
 void store(CFMutableDictionaryRef dict, const void *key, const void *value, Mode mode, const char *function) {
     Dict *d = as_mutable_dictionary(dict, function);
     if (d == nullptr) return;
-    if (Entry *e = find_identical(d, key)) {
-        if (mode != Mode::add) replace_value(d, *e, value);
+    if (size_t e = find_identical(d, key); e != kNotFound) {
+        if (mode != Mode::add) replace_value(d, e, value);
         return;
     }
     CFHashCode hash = hash_key(d, key);
-    if (Entry *e = find(d, key, hash).entry) {
-        if (mode != Mode::add) replace_value(d, *e, value);
+    if (size_t e = find(d, key, hash).entry; e != kNotFound) {
+        if (mode != Mode::add) replace_value(d, e, value);
         return;
     }
     if (mode == Mode::replace) return;
@@ -462,9 +490,10 @@ void CFDictionaryRemoveValue(CFMutableDictionaryRef dict, const void *key) {
     Dict *d = as_mutable_dictionary(dict, "CFDictionaryRemoveValue");
     if (d == nullptr) return;
     Found found = find(d, key, hash_key(d, key));
-    if (found.entry == nullptr) return;
-    Entry removed = *found.entry;
-    found.entry->live = false;
+    if (found.entry == kNotFound) return;
+    const void *removed_key = d->keys[found.entry];
+    const void *removed_value = d->values[found.entry];
+    d->keys[found.entry] = kRemoved;
     if (found.slot != kNotFound) d->slots[found.slot] = kDeleted;
     --d->live;
     size_t dead = d->count - d->live;
@@ -476,15 +505,17 @@ void CFDictionaryRemoveValue(CFMutableDictionaryRef dict, const void *key) {
         }
     }
     // Released last: a finalizer run by the release sees a consistent dictionary.
-    release_entry(d, removed);
+    release_entry(d, removed_key, removed_value);
 }
 
 void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     Dict *d = as_mutable_dictionary(dict, "CFDictionaryRemoveAllValues");
     if (d == nullptr) return;
-    std::vector<Entry> old;
+    std::vector<std::pair<const void *, const void *>> old;
     try {
-        old.assign(d->entries, d->entries + d->count);
+        old.reserve(d->live);
+        for (size_t i = 0; i < d->count; ++i)
+            if (is_live(d, i)) old.emplace_back(d->keys[i], d->values[i]);
     } catch (...) {
         fatal("CFDictionaryRemoveAllValues", "out of memory");
     }
@@ -492,15 +523,13 @@ void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     std::vector<uint32_t>().swap(d->slots);
     d->live = 0;
     d->used_slots = 0;
-    for (const Entry &e : old)
-        if (e.live) release_entry(d, e);
+    for (const auto &[key, value] : old) release_entry(d, key, value);
 }
 
 void CFDictionaryApplyFunction(CFDictionaryRef dict, CFDictionaryApplierFunction applier, void *context) {
     const Dict *d = as_dictionary(dict, "CFDictionaryApplyFunction");
     if (d == nullptr || applier == nullptr) return;
     for (size_t i = 0; i < d->count; ++i) {
-        Entry e = d->entries[i];
-        if (e.live) applier(e.key, e.value, context);
+        if (is_live(d, i)) applier(d->keys[i], d->values[i], context);
     }
 }

@@ -180,6 +180,47 @@ TEST(CFDictionary, InsertionOrderSurvivesRemovalAndReplacement) {
     EXPECT_EQ(keys_in_order(d), (Strings{"again"}));
 }
 
+// Small dictionaries are scanned and larger ones indexed, and entries start in
+// the dictionary's own room: every size across those limits, growing and
+// shrinking, must find keys by equality (fresh key objects), keep the order
+// and copy faithfully.
+TEST(CFDictionary, EverySizeAcrossTheScannedLimitFindsKeysByEquality) {
+    auto key = [](int i) {
+        return Owned<CFStringRef>(
+            CFStringCreateWithCString(nullptr, ("key" + std::to_string(i)).c_str(), kCFStringEncodingUTF8));
+    };
+    for (int n = 1; n <= 40; ++n) {
+        for (CFIndex capacity : {CFIndex{0}, CFIndex{3}, CFIndex{64}}) {
+            Owned<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, capacity, &kCFTypeDictionaryKeyCallBacks,
+                                                                      &kCFTypeDictionaryValueCallBacks));
+            for (int i = 0; i < n; ++i) CFDictionarySetValue(d, key(i), key(i + 1000));
+            ASSERT_EQ(CFDictionaryGetCount(d), n);
+            for (int i = 0; i < n; ++i)
+                ASSERT_TRUE(CFEqual(CFDictionaryGetValue(d, key(i)), key(i + 1000))) << n << " " << i;
+            EXPECT_FALSE(CFDictionaryContainsKey(d, key(n)));
+
+            // Remove the even keys, then add them back: they come last, in order.
+            for (int i = 0; i < n; i += 2) CFDictionaryRemoveValue(d, key(i));
+            EXPECT_EQ(CFDictionaryGetCount(d), n / 2);
+            for (int i = 0; i < n; ++i) ASSERT_EQ(CFDictionaryContainsKey(d, key(i)), i % 2 == 1) << n << " " << i;
+            for (int i = 0; i < n; i += 2) CFDictionaryAddValue(d, key(i), key(i));
+            Strings expected;
+            for (int i = 1; i < n; i += 2) expected.push_back("key" + std::to_string(i));
+            for (int i = 0; i < n; i += 2) expected.push_back("key" + std::to_string(i));
+            EXPECT_EQ(keys_in_order(d), expected) << n;
+
+            Owned<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
+            Owned<CFDictionaryRef> frozen(CFDictionaryCreateCopy(nullptr, copy));
+            EXPECT_TRUE(CFEqual(copy, d));
+            EXPECT_TRUE(CFEqual(frozen, d));
+            EXPECT_EQ(keys_in_order(frozen), expected);
+            CFDictionarySetValue(copy, key(0), key(7));
+            EXPECT_FALSE(CFEqual(copy, d));
+            EXPECT_TRUE(CFEqual(CFDictionaryGetValue(d, key(0)), key(0)));
+        }
+    }
+}
+
 TEST(CFDictionary, EqualityIsDeepAndIgnoresOrder) {
     Owned<CFNumberRef> one(make_int(1));
     Owned<CFMutableArrayRef> list(make_array());
