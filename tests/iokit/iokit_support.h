@@ -1,6 +1,6 @@
 // Support for the IOKit-layer tests: every scenario runs in a forked child,
-// so each gets a fresh transport and object table, and a scripted peer that
-// plays a (mis)behaving simulator.
+// so each gets a fresh transport and object table. (The scripted peer that
+// plays a misbehaving simulator: wire_peer.h.)
 #pragma once
 
 #include <IOKit/IOKitLib.h>
@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "harness.h"
-#include "wire.h"
+#include "wire_peer.h"
 
 namespace talvex::test {
 
@@ -39,37 +39,5 @@ std::string child_output(const std::string &socket, const std::function<void()> 
 io_service_t coprocessor();
 // An open type-0 connection to `service`; fails the test when it cannot be made.
 io_connect_t open_client(io_service_t service);
-
-// One decoded request as a peer sees it.
-struct Request {
-    wire::Op op;
-    uint32_t seq;
-    std::vector<uint8_t> body;
-};
-
-// A listening socket in a fresh directory with one thread that accepts a
-// single client and runs `script` on it. Lives in the child that uses it.
-class FakePeer {
-public:
-    using Script = std::function<void(FakePeer &)>;
-    explicit FakePeer(Script script);
-    ~FakePeer();
-    const std::string &socket() const { return socket_; }
-
-    // For scripts: read one request (false at end of stream), answer.
-    bool read(Request &req);
-    void send(std::span<const uint8_t> bytes);
-    void send_fd(std::span<const uint8_t> bytes, int fd);
-    void reply(const Request &req, int32_t code, std::span<const uint8_t> body);
-    // Answers the Hello properly.
-    bool greet();
-    void close_client();
-
-private:
-    std::string dir_, socket_;
-    int listen_fd_ = -1;
-    std::atomic<int> client_{-1};
-    std::thread thread_;
-};
 
 }  // namespace talvex::test

@@ -7,74 +7,44 @@
 #include <string>
 #include <vector>
 
-#include "coprocessor.h"
 #include "model_bus.h"
-#include "simulation.h"
-#include "wire.h"
+#include "sim_rig.h"
 
 using namespace talvex;
 using namespace talvex::sim;
+using namespace talvex::test;
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
 constexpr IOReturn kOk = kIOReturnSuccess;
-constexpr uint64_t kMs = 1'000'000;
 
-class Rig : public Outbox {
-public:
-    Rig() {
-        auto clock = std::make_unique<StepClock>();
-        step = clock.get();
-        sim = std::make_unique<Simulation>(*this, std::move(clock));
-        cop = dynamic_cast<Coprocessor *>(sim->registry().find_class(kCoprocessorClass)->model.get());
-    }
-    void send(ClientId, std::vector<uint8_t>, int) override {}
-
-    struct Result {
-        IOReturn code;
-        Bytes output;
-        std::vector<uint64_t> scalars;
-    };
-    Result call(uint32_t selector, const std::vector<uint64_t> &scalars, const Bytes &input, uint64_t capacity,
-                uint32_t scalar_capacity = 0) {
-        CallArgs a;
-        a.selector = selector;
-        a.scalars = scalars;
-        a.input = input;
-        a.output_capacity = capacity;
-        a.scalar_output_capacity = scalar_capacity;
-        CallReply reply;
-        IOReturn code = cop->methods().dispatch(a, reply);
-        return {code, reply.output, reply.scalars};
-    }
-    Result read_registers(uint8_t device, uint8_t reg, uint8_t count) {
+// The coprocessor, with the requests of the bus commands laid out.
+struct Rig : SimRig {
+    CallResult read_registers(uint8_t device, uint8_t reg, uint8_t count) {
         return call(6, {}, {device, reg, count}, count);
     }
-    Result write_registers(uint8_t device, uint8_t reg, const Bytes &data) {
+    CallResult write_registers(uint8_t device, uint8_t reg, const Bytes &data) {
         Bytes request{device, reg, static_cast<uint8_t>(data.size())};
         request.insert(request.end(), data.begin(), data.end());
         request.resize(19, 0);
-        return call(7, {}, request, 0);
+        return call(7, {}, request);
     }
-    Result memory_write(uint32_t address, uint8_t block, const Bytes &data) {
-        Bytes request(22, 0);
-        wire::store_le32(request.data(), address);
-        request[4] = block;
-        request[5] = static_cast<uint8_t>(data.size());
-        std::copy(data.begin(), data.end(), request.begin() + 6);
-        return call(38, {}, request, 0);
-    }
-    Result memory_read(uint32_t address, uint8_t block, uint8_t count) {
-        Bytes request(6, 0);
+    CallResult memory(uint32_t selector, uint32_t address, uint8_t block, uint8_t count, const Bytes &data = {}) {
+        Bytes request(selector == 38 ? 22 : 6, 0);
         wire::store_le32(request.data(), address);
         request[4] = block;
         request[5] = count;
-        return call(37, {}, request, count);
+        std::copy(data.begin(), data.end(), request.begin() + 6);
+        return call(selector, {}, request, selector == 38 ? 0 : count);
     }
-    Result uart(uint8_t port, uint8_t container, uint8_t retries, bool flag, uint32_t preamble, const Bytes &payload,
-                uint64_t capacity = 100) {
+    CallResult memory_read(uint32_t address, uint8_t block, uint8_t count) { return memory(37, address, block, count); }
+    CallResult memory_write(uint32_t address, uint8_t block, const Bytes &data) {
+        return memory(38, address, block, static_cast<uint8_t>(data.size()), data);
+    }
+    CallResult uart(uint8_t port, uint8_t container, uint8_t retries, bool flag, uint32_t preamble,
+                    const Bytes &payload, uint64_t capacity = 100) {
         Bytes request(109, 0);
         request[0] = port;
         request[1] = container;
@@ -86,13 +56,9 @@ public:
         return call(36, {}, request, capacity);
     }
     uint16_t accel_z() {
-        Bytes z = read_registers(1, 0x2c, 2).output;
+        Bytes z = read_registers(1, 0x2c, 2).out;
         return static_cast<uint16_t>(z[0] | z[1] << 8);
     }
-
-    StepClock *step = nullptr;
-    std::unique_ptr<Simulation> sim;
-    Coprocessor *cop = nullptr;
 };
 
 TEST(ModelBus, EverySelectorNeedsRunningFirmware) {
@@ -177,7 +143,7 @@ TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
     EXPECT_EQ(rig.call(12, {3}, {}, 0, 1).scalars.at(0), 1 - level);
 
     // The thermometer reads about 25 degrees, in 1/256 degree, big-endian.
-    Bytes t = rig.call(34, {}, {0, 0x48, 0x00, 0x00, 2}, 2).output;
+    Bytes t = rig.call(34, {}, {0, 0x48, 0x00, 0x00, 2}, 2).out;
     ASSERT_EQ(t.size(), 2u);
     EXPECT_NEAR((t[0] << 8 | t[1]) / 256.0, 25.0, 0.5);
 
@@ -190,11 +156,11 @@ TEST(ModelBus, MemoryIsSparseAndBounded) {
     Rig rig;
     // A write across a page boundary, read back across it.
     EXPECT_EQ(rig.memory_write(0x1fe, 0, {1, 2, 3, 4}).code, kOk);
-    EXPECT_EQ(rig.memory_read(0x1fd, 0, 6).output, (Bytes{0, 1, 2, 3, 4, 0}));
-    EXPECT_EQ(rig.memory_read(0x1fe, 2, 4).output, Bytes(4, 0));   // blocks are separate spaces
+    EXPECT_EQ(rig.memory_read(0x1fd, 0, 6).out, (Bytes{0, 1, 2, 3, 4, 0}));
+    EXPECT_EQ(rig.memory_read(0x1fe, 2, 4).out, Bytes(4, 0));   // blocks are separate spaces
     // The rom reads the same pattern every time and keeps nothing.
-    Bytes rom = rig.memory_read(0x1000, 1, 16).output;
-    EXPECT_EQ(rig.memory_read(0x1000, 1, 16).output, rom);
+    Bytes rom = rig.memory_read(0x1000, 1, 16).out;
+    EXPECT_EQ(rig.memory_read(0x1000, 1, 16).out, rom);
     EXPECT_NE(rom, Bytes(16, 0));
     EXPECT_EQ(rig.memory_write(0x1000, 1, {1}).code, kIOReturnNotWritable);
 
@@ -227,17 +193,17 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     Rig rig;
     // Register writes wrap from 0xff to 0x00; identity registers ignore them.
     EXPECT_EQ(rig.write_registers(4, 0xcf, {0x11, 0x22, 0x33}).code, kOk);
-    EXPECT_EQ(rig.read_registers(4, 0xcf, 3).output, (Bytes{0x11, 0x58, 0x33}));
+    EXPECT_EQ(rig.read_registers(4, 0xcf, 3).out, (Bytes{0x11, 0x58, 0x33}));
     EXPECT_EQ(rig.write_registers(6, 0xff, {0xaa, 0xbb}).code, kOk);
-    EXPECT_EQ(rig.read_registers(6, 0xff, 2).output, (Bytes{0xaa, 0xbb}));
+    EXPECT_EQ(rig.read_registers(6, 0xff, 2).out, (Bytes{0xaa, 0xbb}));
 
     // SPI: the controller's WHO_AM_I holds; its other registers keep writes.
     EXPECT_EQ(rig.call(5, {}, {1, 3, 0, 0x0f, 0x55, 0x66}, 128).code, kOk);
-    Rig::Result r = rig.call(5, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
-    EXPECT_EQ(r.output, (Bytes{1, 4, 0, 0x00, 0x6c, 0x66, 0x00}));
+    CallResult r = rig.call(5, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
+    EXPECT_EQ(r.out, (Bytes{1, 4, 0, 0x00, 0x6c, 0x66, 0x00}));
     // A chip select with nothing on it reads all ones; the loopback echoes.
-    EXPECT_EQ(rig.call(5, {}, {2, 2, 0, 1, 2}, 128).output, (Bytes{2, 2, 0, 0xff, 0xff}));
-    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 1, 2}, 128).output, (Bytes{0, 2, 0, 1, 2}));
+    EXPECT_EQ(rig.call(5, {}, {2, 2, 0, 1, 2}, 128).out, (Bytes{2, 2, 0, 0xff, 0xff}));
+    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 1, 2}, 128).out, (Bytes{0, 2, 0, 1, 2}));
 
     // I2C: the gauge's identity and voltage are read-only, its other registers not.
     Bytes write(21, 0);
@@ -247,7 +213,7 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     write[4] = 5;
     for (int i = 0; i < 5; ++i) write[5 + i] = static_cast<uint8_t>(0xe0 + i);
     EXPECT_EQ(rig.call(35, {}, write, 0).code, kOk);
-    Bytes gauge = rig.call(34, {}, {2, 0x36, 0x00, 0x00, 5}, 5).output;
+    Bytes gauge = rig.call(34, {}, {2, 0x36, 0x00, 0x00, 5}, 5).out;
     ASSERT_EQ(gauge.size(), 5u);
     EXPECT_EQ(gauge[0], 0x5a);
     EXPECT_EQ(gauge[1], 0xe1);
@@ -257,11 +223,9 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     // GPIO outputs keep their level; the rail event names what is on.
     EXPECT_EQ(rig.call(11, {20, 1}, {}, 0).code, kOk);
     EXPECT_EQ(rig.call(12, {20}, {}, 0, 1).scalars, std::vector<uint64_t>{1});
-    rig.sim->trace().clear();
     EXPECT_EQ(rig.call(16, {5}, {}, 0).code, kOk);
-    ASSERT_EQ(rig.sim->trace().lines(), 1u);
-    EXPECT_EQ(rig.sim->trace().line(0), R"({"service":"ZantraTalvexProcessor","event":"pmu","mask":5,"previous":7,)"
-                                        R"("on":["PPV1V2_TALVEX","PP3V0_IMU"]})");
+    EXPECT_EQ(rig.event_lines(), std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","event":"pmu",)"
+                                                          R"("mask":5,"previous":7,"on":["PPV1V2_TALVEX","PP3V0_IMU"]})"});
 }
 
 TEST(ModelBus, UartFramesRetriesAndReplies) {
@@ -281,17 +245,17 @@ TEST(ModelBus, UartFramesRetriesAndReplies) {
 
     // cmreply: the version of each partner, the unknown command and the empty one.
     auto body = [](const Bytes &frame) { return Bytes(frame.begin() + 3, frame.end() - 1); };
-    Bytes version = body(rig.uart(1, 3, 0, false, 0, {0x01}).output);
+    Bytes version = body(rig.uart(1, 3, 0, false, 0, {0x01}).out);
     EXPECT_EQ(std::string(version.begin() + 2, version.end()), "isp 1.0.7");
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x03, 0xff, 0xff, 0x02}).output), (Bytes{0x83, 0x00, 0x00, 0x02}));
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x44}).output), (Bytes{0xc4, 0x01}));
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {}).output), (Bytes{0x80, 0x02}));
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x03, 0xff, 0xff, 0x02}).out), (Bytes{0x83, 0x00, 0x00, 0x02}));
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x44}).out), (Bytes{0xc4, 0x01}));
+    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {}).out), (Bytes{0x80, 0x02}));
 
     // A 99-byte echo makes a 103-byte frame: cut to what the caller offered.
-    Rig::Result echo = rig.uart(0, 2, 0, false, 0, Bytes(99, 0x31));
+    CallResult echo = rig.uart(0, 2, 0, false, 0, Bytes(99, 0x31));
     EXPECT_EQ(echo.code, kOk);
-    EXPECT_EQ(echo.output.size(), 100u);
-    EXPECT_EQ(rig.uart(0, 2, 0, false, 0, {1}, 4).output, (Bytes{0x7e, 0x82, 0x01, 0x01}));
+    EXPECT_EQ(echo.out.size(), 100u);
+    EXPECT_EQ(rig.uart(0, 2, 0, false, 0, {1}, 4).out, (Bytes{0x7e, 0x82, 0x01, 0x01}));
 }
 
 }  // namespace

@@ -7,86 +7,35 @@
 #include <memory>
 #include <vector>
 
-#include "coprocessor.h"
 #include "model_diag.h"
-#include "simulation.h"
+#include "sim_rig.h"
 
 using namespace talvex;
 using namespace talvex::sim;
+using namespace talvex::test;
 
 namespace {
 
 constexpr IOReturn kOk = kIOReturnSuccess;
-constexpr uint64_t kMs = 1'000'000;
+using Reply = CallResult;
 
-struct Reply {
-    IOReturn code = kOk;
-    std::vector<uint8_t> out;
-    uint32_t u32(size_t at) const { return diag::get_le32(out, at); }
-    int32_t i32(size_t at) const { return static_cast<int32_t>(u32(at)); }
-    uint16_t u16(size_t at) const { return static_cast<uint16_t>(out[at] | out[at + 1] << 8); }
-};
-
-std::vector<uint8_t> le32(std::initializer_list<uint32_t> values) {
-    std::vector<uint8_t> out;
-    for (uint32_t v : values)
-        for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return out;
-}
-
-class Rig : public Outbox {
-public:
-    Rig() {
-        auto clock = std::make_unique<StepClock>();
-        step_ = clock.get();
-        sim_ = std::make_unique<Simulation>(*this, std::move(clock));
-        service_ = sim_->registry().find_class(kCoprocessorClass);
-        cop_ = dynamic_cast<Coprocessor *>(service_->model.get());
-    }
-    void send(ClientId, std::vector<uint8_t>, int) override {}
-
-    Reply call(uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input = {},
-               uint64_t capacity = 0) {
-        CallArgs a;
-        a.selector = selector;
-        a.scalars = scalars;
-        a.input = input;
-        a.output_capacity = capacity;
-        CallReply r;
-        Reply out;
-        out.code = cop_->methods().dispatch(a, r);
-        out.out = std::move(r.output);
-        return out;
-    }
+// The coprocessor, with the property, profile-entry and baud-rate reads the tests make often.
+struct Rig : SimRig {
     Reply get(uint64_t device, uint64_t property, uint64_t capacity = 128) {
         return call(13, {device, property}, {}, capacity);
     }
-    IOReturn set(uint64_t device, uint64_t property, uint64_t value) { return call(14, {device, property, value}).code; }
+    IOReturn set(uint64_t device, uint64_t property, uint64_t value) { return code(14, {device, property, value}); }
     Reply entry(uint32_t kind, uint32_t index) {
         std::vector<uint8_t> request = le32({kind, index});
         request.resize(72, 0);
         return call(23, {}, request, 82);
     }
-    void advance_ms(uint64_t ms) {
-        // In small steps, so that timers run when they are due.
-        for (uint64_t i = 0; i < ms; i += 10) {
-            step_->advance(10 * kMs);
-            sim_->run_timers();
-        }
-    }
     uint64_t baud() const {
-        CFTypeRef v = service_->get_property("talvex-baud-rate");
+        CFTypeRef v = service->get_property("talvex-baud-rate");
         int64_t n = -1;
         if (v) CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &n);
         return static_cast<uint64_t>(n);
     }
-
-    Coprocessor *cop_ = nullptr;
-    StepClock *step_ = nullptr;
-
-private:
-    std::unique_ptr<Simulation> sim_;
-    Service *service_ = nullptr;
 };
 
 TEST(ModelDiag, PropertiesHaveTheirSizesAndCodes) {
@@ -185,7 +134,7 @@ TEST(ModelDiag, TimeCountsWhileBootedAndAFreshBootStartsOver) {
     rig.advance_ms(5'000);
     ASSERT_EQ(rig.call(2, {0, 0}).code, kOk);
     rig.advance_ms(400);
-    ASSERT_EQ(rig.cop_->state(), kTalvexStateBooted);
+    ASSERT_EQ(rig.cop->state(), kTalvexStateBooted);
     Reply summary = rig.call(22, {}, {}, 12);
     EXPECT_EQ(summary.u32(8), 0u);
     EXPECT_EQ(rig.entry(0, 0).u16(76), 0);   // not started in the new run
@@ -302,7 +251,7 @@ TEST(ModelDiag, IrcStartupStatisticsStayOrderedOverLongGaps) {
     Rig rig;
     Reply first = rig.get(3, 240);
     ASSERT_EQ(first.code, kOk);
-    rig.step_->advance(10ull * 3'600 * kNanosPerSecond);   // ten hours unobserved
+    rig.step->advance(10ull * 3'600 * kNanosPerSecond);   // ten hours unobserved
     Reply later = rig.get(3, 240);
     const int32_t expected_mean[] = {2'400, 9'850, 12'250};
     for (size_t i = 0; i < 3; ++i) {

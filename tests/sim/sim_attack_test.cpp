@@ -8,7 +8,7 @@
 #include <random>
 
 #include "harness.h"
-#include "sim_client.h"
+#include "wire_peer.h"
 
 using namespace talvex;
 using namespace talvex::test;
@@ -113,6 +113,25 @@ TEST(SimAttack, MalformedBodiesGetErrorReplies) {
     // Unknown ops and replies sent as requests are unsupported, answered with the same seq.
     EXPECT_EQ(c.request(static_cast<wire::Op>(99), std::span<const uint8_t>())->code,
               static_cast<int32_t>(kIOReturnUnsupported));
+    // Well-formed bodies that say impossible things: a newer protocol, an entry
+    // that does not exist, a match that is no dictionary, a value that does not parse.
+    wire::Writer hello;
+    hello.u32(wire::kProtocolVersion + 1);
+    hello.u32(1);
+    EXPECT_EQ(c.request(wire::Op::Hello, hello)->code, static_cast<int32_t>(kIOReturnUnsupported));
+    wire::Writer bogus;
+    bogus.u64(12345);
+    EXPECT_EQ(c.request(wire::Op::EntryInfo, bogus)->code, kBadArgument);
+    int32_t code = 0;
+    c.match(reinterpret_cast<CFDictionaryRef>(CFSTR("IOProviderClass")), nullptr, &code);
+    EXPECT_EQ(code, kBadArgument);
+    wire::Writer bad_value;
+    bad_value.u64(cp);
+    bad_value.str("bad");
+    const uint8_t junk[] = {'<', 'n', 'o', 0};
+    bad_value.blob(junk);
+    EXPECT_EQ(c.request(wire::Op::SetProperty, bad_value)->code, kBadArgument);
+    EXPECT_TRUE(sim.trace().empty());   // nothing of it was written
     // A connection or notification that is not this client's.
     RawClient other(sim.socket());
     uint32_t conn = other.open(cp, 0);

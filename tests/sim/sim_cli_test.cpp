@@ -1,5 +1,5 @@
-// The talvexsim command line: control-command errors, run/shell, and how
-// serve guards its socket.
+// The talvexsim command line: control commands and their errors, run/shell,
+// and how serve guards its socket.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "harness.h"
-#include "sim_client.h"
+#include "wire_peer.h"
 
 using namespace talvex;
 using namespace talvex::test;
@@ -87,6 +87,68 @@ TEST(SimCli, ControlCommandErrorsAreOneLineNamingTheProblem) {
     auto r = run({talvexsim_path(), "--socket", nowhere, "trace"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "talvexsim: no simulator at " + nowhere + "\n");
+}
+
+TEST(SimCli, ControlCommandsEditPropertiesAndPublication) {
+    Simulator sim;
+    RawClient c(sim.socket());
+    uint64_t generation = 0;
+    uint64_t cp = c.match_class("ZantraTalvexProcessor", &generation).at(0);
+    uint32_t nid = c.add_interest(cp);
+
+    EXPECT_EQ(sim.control({"property", "set", "neg", "-0x10"}).status, 0);
+    EXPECT_EQ(sim.control({"property", "set", "name", "gyro 0", "--type", "string"}).status, 0);
+    EXPECT_EQ(sim.control({"property", "set", "--type=bool", "on", "true"}).status, 0);
+    EXPECT_EQ(sim.control({"property", "set", "blob", "00ff", "--type", "data"}).status, 0);
+    CFTypeRef v = c.property(cp, "neg");
+    int64_t n = 0;
+    EXPECT_TRUE(v && CFGetTypeID(v) == CFNumberGetTypeID() && CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &n));
+    EXPECT_EQ(n, -16);
+    CFRelease(v);
+    v = c.property(cp, "name");
+    EXPECT_TRUE(v && CFEqual(v, CFSTR("gyro 0")));
+    CFRelease(v);
+    v = c.property(cp, "on");
+    EXPECT_EQ(v, static_cast<CFTypeRef>(kCFBooleanTrue));
+    CFRelease(v);
+    v = c.property(cp, "blob");
+    ASSERT_TRUE(v && CFGetTypeID(v) == CFDataGetTypeID());
+    EXPECT_EQ(CFDataGetLength(static_cast<CFDataRef>(v)), 2);
+    CFRelease(v);
+
+    EXPECT_EQ(sim.control({"property", "delete", "talvex-state"}).status, 0);
+    int32_t code = 0;
+    EXPECT_EQ(c.property(cp, "talvex-state", &code), nullptr);
+    EXPECT_EQ(code, static_cast<int32_t>(kIOReturnNotFound));
+    // Control-command edits are not client writes: the trace stays empty.
+    EXPECT_TRUE(sim.trace().empty());
+
+    // Unpublishing hides the service, changes the generation and tells the watcher.
+    EXPECT_EQ(sim.control({"service", "unpublish", "ZantraTalvexProcessor"}).status, 0);
+    uint64_t after = 0;
+    EXPECT_TRUE(c.match_class("ZantraTalvexProcessor", &after).empty());
+    EXPECT_NE(after, generation);
+    auto e = c.next_event();
+    ASSERT_TRUE(e);
+    wire::Reader er(e->body);
+    EXPECT_EQ(er.u32(), nid);
+    EXPECT_EQ(er.u64(), cp);
+    EXPECT_EQ(er.u32(), kIOMessageServiceIsTerminated);
+    EXPECT_EQ(c.open(cp, 0, &code), 0u);
+    EXPECT_EQ(code, static_cast<int32_t>(kIOReturnNoDevice));
+    // Unpublishing twice changes nothing.
+    EXPECT_EQ(sim.control({"service", "unpublish", "ZantraTalvexProcessor"}).status, 0);
+    wire::Writer none;
+    auto gen_reply = c.request(wire::Op::Generation, none);
+    ASSERT_TRUE(gen_reply);
+    wire::Reader gr(gen_reply->body);
+    EXPECT_EQ(gr.u64(), after);
+
+    EXPECT_EQ(sim.control({"service", "publish", "ZantraTalvexProcessor"}).status, 0);
+    uint64_t again = 0;
+    EXPECT_EQ(c.match_class("ZantraTalvexProcessor", &again), std::vector<uint64_t>{cp});
+    EXPECT_NE(again, after);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
 
 TEST(SimCli, SocketOptionHelpAndUsage) {

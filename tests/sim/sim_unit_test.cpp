@@ -273,44 +273,6 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     EXPECT_EQ(t.text(), "");
 }
 
-TEST(SimUnit, CoprocessorStateChangesNotifyAndTimersFollowTheClock) {
-    Captured out;
-    auto clock = std::make_unique<StepClock>();
-    StepClock *step = clock.get();
-    Simulation sim(out, std::move(clock));
-    Service *svc = sim.registry().find_class(kCoprocessorClass);
-    ASSERT_TRUE(svc);
-    auto *cp = dynamic_cast<Coprocessor *>(svc->model.get());
-    ASSERT_TRUE(cp);
-    EXPECT_EQ(cp->state(), kTalvexStateBooted);
-
-    // Register client 7 through the protocol, then change state from a timer.
-    wire::Writer w;
-    w.u64(svc->id);
-    w.str("IOGeneralInterest");
-    auto frame = wire::make_request(wire::Op::AddInterest, 1, w.data());
-    sim.handle(7, std::span(frame).subspan(4));   // the message after its length
-    ASSERT_EQ(out.sent.size(), 1u);
-    sim.timers().add(step->now_ns() + kNanosPerSecond, [&] { cp->set_state(kTalvexStatePanic); });
-    EXPECT_EQ(sim.run_timers(), 0u);
-    step->advance(kNanosPerSecond);
-    EXPECT_EQ(sim.run_timers(), 1u);
-    EXPECT_EQ(cp->state(), kTalvexStatePanic);
-    ASSERT_EQ(out.sent.size(), 2u);
-    EXPECT_EQ(out.sent[1].client, 7u);
-    wire::Reader r(std::span(out.sent[1].frame).subspan(12));
-    r.u32();
-    EXPECT_EQ(r.u64(), svc->id);
-    EXPECT_EQ(r.u32(), kTalvexMessageStateChanged);
-    EXPECT_EQ(r.u8(), static_cast<uint8_t>(wire::ArgKind::Value));
-    EXPECT_EQ(r.u64(), kTalvexStatePanic);
-
-    // The client goes away: nothing more is sent to it.
-    sim.client_gone(7);
-    EXPECT_EQ(sim.notify(*svc, 1, MessageArg::none()), 0u);
-    EXPECT_EQ(sim.interest_count(), 0u);
-}
-
 TEST(SimUnit, SharedRegionIsWritableHereAndReadOnlyForClients) {
     auto region = SharedRegion::create(4096);
     ASSERT_TRUE(region);

@@ -1,0 +1,363 @@
+// Raw protocol peers for tests, both ends of the socket: RawClient speaks to
+// a simulator as no well-behaved library would (any frame, any body), and
+// FakePeer plays a scripted simulator to the library's own client. Frames
+// are built and read with talvex::wire.
+#pragma once
+
+#include "wire.h"
+
+#include <CoreFoundation/CoreFoundation.h>
+#include <IOKit/IOCFSerialize.h>
+#include <IOKit/IOCFUnserialize.h>
+#include <IOKit/IOReturn.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace talvex::test {
+
+struct Frame {
+    uint16_t op = 0;
+    uint32_t seq = 0;
+    int32_t code = 0;                // replies only
+    std::vector<uint8_t> body;       // after the code (replies) or the header (requests, events)
+    int fd = -1;                     // a descriptor that came with the frame (owned by the reader)
+};
+
+inline bool send_all(int fd, std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        bytes = bytes.subspan(static_cast<size_t>(n));
+    }
+    return true;
+}
+
+// Reads exactly n bytes before the deadline, keeping a descriptor that travels with them.
+inline bool read_exact(int fd, uint8_t *out, size_t n, std::chrono::steady_clock::time_point deadline, int *received) {
+    for (size_t done = 0; done < n;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+        iovec iov{out + done, n - done};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)];
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        ssize_t got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        for (cmsghdr *cm = CMSG_FIRSTHDR(&msg); cm; cm = CMSG_NXTHDR(&msg, cm)) {
+            if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS) continue;
+            if (*received >= 0) close(*received);
+            std::memcpy(received, CMSG_DATA(cm), sizeof(int));
+        }
+        done += static_cast<size_t>(got);
+    }
+    return true;
+}
+
+// One frame (request, reply or event); nothing on timeout, error, end of
+// stream or a length no frame may have.
+inline std::optional<Frame> read_frame(int fd, std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    Frame f;
+    uint8_t len_bytes[4];
+    if (!read_exact(fd, len_bytes, 4, deadline, &f.fd)) return std::nullopt;
+    uint32_t len = wire::load_le32(len_bytes);
+    if (len < 8 || len > wire::kMaxFrame) return std::nullopt;
+    std::vector<uint8_t> msg(len);
+    if (!read_exact(fd, msg.data(), len, deadline, &f.fd)) return std::nullopt;
+    f.op = wire::load_le16(msg.data());
+    f.seq = wire::load_le32(msg.data() + 4);
+    size_t body_at = 8;
+    if (f.op & wire::kReplyBit) {
+        if (len < 12) return std::nullopt;
+        f.code = static_cast<int32_t>(wire::load_le32(msg.data() + 8));
+        body_at = 12;
+    }
+    f.body.assign(msg.begin() + static_cast<std::ptrdiff_t>(body_at), msg.end());
+    return f;
+}
+
+inline int unix_socket(const std::string &path, bool listening) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
+    auto *addr = reinterpret_cast<sockaddr *>(&sa);
+    bool ok = listening ? bind(fd, addr, sizeof sa) == 0 && listen(fd, 4) == 0 : connect(fd, addr, sizeof sa) == 0;
+    if (!ok) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+struct CallOut {
+    int32_t code = 0;
+    std::vector<uint64_t> scalars;
+    std::vector<uint8_t> output;
+};
+
+// A client that sends whatever it is told to; typed helpers fail the test on a
+// failed exchange and give an empty result.
+class RawClient {
+public:
+    explicit RawClient(const std::string &path) : fd_(unix_socket(path, false)) {}
+    ~RawClient() { close_now(); }
+    RawClient(const RawClient &) = delete;
+    RawClient &operator=(const RawClient &) = delete;
+
+    bool connected() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+    void close_now() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+    bool send_bytes(std::span<const uint8_t> bytes) { return send_all(fd_, bytes); }
+    std::optional<Frame> read_frame(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return talvex::test::read_frame(fd_, timeout);
+    }
+
+    // Sends a request and returns its reply; events read meanwhile are kept.
+    std::optional<Frame> request(wire::Op op, std::span<const uint8_t> body) {
+        uint32_t seq = next_seq_++;
+        if (!send_bytes(wire::make_request(op, seq, body))) return std::nullopt;
+        for (;;) {
+            auto f = read_frame();
+            if (!f) return std::nullopt;
+            if (f->op == static_cast<uint16_t>(wire::Op::Event)) {
+                events.push_back(std::move(*f));
+                continue;
+            }
+            EXPECT_EQ(f->op, static_cast<uint16_t>(static_cast<uint16_t>(op) | wire::kReplyBit));
+            EXPECT_EQ(f->seq, seq);
+            return f;
+        }
+    }
+    std::optional<Frame> request(wire::Op op, const wire::Writer &w) { return request(op, std::span(w.data())); }
+
+    // The next event (already received or arriving within the timeout).
+    std::optional<Frame> next_event(std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        if (events.empty()) return read_frame(timeout);
+        Frame f = std::move(events.front());
+        events.pop_front();
+        return f;
+    }
+
+    std::vector<uint64_t> match(CFDictionaryRef dict, uint64_t *generation = nullptr, int32_t *code = nullptr) {
+        CFDataRef data = IOCFSerialize(dict, 0);
+        wire::Writer w;
+        w.blob({CFDataGetBytePtr(data), static_cast<size_t>(CFDataGetLength(data))});
+        CFRelease(data);
+        auto f = request(wire::Op::Match, w);
+        std::vector<uint64_t> ids;
+        if (!f) {
+            ADD_FAILURE() << "no reply to Match";
+            return ids;
+        }
+        if (code) *code = f->code;
+        wire::Reader r(f->body);
+        uint64_t gen = r.u64();
+        for (uint32_t i = 0, n = r.u32(); i < n && r.ok(); ++i) ids.push_back(r.u64());
+        if (generation) *generation = gen;
+        return ids;
+    }
+    std::vector<uint64_t> match_class(const char *cls, uint64_t *generation = nullptr) {
+        CFMutableDictionaryRef d = CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                             &kCFTypeDictionaryValueCallBacks);
+        CFStringRef v = CFStringCreateWithCString(nullptr, cls, kCFStringEncodingUTF8);
+        CFDictionarySetValue(d, CFSTR("IOProviderClass"), v);
+        auto ids = match(d, generation);
+        CFRelease(v);
+        CFRelease(d);
+        return ids;
+    }
+    uint64_t service(const char *cls) {
+        auto ids = match_class(cls);
+        EXPECT_EQ(ids.size(), 1u) << cls;
+        return ids.empty() ? 0 : ids[0];
+    }
+
+    // Opens a user client; returns its connection ID (0 on failure, with the code).
+    uint32_t open(uint64_t entry, uint32_t type, int32_t *code = nullptr) {
+        wire::Writer w;
+        w.u64(entry);
+        w.u32(type);
+        auto f = request(wire::Op::Open, w);
+        if (!f) return 0;
+        if (code) *code = f->code;
+        return f->code != 0 ? 0 : wire::Reader(f->body).u32();
+    }
+
+    CallOut call(uint32_t conn, uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input,
+                 uint32_t scalar_capacity, uint64_t output_capacity, bool pass_output = true) {
+        wire::Writer w;
+        w.u32(conn);
+        w.u32(selector);
+        w.u32(static_cast<uint32_t>(scalars.size()));
+        for (auto s : scalars) w.u64(s);
+        w.blob(input);
+        w.u32(scalar_capacity);
+        w.u64(output_capacity);
+        w.u8(static_cast<uint8_t>((pass_output ? 1 : 0) | (input.empty() ? 0 : 2)));
+        CallOut out;
+        auto f = request(wire::Op::Call, w);
+        if (!f) {
+            ADD_FAILURE() << "no reply to Call";
+            out.code = -1;
+            return out;
+        }
+        out.code = f->code;
+        wire::Reader r(f->body);
+        for (uint32_t i = 0, n = r.u32(); i < n && r.ok(); ++i) out.scalars.push_back(r.u64());
+        auto o = r.blob();
+        out.output.assign(o.begin(), o.end());
+        // A request refused before it reached the method has an empty reply body.
+        EXPECT_TRUE(r.at_end() || (f->body.empty() && f->code != 0));
+        return out;
+    }
+
+    // The property's value (owned by the caller), or null with the code.
+    CFTypeRef property(uint64_t entry, const char *key, int32_t *code = nullptr) {
+        wire::Writer w;
+        w.u64(entry);
+        w.str(key);
+        auto f = request(wire::Op::GetProperty, w);
+        if (!f) return nullptr;
+        if (code) *code = f->code;
+        if (f->code != 0) return nullptr;
+        auto b = wire::Reader(f->body).blob();
+        return IOCFUnserializeWithSize(reinterpret_cast<const char *>(b.data()), b.size(), nullptr, 0, nullptr);
+    }
+
+    uint32_t add_interest(uint64_t entry, const char *type = "IOGeneralInterest") {
+        wire::Writer w;
+        w.u64(entry);
+        w.str(type);
+        auto f = request(wire::Op::AddInterest, w);
+        return !f || f->code != 0 ? 0 : wire::Reader(f->body).u32();
+    }
+
+    std::deque<Frame> events;
+
+private:
+    int fd_ = -1;
+    uint32_t next_seq_ = 1;
+};
+
+// A control command sent over the protocol (no child process).
+inline std::optional<Frame> control(RawClient &c, const std::vector<std::string> &words) {
+    wire::Writer w;
+    w.u32(static_cast<uint32_t>(words.size()));
+    for (auto &s : words) w.str(s);
+    return c.request(wire::Op::Control, w);
+}
+
+// One decoded request as a fake peer sees it.
+struct Request {
+    wire::Op op;
+    uint32_t seq;
+    std::vector<uint8_t> body;
+};
+
+// A listening socket in a fresh directory with one thread that accepts a
+// single client and runs `script` on it.
+class FakePeer {
+public:
+    using Script = std::function<void(FakePeer &)>;
+    explicit FakePeer(Script script) {
+        char tmpl[] = "/tmp/talvex-peer-XXXXXX";
+        if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+        dir_ = tmpl;
+        socket_ = dir_ + "/peer.sock";
+        listen_fd_ = unix_socket(socket_, true);
+        if (listen_fd_ < 0) throw std::runtime_error("cannot listen on " + socket_);
+        thread_ = std::thread([this, script = std::move(script)] {
+            int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd < 0) return;
+            client_ = fd;
+            script(*this);
+        });
+    }
+    ~FakePeer() {
+        // Unblock a script still waiting for the client or for a request.
+        shutdown(listen_fd_, SHUT_RDWR);
+        if (client_ >= 0) shutdown(client_, SHUT_RDWR);
+        thread_.join();
+        if (client_ >= 0) close(client_);
+        close(listen_fd_);
+        unlink(socket_.c_str());
+        rmdir(dir_.c_str());
+    }
+    FakePeer(const FakePeer &) = delete;
+    FakePeer &operator=(const FakePeer &) = delete;
+    const std::string &socket() const { return socket_; }
+
+    // For scripts: read one request (false at end of stream), answer.
+    bool read(Request &req) {
+        auto f = read_frame(client_, std::chrono::minutes(1));
+        if (!f) return false;
+        if (f->fd >= 0) close(f->fd);
+        req = {static_cast<wire::Op>(f->op), f->seq, std::move(f->body)};
+        return true;
+    }
+    void send(std::span<const uint8_t> bytes) { send_all(client_, bytes); }
+    void send_fd(std::span<const uint8_t> bytes, int fd) {
+        iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr *c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+        ssize_t n = sendmsg(client_, &msg, MSG_NOSIGNAL);
+        if (n >= 0 && static_cast<size_t>(n) < bytes.size()) send(bytes.subspan(static_cast<size_t>(n)));
+    }
+    void reply(const Request &req, int32_t code, std::span<const uint8_t> body) {
+        send(wire::make_reply(req.op, req.seq, code, body));
+    }
+    // Answers the Hello properly.
+    bool greet() {
+        Request req;
+        if (!read(req) || req.op != wire::Op::Hello) return false;
+        wire::Writer w;
+        w.u32(wire::kProtocolVersion);
+        reply(req, 0, w.data());
+        return true;
+    }
+
+private:
+    std::string dir_, socket_;
+    int listen_fd_ = -1;
+    std::atomic<int> client_{-1};
+    std::thread thread_;
+};
+
+}  // namespace talvex::test
