@@ -1,6 +1,6 @@
 // CFArray and CFDictionary: callbacks, copies, order, equality, descriptions,
 // and the cost of large dictionaries.
-#include "cf_test_util.h"
+#include "cf_support.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-using namespace cftest;
+using namespace talvex::test;
 
 namespace {
 

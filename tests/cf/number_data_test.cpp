@@ -1,5 +1,5 @@
 // CFNumber, CFBoolean and CFData.
-#include "cf_test_util.h"
+#include "cf_support.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <limits>
 
-using namespace cftest;
+using namespace talvex::test;
 
 namespace {
 

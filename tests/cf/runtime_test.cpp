@@ -1,6 +1,6 @@
 // Object runtime: retain counts, registered classes, ownership through
 // containers, identity fallbacks, constant strings and thread safety.
-#include "cf_test_util.h"
+#include "cf_support.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-using namespace cftest;
+using namespace talvex::test;
 
 namespace {
 

@@ -1,6 +1,6 @@
 // CFString: encodings, UTF-16 length, C-string access, mutation, comparison
 // and the format engine (checked against the C library's snprintf).
-#include "cf_test_util.h"
+#include "cf_support.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <sys/types.h>
 
-using namespace cftest;
+using namespace talvex::test;
 
 namespace {
 

@@ -1,5 +1,5 @@
 // CFURL path resolution and CFError.
-#include "cf_test_util.h"
+#include "cf_support.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <unistd.h>
 
-using namespace cftest;
+using namespace talvex::test;
 
 namespace {
 

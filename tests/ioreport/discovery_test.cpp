@@ -232,28 +232,6 @@ TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
 }
 
-TEST_F(Discovery, ChannelByIDLearnsItsTypeFromTheFirstSample) {
-    Ref<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
-    EXPECT_FALSE(IOReportCopyChannelsWithID(matching.get(), 0, nullptr));
-    EXPECT_FALSE(IOReportCopyChannelsWithID(nullptr, kTotal, nullptr));
-    Ref<CFMutableDictionaryRef> agg(IOReportCopyChannelsWithID(matching.get(), kTotal, nullptr));
-    ASSERT_TRUE(agg);
-    auto recs = channelsOf(agg.get());
-    ASSERT_EQ(recs.size(), 1u);
-    uint64_t driver = entryID(kTalvex);
-    EXPECT_EQ(IOReportChannelGetDriverID(recs[0]), driver);
-    EXPECT_EQ(IOReportChannelGetFormat(recs[0]), 0);
-    EXPECT_EQ(text(IOReportChannelGetChannelName(recs[0])), "TOTAL MS");
-
-    auto image = run(driver, kTotal, type(kIOReportFormatSimple, 4, 1), {{1234}});
-    Ref<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
-    Ref<CFMutableDictionaryRef> s(IOReportCreateSamplesRaw(agg.get(), data.get(), nullptr));
-    ASSERT_TRUE(s);
-    EXPECT_EQ(IOReportChannelGetFormat(recs[0]), kIOReportFormatSimple);
-    EXPECT_EQ(IOReportChannelGetCategories(recs[0]), 4);
-    EXPECT_EQ(IOReportSimpleGetIntegerValue(channelsOf(s.get())[0]), 1234);
-}
-
 TEST_F(Discovery, Filters) {
     publishTalvexLegend();
     publishHubLegend();

@@ -4,6 +4,8 @@
 
 #include <IOReport.h>
 
+#include "cf_support.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,32 +15,9 @@
 
 namespace rt {
 
-// Owns one CoreFoundation reference.
 template <class T>
-class Ref {
-public:
-    Ref() = default;
-    explicit Ref(T r) : r_(r) {}
-    ~Ref() {
-        if (r_) CFRelease(r_);
-    }
-    Ref(const Ref &) = delete;
-    Ref &operator=(const Ref &) = delete;
-    Ref(Ref &&o) noexcept : r_(std::exchange(o.r_, nullptr)) {}
-    Ref &operator=(Ref &&o) noexcept {
-        if (this != &o) {
-            if (r_) CFRelease(r_);
-            r_ = std::exchange(o.r_, nullptr);
-        }
-        return *this;
-    }
-    T get() const { return r_; }
-    T *slot() { return &r_; }
-    explicit operator bool() const { return r_ != nullptr; }
-
-private:
-    T r_ = nullptr;
-};
+using Ref = talvex::test::Owned<T>;
+using talvex::test::text;
 
 inline constexpr uint64_t kNone = 0x8000000000000000ull;
 
@@ -114,14 +93,6 @@ inline CFTypeRef getValue(CFDictionaryRef d, const char *key) {
     return v;
 }
 inline CFStringRef str(const char *s) { return CFStringCreateWithCString(nullptr, s, kCFStringEncodingUTF8); }
-
-inline std::string text(CFStringRef s) {
-    if (!s) return "<null>";
-    std::vector<char> buf(static_cast<size_t>(CFStringGetMaximumSizeForEncoding(CFStringGetLength(s),
-                                                                                 kCFStringEncodingUTF8)) + 1);
-    if (!CFStringGetCString(s, buf.data(), static_cast<CFIndex>(buf.size()), kCFStringEncodingUTF8)) return "<bad>";
-    return buf.data();
-}
 
 // A channel record as discovery makes it; `unit` kNone leaves the info out.
 inline CFMutableDictionaryRef record(uint64_t driver, uint64_t channel, uint64_t channel_type,

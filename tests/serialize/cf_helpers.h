@@ -1,5 +1,7 @@
-// Small helpers for building and inspecting property lists in the tests.
+// Building property lists, and serialising and parsing them, for the tests.
 #pragma once
+
+#include "cf_support.h"
 
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOCFSerialize.h>
@@ -13,10 +15,7 @@
 
 namespace talvex::test {
 
-struct CFReleaser {
-    void operator()(const void *obj) const { CFRelease(obj); }
-};
-using CF = std::unique_ptr<const void, CFReleaser>;
+using CF = Owned<CFTypeRef>;
 
 inline CF str(std::string_view text) {
     return CF(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(text.data()),
@@ -32,13 +31,6 @@ inline CF cfdata(std::string_view bytes) {
     return CF(CFDataCreate(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()),
                            static_cast<CFIndex>(bytes.size())));
 }
-
-inline CFMutableDictionaryRef new_dict() {
-    return CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
-                                     &kCFTypeDictionaryValueCallBacks);
-}
-
-inline CFMutableArrayRef new_array() { return CFArrayCreateMutable(kCFAllocatorDefault, 0, &kCFTypeArrayCallBacks); }
 
 // The serialised bytes (including the final NUL), or "<null>" when
 // serialisation gave nothing.
@@ -57,28 +49,22 @@ inline std::string xml(CFTypeRef obj) {
     return s;
 }
 
-inline std::string text_of(CFStringRef s) {
-    if (s == nullptr) return "<null>";
-    const char *p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8);
-    return p != nullptr ? p : "<not UTF-8>";
-}
-
 // Parse result and error text together.
 struct Parsed {
     CF obj;
     std::string error;  // empty when no error string was stored
 };
 
-// Parses exactly the bytes of `text` from a heap copy of that size, so that a
+// Parses exactly the bytes of `input` from a heap copy of that size, so that a
 // read past the end is caught by the address sanitizer.
-inline Parsed parse(std::string_view text, CFOptionFlags options = 0) {
-    std::unique_ptr<char[]> copy(new char[text.size()]);
-    std::copy(text.begin(), text.end(), copy.get());
+inline Parsed parse(std::string_view input, CFOptionFlags options = 0) {
+    std::unique_ptr<char[]> copy(new char[input.size()]);
+    std::copy(input.begin(), input.end(), copy.get());
     CFStringRef err = nullptr;
     Parsed p;
-    p.obj = CF(IOCFUnserializeWithSize(copy.get(), text.size(), kCFAllocatorDefault, options, &err));
+    p.obj = CF(IOCFUnserializeWithSize(copy.get(), input.size(), kCFAllocatorDefault, options, &err));
     if (err != nullptr) {
-        p.error = text_of(err);
+        p.error = text(err);
         CFRelease(err);
     }
     return p;

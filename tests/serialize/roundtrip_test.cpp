@@ -73,12 +73,12 @@ private:
     CF make_container(int depth) {
         const uint32_t n = below(6);
         if (below(2) == 0) {
-            CFMutableArrayRef a = new_array();
+            CFMutableArrayRef a = make_array();
             CF owner(a);
             for (uint32_t i = 0; i < n; ++i) CFArrayAppendValue(a, value(depth).get());
             return owner;
         }
-        CFMutableDictionaryRef d = new_dict();
+        CFMutableDictionaryRef d = make_dict();
         CF owner(d);
         for (uint32_t i = 0; i < n; ++i) {
             CF key = str(text());
@@ -113,7 +113,7 @@ TEST(RoundTrip, GeneratedPropertyListsComeBackEqual) {
 
 TEST(RoundTrip, SharedObjectsStaySharedAndNumbersKeepTheirWidth) {
     CF s = str("same"), n = num(kCFNumberCharType, char{-3});
-    CFMutableArrayRef a = new_array();
+    CFMutableArrayRef a = make_array();
     CF owner(a);
     for (CFTypeRef v : {s.get(), n.get(), s.get(), n.get()}) CFArrayAppendValue(a, v);
     const Parsed back = parse(serialized(a));

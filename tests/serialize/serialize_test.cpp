@@ -20,7 +20,7 @@ TEST(Serialize, StartRequestIsTheDictionaryTextAndOneNul) {
 }
 
 TEST(Serialize, OnlyAngleBracketsAndAmpersandAreEscaped) {
-    CFMutableDictionaryRef d = new_dict();
+    CFMutableDictionaryRef d = make_dict();
     CF owner(d);
     CF key = str("a<b>&c\"d'e");
     CF value = str("<&>\"' \t\n\xc3\xa9");
@@ -29,13 +29,13 @@ TEST(Serialize, OnlyAngleBracketsAndAmpersandAreEscaped) {
 }
 
 TEST(Serialize, EveryElementKindInDictionaryOrder) {
-    CFMutableDictionaryRef d = new_dict();
+    CFMutableDictionaryRef d = make_dict();
     CF owner(d);
-    CFMutableArrayRef a = new_array();
+    CFMutableArrayRef a = make_array();
     CF array(a);
     CF s = str("text"), n = num(kCFNumberSInt32Type, int32_t{42}), bytes = cfdata("Man");
     CF empty_s = str(""), empty_d = cfdata("");
-    CF empty_dict(new_dict()), empty_array(new_array());
+    CF empty_dict(make_dict()), empty_array(make_array());
     for (CFTypeRef v : {s.get(), n.get(), bytes.get(), static_cast<CFTypeRef>(kCFBooleanTrue),
                         static_cast<CFTypeRef>(kCFBooleanFalse), empty_s.get(), empty_d.get(), empty_dict.get(),
                         empty_array.get()})
@@ -88,10 +88,10 @@ TEST(Serialize, ObjectReachedTwiceIsWrittenOnceWithAnId) {
     // inside b (ID 1), then s (ID 2). Keys never take IDs and do not count as
     // a use: the key object k, used once as a value, is written in full.
     CF s = str("shared"), n = num(kCFNumberSInt16Type, int16_t{5}), key = str("k");
-    CFMutableDictionaryRef b = new_dict();
+    CFMutableDictionaryRef b = make_dict();
     CF b_owner(b);
     CFDictionarySetValue(b, key.get(), n.get());
-    CFMutableArrayRef root = new_array();
+    CFMutableArrayRef root = make_array();
     CF root_owner(root);
     CF once = str("once");
     for (CFTypeRef v : {once.get(), static_cast<CFTypeRef>(b), s.get(), static_cast<CFTypeRef>(b), s.get(),
@@ -105,7 +105,7 @@ TEST(Serialize, ObjectReachedTwiceIsWrittenOnceWithAnId) {
 
     // Equal but distinct objects are each written in full; the boolean
     // singletons are never referenced.
-    CFMutableArrayRef twins = new_array();
+    CFMutableArrayRef twins = make_array();
     CF twins_owner(twins);
     CF a1 = str("same"), a2 = str("same"), d1 = cfdata("xy"), d2 = cfdata("xy");
     for (CFTypeRef v : {a1.get(), a2.get(), d1.get(), d2.get(), static_cast<CFTypeRef>(kCFBooleanTrue),
@@ -129,9 +129,9 @@ TEST(Serialize, UnsupportedInputGivesNothing) {
     EXPECT_EQ(serialized(with_nul.get()), "<null>");
 
     // A float deep inside, a key that is not a string, an object of another type.
-    CFMutableArrayRef outer = new_array();
+    CFMutableArrayRef outer = make_array();
     CF outer_owner(outer);
-    CFMutableDictionaryRef inner = new_dict();
+    CFMutableDictionaryRef inner = make_dict();
     CF inner_owner(inner);
     CFArrayAppendValue(outer, inner);
     CFDictionarySetValue(inner, CFSTR("f"), f64.get());
@@ -149,8 +149,8 @@ TEST(Serialize, UnsupportedInputGivesNothing) {
 }
 
 TEST(Serialize, ContainerInsideItselfGivesNothing) {
-    CFMutableArrayRef a = new_array();
-    CFMutableArrayRef b = new_array();
+    CFMutableArrayRef a = make_array();
+    CFMutableArrayRef b = make_array();
     CFArrayAppendValue(a, b);
     CFArrayAppendValue(b, a);
     EXPECT_EQ(serialized(a), "<null>");
@@ -164,9 +164,9 @@ TEST(Serialize, NestingIsLimitedTo128Containers) {
         CF leaf = str("x");
         CF current(CFRetain(leaf.get()));
         for (int i = 0; i < depth; ++i) {
-            CFMutableArrayRef a = new_array();
+            CFMutableArrayRef a = make_array();
             CFArrayAppendValue(a, current.get());
-            current.reset(a);
+            current = CF(a);
         }
         return current;
     };

@@ -28,7 +28,7 @@ CFTypeRef get(CFTypeRef dict, const char *key) {
 
 std::string string_value(CFTypeRef s) {
     if (s == nullptr || CFGetTypeID(s) != CFStringGetTypeID()) return "<not a string>";
-    return text_of(static_cast<CFStringRef>(s));
+    return text(static_cast<CFStringRef>(s));
 }
 
 std::string nested_arrays(int depth) {
@@ -240,7 +240,7 @@ TEST(Unserialize, TextEndsAtTheSizeOrTheFirstNul) {
 
     CFStringRef err = nullptr;
     EXPECT_EQ(IOCFUnserialize(nullptr, kCFAllocatorDefault, 0, &err), nullptr);
-    EXPECT_EQ(text_of(err), "no input");
+    EXPECT_EQ(text(err), "no input");
     CFRelease(err);
     const Parsed options = parse("<true/>", 1);
     EXPECT_FALSE(options.obj);
