@@ -1,13 +1,11 @@
 // In-process tests of the simulator's parts: numbers, timers, matching, the
 // method table and catalogue shapes, stubs, trace formatting, models.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include "control.h"
 #include "coprocessor.h"
 #include "methods.h"
 #include "registry.h"
-#include "shared_memory.h"
 #include "simulation.h"
 #include "stubs.h"
 #include "timers.h"
@@ -271,22 +269,6 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     EXPECT_EQ(t.text().size(), t.bytes());
     t.clear();
     EXPECT_EQ(t.text(), "");
-}
-
-TEST(SimUnit, SharedRegionIsWritableHereAndReadOnlyForClients) {
-    auto region = SharedRegion::create(4096);
-    ASSERT_TRUE(region);
-    region->bytes()[100] = 0x5a;
-    void *p = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, region->client_fd(), 0);
-    ASSERT_NE(p, MAP_FAILED);
-    EXPECT_EQ(static_cast<uint8_t *>(p)[100], 0x5a);
-    region->bytes()[101] = 0x33;   // later writes show through the client's mapping
-    EXPECT_EQ(static_cast<uint8_t *>(p)[101], 0x33);
-    munmap(p, 4096);
-    EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, region->client_fd(), 0), MAP_FAILED);
-    std::string error;
-    EXPECT_FALSE(SharedRegion::create(0, &error));
-    EXPECT_FALSE(error.empty());
 }
 
 TEST(SimUnit, PerClientLimitsAndCleanup) {

@@ -7,7 +7,7 @@
 
 #include "coprocessor.h"
 #include "simulation.h"
-#include "wire.h"
+#include "wire_peer.h"
 
 #include <gtest/gtest.h>
 
@@ -97,24 +97,13 @@ public:
     // One external-method call; an output structure is offered when `capacity` is not 0.
     CallResult call(uint32_t selector, const std::vector<uint64_t> &scalars = {},
                     const std::vector<uint8_t> &input = {}, uint64_t capacity = 0, uint32_t scalar_capacity = 0) {
-        wire::Writer w;
-        w.u32(connection_);
-        w.u32(selector);
-        w.u32(static_cast<uint32_t>(scalars.size()));
-        for (uint64_t v : scalars) w.u64(v);
-        w.blob(input);
-        w.u32(scalar_capacity);
-        w.u64(capacity);
-        w.u8(static_cast<uint8_t>((capacity ? 1 : 0) | (input.empty() ? 0 : 2)));
         CallResult out;
-        out.code = request(wire::Op::Call, w);
-        auto body = reply_body();
-        if (body.empty()) return out;   // refused before the method
-        wire::Reader r(body);
-        uint32_t n = r.u32();
-        for (uint32_t i = 0; i < n && r.ok(); ++i) out.scalars.push_back(r.u64());
-        auto o = r.blob();
-        out.out.assign(o.begin(), o.end());
+        out.code = request(wire::Op::Call, call_request(connection_, selector, scalars, input, scalar_capacity,
+                                                         capacity, capacity != 0));
+        CallOut reply;
+        if (!reply_body().empty()) read_call_reply(reply_body(), reply);   // empty: refused before the method
+        out.out = std::move(reply.output);
+        out.scalars = std::move(reply.scalars);
         return out;
     }
     IOReturn code(uint32_t selector, const std::vector<uint64_t> &scalars = {}, const std::vector<uint8_t> &input = {}) {

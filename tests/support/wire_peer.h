@@ -120,6 +120,29 @@ struct CallOut {
     std::vector<uint8_t> output;
 };
 
+// A Call request's body, and the scalars and structure of its reply's.
+inline wire::Writer call_request(uint32_t conn, uint32_t selector, const std::vector<uint64_t> &scalars,
+                                 std::span<const uint8_t> input, uint32_t scalar_capacity, uint64_t output_capacity,
+                                 bool pass_output) {
+    wire::Writer w;
+    w.u32(conn);
+    w.u32(selector);
+    w.u32(static_cast<uint32_t>(scalars.size()));
+    for (auto s : scalars) w.u64(s);
+    w.blob(input);
+    w.u32(scalar_capacity);
+    w.u64(output_capacity);
+    w.u8(static_cast<uint8_t>((pass_output ? 1 : 0) | (input.empty() ? 0 : 2)));
+    return w;
+}
+inline bool read_call_reply(std::span<const uint8_t> body, CallOut &out) {
+    wire::Reader r(body);
+    for (uint32_t i = 0, n = r.u32(); i < n && r.ok(); ++i) out.scalars.push_back(r.u64());
+    auto o = r.blob();
+    out.output.assign(o.begin(), o.end());
+    return r.at_end();
+}
+
 // A client that sends whatever it is told to; typed helpers fail the test on a
 // failed exchange and give an empty result.
 class RawClient {
@@ -213,29 +236,17 @@ public:
 
     CallOut call(uint32_t conn, uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input,
                  uint32_t scalar_capacity, uint64_t output_capacity, bool pass_output = true) {
-        wire::Writer w;
-        w.u32(conn);
-        w.u32(selector);
-        w.u32(static_cast<uint32_t>(scalars.size()));
-        for (auto s : scalars) w.u64(s);
-        w.blob(input);
-        w.u32(scalar_capacity);
-        w.u64(output_capacity);
-        w.u8(static_cast<uint8_t>((pass_output ? 1 : 0) | (input.empty() ? 0 : 2)));
         CallOut out;
-        auto f = request(wire::Op::Call, w);
+        auto f = request(wire::Op::Call,
+                         call_request(conn, selector, scalars, input, scalar_capacity, output_capacity, pass_output));
         if (!f) {
             ADD_FAILURE() << "no reply to Call";
             out.code = -1;
             return out;
         }
         out.code = f->code;
-        wire::Reader r(f->body);
-        for (uint32_t i = 0, n = r.u32(); i < n && r.ok(); ++i) out.scalars.push_back(r.u64());
-        auto o = r.blob();
-        out.output.assign(o.begin(), o.end());
         // A request refused before it reached the method has an empty reply body.
-        EXPECT_TRUE(r.at_end() || (f->body.empty() && f->code != 0));
+        EXPECT_TRUE(read_call_reply(f->body, out) || (f->body.empty() && f->code != 0));
         return out;
     }
 

@@ -130,24 +130,18 @@ TEST(CpuLoad, ShareOfTheTotalThatWasNotIdle) {
     EXPECT_TRUE(std::isnan(IOReportCpuLoad(100, 1000, 100, 1000)));
 }
 
-TEST(ReportSetup, NoDriverMeansNoChannelsAndTheSubscriptionFails) {
-    // A registry without the coprocessor driver (no registry at all: checks_test.cpp).
-    Simulator sim;
-    control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
-    expect_setup_failure(sim, "ERROR: IOReportCreateSubscription() failed");
-}
-
-TEST(ReportSetup, AnUnreadableLegendFailsDiscovery) {
-    Simulator sim;
-    control(sim, {"property", "set", "IOReportLegendPublic", "true", "--type", "bool"});
-    control(sim, {"property", "set", "IOReportLegend", "5"});
-    expect_setup_failure(sim, "ERROR: IOReportCopyChannelsForDrivers() failed");
-}
-
-TEST(ReportSetup, ADriverWithoutAPublicLegendHasNoChannels) {
-    Simulator sim;
-    control(sim, {"property", "delete", "IOReportLegendPublic"});
-    expect_setup_failure(sim, "ERROR: IOReportCreateSubscription() failed");
+TEST(ReportSetup, NoChannelsOrAnUnreadableLegendFailBeforeTheHub) {
+    // (No registry at all: checks_test.cpp.)
+    const std::pair<std::vector<Args>, std::string> setups[] = {
+        {{{"service", "unpublish", "ZantraTalvexProcessor"}}, "ERROR: IOReportCreateSubscription() failed"},
+        {{{"property", "delete", "IOReportLegendPublic"}}, "ERROR: IOReportCreateSubscription() failed"},
+        {{{"property", "set", "IOReportLegend", "5"}}, "ERROR: IOReportCopyChannelsForDrivers() failed"},
+    };
+    for (const auto &[steps, line] : setups) {
+        Simulator sim;
+        for (const Args &step : steps) control(sim, step);
+        expect_setup_failure(sim, line);
+    }
 }
 
 TEST(ReportSetup, AHubThatRefusesFailsTheSubscription) {
