@@ -56,6 +56,15 @@ long long TalvexParseHex64(const char *word) { return std::strtoll(word, nullptr
 
 uint8_t TalvexParseHexByte(const char *word) { return static_cast<uint8_t>(TalvexParseHex(word)); }
 
+IOReturn TalvexReadProperty(TalvexHandle *talvex, uint8_t device, uint32_t property, void *value, uint32_t *size) {
+    uint64_t input[2] = {device, property};
+    size_t out_size = *size;
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr,
+                                          nullptr, value, &out_size);
+    if (result == 0) *size = static_cast<uint32_t>(out_size);
+    return result;
+}
+
 const char *TalvexCodeText(IOReturn code) {
     const char *text = mach_error_string(code);
     return text ? text : "";

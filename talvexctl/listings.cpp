@@ -57,12 +57,9 @@ int TalvexCmdListSensors(int, char *[]) {
         return 1;
     }
     for (const TalvexDevice *row = kTalvexDevices; row->name; ++row) {
-        uint64_t input[2] = {row->id, 0};
         uint8_t value[4];
-        size_t size = sizeof value;
-        if (IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr, nullptr, value,
-                                &size) == 0)
-            std::printf("%s\n", row->name);
+        uint32_t size = sizeof value;
+        if (TalvexReadProperty(talvex, row->id, 0, value, &size) == 0) std::printf("%s\n", row->name);
     }
     TalvexClose(talvex);
     return 0;

@@ -41,11 +41,9 @@ int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
 }
 
 int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
-    uint64_t input[2] = {device, kItemMode};
     uint8_t value[4] = {};
-    size_t size = sizeof value;
-    IOReturn result =
-        IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr, nullptr, value, &size);
+    uint32_t size = sizeof value;
+    IOReturn result = TalvexReadProperty(talvex, device, kItemMode, value, &size);
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
         return 1;

@@ -37,22 +37,11 @@ constexpr uint32_t kListSize = 128;
 
 int32_t word_at(const uint8_t *bytes, uint32_t index) { return static_cast<int32_t>(TalvexLoadLE32(bytes + 4 * index)); }
 
-// Reads a property directly (no operation line on failure); *size is the
-// capacity in and the returned size out.
-IOReturn read_direct(TalvexHandle *talvex, uint8_t device, uint32_t property, void *value, uint32_t *size) {
-    uint64_t input[2] = {device, property};
-    size_t out_size = *size;
-    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr,
-                                          nullptr, value, &out_size);
-    if (result == 0) *size = static_cast<uint32_t>(out_size);
-    return result;
-}
-
 // "LABEL" then the value, or "LABEL" then "error CODE".
 void print_value(TalvexHandle *talvex, uint8_t device, uint32_t property, const char *label) {
     uint8_t value[4] = {};
     uint32_t size = sizeof value;
-    IOReturn result = read_direct(talvex, device, property, value, &size);
+    IOReturn result = TalvexReadProperty(talvex, device, property, value, &size);
     if (result == 0)
         std::printf("%s: %d\n", label, word_at(value, 0));
     else
@@ -64,7 +53,7 @@ void print_list(TalvexHandle *talvex, uint8_t device, uint32_t property, const c
     uint8_t list[kListSize] = {};
     uint32_t size = sizeof list;
     std::printf("%s", label);
-    if (read_direct(talvex, device, property, list, &size) == 0)
+    if (TalvexReadProperty(talvex, device, property, list, &size) == 0)
         for (uint32_t i = 0; i < size / 4; ++i) std::printf("%d ", word_at(list, i));
     std::printf("\n");
 }
@@ -105,7 +94,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
         if (r.property == kSampleRates) c.rates_size = size;
     }
     uint32_t size = sizeof c.startup;
-    IOReturn result = read_direct(talvex, device, kStartupTime, c.startup, &size);
+    IOReturn result = TalvexReadProperty(talvex, device, kStartupTime, c.startup, &size);
     // Parts without a start-up time say so with any code whose low 29 bits are unsupported's.
     if ((static_cast<uint32_t>(result) | 0xe0000000u) == static_cast<uint32_t>(kUnsupported)) {
         std::memset(c.startup, 0, sizeof c.startup);
@@ -113,7 +102,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
     }
     if (result == 0) {
         c.internal_cal_size = sizeof c.internal_cal;
-        result = read_direct(talvex, device, kInternalCal, c.internal_cal, &c.internal_cal_size);
+        result = TalvexReadProperty(talvex, device, kInternalCal, c.internal_cal, &c.internal_cal_size);
     }
     if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
     return result;

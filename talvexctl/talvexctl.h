@@ -17,9 +17,9 @@
 // TalvexCallStruct (talvex_client.h), which report a failure at the client
 // level as the operations do. Where a command's rules give a failed call no
 // client-level report, or put it after the command's own output (setstate,
-// the power log controls, clkmeasure, a profile entry by name, listsensors,
-// sensorinfo's property reads, perfmon enabled), the command calls
-// IOConnectCall*Method itself.
+// the power log controls, clkmeasure, a profile entry by name), the command
+// calls IOConnectCall*Method itself; property reads of that kind (listsensors,
+// sensorinfo, perfmon enabled) go through TalvexReadProperty below.
 
 // ---------------------------------------------------------------------------
 // Devices.
@@ -58,6 +58,11 @@ uint8_t TalvexParseHexByte(const char *word);  // base 16, cut to one byte ("1ff
 
 // The text of a return code; empty when the system has none.
 const char *TalvexCodeText(IOReturn code);
+
+// Method 13 called directly, for the commands whose failed property reads
+// get no client-level report and no TalvexGetProperty line: *size is the
+// capacity in and, on success, the driver's size out.
+IOReturn TalvexReadProperty(TalvexHandle *talvex, uint8_t device, uint32_t property, void *value, uint32_t *size);
 
 // ---------------------------------------------------------------------------
 // Command handlers: (argument count, argument vector from the command word on)
