@@ -280,6 +280,9 @@ void Server::read_client(Client &c) {
             c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + n);
             got_this_turn += static_cast<size_t>(n);
             process_input(c);
+            // A short read drained the socket for now; poll reports anything
+            // that arrives later, so another read would only meet EAGAIN.
+            if (static_cast<size_t>(n) < scratch_.size()) break;
             continue;
         }
         if (n == 0) {
