@@ -7,6 +7,8 @@
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <unordered_set>
+#include <utility>
 
 struct __CFAllocator {
     CFRuntimeBase base;
@@ -144,13 +146,65 @@ CFIndex CFGetRetainCount(CFTypeRef cf) {
 
 CFTypeID CFGetTypeID(CFTypeRef cf) { return cf == nullptr ? _kCFRuntimeNotATypeID : type_of(cf); }
 
+namespace cf {
+namespace {
+
+// Container pairs found equal within one outermost CFEqual on this thread. A
+// property list may hold one object in many places (the XML dialect's IDREF
+// makes a 2 KB document whose tree has 2^40 paths); compared path by path,
+// two such lists take exponential time. Between property lists a mismatch
+// ends the whole comparison, so remembering the pairs found equal makes each
+// pair of containers cost one comparison. Small comparisons never touch the
+// table: it is used only after the first kMemoAfter container pairs.
+struct PairHash {
+    size_t operator()(const std::pair<CFTypeRef, CFTypeRef> &p) const noexcept {
+        auto x = reinterpret_cast<uintptr_t>(p.first), y = reinterpret_cast<uintptr_t>(p.second);
+        return std::hash<uintptr_t>()(x * 0x9E3779B97F4A7C15ull ^ y);
+    }
+};
+struct EqualScope {
+    int depth = 0;
+    size_t pairs = 0;
+    std::unordered_set<std::pair<CFTypeRef, CFTypeRef>, PairHash> equal;
+};
+thread_local EqualScope t_equal;
+constexpr size_t kMemoAfter = 256;
+
+bool is_container(CFTypeID id) { return id == kArrayTypeID || id == kDictionaryTypeID; }
+
+}  // namespace
+}  // namespace cf
+
 Boolean CFEqual(CFTypeRef a, CFTypeRef b) {
     if (a == b) return true;
     if (a == nullptr || b == nullptr) return false;
     CFTypeID id = type_of(a);
     if (id != type_of(b)) return false;
     const CFRuntimeClass *cls = class_for(id);
-    return cls != nullptr && cls->equal != nullptr && cls->equal(a, b);
+    if (cls == nullptr || cls->equal == nullptr) return false;
+    if (!is_container(id)) return cls->equal(a, b);
+
+    EqualScope &scope = t_equal;
+    bool memo = ++scope.pairs > kMemoAfter;
+    if (memo && scope.equal.count({a, b}) != 0) {
+        if (scope.depth == 0) scope.pairs = 0;
+        return true;
+    }
+    ++scope.depth;
+    Boolean equal = cls->equal(a, b);
+    --scope.depth;
+    if (equal && memo && scope.depth > 0) {
+        try {
+            scope.equal.insert({a, b});
+        } catch (...) {
+            // Only an optimisation: without the entry the pair is compared again.
+        }
+    }
+    if (scope.depth == 0) {
+        scope.pairs = 0;
+        if (!scope.equal.empty()) scope.equal = {};
+    }
+    return equal;
 }
 
 CFHashCode CFHash(CFTypeRef cf) {
