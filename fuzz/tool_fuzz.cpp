@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -289,6 +290,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size_t commands = in.ConsumeIntegralInRange<size_t>(1, 3);
     for (size_t c = 0; c < commands; ++c) {
         std::vector<std::string> words = argument_vector(in);
+        // A process's arguments end at their first NUL.
+        for (std::string &w : words) w.resize(std::strlen(w.c_str()));
         bool runs_forever = false;
         for (std::string_view w : kNeverReturn) runs_forever |= words[1] == w;
         if (runs_forever) continue;
