@@ -6,7 +6,7 @@
 //
 // One simulator publishes the coprocessor's channels plus 100,000 extra ones
 // of the four formats in turn (`talvexsim serve --channels 100000`). Each
-// size subscribes to the first N channels of that legend, so every size
+// size subscribes to N channels, a quarter of each format, so every size
 // reads the same mix. The counter "per_channel" is the (real) time per
 // channel; compare it across sizes to see how the cost grows.
 #include <IOReport.h>
@@ -84,7 +84,11 @@ CFMutableDictionaryRef all_channels() {
     return all;
 }
 
-// A subscription to the first `n` channels, made once per size.
+// A subscription to `n` channels, a quarter of each format, made once per
+// size. The driver files its extra channels in one subgroup per format, so
+// the first `n` channels of a walk would be almost all simple counters at
+// the small sizes and all four formats only at 100,000; taking the first
+// n/4 of each format gives every size the same mix.
 struct Subscribed {
     IOReportSubscriptionRef subscription = nullptr;
     CFMutableDictionaryRef channels = nullptr;
@@ -97,9 +101,11 @@ const Subscribed &subscribed(int n) {
     if (it != made.end()) return it->second;
     Subscribed s;
     if (CFMutableDictionaryRef all = all_channels()) {
-        int kept = 0;
-        CFMutableDictionaryRef desired = cloneAggregate(all, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
-            return kept++ < n ? 0 : kIOReportIterSkipped;
+        int kept[kIOReportFormatSimpleArray + 1] = {};
+        CFMutableDictionaryRef desired = cloneAggregate(all, [&](CFMutableDictionaryRef channel, CFMutableDictionaryRef) {
+            uint8_t format = IOReportChannelGetFormat(channel);
+            if (format < kIOReportFormatSimple || format > kIOReportFormatSimpleArray) return kIOReportIterSkipped;
+            return kept[format]++ < n / 4 ? 0 : kIOReportIterSkipped;
         });
         if (desired) {
             s.subscription = IOReportCreateSubscription(nullptr, desired, &s.channels, 0, nullptr);
