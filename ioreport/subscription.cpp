@@ -5,6 +5,7 @@
 
 #include <dispatch/dispatch.h>
 
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -184,81 +185,116 @@ namespace {
 // that finds nothing ends either exactly on the end of the buffer (the
 // channel is left out of the sample) or past it because the last run claims
 // more elements than remain (the copy is kept without elements). Every walk
-// follows the same run boundaries, so one pass gives each walk's outcome.
+// follows the same run boundaries, so one pass over the runs gives each
+// walk's outcome: a key's first run before any zero-count run is found, and
+// any other key ends the way the pass ended.
+//
+// The hub writes the runs in the order the channels were subscribed, and a
+// sample asks for them in that order, so each lookup first tries the run
+// after the previous match; only a key that is not there (or that repeats
+// an earlier run's key) goes through the hash table. With 100,000 channels
+// the lookups then read the buffer front to back instead of jumping around
+// a table of several megabytes.
 class RunIndex {
 public:
     enum class End { Exact, Overshoot, ZeroCount };
 
     RunIndex(const uint8_t *bytes, size_t elements) : bytes_(bytes), elements_(elements) {
-        // First pass: how the walks end and how many runs there are, to size
-        // the table; second pass: each key's first run.
-        size_t runs = 0, pos = 0;
+        size_t pos = 0;
         end_ = End::Exact;
         while (pos < elements) {
             uint16_t count = load16(bytes + pos * kElementSize + kElemCount);
             if (count == 0) {
                 end_ = End::ZeroCount;
-                return;
+                break;
             }
-            ++runs;
+            runs_.push_back(pos);
             pos += count;
         }
-        if (pos > elements) end_ = End::Overshoot;
+        if (end_ == End::Exact && pos > elements) end_ = End::Overshoot;
+        if (runs_.size() >= kMaxRuns) return;   // looked up by walking instead
         size_t capacity = 16;
-        while (capacity < runs * 2) capacity *= 2;
-        slots_.assign(capacity, Slot{});
+        while (capacity < runs_.size() * 2) capacity *= 2;
+        slots_.assign(capacity, 0);
         mask_ = capacity - 1;
-        for (pos = 0; pos < elements;) {
-            const uint8_t *e = bytes + pos * kElementSize;
-            insert(load64(e + kElemDriverID), load64(e + kElemChannelID), pos);
-            pos += load16(e + kElemCount);
+        for (size_t r = 0; r < runs_.size(); ++r) {
+            const uint8_t *e = element(runs_[r]);
+            if (!insert(load64(e + kElemDriverID), load64(e + kElemChannelID), r)) runs_[r] |= kRepeat;
         }
     }
 
     // The start of the channel's run (in elements), or -1 when no walk finds it.
-    long find(uint64_t driver, uint64_t channel) const {
-        if (slots_.empty()) return -1;
-        for (size_t i = home(driver, channel);; i = (i + 1) & mask_) {
-            const Slot &s = slots_[i];
-            if (s.pos_plus_one == 0) return -1;
-            if (s.driver == driver && s.channel == channel) return static_cast<long>(s.pos_plus_one - 1);
+    long find(uint64_t driver, uint64_t channel) {
+        size_t r = next_;
+        if (r < runs_.size() && !(runs_[r] & kRepeat) && matches(runs_[r], driver, channel)) {
+            next_ = r + 1;
+            return static_cast<long>(runs_[r]);
         }
+        r = slots_.empty() ? walk(driver, channel) : lookup(driver, channel);
+        if (r == kNone) return -1;
+        next_ = r + 1;
+        return static_cast<long>(runs_[r] & ~kRepeat);
     }
     End end() const { return end_; }
     const uint8_t *element(size_t pos) const { return bytes_ + pos * kElementSize; }
     size_t elements() const { return elements_; }
 
 private:
-    // An open-addressing table (linear probing) held in one block, so that a
-    // lookup touches one or two neighbouring slots even with 100,000 runs.
-    struct Slot {
-        uint64_t driver = 0, channel = 0;
-        size_t pos_plus_one = 0;   // 0: empty
-    };
-    size_t home(uint64_t driver, uint64_t channel) const {
+    // Run starts carry this bit when an earlier run has the same IDs.
+    static constexpr size_t kRepeat = size_t{1} << (sizeof(size_t) * 8 - 1);
+    static constexpr size_t kNone = ~size_t{0};
+    // A slot holds a 32-bit tag of the IDs' hash and the run's number plus
+    // one (0: empty), so the table stays at 8 bytes a run; runs beyond what
+    // 32 bits can number are found by walking.
+    static constexpr size_t kMaxRuns = UINT32_MAX;
+
+    bool matches(size_t run_start, uint64_t driver, uint64_t channel) const {
+        const uint8_t *e = element(run_start & ~kRepeat);
+        return load64(e + kElemDriverID) == driver && load64(e + kElemChannelID) == channel;
+    }
+    static uint64_t hash(uint64_t driver, uint64_t channel) {
         uint64_t h = driver * 0x9E3779B97F4A7C15ull ^ (channel + 0x632BE59BD9B4E019ull + (driver << 6));
         h ^= h >> 29;
         h *= 0xBF58476D1CE4E5B9ull;
         h ^= h >> 32;
-        return static_cast<size_t>(h) & mask_;
+        return h;
     }
-    // Keeps the first run of a key: a walk from the start finds that one.
-    void insert(uint64_t driver, uint64_t channel, size_t pos) {
-        for (size_t i = home(driver, channel);; i = (i + 1) & mask_) {
-            Slot &s = slots_[i];
-            if (s.pos_plus_one == 0) {
-                s = Slot{driver, channel, pos + 1};
-                return;
+    // Adds run `r` unless an earlier run has the same IDs (false then).
+    bool insert(uint64_t driver, uint64_t channel, size_t r) {
+        uint64_t h = hash(driver, channel);
+        uint64_t tag = h >> 32 << 32;
+        for (size_t i = static_cast<size_t>(h) & mask_;; i = (i + 1) & mask_) {
+            uint64_t s = slots_[i];
+            if (s == 0) {
+                slots_[i] = tag | (r + 1);
+                return true;
             }
-            if (s.driver == driver && s.channel == channel) return;
+            if ((s & ~0xFFFFFFFFull) == tag && matches(runs_[(s & 0xFFFFFFFFull) - 1], driver, channel)) return false;
         }
+    }
+    size_t lookup(uint64_t driver, uint64_t channel) const {
+        uint64_t h = hash(driver, channel);
+        uint64_t tag = h >> 32 << 32;
+        for (size_t i = static_cast<size_t>(h) & mask_;; i = (i + 1) & mask_) {
+            uint64_t s = slots_[i];
+            if (s == 0) return kNone;
+            size_t r = (s & 0xFFFFFFFFull) - 1;
+            if ((s & ~0xFFFFFFFFull) == tag && matches(runs_[r], driver, channel)) return r;
+        }
+    }
+    size_t walk(uint64_t driver, uint64_t channel) const {
+        for (size_t r = 0; r < runs_.size(); ++r)
+            if (matches(runs_[r], driver, channel)) return r;
+        return kNone;
     }
 
     const uint8_t *bytes_;
     size_t elements_;
     End end_;
-    std::vector<Slot> slots_;
+    std::vector<size_t> runs_;
+    std::vector<uint64_t> slots_;
     size_t mask_ = 0;
+    size_t next_ = 0;
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -95,7 +96,8 @@ TEST(SamplesRaw, MissingChannelsFollowWhereTheWalkEnds) {
         EXPECT_FALSE(rawOf(recs[0]));
         EXPECT_FALSE(rawOf(recs[1]));
     }
-    // A zero-count run fails the whole sample, even for channels found before it.
+    // A zero-count run fails the whole sample when a walk reaches it: here
+    // the walk for 0xC.
     {
         Element zero{5, 5, type(1, 0, 0), 0, {}};
         auto image = run(1, 0xA, kSimple, {{7}});
@@ -104,6 +106,18 @@ TEST(SamplesRaw, MissingChannelsFollowWhereTheWalkEnds) {
         EXPECT_FALSE(samplesOf(subs.get(), image, e.slot()));
         EXPECT_EQ(errorText(e.get()), "couldn't create samples");
         EXPECT_EQ(errorCode(e.get()), mach(0xe00002bc));
+    }
+    // Walks that all find their channel first never reach it.
+    {
+        Element zero{5, 5, type(1, 0, 0), 0, {}};
+        auto image = concat({run(1, 0xC, kSimple, {{3}}), run(1, 0xA, kSimple, {{7}})});
+        append(image, zero);
+        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        ASSERT_TRUE(s);
+        auto recs = channelsOf(s.get());
+        ASSERT_EQ(recs.size(), 2u);
+        EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[0]), 7);
+        EXPECT_EQ(IOReportSimpleGetIntegerValue(recs[1]), 3);
     }
 }
 
@@ -167,10 +181,12 @@ TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
     std::mt19937_64 rng(12345);
     for (int round = 0; round < 300; ++round) {
         std::vector<uint8_t> image;
+        std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> inBufferOrder;
         int runs = 1 + static_cast<int>(rng() % 12);
         for (int r = 0; r < runs; ++r) {
             uint16_t n = static_cast<uint16_t>(rng() % 40 == 0 ? 0 : 1 + rng() % 3);
             uint64_t driver = 1 + rng() % 2, id = 1 + rng() % 6;
+            inBufferOrder.emplace_back(driver, id, kSimple);
             std::vector<std::vector<uint64_t>> values;
             int present = static_cast<int>(n == 0 ? 1 : n);
             if (r == runs - 1 && rng() % 3 == 0) present = 1;   // the last run may overshoot
@@ -180,9 +196,19 @@ TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
         }
         if (rng() % 4 == 0) image.resize(image.size() + rng() % 64, 0xAB);
 
+        // The channels in the buffer's own order (repeats included), as a
+        // subscription usually meets them, or a shuffled part of every key,
+        // sometimes with one of them twice.
         std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> wanted;
-        for (uint64_t d = 1; d <= 2; ++d)
-            for (uint64_t id = 1; id <= 6; ++id) wanted.emplace_back(d, id, kSimple);
+        if (round % 3 == 0) {
+            wanted = inBufferOrder;
+        } else {
+            for (uint64_t d = 1; d <= 2; ++d)
+                for (uint64_t id = 1; id <= 6; ++id) wanted.emplace_back(d, id, kSimple);
+            std::shuffle(wanted.begin(), wanted.end(), rng);
+            wanted.resize(1 + rng() % wanted.size());
+            if (rng() % 4 == 0) wanted.push_back(wanted[rng() % wanted.size()]);
+        }
         Ref<CFMutableDictionaryRef> subs(subscribed(wanted));
 
         bool fails = false;
