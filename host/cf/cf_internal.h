@@ -163,6 +163,26 @@ inline CFHashCode hash_pointer(const void *p) noexcept {
     return static_cast<CFHashCode>(v);
 }
 
+// Asks for the header of each object ahead of retaining or releasing them.
+// A retain or release is a locked update of the count, which waits for the
+// object's line before anything after it may load; with containers of
+// thousands of objects that are no longer in cache those misses would be
+// paid one after another. Fetching the headers first lets them overlap.
+inline void prefetch_objects(const void *const *objects, size_t count) noexcept {
+    for (size_t i = 0; i < count; ++i)
+        if (objects[i] != nullptr) __builtin_prefetch(objects[i], 1);
+}
+
+// Fetches the headers of the objects a container holds with the standard
+// callbacks (nothing for other types), for a caller about to release it.
+void prefetch_array_contents(CFTypeRef cf) noexcept;
+void prefetch_dictionary_contents(CFTypeRef cf) noexcept;
+inline void prefetch_contents(CFTypeRef cf) noexcept {
+    if (cf == nullptr) return;
+    if (type_of(cf) == kDictionaryTypeID) prefetch_dictionary_contents(cf);
+    else if (type_of(cf) == kArrayTypeID) prefetch_array_contents(cf);
+}
+
 // True when [location, location+length) lies within [0, count).
 inline bool range_ok(CFRange range, CFIndex count) {
     return range.location >= 0 && range.length >= 0 && range.location <= count && range.length <= count - range.location;

@@ -50,8 +50,13 @@ struct __CFDictionary {
     size_t capacity;
     size_t used_slots;                            // slots not empty (entries and tombstones)
     std::vector<uint32_t> slots;                  // empty (scanned) or a power of two
-    CFDictionaryKeyCallBacks key_callbacks;       // all null for plain pointers
-    CFDictionaryValueCallBacks value_callbacks;   // all null for plain pointers
+    // The standard callbacks (and the all-null ones of plain pointers) are
+    // shared; other callbacks are a copy the dictionary owns. Holding them
+    // by pointer keeps the header in two cache lines.
+    const CFDictionaryKeyCallBacks *key_callbacks;
+    const CFDictionaryValueCallBacks *value_callbacks;
+    bool own_key_callbacks;
+    bool own_value_callbacks;
     bool own_entries;                             // the arrays are a buffer to free
     bool is_mutable;
 };
@@ -80,20 +85,20 @@ Dict *as_mutable_dictionary(CFTypeRef cf, const char *function) {
 bool is_live(const Dict *d, size_t i) { return d->keys[i] != kRemoved; }
 
 CFHashCode hash_key(const Dict *d, const void *key) {
-    return d->key_callbacks.hash != nullptr ? d->key_callbacks.hash(key) : hash_pointer(key);
+    return d->key_callbacks->hash != nullptr ? d->key_callbacks->hash(key) : hash_pointer(key);
 }
 
 bool keys_equal(const Dict *d, const void *a, const void *b) {
-    return a == b || (d->key_callbacks.equal != nullptr && d->key_callbacks.equal(a, b));
+    return a == b || (d->key_callbacks->equal != nullptr && d->key_callbacks->equal(a, b));
 }
 
 bool values_equal(const Dict *d, const void *a, const void *b) {
-    return a == b || (d->value_callbacks.equal != nullptr && d->value_callbacks.equal(a, b));
+    return a == b || (d->value_callbacks->equal != nullptr && d->value_callbacks->equal(a, b));
 }
 
 void release_entry(const Dict *d, const void *key, const void *value) {
-    if (d->key_callbacks.release != nullptr) d->key_callbacks.release(nullptr, key);
-    if (d->value_callbacks.release != nullptr) d->value_callbacks.release(nullptr, value);
+    if (d->key_callbacks->release != nullptr) d->key_callbacks->release(nullptr, key);
+    if (d->value_callbacks->release != nullptr) d->value_callbacks->release(nullptr, value);
 }
 
 size_t home_slot(CFHashCode hash, size_t mask) {
@@ -232,8 +237,8 @@ void insert_new(Dict *d, const void *key, const void *value, CFHashCode hash) {
         pos = home_slot(hash, mask);
         while (d->slots[pos] != kEmpty && d->slots[pos] != kDeleted) pos = (pos + 1) & mask;
     }
-    const void *k = d->key_callbacks.retain != nullptr ? d->key_callbacks.retain(nullptr, key) : key;
-    const void *v = d->value_callbacks.retain != nullptr ? d->value_callbacks.retain(nullptr, value) : value;
+    const void *k = d->key_callbacks->retain != nullptr ? d->key_callbacks->retain(nullptr, key) : key;
+    const void *v = d->value_callbacks->retain != nullptr ? d->value_callbacks->retain(nullptr, value) : value;
     size_t i = d->count++;
     d->keys[i] = k;
     d->values[i] = v;
@@ -246,22 +251,65 @@ void insert_new(Dict *d, const void *key, const void *value, CFHashCode hash) {
 }
 
 void replace_value(Dict *d, size_t i, const void *value) {
-    const void *v = d->value_callbacks.retain != nullptr ? d->value_callbacks.retain(nullptr, value) : value;
+    const void *v = d->value_callbacks->retain != nullptr ? d->value_callbacks->retain(nullptr, value) : value;
     const void *old = d->values[i];
     d->values[i] = v;
-    if (d->value_callbacks.release != nullptr) d->value_callbacks.release(nullptr, old);
+    if (d->value_callbacks->release != nullptr) d->value_callbacks->release(nullptr, old);
+}
+
+constexpr CFDictionaryKeyCallBacks kPlainKeys = {0, nullptr, nullptr, nullptr, nullptr, nullptr};
+constexpr CFDictionaryValueCallBacks kPlainValues = {0, nullptr, nullptr, nullptr, nullptr};
+
+bool same_callbacks(const CFDictionaryKeyCallBacks &a, const CFDictionaryKeyCallBacks &b) {
+    return a.version == b.version && a.retain == b.retain && a.release == b.release &&
+           a.copyDescription == b.copyDescription && a.equal == b.equal && a.hash == b.hash;
+}
+bool same_callbacks(const CFDictionaryValueCallBacks &a, const CFDictionaryValueCallBacks &b) {
+    return a.version == b.version && a.retain == b.retain && a.release == b.release &&
+           a.copyDescription == b.copyDescription && a.equal == b.equal;
+}
+
+// The shared callbacks equal to `cb`, or a new copy (owned) when none is;
+// null when memory runs out.
+template <class CallBacks, size_t N>
+const CallBacks *intern_callbacks(const CallBacks *cb, const CallBacks *const (&shared)[N], bool *owned) noexcept {
+    *owned = false;
+    for (const CallBacks *s : shared)
+        if (cb == s || same_callbacks(*cb, *s)) return s;
+    auto copy = static_cast<CallBacks *>(std::malloc(sizeof(CallBacks)));
+    if (copy == nullptr) return nullptr;
+    *copy = *cb;
+    *owned = true;
+    return copy;
+}
+
+void free_callbacks(Dict *d) {
+    if (d->own_key_callbacks) std::free(const_cast<CFDictionaryKeyCallBacks *>(d->key_callbacks));
+    if (d->own_value_callbacks) std::free(const_cast<CFDictionaryValueCallBacks *>(d->value_callbacks));
 }
 
 // A new empty dictionary with room for `room` entries in its own allocation.
 Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryValueCallBacks *values,
                      bool is_mutable, size_t room) noexcept {
+    static const CFDictionaryKeyCallBacks *const kSharedKeys[] = {&kCFTypeDictionaryKeyCallBacks,
+                                                                  &kCFCopyStringDictionaryKeyCallBacks, &kPlainKeys};
+    static const CFDictionaryValueCallBacks *const kSharedValues[] = {&kCFTypeDictionaryValueCallBacks, &kPlainValues};
     if (room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / kEntryBytes) return nullptr;
     void *memory = std::malloc(sizeof(Dict) + room * kEntryBytes);
     if (memory == nullptr) return nullptr;
     Dict *d = new (memory) Dict();
     d->base = CFRuntimeBase{kDictionaryTypeID, 1};
-    d->key_callbacks = keys != nullptr ? *keys : CFDictionaryKeyCallBacks{0, nullptr, nullptr, nullptr, nullptr, nullptr};
-    d->value_callbacks = values != nullptr ? *values : CFDictionaryValueCallBacks{0, nullptr, nullptr, nullptr, nullptr};
+    d->key_callbacks = intern_callbacks(keys != nullptr ? keys : &kPlainKeys, kSharedKeys, &d->own_key_callbacks);
+    d->value_callbacks =
+        intern_callbacks(values != nullptr ? values : &kPlainValues, kSharedValues, &d->own_value_callbacks);
+    if (d->key_callbacks == nullptr || d->value_callbacks == nullptr) {
+        if (d->key_callbacks == nullptr) d->own_key_callbacks = false;
+        if (d->value_callbacks == nullptr) d->own_value_callbacks = false;
+        free_callbacks(d);
+        d->~Dict();
+        std::free(memory);
+        return nullptr;
+    }
     place_arrays(d, static_cast<unsigned char *>(memory) + sizeof(Dict), room);
     d->count = 0;
     d->live = 0;
@@ -276,10 +324,11 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     // A mutable copy usually gains a key or two (a copied record gets its
     // sample data): room for them saves moving the entries.
     size_t room = std::max(source->live + (is_mutable ? 2 : 0), capacity);
-    Dict *d = new_dictionary(&source->key_callbacks, &source->value_callbacks, is_mutable, room);
+    Dict *d = new_dictionary(source->key_callbacks, source->value_callbacks, is_mutable, room);
     if (d == nullptr) return nullptr;
     try {
         rebuild(d, room);
+        if (source->value_callbacks->retain == retain_cf) prefetch_objects(source->values, source->count);
         for (size_t i = 0; i < source->count; ++i)
             if (is_live(source, i)) insert_new(d, source->keys[i], source->values[i], source->hashes[i]);
     } catch (...) {
@@ -291,9 +340,11 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
 
 void dictionary_finalize(CFTypeRef cf) {
     auto d = static_cast<Dict *>(const_cast<void *>(cf));
+    if (d->value_callbacks->release == release_cf) prefetch_objects(d->values, d->count);
     for (size_t i = 0; i < d->count; ++i)
         if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
     if (d->own_entries) std::free(static_cast<void *>(d->keys));
+    free_callbacks(d);
     destroy_fields<Dict>(cf);
 }
 
@@ -319,9 +370,9 @@ CFStringRef dictionary_description(CFTypeRef cf) {
         for (size_t i = 0; i < d->count; ++i) {
             if (!is_live(d, i)) continue;
             text += "    ";
-            append_value_description(text, d->keys[i], d->key_callbacks.copyDescription);
+            append_value_description(text, d->keys[i], d->key_callbacks->copyDescription);
             text += " = ";
-            append_value_description(text, d->values[i], d->value_callbacks.copyDescription);
+            append_value_description(text, d->values[i], d->value_callbacks->copyDescription);
             text += ";\n";
         }
         text += '}';
@@ -332,6 +383,11 @@ CFStringRef dictionary_description(CFTypeRef cf) {
 }
 
 }  // namespace
+
+void prefetch_dictionary_contents(CFTypeRef cf) noexcept {
+    auto d = static_cast<const Dict *>(cf);
+    if (d->value_callbacks->release == release_cf) prefetch_objects(d->values, d->count);
+}
 
 const CFRuntimeClass kDictionaryClass = {0,
                                          "CFDictionary",

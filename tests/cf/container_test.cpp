@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -302,6 +303,23 @@ const CFDictionaryKeyCallBacks kCountingKeys = {0, kCFTypeDictionaryKeyCallBacks
                                                 counting_equal, CFHash};
 
 }  // namespace
+
+// Callbacks are taken by value: the caller's structure may be gone while
+// the dictionary and its copies still use them.
+TEST(CFDictionary, KeepsItsOwnCopyOfCallerCallbacks) {
+    auto *callbacks = new CFDictionaryKeyCallBacks(kCountingKeys);
+    Owned<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, callbacks, &kCFTypeDictionaryValueCallBacks));
+    std::memset(static_cast<void *>(callbacks), 0, sizeof *callbacks);
+    delete callbacks;
+    Owned<CFStringRef> key(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
+    Owned<CFStringRef> same(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
+    CFDictionarySetValue(d, key, kCFBooleanTrue);
+    Owned<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
+    CFRelease(d.release());
+    g_key_compares = 0;
+    EXPECT_EQ(CFDictionaryGetValue(copy, same), kCFBooleanTrue);
+    EXPECT_GT(g_key_compares, 0);
+}
 
 TEST(CFDictionary, LargeDictionariesStayHashed) {
     constexpr int kKeys = 100000;
