@@ -3,23 +3,19 @@
 // the difference is what the IOKit layer and the simulator add.
 #include <IOKit/IOKitLib.h>
 #include <benchmark/benchmark.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 
-extern char **environ;
+#include "support/private_simulator.h"
 
 namespace {
+
+using talvex::bench::PrivateSimulator;
 
 // A scalar call with no scalars or structures: 4-byte length, 8-byte header,
 // connection, selector, scalar count, empty structure, scalar capacity (all
@@ -27,42 +23,6 @@ namespace {
 constexpr size_t kRequestFrame = 4 + 8 + 4 * 5 + 8 + 1;
 // Its reply: length, header, code, scalar count, empty structure.
 constexpr size_t kReplyFrame = 4 + 8 + 4 + 4 + 4;
-
-// `talvexsim serve` on a fresh socket for the whole run.
-class PrivateSimulator {
-public:
-    PrivateSimulator() {
-        char tmpl[] = "/tmp/talvex-bench-XXXXXX";
-        if (!mkdtemp(tmpl)) std::abort();
-        dir_ = tmpl;
-        socket_ = dir_ + "/sim.sock";
-        std::string path = TALVEX_TALVEXSIM_PATH;
-        std::string serve = "serve", opt = "--socket";
-        char *argv[] = {path.data(), serve.data(), opt.data(), socket_.data(), nullptr};
-        if (posix_spawn(&pid_, path.c_str(), nullptr, nullptr, argv, environ) != 0) std::abort();
-        for (int i = 0; i < 1500 && !reachable(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        setenv("TALVEX_SIM_SOCKET", socket_.c_str(), 1);
-    }
-    ~PrivateSimulator() {
-        kill(pid_, SIGTERM);
-        int st;
-        waitpid(pid_, &st, 0);
-        rmdir(dir_.c_str());
-    }
-
-private:
-    bool reachable() const {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
-        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
-        close(fd);
-        return ok;
-    }
-    std::string dir_, socket_;
-    pid_t pid_ = -1;
-};
 
 void BM_IOKitScalarCall(benchmark::State &state) {
     static PrivateSimulator sim;

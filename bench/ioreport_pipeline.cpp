@@ -12,69 +12,25 @@
 #include <IOReport.h>
 
 #include <benchmark/benchmark.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <map>
 #include <string>
-#include <thread>
 
-extern char **environ;
+#include "support/private_simulator.h"
 
 namespace {
 
+using talvex::bench::PrivateSimulator;
+
 constexpr int kExtraChannels = 100'000;
-
-// `talvexsim serve --channels N` on a fresh socket for the whole run.
-class PrivateSimulator {
-public:
-    PrivateSimulator() {
-        char tmpl[] = "/tmp/talvex-bench-XXXXXX";
-        if (!mkdtemp(tmpl)) std::abort();
-        dir_ = tmpl;
-        socket_ = dir_ + "/sim.sock";
-        std::string path = TALVEX_TALVEXSIM_PATH;
-        std::string serve = "serve", opt = "--socket", channels = "--channels",
-                    count = std::to_string(kExtraChannels);
-        char *argv[] = {path.data(), serve.data(), opt.data(), socket_.data(), channels.data(), count.data(), nullptr};
-        if (posix_spawn(&pid_, path.c_str(), nullptr, nullptr, argv, environ) != 0) std::abort();
-        for (int i = 0; i < 3000 && !reachable(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        setenv("TALVEX_SIM_SOCKET", socket_.c_str(), 1);
-    }
-    ~PrivateSimulator() {
-        kill(pid_, SIGTERM);
-        int st;
-        waitpid(pid_, &st, 0);
-        rmdir(dir_.c_str());
-    }
-    PrivateSimulator(const PrivateSimulator &) = delete;
-    PrivateSimulator &operator=(const PrivateSimulator &) = delete;
-
-private:
-    bool reachable() const {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
-        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
-        close(fd);
-        return ok;
-    }
-    std::string dir_, socket_;
-    pid_t pid_ = -1;
-};
 
 // Every channel of the coprocessor driver, discovered once.
 CFMutableDictionaryRef all_channels() {
-    static PrivateSimulator sim;
+    static PrivateSimulator sim({"--channels", std::to_string(kExtraChannels)});
     static CFMutableDictionaryRef all = [] {
         CFMutableDictionaryRef matching = IOServiceMatching("ZantraTalvexProcessor");
         CFMutableDictionaryRef channels = IOReportCopyChannelsForDrivers(matching, 0, nullptr);

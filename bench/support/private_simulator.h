@@ -1,0 +1,64 @@
+// `talvexsim serve` on a socket of its own for a whole benchmark run, with
+// TALVEX_SIM_SOCKET pointing the platform layer at it.
+#pragma once
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char **environ;
+
+namespace talvex::bench {
+
+class PrivateSimulator {
+public:
+    // `extra` is appended to `serve --socket PATH` (e.g. {"--channels", "100000"}).
+    explicit PrivateSimulator(std::vector<std::string> extra = {}) {
+        char tmpl[] = "/tmp/talvex-bench-XXXXXX";
+        if (!mkdtemp(tmpl)) std::abort();
+        dir_ = tmpl;
+        socket_ = dir_ + "/sim.sock";
+        std::vector<std::string> words = {TALVEX_TALVEXSIM_PATH, "serve", "--socket", socket_};
+        words.insert(words.end(), extra.begin(), extra.end());
+        std::vector<char *> argv;
+        for (std::string &w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
+        if (posix_spawn(&pid_, words[0].c_str(), nullptr, nullptr, argv.data(), environ) != 0) std::abort();
+        // A large legend takes a few seconds to build: wait up to 30 s.
+        for (int i = 0; i < 3000 && !reachable(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        setenv("TALVEX_SIM_SOCKET", socket_.c_str(), 1);
+    }
+    ~PrivateSimulator() {
+        kill(pid_, SIGTERM);
+        int st;
+        waitpid(pid_, &st, 0);
+        rmdir(dir_.c_str());
+    }
+    PrivateSimulator(const PrivateSimulator &) = delete;
+    PrivateSimulator &operator=(const PrivateSimulator &) = delete;
+
+private:
+    bool reachable() const {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
+        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
+        close(fd);
+        return ok;
+    }
+    std::string dir_, socket_;
+    pid_t pid_ = -1;
+};
+
+}  // namespace talvex::bench
