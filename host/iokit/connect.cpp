@@ -64,22 +64,15 @@ kern_return_t IOServiceOpen(io_service_t service, task_port_t, uint32_t type, io
         if (!connect) return kIOReturnBadArgument;
         *connect = 0;
         uint64_t entry = 0;
-        kern_return_t kr = Objects::instance().with(service, Kind::Entry, [&](Object &o) {
-            entry = o.entry;
-            return KERN_SUCCESS;
-        });
+        kern_return_t kr = entry_of(service, entry);
         if (kr != KERN_SUCCESS) return kr;
-        uint32_t id;
+        uint32_t id = 0;
         {
             Exchange ex(wire::Op::Open);
             ex.body().u64(entry);
             ex.body().u32(type);
-            Sent s = ex.run();
-            if (s != Sent::Ok) return link_error(s, kIOReturnNoDevice);
-            if (ex.code() != 0) return ex.code();
-            wire::Reader r = ex.reply();
-            id = r.u32();
-            if (!r.ok()) return kIOReturnIPCError;
+            kr = run_for_id(ex, id);
+            if (kr != KERN_SUCCESS) return kr;
         }
         Object o;
         o.kind = Kind::Connection;

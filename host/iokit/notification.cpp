@@ -129,22 +129,15 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notify_port
             serial = it->second;
         }
         uint64_t entry = 0;
-        kern_return_t kr = Objects::instance().with(service, Kind::Entry, [&](Object &o) {
-            entry = o.entry;
-            return KERN_SUCCESS;
-        });
+        kern_return_t kr = entry_of(service, entry);
         if (kr != KERN_SUCCESS) return kr;
-        uint32_t id;
+        uint32_t id = 0;
         {
             Exchange ex(wire::Op::AddInterest);
             ex.body().u64(entry);
             ex.body().str(interest_type);
-            Sent s = ex.run();
-            if (s != Sent::Ok) return link_error(s, kIOReturnNoDevice);
-            if (ex.code() != 0) return ex.code();
-            wire::Reader r = ex.reply();
-            id = r.u32();
-            if (!r.ok()) return kIOReturnIPCError;
+            kr = run_for_id(ex, id);
+            if (kr != KERN_SUCCESS) return kr;
         }
         // The notification keeps the service alive for its callbacks.
         IOObjectRetain(service);

@@ -104,6 +104,14 @@ private:
     io_object_t next_ = 0x1003;
 };
 
+// The entry ID behind a registry-entry handle.
+inline kern_return_t entry_of(io_object_t handle, uint64_t &id) {
+    return Objects::instance().with(handle, Kind::Entry, [&](Object &o) {
+        id = o.entry;
+        return KERN_SUCCESS;
+    });
+}
+
 // Runs `body`, turning any exception into `fallback`: nothing thrown crosses
 // the platform API.
 template <class R, class F>

@@ -41,14 +41,6 @@ CFTypeRef unserialise(std::span<const uint8_t> bytes, CFAllocatorRef allocator) 
 
 namespace {
 
-// The entry ID behind a registry-entry handle.
-kern_return_t entry_of(io_object_t handle, uint64_t &id) {
-    return Objects::instance().with(handle, Kind::Entry, [&](Object &o) {
-        id = o.entry;
-        return KERN_SUCCESS;
-    });
-}
-
 struct Matched {
     kern_return_t code = KERN_SUCCESS;
     bool offline = false;   // no simulator: the registry is empty

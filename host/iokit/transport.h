@@ -98,6 +98,17 @@ inline kern_return_t link_error(Sent s, kern_return_t absent) {
     return s == Sent::NoSimulator ? absent : kIOReturnIPCError;
 }
 
+// Runs an exchange whose reply is a single u32 (the simulator's ID of what
+// the request made) into `id`.
+inline kern_return_t run_for_id(Exchange &ex, uint32_t &id) {
+    Sent s = ex.run();
+    if (s != Sent::Ok) return link_error(s, kIOReturnNoDevice);
+    if (ex.code() != 0) return ex.code();
+    wire::Reader r = ex.reply();
+    id = r.u32();
+    return r.ok() ? kern_return_t{KERN_SUCCESS} : kern_return_t{kIOReturnIPCError};
+}
+
 // The process-wide transport.
 class Transport {
 public:
