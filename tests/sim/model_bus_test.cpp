@@ -61,24 +61,38 @@ struct Rig : SimRig {
     }
 };
 
-TEST(ModelBus, EverySelectorNeedsRunningFirmware) {
-    Rig rig;
-    rig.cop->set_state(kTalvexStateStopped);
-    EXPECT_EQ(rig.read_registers(0, 0, 1).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.write_registers(0, 0x20, {1}).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(5, {}, {0, 1, 0, 0xaa}, 128).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(8, {1}, {}, 0).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(9, {}, {}, 0).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(11, {5, 1}, {}, 0).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(12, {5}, {}, 0, 1).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(16, {7}, {}, 0).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 1}, 1).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.call(35, {}, Bytes(21, 0), 0).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.uart(0, 0, 3, false, 0xffffffff, {}).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.memory_read(0, 0, 1).code, kIOReturnNotReady);
-    EXPECT_EQ(rig.memory_write(0, 0, {1}).code, kIOReturnNotReady);
-    rig.cop->set_state(kTalvexStateBooted);
-    EXPECT_EQ(rig.read_registers(0, 0, 1).code, kOk);
+// Every selector that needs the firmware (bus, diagnostics and lifecycle
+// alike): answered while booted, not ready once stopped, before any check of
+// what the request holds.
+TEST(ModelSelectors, EveryFirmwareSelectorIsNotReadyWhileStopped) {
+    struct Case {
+        uint32_t selector;
+        std::vector<uint64_t> scalars;
+        Bytes input;
+        uint64_t capacity = 0;
+        uint32_t scalar_capacity = 0;
+    };
+    auto counted = [](size_t size, size_t at) {
+        Bytes b(size, 0);
+        b[at] = 1;
+        return b;
+    };
+    const std::vector<Case> cases = {
+        {4, {}, {}}, {10, {}, {}}, {18, {1}, {}}, {31, {}, {}}, {33, {}, {}}, {40, {0, 0, 96}, {}},
+        {5, {}, {0, 1, 0, 0xaa}, 128}, {6, {}, {0, 0, 1}, 1}, {7, {}, counted(19, 2)}, {8, {1}, {}}, {9, {}, {}},
+        {11, {5, 1}, {}}, {12, {5}, {}, 0, 1}, {16, {7}, {}}, {34, {}, {0, 0x50, 0xff, 0xff, 1}, 1},
+        {35, {}, Bytes(21, 0)}, {36, {}, Bytes(109, 0), 100}, {37, {}, counted(6, 5), 1}, {38, {}, counted(22, 5)},
+        {13, {1, 0}, {}, 128}, {14, {1, 10, 1}, {}}, {19, {}, {}}, {20, {}, {}}, {21, {}, {}}, {22, {}, {}, 12},
+        {23, {}, Bytes(72, 0), 82}, {24, {}, {}}, {25, {}, {}}, {26, {}, {}}, {27, {}, {}, 196}, {28, {1}, {}},
+        {29, {112'500}, {}}, {30, {}, Bytes(5, 0), 89}, {32, {}, Bytes(4, 0), 8}, {39, {1, 38}, Bytes(4, 0)},
+    };
+    for (const Case &c : cases) {
+        Rig rig;
+        auto once = [&] { return rig.call(c.selector, c.scalars, c.input, c.capacity, c.scalar_capacity).code; };
+        EXPECT_NE(once(), kIOReturnNotReady) << "selector " << c.selector << " while booted";
+        ASSERT_EQ(rig.code(3), kOk);   // stop
+        EXPECT_EQ(once(), kIOReturnNotReady) << "selector " << c.selector;
+    }
 }
 
 TEST(ModelBus, RequestsOutOfRangeAreRefused) {

@@ -53,32 +53,26 @@ std::pair<uint64_t, uint64_t> times_of(const SimEvent &e) {
     return {wire::load_le64(e.data.data()), wire::load_le64(e.data.data() + 8)};
 }
 
-class TempFile {
-public:
-    TempFile() {
+// An empty file of its own, removed at the end.
+struct TempFile {
+    std::string path = [] {
         char name[] = "/tmp/talvex-image-XXXXXX";
-        int fd = mkstemp(name);
-        EXPECT_GE(fd, 0);
-        if (fd >= 0) close(fd);
-        path = name;
-    }
+        if (int fd = mkstemp(name); fd >= 0) close(fd);
+        return std::string(name);
+    }();
     ~TempFile() { std::remove(path.c_str()); }
-    std::string path;
 };
 
 TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     SimRig rig;
     EXPECT_EQ(rig.cop->state(), kTalvexStateBooted);
-    EXPECT_EQ(rig.code(4, {}), kOk);
+    EXPECT_EQ(rig.code(4), kOk);
 
-    EXPECT_EQ(rig.code(1, {}), kOk);
+    EXPECT_EQ(rig.code(1), kOk);
     EXPECT_EQ(rig.cop->state(), kTalvexStateOff);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateOff});
-    // Nothing that needs firmware answers while it is down.
-    EXPECT_EQ(rig.code(4, {}), kNotReady);
-    EXPECT_EQ(rig.code(10, {}), kNotReady);
-    EXPECT_EQ(rig.code(31, {}), kNotReady);
-    EXPECT_EQ(rig.code(33, {}), kNotReady);
+    // Nothing that needs firmware answers while it is down (stopped: model_bus_test.cpp).
+    for (uint32_t selector : {4u, 10u, 31u, 33u}) EXPECT_EQ(rig.code(selector), kNotReady) << selector;
     EXPECT_EQ(rig.code(40, {0, 0, 96}), kNotReady);
     EXPECT_TRUE(rig.events().empty());
 
@@ -86,7 +80,7 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     EXPECT_TRUE(rig.events().empty());
     rig.advance_ms(1);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateBooting});
-    EXPECT_EQ(rig.code(4, {}), kNotReady);
+    EXPECT_EQ(rig.code(4), kNotReady);
     rig.advance_ms(299);
     EXPECT_TRUE(rig.events().empty());
     rig.advance_ms(1);
@@ -99,11 +93,11 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     auto [ap, cp] = times_of(up[1]);
     EXPECT_EQ(ap, kApAtStart + 350 * kMs);
     EXPECT_EQ(cp, 0u);
-    EXPECT_EQ(rig.code(4, {}), kOk);
+    EXPECT_EQ(rig.code(4), kOk);
 
     // The coprocessor's clock counts from its boot, 20 ppm fast.
     rig.advance_ms(1000);
-    EXPECT_EQ(rig.code(10, {}), kOk);
+    EXPECT_EQ(rig.code(10), kOk);
     auto sync = rig.events();
     ASSERT_EQ(sync.size(), 1u);
     std::tie(ap, cp) = times_of(sync[0]);
@@ -111,9 +105,9 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     EXPECT_EQ(cp, kNanosPerSecond + 20'000);
 
     // A reset during a reset starts over; nothing of the first one is left.
-    EXPECT_EQ(rig.code(1, {}), kOk);
+    EXPECT_EQ(rig.code(1), kOk);
     rig.advance_ms(60);
-    EXPECT_EQ(rig.code(1, {}), kOk);
+    EXPECT_EQ(rig.code(1), kOk);
     EXPECT_EQ(rig.states(), (std::vector<uint64_t>{kTalvexStateOff, kTalvexStateBooting, kTalvexStateOff}));
     rig.advance_ms(340);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateBooting});
@@ -125,12 +119,10 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
 TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
     SimRig rig;
     TempFile image;
-    EXPECT_EQ(rig.code(3, {}), kOk);
+    EXPECT_EQ(rig.code(3), kOk);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateStopped});
-    EXPECT_EQ(rig.code(3, {}), kOk);   // already stopped: no change, no message
+    EXPECT_EQ(rig.code(3), kOk);   // already stopped: no change, no message
     EXPECT_TRUE(rig.events().empty());
-    EXPECT_EQ(rig.code(4, {}), kNotReady);
-    EXPECT_EQ(rig.code(10, {}), kNotReady);
 
     // Requests the driver cannot take leave it stopped and log nothing.
     auto request = image_request(image.path);
@@ -162,7 +154,7 @@ TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
     EXPECT_NE(rig.sim->trace().line(1).find("\"selector\":2,\"scalars\":[12,5]"), std::string::npos);
 
     // From off, in the middle of a reset: the reset's own boot step is dropped.
-    EXPECT_EQ(rig.code(1, {}), kOk);
+    EXPECT_EQ(rig.code(1), kOk);
     rig.advance_ms(10);
     EXPECT_EQ(rig.code(2, {0, 0}), kOk);
     EXPECT_EQ(rig.states(), (std::vector<uint64_t>{kTalvexStateOff, kTalvexStateBooting}));
@@ -177,12 +169,11 @@ TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
               R"({"service":"ZantraTalvexProcessor","event":"boot","number":0,"flags":0,"image":null})");
 
     // stop during a boot: it never completes.
-    EXPECT_EQ(rig.code(3, {}), kOk);
+    EXPECT_EQ(rig.code(3), kOk);
     EXPECT_EQ(rig.code(2, {0, 0}), kOk);
-    EXPECT_EQ(rig.code(3, {}), kOk);
+    EXPECT_EQ(rig.code(3), kOk);
     rig.advance_ms(1000);
     EXPECT_EQ(rig.states(), (std::vector<uint64_t>{kTalvexStateStopped, kTalvexStateBooting, kTalvexStateStopped}));
-    EXPECT_EQ(rig.cop->state(), kTalvexStateStopped);
 }
 
 TEST(ModelLifecycle, HaltStopsAnsweringAfterTheDelayForTheDuration) {
@@ -190,16 +181,16 @@ TEST(ModelLifecycle, HaltStopsAnsweringAfterTheDelayForTheDuration) {
     EXPECT_EQ(rig.code(40, {100, 200, 96}), kOk);
     rig.advance_ms(99);
     EXPECT_TRUE(rig.events().empty());
-    EXPECT_EQ(rig.code(4, {}), kOk);
+    EXPECT_EQ(rig.code(4), kOk);
     rig.advance_ms(1);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateNotResponding});
-    EXPECT_EQ(rig.code(4, {}), kNotReady);
+    EXPECT_EQ(rig.code(4), kNotReady);
     EXPECT_EQ(rig.code(40, {0, 0, 96}), kNotReady);
     rig.advance_ms(199);
     EXPECT_TRUE(rig.events().empty());
     rig.advance_ms(1);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateBooted});   // no time sync on recovery
-    EXPECT_EQ(rig.code(4, {}), kOk);
+    EXPECT_EQ(rig.code(4), kOk);
 
     // A second halt replaces one that has not happened yet.
     EXPECT_EQ(rig.code(40, {50, 10, 96}), kOk);
@@ -221,7 +212,7 @@ TEST(ModelLifecycle, HaltStopsAnsweringAfterTheDelayForTheDuration) {
 
     // A pending halt dies with a stop; wake has nothing to wake then.
     EXPECT_EQ(rig.code(40, {4294967295u, 1, 96}), kOk);
-    EXPECT_EQ(rig.code(3, {}), kOk);
+    EXPECT_EQ(rig.code(3), kOk);
     EXPECT_EQ(rig.sim->timers().size(), 0u);
     EXPECT_EQ(rig.code(18, {1}), kNotReady);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateStopped});
@@ -242,11 +233,11 @@ TEST(ModelLifecycle, PanicAssertionsFirmwareAndTheTestReport) {
         EXPECT_EQ(rig.code(17, {code}), kBadArgument) << code;
     EXPECT_EQ(rig.code(0, {1}), kOk);
     EXPECT_EQ(rig.code(0, {2}), kBadArgument);
-    EXPECT_EQ(rig.code(15, {}), kOk);
-    EXPECT_EQ(rig.code(15, {}), kOk);
+    EXPECT_EQ(rig.code(15), kOk);
+    EXPECT_EQ(rig.code(15), kOk);
     EXPECT_EQ(rig.code(18, {9}), kOk);
     rig.advance_ms(1500);
-    EXPECT_EQ(rig.code(33, {}), kOk);
+    EXPECT_EQ(rig.code(33), kOk);
     ASSERT_EQ(rig.event_lines().size(), 1u);
     // The coprocessor first came up 2.5 s into the AP's uptime.
     uint64_t uptime = kApAtStart + 1500 * kMs - 2500 * kMs;
@@ -261,20 +252,20 @@ TEST(ModelLifecycle, PanicAssertionsFirmwareAndTheTestReport) {
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStatePanic});
     EXPECT_EQ(rig.event_lines().back(), R"({"service":"ZantraTalvexProcessor","event":"panic","text":"abc"})");
     EXPECT_EQ(rig.code_text(31, "again"), kNotReady);
-    EXPECT_EQ(rig.code(33, {}), kNotReady);
+    EXPECT_EQ(rig.code(33), kNotReady);
     EXPECT_EQ(rig.code(18, {0}), kNotReady);
     EXPECT_EQ(rig.code(2, {0, 0}), kBusy);
 
     // Only a reset (or stop and start) brings it back; the report remembers the panic.
-    EXPECT_EQ(rig.code(1, {}), kOk);
+    EXPECT_EQ(rig.code(1), kOk);
     rig.advance_ms(350);
     EXPECT_EQ(rig.cop->state(), kTalvexStateBooted);
-    EXPECT_EQ(rig.code(33, {}), kOk);
+    EXPECT_EQ(rig.code(33), kOk);
     EXPECT_NE(rig.event_lines().back().find(R"("assertions":[0,3],"wake":9,"connects":2,"panic":"abc"})"),
               std::string::npos)
         << rig.event_lines().back();
     // A panic without text.
-    EXPECT_EQ(rig.code(31, {}), kOk);
+    EXPECT_EQ(rig.code(31), kOk);
     EXPECT_EQ(rig.event_lines().back(), R"({"service":"ZantraTalvexProcessor","event":"panic","text":null})");
 }
 

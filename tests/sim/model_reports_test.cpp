@@ -14,6 +14,7 @@
 #include "coprocessor.h"
 #include "hub.h"
 #include "report_models.h"
+#include "sim_rig.h"
 #include "simulation.h"
 #include "wire.h"
 
@@ -31,17 +32,9 @@ struct BufferRun {
     size_t at, count;
 };
 
-class Rig : public Outbox {
-public:
-    Rig() {
-        auto clock = std::make_unique<StepClock>();
-        StepClock *step = clock.get();
-        sim = std::make_unique<Simulation>(*this, std::move(clock));
-        hub = ReportHub::of(*sim);
-        hub->set_step_clock(step);
-        cop = dynamic_cast<Coprocessor *>(sim->registry().find_class(kCoprocessorClass)->model.get());
-    }
-    void send(ClientId, std::vector<uint8_t>, int) override {}
+// The simulation of sim_rig.h with the hub on its step clock.
+struct Rig : test::SimRig {
+    Rig() : hub(ReportHub::of(*sim)) { hub->set_step_clock(step); }
 
     uint64_t driver(const char *cls) { return sim->registry().find_class(cls)->id; }
     uint64_t cp() { return driver(kCoprocessorClass); }
@@ -78,12 +71,6 @@ public:
         SharedRegion *r = uc.region(static_cast<uint32_t>(token));
         return r ? r->bytes() : std::span<const uint8_t>{};
     }
-    uint64_t coprocessor_call(uint32_t selector) {
-        CallArgs a;
-        a.selector = selector;
-        CallReply r;
-        return static_cast<uint64_t>(cop->methods().dispatch(a, r));
-    }
     ControlResult control(std::vector<std::string> words) { return sim->control(words); }
 
     static std::vector<uint8_t> interests(const std::vector<std::pair<uint64_t, uint64_t>> &channels) {
@@ -96,9 +83,7 @@ public:
         return b;
     }
 
-    std::unique_ptr<Simulation> sim;
-    ReportHub *hub = nullptr;
-    Coprocessor *cop = nullptr;
+    ReportHub *hub;
 };
 
 // The buffer's runs; the walk must end exactly at the end of the buffer.
@@ -266,18 +251,18 @@ TEST(CoprocessorReports, FiguresStandStillUnlessTheCoprocessorIsBooted) {
         EXPECT_EQ(coprocessor_part(), before) << what;
         EXPECT_EQ(value(b, rail, 0, 0), energy + 360) << what;   // the rail's driver keeps counting
     };
-    ASSERT_EQ(rig.coprocessor_call(3), 0u);   // stop
+    ASSERT_EQ(rig.code(3), kIOReturnSuccess);   // stop
     frozen("stopped");
 
     // A reset boots within the first second; counting starts from then on.
-    ASSERT_EQ(rig.coprocessor_call(1), 0u);
+    ASSERT_EQ(rig.code(1), kIOReturnSuccess);
     ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
     ASSERT_EQ(rig.cop->state(), kTalvexStateBooted);
     uint64_t total = value(b, 0, 0, 0);
     ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
     EXPECT_EQ(value(b, 0, 0, 0), total + 1000);
 
-    ASSERT_EQ(rig.coprocessor_call(31), 0u);   // panic
+    ASSERT_EQ(rig.code(31), kIOReturnSuccess);   // panic
     frozen("panic");
 }
 

@@ -25,7 +25,7 @@ void expect_served(const Simulator &sim) {
     auto f = good.request(wire::Op::Generation, none);
     ASSERT_TRUE(f);
     EXPECT_EQ(f->code, 0);
-    EXPECT_EQ(good.service("ZantraTalvexProcessor") != 0, true);
+    EXPECT_NE(good.service("ZantraTalvexProcessor"), 0u);
 }
 
 // True when the simulator closed the connection (end of stream) within the timeout.
@@ -53,22 +53,14 @@ TEST(SimAttack, ImpossibleFramesCloseOnlyThatClient) {
     uint32_t conn = bystander.open(bystander.service("ZantraTalvexProcessor"), 0);
     ASSERT_NE(conn, 0u);
 
-    {   // a length far beyond kMaxFrame
+    // A length far beyond kMaxFrame, just over it, shorter than a request header.
+    const uint8_t huge[] = {0xff, 0xff, 0xff, 0xff, 1, 0, 0, 0}, tiny[] = {4, 0, 0, 0, 1, 0, 0, 0};
+    const std::vector<uint8_t> over = frame_header(wire::kMaxFrame + 1, 1, 1);
+    for (std::span<const uint8_t> frame : {std::span<const uint8_t>(huge), std::span<const uint8_t>(over),
+                                           std::span<const uint8_t>(tiny)}) {
         RawClient c(sim.socket());
-        const uint8_t huge[] = {0xff, 0xff, 0xff, 0xff, 1, 0, 0, 0};
-        ASSERT_TRUE(c.send_bytes(huge));
-        EXPECT_TRUE(closed_by_peer(c));
-    }
-    {   // just over kMaxFrame
-        RawClient c(sim.socket());
-        ASSERT_TRUE(c.send_bytes(frame_header(wire::kMaxFrame + 1, 1, 1)));
-        EXPECT_TRUE(closed_by_peer(c));
-    }
-    {   // shorter than a request header
-        RawClient c(sim.socket());
-        const uint8_t tiny[] = {4, 0, 0, 0, 1, 0, 0, 0};
-        ASSERT_TRUE(c.send_bytes(tiny));
-        EXPECT_TRUE(closed_by_peer(c));
+        ASSERT_TRUE(c.send_bytes(frame));
+        EXPECT_TRUE(closed_by_peer(c)) << "frame of " << frame.size() << " bytes";
     }
     {   // random garbage: whatever it parses as, the connection ends or is answered, never hangs the server
         std::mt19937 rng(1234);
@@ -222,23 +214,7 @@ TEST(SimAttack, ClientsThatDoNotReadCannotStallOthers) {
     EXPECT_NE(sim.log().find("does not read"), std::string::npos) << sim.log();
 }
 
-TEST(SimAttack, PipelinedRequestsAreAnsweredInOrder) {
-    Simulator sim;
-    RawClient c(sim.socket());
-    std::vector<uint8_t> batch;
-    for (uint32_t seq = 1; seq <= 500; ++seq) {
-        auto f = wire::make_request(wire::Op::Generation, seq, {});
-        batch.insert(batch.end(), f.begin(), f.end());
-    }
-    ASSERT_TRUE(c.send_bytes(batch));
-    for (uint32_t seq = 1; seq <= 500; ++seq) {
-        auto f = c.read_frame();
-        ASSERT_TRUE(f);
-        ASSERT_EQ(f->seq, seq);
-    }
-    EXPECT_EQ(sim.stop(), 0) << sim.log();
-}
-
+// Also the only check that pipelined requests are answered in order.
 TEST(SimAttack, LargePipelinedRepliesAllArriveAfterAHalfClose) {
     Simulator sim;
     // 256 KiB property, asked for 24 times in one go: 6 MiB of replies, far

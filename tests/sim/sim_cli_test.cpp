@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <thread>
 
+#include "cf_ref.h"
 #include "harness.h"
 #include "wire_peer.h"
 
@@ -22,9 +24,8 @@ struct TempDir {
         path = mkdtemp(tmpl) ? tmpl : "";
     }
     ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        if (std::system(cmd.c_str()) != 0) {
-        }
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
     }
 };
 
@@ -96,25 +97,23 @@ TEST(SimCli, ControlCommandsEditPropertiesAndPublication) {
     uint64_t cp = c.match_class("ZantraTalvexProcessor", &generation).at(0);
     uint32_t nid = c.add_interest(cp);
 
-    EXPECT_EQ(sim.control({"property", "set", "neg", "-0x10"}).status, 0);
-    EXPECT_EQ(sim.control({"property", "set", "name", "gyro 0", "--type", "string"}).status, 0);
-    EXPECT_EQ(sim.control({"property", "set", "--type=bool", "on", "true"}).status, 0);
-    EXPECT_EQ(sim.control({"property", "set", "blob", "00ff", "--type", "data"}).status, 0);
-    CFTypeRef v = c.property(cp, "neg");
+    for (std::vector<std::string> set : {std::vector<std::string>{"neg", "-0x10"}, {"name", "gyro 0", "--type", "string"},
+                                         {"--type=bool", "on", "true"}, {"blob", "00ff", "--type", "data"}}) {
+        set.insert(set.begin(), {"property", "set"});
+        EXPECT_EQ(sim.control(set).status, 0) << set[2];
+    }
+    auto property = [&](const char *key) { return sim::CFRef<CFTypeRef>(c.property(cp, key)); };
     int64_t n = 0;
-    EXPECT_TRUE(v && CFGetTypeID(v) == CFNumberGetTypeID() && CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &n));
+    auto neg = property("neg");
+    EXPECT_TRUE(neg && CFGetTypeID(neg.get()) == CFNumberGetTypeID() &&
+                CFNumberGetValue(static_cast<CFNumberRef>(neg.get()), kCFNumberSInt64Type, &n));
     EXPECT_EQ(n, -16);
-    CFRelease(v);
-    v = c.property(cp, "name");
-    EXPECT_TRUE(v && CFEqual(v, CFSTR("gyro 0")));
-    CFRelease(v);
-    v = c.property(cp, "on");
-    EXPECT_EQ(v, static_cast<CFTypeRef>(kCFBooleanTrue));
-    CFRelease(v);
-    v = c.property(cp, "blob");
-    ASSERT_TRUE(v && CFGetTypeID(v) == CFDataGetTypeID());
-    EXPECT_EQ(CFDataGetLength(static_cast<CFDataRef>(v)), 2);
-    CFRelease(v);
+    auto name = property("name");
+    EXPECT_TRUE(name && CFEqual(name.get(), CFSTR("gyro 0")));
+    EXPECT_EQ(property("on").get(), static_cast<CFTypeRef>(kCFBooleanTrue));
+    auto blob = property("blob");
+    ASSERT_TRUE(blob && CFGetTypeID(blob.get()) == CFDataGetTypeID());
+    EXPECT_EQ(CFDataGetLength(static_cast<CFDataRef>(blob.get())), 2);
 
     EXPECT_EQ(sim.control({"property", "delete", "talvex-state"}).status, 0);
     int32_t code = 0;
