@@ -121,23 +121,16 @@ private:
     std::vector<std::unique_ptr<char[]>> storage_;
 };
 
+// The words, quoted, with bytes outside printable ASCII escaped and long words by their size.
 std::string describe(const std::vector<std::string> &words) {
     std::string s;
     for (const auto &w : words) {
-        s += s.empty() ? "" : " ";
-        if (w.size() > 40) {
-            s += "<" + std::to_string(w.size()) + " bytes>";
-            continue;
-        }
-        s += '"';
-        for (unsigned char c : w) {
+        s += s.empty() ? "\"" : " \"";
+        if (w.size() > 40) s += "<" + std::to_string(w.size()) + " bytes>";
+        for (unsigned char c : w.size() > 40 ? std::string() : w) {
             char buf[8];
-            if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
-                s += static_cast<char>(c);
-            } else {
-                std::snprintf(buf, sizeof buf, "\\x%02x", c);
-                s += buf;
-            }
+            std::snprintf(buf, sizeof buf, c >= 0x20 && c < 0x7f && c != '"' && c != '\\' ? "%c" : "\\x%02x", c);
+            s += buf;
         }
         s += '"';
     }
@@ -145,8 +138,7 @@ std::string describe(const std::vector<std::string> &words) {
 }
 
 void write_all(int fd, const std::string &text) {
-    size_t done = 0;
-    while (done < text.size()) {
+    for (size_t done = 0; done < text.size();) {
         ssize_t n = write(fd, text.data() + done, text.size() - done);
         if (n <= 0) return;
         done += static_cast<size_t>(n);
@@ -200,18 +192,14 @@ TEST(BusFuzz, RandomWordsNeverCrashAndExitWithZeroOrOne) {
     auto started = std::chrono::steady_clock::now();
     std::string log;
     char buf[4096];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) != 0;) {
-        if (n < 0) break;
-        log.append(buf, static_cast<size_t>(n));
-    }
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) log.append(buf, static_cast<size_t>(n));
     close(fds[0]);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
     auto cases = talvex::test::lines(log);
-    std::string last = cases.empty() ? "(none)" : cases.back();
-    std::string last_err;
+    std::string last = cases.empty() ? "(none)" : cases.back(), last_err;
     if (FILE *f = std::fopen(err_path.c_str(), "r")) {
         for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0 && last_err.size() < (64u << 10);)
             last_err.append(buf, n);

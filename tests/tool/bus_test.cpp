@@ -61,7 +61,7 @@ TEST(Registers, ReadRegAsksForTheHexLengthAndDumpsIt) {
     EXPECT_EQ(c.output_size, 0u);
 
     // Bytes the driver does not write stay 0xff; the dump covers the length asked.
-    control(sim, {"stub", "--selector", "6", "--output", "0102", "--times", "1"});
+    stub_once(sim, "6", "0102");
     one_call(sim, {"readreg", "corvel", "0", "4"}, dump({1, 2, 0xff, 0xff}));
 }
 
@@ -240,47 +240,37 @@ TEST(Properties, GetAndSetTakeNumbersAndCutTheDevice) {
     Simulator sim;
     Bytes value(128);
     for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(i * 3);
-    control(sim, {"stub", "--selector", "13", "--output", hex(value), "--times", "1"});
+    stub_once(sim, "13", hex(value));
     TraceCall c = one_call(sim, {"get", "103", "ffffffff"}, dump(value));
     EXPECT_EQ(c.selector, 13);
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 0xffffffff}));
     EXPECT_EQ(c.output_size, 128u);
     control(sim, {"stub", "--selector", "13", "--output", "0102", "--output-size", "0", "--times", "1"});
     EXPECT_EQ(one_call(sim, {"get", "accel", "0x1"}).scalars, (std::vector<uint64_t>{0xce, 1}));
-    control(sim, {"stub", "--selector", "13", "--output", "0a0b0c", "--times", "1"});
+    stub_once(sim, "13", "0a0b0c");
     one_call(sim, {"get", "0x1", "2"}, dump({0x0a, 0x0b, 0x0c}));
 
-    control(sim, {"stub", "--selector", "14", "--times", "1"});
-    c = one_call(sim, {"set", "103", "22", "10"});
+    // Against the device model: property numbers are hexadecimal, 16 is the
+    // talvex report rate (22), and what set wrote get reads back.
+    c = one_call(sim, {"set", "103", "16", "3c"});
     EXPECT_EQ(c.selector, 14);
-    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 0x22, 0x10}));
-
-    control(sim, {"stub", "--selector", "13", "--code", "0xe00002c7", "--times", "1"});
-    Outcome o = run(sim, {"get", "2", "1ff"});
-    EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.err, twice(kUnsupported, "properties.cpp"));
-    EXPECT_TRUE(std::regex_match(o.r.out, std::regex(R"(TalvexGetProperty\(handle=0x[0-9a-f]+,dev=2,prop=1ff,size=128\) -> e00002c7\n)")))
-        << o.r.out;
-    control(sim, {"stub", "--selector", "14", "--code", "0xe00002c7", "--times", "1"});
-    o = run(sim, {"set", "1", "2", "ffffffff"});
-    EXPECT_EQ(o.err, twice(kUnsupported, "properties.cpp"));
-    EXPECT_TRUE(std::regex_match(o.r.out, std::regex(R"(TalvexSetProperty\(handle=0x[0-9a-f]+,dev=1,prop=2,val=ffffffff\) -> e00002c7\n)")))
-        << o.r.out;
-}
-
-TEST(Properties, WorkAgainstTheDevicePropertyModel) {
-    Simulator sim;
-    // Property numbers are hexadecimal: 16 is the talvex report rate (22).
-    TraceCall c = one_call(sim, {"set", "3", "16", "3c"});
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 22, 0x3c}));
-    c = one_call(sim, {"get", "103", "16"}, dump({0x3c, 0, 0, 0}));
-    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 22}));
-    // A property the device does not have.
-    Outcome o = run(sim, {"get", "3", "ffff"});
-    EXPECT_EQ(o.r.status, 1);
-    EXPECT_EQ(o.r.out.find("TalvexGetProperty("), 0u) << o.r.out;
-    EXPECT_EQ(lines(o.err).size(), 2u);
-    EXPECT_NE(o.err.find("(0xe00002c7)"), std::string::npos) << o.err;
+    EXPECT_EQ(one_call(sim, {"get", "3", "16"}, dump({0x3c, 0, 0, 0})).scalars, (std::vector<uint64_t>{3, 22}));
+
+    // A failure: the client describes the call, then two reports.
+    const std::pair<Words, std::string> failures[] = {
+        {{"get", "2", "1ff"},
+         R"(TalvexGetProperty\(handle=0x[0-9a-f]+,dev=2,prop=1ff,size=128\) -> e00002c7\n)"},
+        {{"set", "1", "2", "ffffffff"},
+         R"(TalvexSetProperty\(handle=0x[0-9a-f]+,dev=1,prop=2,val=ffffffff\) -> e00002c7\n)"},
+    };
+    for (const auto &[args, out] : failures) {
+        stub_code(sim, args[0] == "get" ? "13" : "14", "0xe00002c7");
+        Outcome o = run(sim, args);
+        EXPECT_EQ(o.r.status, 1) << args[0];
+        EXPECT_EQ(o.err, twice(kUnsupported, "properties.cpp")) << args[0];
+        EXPECT_TRUE(std::regex_match(o.r.out, std::regex(out))) << o.r.out;
+    }
 }
 
 // The 109-byte request: port, container, length, retry, flag, preamble (LE32 at 5), payload.
@@ -297,27 +287,30 @@ TEST(Uart, PacksTheRequestWithItsDefaultsAndOption) {
     EXPECT_EQ(c.selector, 36);
     EXPECT_EQ(c.input, uart_request(0, 0, 3, 0xffffffff, {}));
     EXPECT_EQ(c.output_size, 100u);
-    EXPECT_EQ(one_call(sim, {"uart", "raw", "isp", "1", "2"}).input, uart_request(1, 1, 3, 0, {1, 2}));
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "bb", "--retry", "100"}).input, uart_request(2, 0, 100, 0xffffffff, {}));
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "--preamble", "4096"}).input, uart_request(0, 0, 3, 4096, {}));
-    // One option only: a second is payload.
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "--preamble", "8", "--retry", "5"}).input,
-              uart_request(0, 0, 3, 8, {0x00, 0x05}));
-    // A single word of three characters or more is text.
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "abc"}).input, uart_request(0, 0, 3, 0xffffffff, {'a', 'b', 'c'}));
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "ab"}).input, uart_request(0, 0, 3, 0xffffffff, {0xab}));
-    EXPECT_EQ(one_call(sim, {"uart", "ping", "ap", "0x5"}).input, uart_request(0, 0, 3, 0xffffffff, {'0', 'x', '5'}));
+    const uint32_t none = 0xffffffff;
+    const std::pair<Words, std::string> requests[] = {
+        {{"uart", "raw", "isp", "1", "2"}, uart_request(1, 1, 3, 0, {1, 2})},
+        {{"uart", "ping", "bb", "--retry", "100"}, uart_request(2, 0, 100, none, {})},
+        {{"uart", "ping", "ap", "--preamble", "4096"}, uart_request(0, 0, 3, 4096, {})},
+        // One option only: a second is payload.
+        {{"uart", "ping", "ap", "--preamble", "8", "--retry", "5"}, uart_request(0, 0, 3, 8, {0x00, 0x05})},
+        // A single word of three characters or more is text.
+        {{"uart", "ping", "ap", "abc"}, uart_request(0, 0, 3, none, {'a', 'b', 'c'})},
+        {{"uart", "ping", "ap", "ab"}, uart_request(0, 0, 3, none, {0xab})},
+        {{"uart", "ping", "ap", "0x5"}, uart_request(0, 0, 3, none, {'0', 'x', '5'})},
+    };
+    for (const auto &[args, request] : requests) EXPECT_EQ(one_call(sim, args).input, request) << args.back();
     Words hexes{"uart", "cmreply", "ap"};
     hexes.resize(3 + 99, "1ee");
     EXPECT_EQ(one_call(sim, hexes, dump({0x7e, 0x83, 0x02, 0xee, 0x01, 0x4f})).input,
-              uart_request(0, 3, 0, 0xffffffff, Bytes(99, 0xee)));
+              uart_request(0, 3, 0, none, Bytes(99, 0xee)));
 }
 
 TEST(Uart, RepliesDependOnThePayloadAndTheLinkIsLogged) {
     Simulator sim;
     one_call(sim, {"uart", "pingreply", "ap", "abc"}, dump({0x7e, 0x82, 0x03, 'a', 'b', 'c', 0x36}));
     one_call(sim, {"uart", "cmreply", "isp", "2", "f0", "0f"}, dump({0x7e, 0x83, 0x04, 0x82, 0x00, 0x0f, 0xf0, 0x18}));
-    control(sim, {"stub", "--selector", "36", "--output", "0102", "--times", "1"});
+    stub_once(sim, "36", "0102");
     one_call(sim, {"uart", "ping", "ap", "1"});   // ping prints nothing even when bytes come back
 
     // The bb partner misses a frame without a long enough preamble.

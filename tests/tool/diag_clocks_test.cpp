@@ -14,12 +14,9 @@ using namespace talvex::test;
 TEST(Clocks, RedirectSendsOneOrZero) {
     Simulator sim;
     for (auto [word, value] : {std::pair{"enable", 1u}, {"disable", 0u}}) {
-        Outcome o = run(sim, {"clkredirect", word});
-        EXPECT_EQ(o.r.status, 0) << word;
-        EXPECT_EQ(o.r.out + o.r.err, "") << word;
-        ASSERT_EQ(o.calls.size(), 1u);
-        EXPECT_EQ(o.calls[0].selector, 28);
-        EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{value});
+        TraceCall c = one_call(sim, {"clkredirect", word});
+        EXPECT_EQ(c.selector, 28);
+        EXPECT_EQ(c.scalars, std::vector<uint64_t>{value}) << word;
     }
 }
 
@@ -31,13 +28,11 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
                                                 {{"clkmeasure", "ircdiff"}, 4}, {{"clkmeasure"}, 1}};
     for (const auto &[args, selector] : asked) {
         stub_once(sim, "32", Hex().u32(1'000'000).u32(990'000).str());
-        Outcome o = run(sim, args);
         std::string label = args.size() > 1 ? args[1] : "(null)";
-        EXPECT_EQ(o.r.out, label + " clock speed: 990000 Hz (99.000000%)\n");
-        ASSERT_EQ(o.calls.size(), 1u);
-        EXPECT_EQ(o.calls[0].selector, 32);
-        EXPECT_EQ(o.calls[0].input, Hex().u32(selector).str());
-        EXPECT_EQ(o.calls[0].output_size, 8u);
+        TraceCall c = one_call(sim, args, label + " clock speed: 990000 Hz (99.000000%)\n");
+        EXPECT_EQ(c.selector, 32);
+        EXPECT_EQ(c.input, Hex().u32(selector).str()) << label;
+        EXPECT_EQ(c.output_size, 8u);
     }
     const std::pair<std::string, std::string> replies[] = {
         {Hex().u32(32768).u32(32768).str(), "pll clock speed: 32768 Hz (100.000000%)\n"},
@@ -62,18 +57,16 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
 TEST(Clocks, StartupPrintsThreeLinesFromProperty240) {
     Simulator sim;
     stub_once(sim, "13", Hex().i32(2400).i32(2100).i32(-1).i32(9800).i32(9400).i32(11200).i32(0).i32(7).i32(-8).str());
-    Outcome o = run(sim, {"clkstartup", "ignored"});
-    EXPECT_EQ(o.r.status, 0);
-    EXPECT_EQ(o.r.out, "IRC startup speed - mean:2400 ns min:2100 ns max:-1 ns\n"
-                       "IRC pre-startup speed - mean:9800 ns min:9400 ns max:11200 ns\n"
-                       "IRC total speed - mean:0 ns min:7 ns max:-8 ns\n");
-    ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].selector, 13);
-    EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{3, 240}));
-    EXPECT_EQ(o.calls[0].output_size, 36u);
+    TraceCall c = one_call(sim, {"clkstartup", "ignored"},
+                           "IRC startup speed - mean:2400 ns min:2100 ns max:-1 ns\n"
+                           "IRC pre-startup speed - mean:9800 ns min:9400 ns max:11200 ns\n"
+                           "IRC total speed - mean:0 ns min:7 ns max:-8 ns\n");
+    EXPECT_EQ(c.selector, 13);
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 240}));
+    EXPECT_EQ(c.output_size, 36u);
 
     stub_code(sim, "13", "0xe00002c7");
-    o = run(sim, {"clkstartup"});
+    Outcome o = run(sim, {"clkstartup"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_TRUE(std::regex_match(o.r.out, std::regex("TalvexGetProperty\\(handle=0x[0-9a-f]+,dev=3,prop=f0,size=36\\) "
                                                      "-> e00002c7\n")))
@@ -109,15 +102,12 @@ TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
     Simulator sim;
     for (auto [word, selector, name] :
          {std::tuple{"start", 24, "Start"}, {"stop", 25, "Stop"}, {"reset", 26, "Reset"}}) {
-        Outcome o = run(sim, {"powerlog", word});
-        EXPECT_EQ(o.r.status, 0);
-        EXPECT_EQ(o.r.out, std::string(name) + " power log: (os/kern) successful (0)\n");
-        ASSERT_EQ(o.calls.size(), 1u);
-        EXPECT_EQ(o.calls[0].selector, selector);
-        EXPECT_TRUE(o.calls[0].scalars.empty());
+        TraceCall c = one_call(sim, {"powerlog", word}, std::string(name) + " power log: (os/kern) successful (0)\n");
+        EXPECT_EQ(c.selector, selector);
+        EXPECT_TRUE(c.scalars.empty());
 
         stub_code(sim, std::to_string(selector), "0xe00002bc");
-        o = run(sim, {"powerlog", word});
+        Outcome o = run(sim, {"powerlog", word});
         EXPECT_EQ(o.r.status, 1);
         EXPECT_EQ(o.r.out, std::string(name) + " power log: " + kGeneralError + "\n");
         EXPECT_EQ(o.err, coded(kGeneralError, "powerlog.cpp") + coded(kGeneralError, "powerlog.cpp"));
@@ -127,11 +117,7 @@ TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
 TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
     Simulator sim;
     stub_once(sim, "27", record(0, 0, 0, 0));
-    Outcome o = run(sim, {"powerlog", "getpowerlog"});
-    EXPECT_EQ(o.r.status, 0);
-    EXPECT_EQ(o.r.out, record_text(0, 0, 0, 0));
-    ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].output_size, 196u);
+    EXPECT_EQ(one_call(sim, {"powerlog", "getpowerlog"}, record_text(0, 0, 0, 0)).output_size, 196u);
 
     stub_once(sim, "27", record(0x80000000, 7, 0xffffffff, 3));
     EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, record_text(2147483648u, 7, 4294967295u, 3));

@@ -26,21 +26,16 @@ TEST(Perfmon, ModesAreSentAndReadBack) {
     Simulator sim;
     EXPECT_EQ(run(sim, {"perfmon", "compass", "enabled"}).r.out, "perfmon is disabled for compass\n");
     for (auto [word, mode, name] : {std::tuple{"auto", 2u, "auto"}, {"enable", 1u, "enabled"}, {"disable", 0u, "disabled"}}) {
-        Outcome o = run(sim, {"perfmon", "compass", word});
-        EXPECT_EQ(o.r.status, 0) << word;
-        EXPECT_EQ(o.r.out + o.r.err, "") << word;
-        ASSERT_EQ(o.calls.size(), 1u);
-        EXPECT_EQ(o.calls[0].selector, 39);
-        EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{2, 38}));
-        EXPECT_EQ(o.calls[0].input, Hex().u32(mode).str());
-        EXPECT_EQ(o.calls[0].output_size, 0u);
+        TraceCall c = one_call(sim, {"perfmon", "compass", word});
+        EXPECT_EQ(c.selector, 39);
+        EXPECT_EQ(c.scalars, (std::vector<uint64_t>{2, 38}));
+        EXPECT_EQ(c.input, Hex().u32(mode).str()) << word;
+        EXPECT_EQ(c.output_size, 0u);
 
-        o = run(sim, {"perfmon", "compass", "enabled"});
-        EXPECT_EQ(o.r.out, std::string("perfmon is ") + name + " for compass\n");
-        ASSERT_EQ(o.calls.size(), 1u);
-        EXPECT_EQ(o.calls[0].selector, 13);
-        EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{2, 38}));
-        EXPECT_EQ(o.calls[0].output_size, 4u);
+        c = one_call(sim, {"perfmon", "compass", "enabled"}, std::string("perfmon is ") + name + " for compass\n");
+        EXPECT_EQ(c.selector, 13);
+        EXPECT_EQ(c.scalars, (std::vector<uint64_t>{2, 38}));
+        EXPECT_EQ(c.output_size, 4u);
     }
     // A mode the tool has no name for, set as the raw property.
     ASSERT_EQ(sim.tool({"set", "2", "26", "7"}).status, 0);
@@ -66,14 +61,13 @@ TEST(Perfmon, ReportPrintsAtMostTenEntriesWithNamesCutToEightCharacters) {
     EXPECT_EQ(got[0], "hostcomm: num_samples=1 latency=[min=2;max=3;avg=-1]");
     EXPECT_EQ(got[9], "i       : num_samples=10 latency=[min=11;max=12;avg=-10]");
     ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].scalars, (std::vector<uint64_t>{3, 47}));
-    EXPECT_EQ(o.calls[0].input, "");
-    EXPECT_EQ(o.calls[0].output_size, 256u);
+    const TraceCall &c = o.calls[0];
+    EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 47}));
+    EXPECT_EQ(c.input, "");
+    EXPECT_EQ(c.output_size, 256u);
 
     stub_once(sim, "39", report(0, {"x"}));
-    o = run(sim, {"perfmon", "talvex", "report"});
-    EXPECT_EQ(o.r.status, 0);
-    EXPECT_EQ(o.r.out, "");
+    one_call(sim, {"perfmon", "talvex", "report"});   // nothing printed
 }
 
 TEST(SetBaudRate, AcceptsTheFourRatesByTheirLow32Bits) {
@@ -81,12 +75,9 @@ TEST(SetBaudRate, AcceptsTheFourRatesByTheirLow32Bits) {
     const std::pair<std::string, uint64_t> sent[] = {
         {"112500", 112500}, {"3000000baud", 3000000}, {"4295079796", 112500}, {"750000", 750000}};
     for (const auto &[word, rate] : sent) {
-        Outcome o = run(sim, {"setbaudrate", word});
-        EXPECT_EQ(o.r.status, 0) << word << o.r.err;
-        EXPECT_EQ(o.r.out + o.r.err, "") << word;
-        ASSERT_EQ(o.calls.size(), 1u) << word;
-        EXPECT_EQ(o.calls[0].selector, 29);
-        EXPECT_EQ(o.calls[0].scalars, std::vector<uint64_t>{rate}) << word;
+        TraceCall c = one_call(sim, {"setbaudrate", word});
+        EXPECT_EQ(c.selector, 29);
+        EXPECT_EQ(c.scalars, std::vector<uint64_t>{rate}) << word;
     }
 }
 

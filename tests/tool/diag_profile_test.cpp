@@ -40,15 +40,9 @@ long figure(const std::string &listing, const std::string &name, const std::stri
 TEST(Profile, StartAndResetSayOkStopSaysNothing) {
     Simulator sim;
     for (auto [word, selector, out] : {std::tuple{"start", 19, "Ok\n"}, {"stop", 20, ""}, {"reset", 21, "Ok\n"}}) {
-        Outcome o = run(sim, {"profile", word});
-        EXPECT_EQ(o.r.status, 0) << word;
-        EXPECT_EQ(o.r.out, out) << word;
-        EXPECT_EQ(o.r.err, "") << word;
-        ASSERT_EQ(o.calls.size(), 1u) << word;
-        EXPECT_EQ(o.calls[0].selector, selector);
-        EXPECT_TRUE(o.calls[0].scalars.empty());
-        EXPECT_EQ(o.calls[0].input, "");
-        EXPECT_EQ(o.calls[0].output_size, 0u);
+        TraceCall c = one_call(sim, {"profile", word}, out);
+        EXPECT_EQ(c.selector, selector);
+        EXPECT_TRUE(c.scalars.empty() && c.input.empty() && c.output_size == 0) << word;
     }
 }
 
@@ -107,29 +101,25 @@ TEST(Profile, SingleEntriesByIndexOrByName) {
     Simulator sim;
     // An id of digits is an index; the function's line is a single one here.
     stub_once(sim, "23", function(4, "compass_calibrate", 520, 90, 21, 6187));
-    Outcome o = run(sim, {"profile", "getfunction", "4"});
-    EXPECT_EQ(o.r.status, 0);
-    EXPECT_EQ(o.r.out, padded("compass_calibrate") + " min:   90 max:  520 hits:   21 total_time:6187\n");
-    ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].input, request(1, 4).str());
-
+    EXPECT_EQ(one_call(sim, {"profile", "getfunction", "4"},
+                       padded("compass_calibrate") + " min:   90 max:  520 hits:   21 total_time:6187\n")
+                  .input,
+              request(1, 4).str());
     // An empty id is index 0.
-    o = run(sim, {"profile", "getfunction", ""});
-    ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].input, request(1, 0).str());
-    EXPECT_EQ(o.r.out, padded("sensor_task_run") + " min:   -1 max:    0 hits:    0 total_time:   0\n");
-
+    EXPECT_EQ(one_call(sim, {"profile", "getfunction", ""},
+                       padded("sensor_task_run") + " min:   -1 max:    0 hits:    0 total_time:   0\n")
+                  .input,
+              request(1, 0).str());
     // 12abc is a name, not index 12.
     stub_once(sim, "23", hitpoint(0, "12abc", 5, 4, 3, 2));
-    o = run(sim, {"profile", "gethitpoint", "12abc"});
-    EXPECT_EQ(o.r.out, padded("12abc") + " min:    4 max:    5 hits:    3 saves:   2\n");
-    ASSERT_EQ(o.calls.size(), 1u);
-    EXPECT_EQ(o.calls[0].input, request(0, 0xffffffff, "12abc").str());
-    EXPECT_EQ(o.calls[0].output_size, 82u);
+    TraceCall c = one_call(sim, {"profile", "gethitpoint", "12abc"},
+                           padded("12abc") + " min:    4 max:    5 hits:    3 saves:   2\n");
+    EXPECT_EQ(c.input, request(0, 0xffffffff, "12abc").str());
+    EXPECT_EQ(c.output_size, 82u);
 
     // A name of 63 characters is sent; 64 are refused before the driver.
     std::string name(63, 'n');
-    o = run(sim, {"profile", "gethitpoint", name});
+    Outcome o = run(sim, {"profile", "gethitpoint", name});
     ASSERT_EQ(o.calls.size(), 1u);
     EXPECT_EQ(o.calls[0].input, request(0, 0xffffffff, name).str());
     EXPECT_EQ(o.err, coded("(iokit/common) data was not found (0xe00002f0)", "profile.cpp"));

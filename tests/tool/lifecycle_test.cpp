@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -17,16 +18,10 @@ TEST(Lifecycle, PlainCommandsCallTheirMethodAndPrintNothing) {
                                             {{"tymesync"}, 10}};
     for (const auto &[args, selector] : plain) {
         Simulator sim;
-        Outcome o = run(sim, args);
-        EXPECT_EQ(o.r.status, 0) << args[0] << ": " << o.r.err;
-        EXPECT_EQ(o.r.out + o.r.err, "") << args[0];
-        EXPECT_EQ(o.opens, 1u);
-        ASSERT_EQ(o.calls.size(), 1u) << args[0];
-        EXPECT_EQ(o.calls[0].service, "ZantraTalvexProcessor");
-        EXPECT_EQ(o.calls[0].selector, selector) << args[0];
-        EXPECT_TRUE(o.calls[0].scalars.empty()) << args[0];
-        EXPECT_EQ(o.calls[0].input, "") << args[0];
-        EXPECT_EQ(o.calls[0].output_size + o.calls[0].scalar_output_count, 0u) << args[0];
+        TraceCall c = one_call(sim, args);
+        EXPECT_EQ(c.service, "ZantraTalvexProcessor");
+        EXPECT_EQ(c.selector, selector) << args[0];
+        EXPECT_TRUE(c.scalars.empty() && c.input.empty() && c.output_size + c.scalar_output_count == 0) << args[0];
     }
 }
 
@@ -37,18 +32,18 @@ TEST(Lifecycle, PingPrintsTheOutcome) {
     EXPECT_TRUE(call.scalars.empty());
 
     // A failure: the client's report, the ping line, the command's report.
-    control(sim, {"stub", "--selector", "4", "--code", "0xe00002d6"});
-    RunResult bad = sim.tool({"ping"});
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out, "ping result: (iokit/common) I/O Timeout (0xe00002d6)\n");
-    EXPECT_EQ(normalise(bad.err), twice("(iokit/common) I/O Timeout (0xe00002d6)", "lifecycle.cpp"));
+    const std::string timeout = "(iokit/common) I/O Timeout (0xe00002d6)";
+    stub_code(sim, "4", "0xe00002d6");
+    Outcome bad = run(sim, {"ping"});
+    EXPECT_EQ(bad.r.status, 1);
+    EXPECT_EQ(bad.r.out, "ping result: " + timeout + "\n");
+    EXPECT_EQ(bad.err, twice(timeout, "lifecycle.cpp"));
 
     // A code of a system without texts still prints a line.
-    control(sim, {"stub", "--selector", "4", "--code", "0x14000000"});
+    stub_code(sim, "4", "0x14000000");
     RunResult textless = sim.tool({"ping"});
     EXPECT_EQ(textless.status, 1);
-    EXPECT_EQ(textless.out.rfind("ping result: ", 0), 0u);
-    EXPECT_NE(textless.out.find(" (0x14000000)\n"), std::string::npos);
+    EXPECT_TRUE(textless.out.starts_with("ping result: ") && textless.out.ends_with(" (0x14000000)\n")) << textless.out;
 }
 
 TEST(Lifecycle, GetStateNamesTheRegistryProperty) {
@@ -58,34 +53,32 @@ TEST(Lifecycle, GetStateNamesTheRegistryProperty) {
     EXPECT_EQ(o.r.out + o.r.err, "booted (0x10002)\n");
     EXPECT_TRUE(o.calls.empty());   // no method, only the property
 
-    for (auto [value, expected] : std::vector<std::pair<std::string, std::string>>{
-             {"0", "off (0x0)\n"},
-             {"0x10000", "stopped (0x10000)\n"},
-             {"0x10001", "booting (0x10001)\n"},
-             {"0x10003", "notresponding (0x10003)\n"},
-             {"0x10004", "panic (0x10004)\n"},
-             {"0x20000", "unknown (0x20000)\n"},
-             {"0x100010002", "unknown (0x100010002)\n"},   // the whole 64-bit value is looked up
-             {"-2", "unknown (0xfffffffffffffffe)\n"}}) {
-        control(sim, {"property", "set", "talvex-state", value, "--type", "number"});
-        RunResult s = sim.tool({"gettalvexstate", "ignored"});
-        EXPECT_EQ(s.status, 0) << value;
-        EXPECT_EQ(s.out, expected) << value;
-        EXPECT_EQ(s.err, "") << value;
-    }
-
     // Without a numeric property: reported, and the value stays all ones.
     const std::string diag = check("prop && CFGetTypeID(prop) == CFNumberGetTypeID()", "client/state.cpp");
-    control(sim, {"property", "set", "talvex-state", "booted", "--type", "string"});
-    RunResult text = sim.tool({"gettalvexstate"});
-    EXPECT_EQ(text.status, 0);
-    EXPECT_EQ(text.out, "unknown (0xffffffffffffffff)\n");
-    EXPECT_EQ(normalise(text.err), diag);
-    control(sim, {"property", "delete", "talvex-state"});
-    RunResult missing = sim.tool({"gettalvexstate"});
-    EXPECT_EQ(missing.status, 0);
-    EXPECT_EQ(missing.out, "unknown (0xffffffffffffffff)\n");
-    EXPECT_EQ(normalise(missing.err), diag);
+    const std::string all_ones = "unknown (0xffffffffffffffff)\n";
+    const std::tuple<Words, std::string, std::string> states[] = {
+        {{"0"}, "off (0x0)\n", ""},
+        {{"0x10000"}, "stopped (0x10000)\n", ""},
+        {{"0x10001"}, "booting (0x10001)\n", ""},
+        {{"0x10003"}, "notresponding (0x10003)\n", ""},
+        {{"0x10004"}, "panic (0x10004)\n", ""},
+        {{"0x20000"}, "unknown (0x20000)\n", ""},
+        {{"0x100010002"}, "unknown (0x100010002)\n", ""},   // the whole 64-bit value is looked up
+        {{"-2"}, "unknown (0xfffffffffffffffe)\n", ""},
+        {{"booted", "--type", "string"}, all_ones, diag},
+        {{}, all_ones, diag},   // deleted
+    };
+    for (const auto &[value, out, err] : states) {
+        Words edit{"property", value.empty() ? "delete" : "set", "talvex-state"};
+        edit.insert(edit.end(), value.begin(), value.end());
+        if (value.size() == 1) edit.insert(edit.end(), {"--type", "number"});
+        control(sim, edit);
+        RunResult s = sim.tool({"gettalvexstate", "ignored"});
+        std::string what = value.empty() ? "(deleted)" : value[0];
+        EXPECT_EQ(s.status, 0) << what;
+        EXPECT_EQ(s.out, out) << what;
+        EXPECT_EQ(normalise(s.err), err) << what;
+    }
 }
 
 }  // namespace

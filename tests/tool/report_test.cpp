@@ -24,27 +24,10 @@ namespace {
 using namespace talvex::test;
 using Args = Words;
 
-const char *const kReportCommands[] = {"ioreport", "cpuload"};
-
 std::string percent(float load) {
     char text[64];
     std::snprintf(text, sizeof text, "%.2f", static_cast<double>(load));
     return text;
-}
-
-// Both commands, extra words included (they are ignored), failing at setup
-// with `line` on standard output and touching no hub.
-void expect_setup_failure(const Simulator &sim, const std::string &line) {
-    for (const char *command : kReportCommands) {
-        for (const Args &args : {Args{command}, Args{command, "1", "--help"}}) {
-            sim.trace(true);
-            RunResult r = sim.tool(args);
-            EXPECT_EQ(r.status, 1) << command;
-            EXPECT_EQ(r.out, line + "\n") << command;
-            EXPECT_EQ(r.err, "") << command;
-            for (const auto &call : trace_calls(sim.trace())) EXPECT_NE(call.service, "IOReportHub") << command;
-        }
-    }
 }
 
 // The hub calls in the trace.
@@ -130,59 +113,51 @@ TEST(CpuLoad, ShareOfTheTotalThatWasNotIdle) {
     EXPECT_TRUE(std::isnan(IOReportCpuLoad(100, 1000, 100, 1000)));
 }
 
-TEST(ReportSetup, NoChannelsOrAnUnreadableLegendFailBeforeTheHub) {
+TEST(ReportSetup, NoChannelsAnUnreadableLegendOrARefusingHubFailTheSubscription) {
     // (No registry at all: checks_test.cpp.)
-    const std::pair<std::vector<Args>, std::string> setups[] = {
-        {{{"service", "unpublish", "ZantraTalvexProcessor"}}, "ERROR: IOReportCreateSubscription() failed"},
-        {{{"property", "delete", "IOReportLegendPublic"}}, "ERROR: IOReportCreateSubscription() failed"},
-        {{{"property", "set", "IOReportLegend", "5"}}, "ERROR: IOReportCopyChannelsForDrivers() failed"},
-    };
-    for (const auto &[steps, line] : setups) {
-        Simulator sim;
-        for (const Args &step : steps) control(sim, step);
-        expect_setup_failure(sim, line);
-    }
-}
-
-TEST(ReportSetup, AHubThatRefusesFailsTheSubscription) {
-    Simulator sim;
-    struct Refusal {
+    const std::string subscription = "ERROR: IOReportCreateSubscription() failed";
+    struct Setup {
         Args control;
+        std::string line;
         long selector;   // the hub call that was refused; -1 when no call is made
     };
-    const Refusal refusals[] = {
-        {{"service", "unpublish", "IOReportHub"}, -1},
-        {{"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5"}, -1},
-        {{"stub", "--service", "IOReportHub", "--selector", "0", "--code", "0xe00002e2"}, 0},
-        {{"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7"}, 2},
+    const Setup setups[] = {
+        {{"service", "unpublish", "ZantraTalvexProcessor"}, subscription, -1},
+        {{"property", "delete", "IOReportLegendPublic"}, subscription, -1},
+        {{"property", "set", "IOReportLegend", "5"}, "ERROR: IOReportCopyChannelsForDrivers() failed", -1},
+        {{"service", "unpublish", "IOReportHub"}, subscription, -1},
+        {{"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5"}, subscription, -1},
+        {{"stub", "--service", "IOReportHub", "--selector", "0", "--code", "0xe00002e2"}, subscription, 0},
+        {{"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7"}, subscription, 2},
     };
-    for (const auto &refusal : refusals) {
-        control(sim, refusal.control);
-        for (const char *command : kReportCommands) {
+    for (const auto &setup : setups) {
+        Simulator sim;
+        control(sim, setup.control);
+        // Both commands; extra words are ignored.
+        for (const Args &args : {Args{"ioreport"}, Args{"cpuload", "1", "--help"}}) {
+            std::string what = args[0] + " after " + setup.control[0] + " " + setup.control[1];
             sim.trace(true);
-            RunResult r = sim.tool({command});
-            EXPECT_EQ(r.status, 1) << command << " " << refusal.control[0];
-            EXPECT_EQ(r.out, "ERROR: IOReportCreateSubscription() failed\n") << command;
-            EXPECT_EQ(r.err, "") << command;
+            RunResult r = sim.tool(args);
+            EXPECT_EQ(r.status, 1) << what;
+            EXPECT_EQ(r.out, setup.line + "\n") << what;
+            EXPECT_EQ(r.err, "") << what;
             auto calls = hub_calls(sim);
-            if (refusal.selector < 0) {
-                EXPECT_TRUE(calls.empty()) << command;
-            } else {
-                ASSERT_FALSE(calls.empty()) << command;
-                EXPECT_EQ(calls.back().selector, refusal.selector) << command;
-                EXPECT_NE(calls.back().result, 0) << command;
-                for (const auto &call : calls) EXPECT_NE(call.selector, 3) << command;
+            if (setup.selector < 0) {
+                EXPECT_TRUE(calls.empty()) << what;
+                continue;
             }
+            ASSERT_FALSE(calls.empty()) << what;
+            EXPECT_EQ(calls.back().selector, setup.selector) << what;
+            EXPECT_NE(calls.back().result, 0) << what;
+            for (const auto &call : calls) EXPECT_NE(call.selector, 3) << what;
         }
-        control(sim, {"stub", "--clear"});
-        control(sim, {"service", "publish", "IOReportHub"});
     }
 }
 
 TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
     Simulator sim;
     control(sim, {"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002bc"});
-    for (const char *command : kReportCommands) {
+    for (const char *command : {"ioreport", "cpuload"}) {
         sim.trace(true);
         RunResult r = sim.tool({command});
         EXPECT_EQ(r.status, 0) << command;
@@ -196,30 +171,6 @@ TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
         // The update names the buffer the configure call answered.
         ASSERT_EQ(calls[2].scalars.size(), 1u);
     }
-}
-
-TEST(Cpuload, PrintsTheLoadOfEachSecondFromTheSecondSampleOn) {
-    Simulator sim({"--clock", "step"});
-    control(sim, {"load", "25"});
-    sim.trace(true);
-    Running run(sim, "cpuload");
-    RunResult r = run.finish(3);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    ASSERT_GE(run.taken(), 3u);
-    std::string expected;
-    for (size_t i = 1; i < run.taken(); ++i) expected += "Talvex CPU load: 25.00%\n";
-    EXPECT_EQ(r.out, expected);
-
-    // It talks to the hub only: one open, one subscription, then updates.
-    auto all = trace_calls(sim.trace());
-    auto calls = hub_calls(sim);
-    EXPECT_EQ(all.size(), calls.size());
-    ASSERT_EQ(calls.size(), run.taken() + 3);
-    EXPECT_EQ(calls[0].selector, 0);
-    EXPECT_EQ(calls[1].selector, 2);
-    for (size_t i = 2; i < calls.size(); ++i) EXPECT_EQ(calls[i].selector, 3);
-    EXPECT_NE(calls.back().result, 0);
 }
 
 TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsStill) {
@@ -271,6 +222,16 @@ TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsSt
             EXPECT_EQ(out[k - 1], std::string("Talvex CPU load: ") + step[phase[k - 1]] + "%");
     }
     EXPECT_GE(std::count(phase.begin(), phase.end(), 3), 2);
+
+    // It talks to the hub only: one open, one subscription, then updates.
+    auto all = trace_calls(sim.trace());
+    auto calls = hub_calls(sim);
+    EXPECT_EQ(all.size(), calls.size());
+    ASSERT_EQ(calls.size(), run.taken() + 3);
+    EXPECT_EQ(calls[0].selector, 0);
+    EXPECT_EQ(calls[1].selector, 2);
+    for (size_t i = 2; i < calls.size(); ++i) EXPECT_EQ(calls[i].selector, 3);
+    EXPECT_NE(calls.back().result, 0);
 }
 
 // A regular expression that matches `text` literally.
