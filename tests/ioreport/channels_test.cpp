@@ -68,6 +68,7 @@ TEST(Aggregates, FilingFailuresReportTheirCodes) {
     EXPECT_EQ(add(agg.get(), nullptr, 1, nullptr, nullptr, e1.slot()), mach(0xe00002bc));
     EXPECT_EQ(errorText(e1.get()), "_addChannel() failed");
     EXPECT_EQ(errorCode(e1.get()), mach(0xe00002bc));
+    EXPECT_TRUE(CFEqual(CFErrorGetDomain(e1.get()), kCFErrorDomainMach));
 
     Ref<CFErrorRef> e2;
     EXPECT_EQ(add(agg.get(), "A", kNone, nullptr, nullptr, e2.slot()), mach(0xe00002bc));
@@ -84,6 +85,7 @@ TEST(Aggregates, FilingFailuresReportTheirCodes) {
     Ref<CFMutableDictionaryRef> flat(IOReportCreateAggregate(0));
     setValue(flat.get(), "IOReportChannels", junk.get());
     EXPECT_EQ(add(flat.get(), "A", 1), mach(0xe00002bc));
+    EXPECT_FALSE(createCFErr(static_cast<IOReturn>(0xe00002c2u), nullptr));   // no message, no error object
 }
 
 TEST(Aggregates, MergeSharesRecordsAndRefusesItself) {
@@ -223,13 +225,11 @@ TEST(Walker, ComparePairsRecordsByPlace) {
             return 0;
         }));
     ASSERT_TRUE(out);
+    // (An unpaired newer record is copied as it is, and the older sample is
+    // left untouched: see the delta tests in values_test.cpp.)
     ASSERT_EQ(pairs.size(), 1u);
     EXPECT_EQ(pairs[0], std::make_pair(uint64_t{100}, uint64_t{500}));
-    auto copies = channelsOf(out.get());
-    ASSERT_EQ(copies.size(), 2u);
-    EXPECT_EQ(IOReportSimpleGetIntegerValue(copies[1]), 501);   // unpaired: copied as it is
-    // The older sample is untouched.
-    EXPECT_EQ(IOReportSimpleGetIntegerValue(channelsOf(older.get())[0]), 100);
+    EXPECT_EQ(channelsOf(out.get()).size(), 2u);
 
     auto keep = [](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; };
     EXPECT_FALSE(compareAggregates(nullptr, newer.get(), keep));
@@ -325,13 +325,4 @@ TEST(Channels, OneLineDescription) {
     Ref<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
                                                                 &kCFTypeDictionaryValueCallBacks));
     EXPECT_FALSE(IOReportChannelCopyDescription(empty.get(), nullptr, nullptr));
-}
-
-TEST(Errors, CreateCFErrCarriesTheMachCodeAndMessage) {
-    Ref<CFErrorRef> e(createCFErr(static_cast<IOReturn>(0xe00002c2u), "bad argument"));
-    ASSERT_TRUE(e);
-    EXPECT_EQ(CFErrorGetCode(e.get()), -536870206);
-    EXPECT_TRUE(CFEqual(CFErrorGetDomain(e.get()), kCFErrorDomainMach));
-    EXPECT_EQ(errorText(e.get()), "bad argument");
-    EXPECT_FALSE(createCFErr(static_cast<IOReturn>(0xe00002c2u), nullptr));
 }

@@ -33,27 +33,24 @@ uint64_t entryID(const char *cls) {
 }
 
 // Builders for legend property lists.
-CFMutableArrayRef array() { return CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks); }
-CFMutableDictionaryRef dict() {
-    return CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
-}
+using talvex::test::make_array;
 void push(CFMutableArrayRef a, CFTypeRef v) {
     CFArrayAppendValue(a, v);
     CFRelease(v);
 }
 CFArrayRef channel(uint64_t id, uint64_t channel_type, const char *name = nullptr) {
-    CFMutableArrayRef a = array();
+    CFMutableArrayRef a = make_array();
     push(a, num(id));
     push(a, num(channel_type));
     if (name) push(a, str(name));
     return a;
 }
 CFDictionaryRef group(const char *name, const char *subgroup, CFDictionaryRef info, std::vector<CFTypeRef> channels) {
-    CFMutableDictionaryRef g = dict();
+    CFMutableDictionaryRef g = talvex::test::make_dict();
     if (name) setValue(g, "IOReportGroupName", Ref<CFStringRef>(str(name)).get());
     if (subgroup) setValue(g, "IOReportSubGroupName", Ref<CFStringRef>(str(subgroup)).get());
     if (info) setValue(g, "IOReportChannelInfo", info);
-    CFMutableArrayRef list = array();
+    CFMutableArrayRef list = make_array();
     for (CFTypeRef c : channels) push(list, c);
     setValue(g, "IOReportChannels", list);
     CFRelease(list);
@@ -74,7 +71,7 @@ void deleteProperty(const char *cls, const char *key) {
 // subgroup but no group name, which ends the legend before the last group.
 void publishTalvexLegend() {
     Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
-    CFMutableArrayRef legend = array();
+    CFMutableArrayRef legend = make_array();
     push(legend, group("Power", "Rails", info.get(),
                        {channel(0x52414931, type(1, 0x0001, 1), "rail1"), channel(0x50535441, type(2, 0x0002, 3))}));
     push(legend, group("Load", nullptr, nullptr, {channel(kTotal, type(1, 0x0004, 1)), str("not a channel"),
@@ -89,7 +86,7 @@ void publishTalvexLegend() {
 
 // The hub's legend: one channel, then a non-dictionary group that ends it.
 void publishHubLegend() {
-    CFMutableArrayRef legend = array();
+    CFMutableArrayRef legend = make_array();
     push(legend, group("Hub", nullptr, nullptr, {channel(0x48554231, type(1, 0x0004, 1))}));
     push(legend, str("junk"));
     push(legend, group("Hub", nullptr, nullptr, {channel(0x48554232, type(1, 0, 1))}));
@@ -179,7 +176,7 @@ TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
     EXPECT_EQ(errorCode(e2.get()), mach(0xe00002e6));
 
     // A legend channel whose ID can't be read fails the whole driver.
-    CFMutableArrayRef legend = array();
+    CFMutableArrayRef legend = make_array();
     push(legend, group("G", nullptr, nullptr, {channel(1, type(1, 0, 1)), channel(kNone, type(1, 0, 1))}));
     setProperty(kTalvex, "IOReportLegend", legend);
     CFRelease(legend);

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 
 using namespace rt;
 
@@ -35,14 +36,10 @@ std::string field(const std::string &line, const std::string &name) {
     return line.substr(at, end - at);
 }
 
+// A 64-bit value as the trace shows it: its little-endian bytes in hex.
 std::string hex64(uint64_t v) {
-    static const char *digits = "0123456789abcdef";
-    std::string s;
-    for (int i = 0; i < 8; ++i) {
-        uint8_t b = static_cast<uint8_t>(v >> (8 * i));
-        s += digits[b >> 4];
-        s += digits[b & 15];
-    }
+    char s[17];
+    for (int i = 0; i < 8; ++i) std::snprintf(s + 2 * i, 3, "%02x", static_cast<unsigned>(v >> (8 * i)) & 0xffu);
     return s;
 }
 

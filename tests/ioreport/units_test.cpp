@@ -28,21 +28,20 @@ constexpr uint64_t kMs = 0x0100007C00000000ull;
 }  // namespace
 
 TEST(Units, FactorsFromScale) {
+    struct Case {
+        uint64_t scale, numerator, denominator;
+    } cases[] = {{0x7980000018ull, 1, 24000000},   // 10^-6 / 24
+                 {0x8200000003ull, 3000, 1},       // 3 * 10^3
+                 {0x8C0000000000ull, 8192, 1},     // 2^13
+                 {0x7D0000000000ull, 1, 4},        // 2^-2
+                 {0, 1, 1}};
+    for (const Case &c : cases) {
+        uint64_t n = 0, d = 0;
+        ASSERT_EQ(getFactorsFromScale(c.scale, &n, &d), 0) << std::hex << c.scale;
+        EXPECT_EQ(n, c.numerator) << std::hex << c.scale;
+        EXPECT_EQ(d, c.denominator) << std::hex << c.scale;
+    }
     uint64_t n = 0, d = 0;
-    ASSERT_EQ(getFactorsFromScale(0x7980000018ull, &n, &d), 0);   // 10^-6 / 24
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(d, 24000000u);
-    ASSERT_EQ(getFactorsFromScale(0x8200000003ull, &n, &d), 0);   // 3 * 10^3
-    EXPECT_EQ(n, 3000u);
-    EXPECT_EQ(d, 1u);
-    ASSERT_EQ(getFactorsFromScale(0x8C0000000000ull, &n, &d), 0);   // 2^13
-    EXPECT_EQ(n, 8192u);
-    ASSERT_EQ(getFactorsFromScale(0x7D0000000000ull, &n, &d), 0);   // 2^-2
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(d, 4u);
-    ASSERT_EQ(getFactorsFromScale(0, &n, &d), 0);
-    EXPECT_EQ(n, 1u);
-    EXPECT_EQ(d, 1u);
     EXPECT_EQ(getFactorsFromScale(0x01000000000000ull, &n, &d), mach(0xe00002c2));
 }
 
@@ -136,18 +135,16 @@ TEST(Descriptions, HistogramLines) {
               "15; #            3 }\n"
               ">                  lat[          10 -           20 ms] = { <no hits>; # 0 }\n");
 
-    // Without a bucket configuration no line can be made.
+    // No line can be made without a bucket configuration, without elements,
+    // or for a format the library doesn't know.
     Ref<CFMutableDictionaryRef> nocfg(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0}}), kMs, "lat"));
-    Ref<CFStringRef> none(IOReportSampleCopyDescription(nocfg.get(), nullptr, nullptr));
-    EXPECT_FALSE(none);
-    // Nor without elements, or with a format the library doesn't know.
     Ref<CFMutableDictionaryRef> bare(record(1, 2, t));
-    Ref<CFStringRef> none2(IOReportSampleCopyDescription(bare.get(), nullptr, nullptr));
-    EXPECT_FALSE(none2);
     const uint64_t five = type(5, 0, 1);
     Ref<CFMutableDictionaryRef> f(sample(five, run(1, 2, five, {{1}})));
-    Ref<CFStringRef> none3(IOReportSampleCopyDescription(f.get(), nullptr, nullptr));
-    EXPECT_FALSE(none3);
+    for (CFDictionaryRef none : {nocfg.get(), bare.get(), f.get()}) {
+        Ref<CFStringRef> d(IOReportSampleCopyDescription(none, nullptr, nullptr));
+        EXPECT_FALSE(d) << text(d.get());
+    }
 }
 
 TEST(WriteString, WritesAllOrReportsHowItFailed) {
