@@ -70,7 +70,7 @@ protected:
 
 std::string hex(const uint8_t *p, size_t n) { return talvex::test::hex(std::vector<uint8_t>(p, p + n)); }
 
-TEST_F(Operations, EachSendsItsRequestAsLaidOut) {
+TEST_F(Operations, EachSendsItsRequestAsLaidOutAndTakesItsReply) {
     uint8_t buf[0x104];
     const uint8_t data[16] = {0xde, 0xad, 0xbe, 0xef, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
     const uint8_t reg0 = 0x00, reg80 = 0x80, regfe = 0xfe;
@@ -82,19 +82,21 @@ TEST_F(Operations, EachSendsItsRequestAsLaidOut) {
         std::vector<uint64_t> scalars;
         std::string input;
         uint64_t output_size;
+        std::string reply = {};   // hex; must land at the start of buf and nothing after it
     };
     const Row rows[] = {
         {[&] { return TalvexSelectFirmware(talvex_, 1); }, 0, {1}, "", 0},
         {[&] { return TalvexClockRedirect(talvex_, 0x123456789abcdef0ull); }, 28, {0x123456789abcdef0ull}, "", 0},
         // Property and value keep their low 32 bits.
-        {[&] { return TalvexGetProperty(talvex_, 3, 0x100000016ull, buf, &property_size); }, 13, {3, 0x16}, "", 128},
+        {[&] { return TalvexGetProperty(talvex_, 3, 0x100000016ull, buf, &property_size); }, 13, {3, 0x16}, "", 128,
+         "0a0b0c"},
         {[&] { return TalvexSetProperty(talvex_, 3, 0x500000016ull, 0x1ffffffffull); }, 14, {3, 0x16, 0xffffffff},
          "", 0},
         {[&] { return TalvexProfileQuery(talvex_, 0x04030201, 0xa0b0c0d0, buf); }, 23, {},
          "01020304d0c0b0a0" + zeros(64), 82},
         {[&] { return TalvexClientList(talvex_, 0x05, 0x11223344, buf); }, 30, {}, "0544332211", 89},   // unaligned
         // No register is 0xffff; register 0 is 0x0000.
-        {[&] { return TalvexI2CRead(talvex_, 1, 0x50, nullptr, buf, 4); }, 34, {}, "0150ffff04", 4},
+        {[&] { return TalvexI2CRead(talvex_, 1, 0x50, nullptr, buf, 4); }, 34, {}, "0150ffff04", 4, "a1a2"},
         {[&] { return TalvexI2CRead(talvex_, 2, 0x1e, &reg0, buf, 16); }, 34, {}, "021e000010", 16},
         // The length byte is cut to 8 bits; the offered reply is not.
         {[&] { return TalvexI2CRead(talvex_, 0xff, 0x7f, &regfe, buf, 0x104); }, 34, {}, "ff7ffe0004", 0x104},
@@ -102,10 +104,13 @@ TEST_F(Operations, EachSendsItsRequestAsLaidOut) {
         {[&] { return TalvexI2CWrite(talvex_, 0, 0x10, &reg80, data, 16); }, 35, {}, "0010800010" + hex(data, 16), 0},
         {[&] { return TalvexI2CWrite(talvex_, 0, 0x10, &reg80, data, 0); }, 35, {}, "0010800000" + zeros(16), 0},
         {[&] { return TalvexPerfmonCall(talvex_, 0x100, 7, data, 3, buf, &perfmon_size); }, 39, {0x100, 7}, "deadbe",
-         8},
+         8, "0908"},
     };
     for (const Row &row : rows) {
-        stub({"--selector", std::to_string(row.selector), "--times", "1"});
+        std::fill(std::begin(buf), std::end(buf), 0xff);
+        Words args{"--selector", std::to_string(row.selector), "--times", "1"};
+        if (!row.reply.empty()) args.insert(args.end(), {"--output", row.reply});
+        stub(args);
         EXPECT_EQ(row.call(), 0) << row.selector;
         TraceCall c = only_call();
         EXPECT_EQ(c.selector, row.selector);
@@ -113,62 +118,29 @@ TEST_F(Operations, EachSendsItsRequestAsLaidOut) {
         EXPECT_EQ(c.input, row.input) << row.selector;
         EXPECT_EQ(c.output_size, row.output_size) << row.selector;
         EXPECT_EQ(c.scalar_output_count, 0u) << row.selector;
+        if (!row.reply.empty()) {
+            EXPECT_EQ(hex(buf, row.reply.size() / 2 + 1), row.reply + "ff") << row.selector;
+        }
     }
+    // The sizes the caller gets back are the reply's.
+    EXPECT_EQ(property_size, 3u);
+    EXPECT_EQ(perfmon_size, 2u);
 }
 
-TEST_F(Operations, RepliesLandInTheCallersBufferWithTheirSize) {
-    uint8_t reply[128];
-    std::fill(std::begin(reply), std::end(reply), 0xff);
-    uint32_t size = sizeof reply;
-    stub({"--selector", "13", "--output", "0a0b0c"});
-    EXPECT_EQ(TalvexGetProperty(talvex_, 3, 0x16, reply, &size), 0);
-    EXPECT_EQ(size, 3u);
-    EXPECT_EQ(hex(reply, 4), "0a0b0cff");
-
-    std::fill(std::begin(reply), std::end(reply), 0xff);
-    stub({"--selector", "34", "--output", "a1a2"});
-    EXPECT_EQ(TalvexI2CRead(talvex_, 1, 0x50, nullptr, reply, 4), 0);
-    EXPECT_EQ(hex(reply, 3), "a1a2ff");
-
-    std::fill(std::begin(reply), std::end(reply), 0xff);
-    size_t out_size = 8;
-    stub({"--selector", "39", "--output", "0908", "--output-size", "2"});
-    EXPECT_EQ(TalvexPerfmonCall(talvex_, 0, 0, nullptr, 0, reply, &out_size), 0);
-    EXPECT_EQ(out_size, 2u);
-    EXPECT_EQ(hex(reply, 3), "0908ff");
-}
-
-TEST_F(Operations, PropertyFailuresKeepTheSizeAndDescribeTheCall) {
-    uint8_t reply[40];
-    std::fill(std::begin(reply), std::end(reply), 0xff);
-    uint32_t size = sizeof reply;
+TEST_F(Operations, FailuresAreReportedOnceAndPropertyFailuresKeepTheSizeAndDescribeTheCall) {
     stub({"--selector", "13", "--code", "0xe00002c7"});
     stub({"--selector", "14", "--code", "0xe00002c2"});
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(TalvexGetProperty(talvex_, 0xfe, 0xabcdef01ull, reply, &size), static_cast<IOReturn>(0xe00002c7));
-    EXPECT_EQ(TalvexSetProperty(talvex_, 6, 0x700000001ull, 0x123456789ull), static_cast<IOReturn>(0xe00002c2));
-    std::string err = testing::internal::GetCapturedStderr();
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(size, 40u);
-    EXPECT_EQ(reply[0], 0xff);
-    EXPECT_EQ(out, "TalvexGetProperty(handle=" + handle_text() + ",dev=254,prop=abcdef01,size=40) -> e00002c7\n"
-                   "TalvexSetProperty(handle=" + handle_text() + ",dev=6,prop=1,val=23456789) -> e00002c2\n");
-    EXPECT_EQ(normalise(err), from_operation(kUnsupported) + from_operation(kBadArgument));
-    auto calls = trace_calls(g_sim->trace());
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].output_size, 40u);
-    EXPECT_EQ(calls[1].scalars, (std::vector<uint64_t>{6, 1, 0x23456789}));
-}
-
-TEST_F(Operations, EveryOtherOperationAndTheDirectCallsReportTheirFailureOnce) {
     for (const char *selector : {"0", "28", "23", "30", "34", "35", "39", "4", "7"})
         stub({"--selector", selector, "--code", "0xe00002bc"});
-    uint8_t buf[128] = {};
+    uint8_t buf[128];
+    std::fill(std::begin(buf), std::end(buf), 0xff);
+    uint32_t property_size = 40;
     size_t size = 8;
     const IOReturn failed = static_cast<IOReturn>(0xe00002bc);
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
+    EXPECT_EQ(TalvexGetProperty(talvex_, 0xfe, 0xabcdef01ull, buf, &property_size), static_cast<IOReturn>(0xe00002c7));
+    EXPECT_EQ(TalvexSetProperty(talvex_, 6, 0x700000001ull, 0x123456789ull), static_cast<IOReturn>(0xe00002c2));
     EXPECT_EQ(TalvexSelectFirmware(talvex_, 0), failed);
     EXPECT_EQ(TalvexClockRedirect(talvex_, 0), failed);
     EXPECT_EQ(TalvexProfileQuery(talvex_, 0, 0, buf), failed);
@@ -179,10 +151,18 @@ TEST_F(Operations, EveryOtherOperationAndTheDirectCallsReportTheirFailureOnce) {
     EXPECT_EQ(TalvexCallScalar(talvex_, 4, nullptr, 0, nullptr, nullptr), failed);
     EXPECT_EQ(TalvexCallStruct(talvex_, 7, buf, 19, nullptr, nullptr), failed);
     std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    std::string expected;
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(property_size, 40u);
+    EXPECT_EQ(buf[0], 0xff);
+    EXPECT_EQ(out, "TalvexGetProperty(handle=" + handle_text() + ",dev=254,prop=abcdef01,size=40) -> e00002c7\n"
+                   "TalvexSetProperty(handle=" + handle_text() + ",dev=6,prop=1,val=23456789) -> e00002c2\n");
+    std::string expected = from_operation(kUnsupported) + from_operation(kBadArgument);
     for (int i = 0; i < 9; ++i) expected += from_operation(kGeneralError);
     EXPECT_EQ(normalise(err), expected);
+    auto calls = trace_calls(g_sim->trace());
+    ASSERT_EQ(calls.size(), 11u);
+    EXPECT_EQ(calls[0].output_size, 40u);
+    EXPECT_EQ(calls[1].scalars, (std::vector<uint64_t>{6, 1, 0x23456789}));
 }
 
 TEST_F(Operations, I2CWriteOverSixteenBytesStopsTheProcess) {

@@ -10,11 +10,10 @@
 #include <string>
 
 #include "iokit_support.h"
+#include "tool_support.h"
 
 namespace talvex::test {
 namespace {
-
-constexpr kern_return_t kInvalidHandle = 0x10000003;
 
 std::string call_line(int selector, const std::string &scalars, const std::string &input, int output_size,
                       int scalar_outputs, uint32_t result) {
@@ -26,8 +25,7 @@ std::string call_line(int selector, const std::string &scalars, const std::strin
 
 TEST(UserClient, OpenAndCloseWithTheirCodes) {
     Simulator sim;
-    auto r = sim.control({"stub", "--open", "--code", "0xe00002c1", "--times", "1"});
-    ASSERT_EQ(r.status, 0) << r.err;
+    control(sim, {"stub", "--open", "--code", "0xe00002c1", "--times", "1"});
     in_child(sim.socket(), [&] {
         io_service_t cp = coprocessor();
         ASSERT_NE(cp, 0u);
@@ -71,10 +69,8 @@ TEST(UserClient, OpenAndCloseWithTheirCodes) {
 
 TEST(UserClient, ScalarCallsCutOutputsToTheCallersRoom) {
     Simulator sim;
-    auto r = sim.control({"stub", "--selector", "12", "--scalar-outputs", "7,8,9"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    r = sim.control({"stub", "--selector", "40"});   // whatever the model thinks of the values
-    ASSERT_EQ(r.status, 0) << r.err;
+    control(sim, {"stub", "--selector", "12", "--scalar-outputs", "7,8,9"});
+    control(sim, {"stub", "--selector", "40"});   // whatever the model thinks of the values
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);
@@ -116,11 +112,10 @@ TEST(UserClient, ScalarCallsCutOutputsToTheCallersRoom) {
 
 TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
     Simulator sim;
-    ASSERT_EQ(sim.control({"stub", "--selector", "6", "--output", "0102030405"}).status, 0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "37", "--code", "0xe00002d8", "--output", "0102"}).status, 0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "39", "--output", "aabbccddeeff0011", "--output-size", "3"}).status,
-              0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "7"}).status, 0);   // whatever the model thinks of the request
+    control(sim, {"stub", "--selector", "6", "--output", "0102030405"});
+    control(sim, {"stub", "--selector", "37", "--code", "0xe00002d8", "--output", "0102"});
+    control(sim, {"stub", "--selector", "39", "--output", "aabbccddeeff0011", "--output-size", "3"});
+    control(sim, {"stub", "--selector", "7"});   // whatever the model thinks of the request
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "iokit_support.h"
+#include "tool_support.h"
 
 namespace talvex::test {
 namespace {
@@ -39,18 +40,10 @@ void print_event(void *refcon, io_service_t service, uint32_t type, void *arg) {
     if (++g_events == g_exit_after) std::exit(0);
 }
 
-void notify(const std::string &socket, const std::vector<std::string> &args) {
-    std::vector<std::string> argv{talvexsim_path(), "--socket", socket, "notify"};
-    argv.insert(argv.end(), args.begin(), args.end());
-    auto r = run(argv);
-    EXPECT_EQ(r.status, 0) << r.err;
-}
-
 TEST(Notifications, DeliveredInOrderOnlyByDispatchMain) {
     Simulator sim;
-    std::string socket = sim.socket();
     auto out = child_output(
-        socket,
+        sim.socket(),
         [&] {
             g_service = coprocessor();
             ASSERT_NE(g_service, 0u);
@@ -77,8 +70,8 @@ TEST(Notifications, DeliveredInOrderOnlyByDispatchMain) {
 
             // Two messages arrive while a synchronous call is waiting for its
             // reply; they wait for dispatch_main.
-            notify(socket, {"0xe0000130", "--value", "0x10004"});
-            notify(socket, {"0xe3ff8100", "--data", "01000000000000000200000000000000"});
+            control(sim, {"notify", "0xe0000130", "--value", "0x10004"});
+            control(sim, {"notify", "0xe3ff8100", "--data", "01000000000000000200000000000000"});
             CFTypeRef p = IORegistryEntryCreateCFProperty(g_service, CFSTR("talvex-state"), nullptr, 0);
             ASSERT_TRUE(p);
             CFRelease(p);
@@ -97,7 +90,7 @@ TEST(Notifications, DeliveredInOrderOnlyByDispatchMain) {
             say("ready\n");
             dispatch_main();
         },
-        "ready", [&] { notify(socket, {"0xe0000010"}); });
+        "ready", [&] { control(sim, {"notify", "0xe0000010"}); });
     EXPECT_EQ(lines(out), (std::vector<std::string>{
                               "before dispatch_main: 0",
                               "ready",

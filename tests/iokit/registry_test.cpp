@@ -6,14 +6,12 @@
 #include <algorithm>
 #include <string>
 
+#include "cf_support.h"
 #include "iokit_support.h"
+#include "tool_support.h"
 
 namespace talvex::test {
 namespace {
-
-constexpr kern_return_t kInvalidHandle = 0x10000003;
-
-CFNumberRef number(int64_t v) { return CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &v); }
 
 int64_t number_value(CFTypeRef n) {
     int64_t v = -1;
@@ -24,27 +22,36 @@ int64_t number_value(CFTypeRef n) {
 
 // { "IOPropertyMatch": { key: value } }, value consumed.
 CFMutableDictionaryRef property_matching(CFStringRef key, CFTypeRef value) {
-    CFMutableDictionaryRef inner = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                             &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef inner = make_dict();
     CFDictionarySetValue(inner, key, value);
     CFRelease(value);
-    CFMutableDictionaryRef outer = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                             &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef outer = make_dict();
     CFDictionarySetValue(outer, CFSTR(kIOPropertyMatchKey), inner);
     CFRelease(inner);
     return outer;
 }
 
 CFMutableDictionaryRef name_matching(const char *name) {
-    CFMutableDictionaryRef d = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                         &kCFTypeDictionaryValueCallBacks);
+    CFMutableDictionaryRef d = make_dict();
     CFStringRef s = CFStringCreateWithCString(kCFAllocatorDefault, name, kCFStringEncodingUTF8);
     CFDictionarySetValue(d, CFSTR(kIONameMatchKey), s);
     CFRelease(s);
     return d;
 }
 
-TEST(Matching, FindsServicesByClassNameAndProperty) {
+// The names of what the iterator hands out from here on.
+std::vector<std::string> names(io_iterator_t it) {
+    std::vector<std::string> out;
+    while (io_object_t s = IOIteratorNext(it)) {
+        io_name_t name;
+        EXPECT_EQ(IORegistryEntryGetName(s, name), KERN_SUCCESS);
+        out.emplace_back(name);
+        IOObjectRelease(s);
+    }
+    return out;
+}
+
+TEST(Matching, FindsServicesByClassNameAndPropertyAndCountsReferences) {
     Simulator sim;
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
@@ -66,7 +73,7 @@ TEST(Matching, FindsServicesByClassNameAndProperty) {
 
         // The same entry found another way is the same object, one more count.
         io_service_t by_prop = IOServiceGetMatchingService(
-            kIOMainPortDefault, property_matching(CFSTR("talvex-state"), number(0x10002)));
+            kIOMainPortDefault, property_matching(CFSTR("talvex-state"), make_int(0x10002)));
         EXPECT_TRUE(IOObjectIsEqualTo(by_prop, cp));
         io_service_t by_name = IOServiceGetMatchingService(kIOMainPortDefault, name_matching("IOReportHub"));
         EXPECT_TRUE(IOObjectIsEqualTo(by_name, hub));
@@ -75,7 +82,7 @@ TEST(Matching, FindsServicesByClassNameAndProperty) {
         // Nothing matches: no service, and an empty but valid iterator.
         EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("NoSuchDriver")), 0u);
         EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault,
-                                              property_matching(CFSTR("talvex-state"), number(0x10003))),
+                                              property_matching(CFSTR("talvex-state"), make_int(0x10003))),
                   0u);
         io_iterator_t it = 0;
         ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("NoSuchDriver"), &it),
@@ -86,7 +93,15 @@ TEST(Matching, FindsServicesByClassNameAndProperty) {
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
 
         for (io_object_t o : {cp, by_prop, hub, by_name}) EXPECT_EQ(IOObjectRelease(o), KERN_SUCCESS);
+        // Gone: the handle names nothing now.
         EXPECT_EQ(IOObjectGetUserRetainCount(cp), 0u);
+        EXPECT_NE(IOObjectRelease(cp), KERN_SUCCESS);
+        EXPECT_NE(IOObjectRetain(cp), KERN_SUCCESS);
+        EXPECT_EQ(IORegistryEntryGetName(cp, text), kInvalidHandle);
+        EXPECT_EQ(IOObjectGetClass(cp, text), kInvalidHandle);
+        EXPECT_EQ(IORegistryEntryGetRegistryEntryID(cp, &cp_id), kInvalidHandle);
+        EXPECT_EQ(IOObjectGetUserRetainCount(0), 0u);
+        EXPECT_NE(IOObjectRelease(0), KERN_SUCCESS);
     });
 }
 
@@ -132,54 +147,31 @@ TEST(Iterators, SnapshotGoesInvalidWhenTheRegistryChangesAndResetTakesANewOne) {
     Simulator sim;
     in_child(sim.socket(), [&] {
         // An empty matching dictionary matches every published service.
-        CFMutableDictionaryRef all = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                               &kCFTypeDictionaryValueCallBacks);
         io_iterator_t it = 0;
-        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, all, &it), KERN_SUCCESS);
+        ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, make_dict(), &it), KERN_SUCCESS);
         io_name_t cls;
         ASSERT_EQ(IOObjectGetClass(it, cls), KERN_SUCCESS);
         EXPECT_STREQ(cls, "IOUserIterator");
         EXPECT_TRUE(IOIteratorIsValid(it));
 
-        std::vector<std::string> names;
-        while (io_object_t s = IOIteratorNext(it)) {
-            io_name_t name;
-            EXPECT_EQ(IORegistryEntryGetName(s, name), KERN_SUCCESS);
-            names.emplace_back(name);
-            IOObjectRelease(s);
-        }
-        EXPECT_EQ(names, (std::vector<std::string>{"ZantraTalvexProcessor", "IOReportHub", "ZantraPowerController",
-                                                   "ZantraThermalMonitor"}));
+        EXPECT_EQ(names(it), (std::vector<std::string>{"ZantraTalvexProcessor", "IOReportHub", "ZantraPowerController",
+                                                      "ZantraThermalMonitor"}));
         EXPECT_EQ(IOIteratorNext(it), 0u);
         EXPECT_TRUE(IOIteratorIsValid(it));
 
-        auto r = sim.control({"service", "unpublish", "IOReportHub"});
-        ASSERT_EQ(r.status, 0) << r.err;
+        control(sim, {"service", "unpublish", "IOReportHub"});
         EXPECT_FALSE(IOIteratorIsValid(it));
         // A reset rewinds and takes a fresh snapshot: valid again, hub gone.
         IOIteratorReset(it);
         EXPECT_TRUE(IOIteratorIsValid(it));
-        names.clear();
-        while (io_object_t s = IOIteratorNext(it)) {
-            io_name_t name;
-            IORegistryEntryGetName(s, name);
-            names.emplace_back(name);
-            IOObjectRelease(s);
-        }
-        EXPECT_EQ(names, (std::vector<std::string>{"ZantraTalvexProcessor", "ZantraPowerController",
-                                                   "ZantraThermalMonitor"}));
+        EXPECT_EQ(names(it),
+                  (std::vector<std::string>{"ZantraTalvexProcessor", "ZantraPowerController", "ZantraThermalMonitor"}));
 
-        r = sim.control({"service", "publish", "IOReportHub"});
-        ASSERT_EQ(r.status, 0) << r.err;
+        control(sim, {"service", "publish", "IOReportHub"});
         EXPECT_FALSE(IOIteratorIsValid(it));
         IOIteratorReset(it);
         EXPECT_TRUE(IOIteratorIsValid(it));
-        int count = 0;
-        while (io_object_t s = IOIteratorNext(it)) {
-            ++count;
-            IOObjectRelease(s);
-        }
-        EXPECT_EQ(count, 4);
+        EXPECT_EQ(names(it).size(), 4u);
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
         EXPECT_FALSE(IOIteratorIsValid(it));
         EXPECT_EQ(IOIteratorNext(it), 0u);
@@ -197,10 +189,10 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
         EXPECT_EQ(number_value(state), 0x10002);
         CFRelease(state);
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("no-such-key"), kCFAllocatorDefault, 0), nullptr);
-        CFNumberRef not_a_key = number(1);
+        CFNumberRef not_a_key = make_int(1);
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, reinterpret_cast<CFStringRef>(not_a_key), nullptr, 0), nullptr);
 
-        CFNumberRef v = number(255);
+        CFNumberRef v = make_int(255);
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), v), KERN_SUCCESS);
         CFRelease(v);
         CFTypeRef back = IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0);
@@ -218,8 +210,7 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
         EXPECT_EQ(IORegistryEntrySetCFProperty(0, CFSTR("key"), CFSTR("x")), kInvalidHandle);
         CFRelease(not_a_key);
 
-        auto r = sim.control({"property", "set", "talvex-state", "0x10004"});
-        ASSERT_EQ(r.status, 0) << r.err;
+        control(sim, {"property", "set", "talvex-state", "0x10004"});
         CFMutableDictionaryRef all = nullptr;
         ASSERT_EQ(IORegistryEntryCreateCFProperties(cp, &all, kCFAllocatorDefault, 0), KERN_SUCCESS);
         ASSERT_TRUE(all);
@@ -228,38 +219,12 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
         CFDictionarySetValue(all, CFSTR("mutable"), kCFBooleanTrue);   // the caller gets a mutable dictionary
         CFRelease(all);
 
-        r = sim.control({"property", "delete", "talvex-state"});
-        ASSERT_EQ(r.status, 0) << r.err;
+        control(sim, {"property", "delete", "talvex-state"});
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), kCFAllocatorDefault, 0), nullptr);
         IOObjectRelease(cp);
     });
     auto trace = sim.trace();
     EXPECT_EQ(trace, (std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","property":"key","value":255})"}));
-}
-
-TEST(Objects, CountsAndHandlesThatNameNothing) {
-    Simulator sim;
-    in_child(sim.socket(), [] {
-        io_service_t cp = coprocessor();
-        ASSERT_NE(cp, 0u);
-        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 1u);
-        EXPECT_EQ(IOObjectRetain(cp), KERN_SUCCESS);
-        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 2u);
-        EXPECT_EQ(IOObjectRelease(cp), KERN_SUCCESS);
-        EXPECT_EQ(IOObjectRelease(cp), KERN_SUCCESS);
-        // Gone: the handle names nothing now.
-        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 0u);
-        EXPECT_NE(IOObjectRelease(cp), KERN_SUCCESS);
-        EXPECT_NE(IOObjectRetain(cp), KERN_SUCCESS);
-        io_name_t name;
-        EXPECT_EQ(IORegistryEntryGetName(cp, name), kInvalidHandle);
-        EXPECT_EQ(IOObjectGetClass(cp, name), kInvalidHandle);
-        uint64_t id;
-        EXPECT_EQ(IORegistryEntryGetRegistryEntryID(cp, &id), kInvalidHandle);
-        EXPECT_EQ(IOObjectGetUserRetainCount(0), 0u);
-        EXPECT_NE(IOObjectRelease(0), KERN_SUCCESS);
-
-    });
 }
 
 }  // namespace

@@ -14,14 +14,13 @@
 #include <thread>
 
 #include "iokit_support.h"
+#include "tool_support.h"
 
 namespace talvex::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-
-constexpr kern_return_t kInvalidHandle = 0x10000003;
 
 long long ms_since(Clock::time_point t) {
     return std::chrono::duration_cast<milliseconds>(Clock::now() - t).count();
@@ -147,6 +146,15 @@ TEST(DeadSimulator, ACallAfterItDiedFailsWithoutSigpipe) {
     EXPECT_EQ(lines(out), (std::vector<std::string>{"ready", "survived"}));
 }
 
+// The body of a Match reply: registry generation, entry count, then one ID.
+std::vector<uint8_t> match_body(uint64_t generation, uint32_t count, uint64_t id) {
+    wire::Writer w;
+    w.u64(generation);
+    w.u32(count);
+    w.u64(id);
+    return w.take();
+}
+
 // A peer script answering Match with one entry (ID 42), after first sending
 // an event and a stale reply, and writing the reply one byte at a time.
 void fragmented_match(FakePeer &p) {
@@ -161,11 +169,7 @@ void fragmented_match(FakePeer &p) {
     ev.u64(5);
     p.send(wire::make_event(ev.data()));
     p.send(wire::make_reply(wire::Op::Match, req.seq + 100, 0, {}));   // not ours
-    wire::Writer body;
-    body.u64(5);
-    body.u32(1);
-    body.u64(42);
-    auto frame = wire::make_reply(wire::Op::Match, req.seq, 0, body.data());
+    auto frame = wire::make_reply(wire::Op::Match, req.seq, 0, match_body(5, 1, 42));
     for (uint8_t b : frame) {
         p.send({&b, 1});
         std::this_thread::sleep_for(std::chrono::microseconds(200));
@@ -196,18 +200,10 @@ TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
             Request req;
             // 1: a Match reply whose list is shorter than its count.
             if (!p.read(req)) return;
-            wire::Writer short_list;
-            short_list.u64(1);
-            short_list.u32(3);
-            short_list.u64(42);
-            p.reply(req, 0, short_list.data());
+            p.reply(req, 0, match_body(1, 3, 42));
             // 2: a good Match reply.
             if (!p.read(req)) return;
-            wire::Writer good;
-            good.u64(1);
-            good.u32(1);
-            good.u64(42);
-            p.reply(req, 0, good.data());
+            p.reply(req, 0, match_body(1, 1, 42));
             // 3: Open.
             if (!p.read(req)) return;
             wire::Writer conn;
@@ -253,10 +249,9 @@ TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
 
 TEST(Threads, CallsFromSeveralThreadsEachGetTheirOwnReply) {
     Simulator sim;
-    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "1", "--scalar-outputs", "101"}).status, 0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "2", "--scalar-outputs", "102"}).status, 0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "3", "--scalar-outputs", "103"}).status, 0);
-    ASSERT_EQ(sim.control({"stub", "--selector", "12", "--scalars", "4", "--scalar-outputs", "104"}).status, 0);
+    for (int t = 1; t <= 4; ++t)
+        control(sim, {"stub", "--selector", "12", "--scalars", std::to_string(t), "--scalar-outputs",
+                      std::to_string(100 + t)});
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);

@@ -110,22 +110,3 @@ TEST(RoundTrip, GeneratedPropertyListsComeBackEqual) {
     }
     EXPECT_GT(with_ids, 30);  // the generator does exercise shared objects
 }
-
-TEST(RoundTrip, SharedObjectsStaySharedAndNumbersKeepTheirWidth) {
-    CF s = str("same"), n = num(kCFNumberCharType, char{-3});
-    CFMutableArrayRef a = make_array();
-    CF owner(a);
-    for (CFTypeRef v : {s.get(), n.get(), s.get(), n.get()}) CFArrayAppendValue(a, v);
-    const Parsed back = parse(serialized(a));
-    ASSERT_TRUE(back.obj) << back.error;
-    const auto *b = static_cast<CFArrayRef>(back.obj.get());
-    ASSERT_EQ(CFArrayGetCount(b), 4);
-    EXPECT_EQ(CFArrayGetValueAtIndex(b, 0), CFArrayGetValueAtIndex(b, 2));
-    EXPECT_EQ(CFArrayGetValueAtIndex(b, 1), CFArrayGetValueAtIndex(b, 3));
-    const auto *number = static_cast<CFNumberRef>(CFArrayGetValueAtIndex(b, 1));
-    EXPECT_EQ(CFNumberGetType(number), kCFNumberSInt8Type);
-    int64_t v = 0;
-    ASSERT_TRUE(CFNumberGetValue(number, kCFNumberSInt64Type, &v));
-    EXPECT_EQ(v, -3);
-    EXPECT_TRUE(CFEqual(a, b));
-}
