@@ -44,7 +44,7 @@ void expect_empty_registry() {
     EXPECT_LT(ms_since(t0), 1000);
 }
 
-TEST(NoSimulator, TheRegistryIsEmpty) {
+TEST(NoSimulator, TheRegistryIsEmptyWithoutAUsableSimulator) {
     in_child("/nonexistent-talvex-dir/sim.sock", [] { expect_empty_registry(); });
 
     // A socket file that nobody listens on (a simulator that died long ago).
@@ -63,9 +63,8 @@ TEST(NoSimulator, TheRegistryIsEmpty) {
 
     // A path too long for a socket address.
     in_child("/tmp/" + std::string(200, 'x') + "/sim.sock", [] { expect_empty_registry(); });
-}
 
-TEST(NoSimulator, APeerThatIsNotASimulatorLeavesTheRegistryEmpty) {
+    // A peer that is not a simulator refuses the greeting.
     in_child("", [] {
         FakePeer peer([](FakePeer &p) {
             Request req;
