@@ -168,8 +168,10 @@ TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
         EXPECT_EQ(calls[0].selector, 0);
         EXPECT_EQ(calls[1].selector, 2);
         EXPECT_EQ(calls[2].selector, 3);
-        // The update names the buffer the configure call answered.
+        // The update names the buffer the configure call answered: the hub
+        // numbers each client's subscriptions from 1.
         ASSERT_EQ(calls[2].scalars.size(), 1u);
+        EXPECT_EQ(calls[2].scalars[0], 1u) << command;
     }
 }
 
