@@ -81,23 +81,20 @@ void insert_values(__CFArray *a, size_t at, const void *const *values, size_t co
 
 void array_finalize(CFTypeRef cf) {
     auto a = static_cast<__CFArray *>(const_cast<void *>(cf));
-    // Values are fetched ahead of releasing them: a value's header eight
-    // places ahead, and what it holds four places ahead (by then its header
-    // has arrived), so a list of records that fell out of cache costs
-    // overlapping misses rather than a chain of them.
-    constexpr size_t kAhead = 8, kContentsAhead = 4;
+    // Values are fetched ahead of releasing them: a value's header
+    // kPrefetchWindow places ahead, and what it holds half as far ahead (by
+    // then its header has arrived), so a list of records that fell out of
+    // cache costs overlapping misses rather than a chain of them.
+    constexpr size_t kContentsAhead = kPrefetchWindow / 2;
     const size_t n = a->values.size();
-    const bool objects = a->callbacks.release == release_cf;
-    if (objects) {
-        prefetch_objects(a->values.data(), std::min(n, kAhead));
+    if (a->callbacks.release != release_cf) {
+        for (const void *value : a->values) release_value(a, value);
+    } else {
         for (size_t i = 0; i < std::min(n, kContentsAhead); ++i) prefetch_contents(a->values[i]);
-    }
-    for (size_t i = 0; i < n; ++i) {
-        if (objects) {
-            if (i + kAhead < n) prefetch_objects(&a->values[i + kAhead], 1);
+        visit_prefetched(a->values.data(), n, [&](size_t i) {
             if (i + kContentsAhead < n) prefetch_contents(a->values[i + kContentsAhead]);
-        }
-        release_value(a, a->values[i]);
+            release_value(a, a->values[i]);
+        });
     }
     destroy_fields<__CFArray>(cf);
 }
@@ -133,7 +130,8 @@ CFStringRef array_description(CFTypeRef cf) {
 
 void prefetch_array_contents(CFTypeRef cf) noexcept {
     auto a = static_cast<const __CFArray *>(cf);
-    if (a->callbacks.release == release_cf) prefetch_objects(a->values.data(), a->values.size());
+    if (a->callbacks.release == release_cf)
+        prefetch_objects(a->values.data(), std::min(a->values.size(), kPrefetchWindow));
 }
 
 const CFRuntimeClass kArrayClass = {0, "CFArray", nullptr, nullptr, array_finalize, array_equal, array_hash, nullptr,

@@ -173,8 +173,24 @@ inline void prefetch_objects(const void *const *objects, size_t count) noexcept 
         if (objects[i] != nullptr) __builtin_prefetch(objects[i], 1);
 }
 
-// Fetches the headers of the objects a container holds with the standard
-// callbacks (nothing for other types), for a caller about to release it.
+// How far ahead a walk over a container's objects fetches: enough to cover
+// a miss, few enough that what was fetched is still there when it is used.
+inline constexpr size_t kPrefetchWindow = 8;
+
+// Visits objects[0..count) in order, each after the header of the object
+// kPrefetchWindow places further on was asked for.
+template <class F>
+void visit_prefetched(const void *const *objects, size_t count, F &&visit) {
+    prefetch_objects(objects, count < kPrefetchWindow ? count : kPrefetchWindow);
+    for (size_t i = 0; i < count; ++i) {
+        if (i + kPrefetchWindow < count) prefetch_objects(&objects[i + kPrefetchWindow], 1);
+        visit(i);
+    }
+}
+
+// Fetches the headers of the first objects a container holds with the
+// standard callbacks (nothing for other types), for a caller about to
+// release it; the container's own release fetches the rest as it goes.
 void prefetch_array_contents(CFTypeRef cf) noexcept;
 void prefetch_dictionary_contents(CFTypeRef cf) noexcept;
 inline void prefetch_contents(CFTypeRef cf) noexcept {

@@ -328,9 +328,14 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     if (d == nullptr) return nullptr;
     try {
         rebuild(d, room);
-        if (source->value_callbacks->retain == retain_cf) prefetch_objects(source->values, source->count);
-        for (size_t i = 0; i < source->count; ++i)
+        auto copy_entry = [&](size_t i) {
             if (is_live(source, i)) insert_new(d, source->keys[i], source->values[i], source->hashes[i]);
+        };
+        if (source->value_callbacks->retain == retain_cf) {
+            visit_prefetched(source->values, source->count, copy_entry);
+        } else {
+            for (size_t i = 0; i < source->count; ++i) copy_entry(i);
+        }
     } catch (...) {
         CFRelease(d);
         return nullptr;
@@ -340,9 +345,14 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
 
 void dictionary_finalize(CFTypeRef cf) {
     auto d = static_cast<Dict *>(const_cast<void *>(cf));
-    if (d->value_callbacks->release == release_cf) prefetch_objects(d->values, d->count);
-    for (size_t i = 0; i < d->count; ++i)
+    auto release = [&](size_t i) {
         if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
+    };
+    if (d->value_callbacks->release == release_cf) {
+        visit_prefetched(d->values, d->count, release);
+    } else {
+        for (size_t i = 0; i < d->count; ++i) release(i);
+    }
     if (d->own_entries) std::free(static_cast<void *>(d->keys));
     free_callbacks(d);
     destroy_fields<Dict>(cf);
@@ -386,7 +396,8 @@ CFStringRef dictionary_description(CFTypeRef cf) {
 
 void prefetch_dictionary_contents(CFTypeRef cf) noexcept {
     auto d = static_cast<const Dict *>(cf);
-    if (d->value_callbacks->release == release_cf) prefetch_objects(d->values, d->count);
+    if (d->value_callbacks->release == release_cf)
+        prefetch_objects(d->values, std::min(d->count, kPrefetchWindow));
 }
 
 const CFRuntimeClass kDictionaryClass = {0,
