@@ -340,19 +340,12 @@ void Server::flush(Client &c) {
         msghdr msg{};
         iovec iov[kMaxIov];
         size_t count = 0;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        wire::DescriptorControl control;
         Chunk &first = c.out.front();
         if (first.fd >= 0) {
             // The descriptor goes with its own frame's first byte, alone.
             iov[count++] = {first.bytes.data() + first.sent, first.bytes.size() - first.sent};
-            std::memset(control, 0, sizeof control);
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            cmsghdr *cm = CMSG_FIRSTHDR(&msg);
-            cm->cmsg_level = SOL_SOCKET;
-            cm->cmsg_type = SCM_RIGHTS;
-            cm->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(cm), &first.fd, sizeof(int));
+            wire::attach_descriptor(msg, control, first.fd);
         } else {
             for (auto &ch : c.out) {
                 if (count == kMaxIov || (count > 0 && ch.fd >= 0)) break;

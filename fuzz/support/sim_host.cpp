@@ -46,17 +46,11 @@ bool write_frame(int sock, const std::vector<uint8_t> &frame, int fd) {
     size_t done = 0;
     if (fd >= 0 && !frame.empty()) {
         iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        talvex::wire::DescriptorControl control;
         msghdr msg{};
         msg.msg_iov = &iov;
         msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+        talvex::wire::attach_descriptor(msg, control, fd);
         ssize_t n;
         do {
             n = sendmsg(sock, &msg, MSG_NOSIGNAL);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace talvex::wire {
 
@@ -131,6 +132,17 @@ std::optional<std::vector<uint8_t>> from_hex(std::string_view text) {
         out.push_back(static_cast<uint8_t>(hi << 4 | lo));
     }
     return out;
+}
+
+void attach_descriptor(msghdr &msg, DescriptorControl &control, int fd) {
+    std::memset(control.bytes, 0, sizeof control.bytes);
+    msg.msg_control = control.bytes;
+    msg.msg_controllen = sizeof control.bytes;
+    cmsghdr *c = CMSG_FIRSTHDR(&msg);
+    c->cmsg_level = SOL_SOCKET;
+    c->cmsg_type = SCM_RIGHTS;
+    c->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
 }
 
 }  // namespace talvex::wire

@@ -47,6 +47,8 @@
 //   u8 argument kind (0 null, 1 value, 2 data), then for 1: u64 value, for 2: blob bytes
 #pragma once
 
+#include <sys/socket.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -156,6 +158,14 @@ std::vector<uint8_t> make_event(std::span<const uint8_t> body);
 // else "$XDG_RUNTIME_DIR/talvexsim/sim.sock" when XDG_RUNTIME_DIR is set and
 // not empty, else "/tmp/talvexsim-$UID/sim.sock".
 std::string default_socket_path();
+
+// Room for the ancillary data of one descriptor.
+struct DescriptorControl {
+    alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(int))];
+};
+// Makes `msg` carry `fd` as SCM_RIGHTS ancillary data held in `control`
+// (how the simulator hands a mapping's descriptor over with a reply).
+void attach_descriptor(msghdr &msg, DescriptorControl &control, int fd);
 
 // Lower-case hex of bytes ("" for none), as the trace prints structures.
 std::string to_hex(std::span<const uint8_t> bytes);

@@ -337,17 +337,11 @@ public:
     void send(std::span<const uint8_t> bytes) { send_all(client_, bytes); }
     void send_fd(std::span<const uint8_t> bytes, int fd) {
         iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        wire::DescriptorControl control;
         msghdr msg{};
         msg.msg_iov = &iov;
         msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr *c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+        wire::attach_descriptor(msg, control, fd);
         ssize_t n = sendmsg(client_, &msg, MSG_NOSIGNAL);
         if (n >= 0 && static_cast<size_t>(n) < bytes.size()) send(bytes.subspan(static_cast<size_t>(n)));
     }
