@@ -1,21 +1,23 @@
 // SPI and I2C commands: spi, i2c.
 #include "talvexctl.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 namespace {
 
-// spi: the handler's buffers lie one after the other, so that a read dump
-// longer than the reply area runs on through the data area into the request
-// buffer that the driver answers in.
+// spi: a read dump starts at the handler's 16-byte reply area and runs on
+// through the first 16 bytes of the data area into the request buffer that
+// the driver answers in. The data area itself holds 125 bytes, so that every
+// byte sent comes from a parsed word or the fill; only its first 16 are shown.
+// A dump never runs past the request buffer: a longer one stops there.
 constexpr size_t kSpiReplyAreaSize = 16;
 constexpr size_t kSpiDataSize = 125;
+constexpr size_t kSpiDataShown = 16;
 constexpr size_t kSpiHeaderSize = 3;   // chip select, input length, output length
 constexpr size_t kSpiRequestSize = kSpiHeaderSize + kSpiDataSize;
-constexpr size_t kSpiDataOffset = kSpiReplyAreaSize;
-constexpr size_t kSpiRequestOffset = kSpiDataOffset + kSpiDataSize;
-constexpr size_t kSpiAreaSize = kSpiRequestOffset + kSpiRequestSize;
+constexpr size_t kSpiDumpLimit = kSpiReplyAreaSize + kSpiDataShown + kSpiRequestSize;
 
 constexpr size_t kI2CBufferSize = 16;
 
@@ -79,7 +81,8 @@ int i2c_write(const char *port_word, const char *address_word, const char *reg_w
 // takes words 4 onward and the input length is one more than that, so the
 // last byte sent is the data area's 0xff fill. Write form: the input length
 // is count-2, from word 4 onward; the one byte without a word is 0. The
-// read form dumps from the reply area, not from the driver's reply.
+// read form dumps from the reply area, not from the driver's reply (at most
+// reply area + 16 data bytes + request buffer: 160 bytes).
 int TalvexCmdSpi(int argc, char *argv[]) {
     if (argc < 4) {
         TALVEX_ASSERT_REPORT("argc > 3", "", 0);
@@ -95,11 +98,14 @@ int TalvexCmdSpi(int argc, char *argv[]) {
         return 1;
     }
 
-    uint8_t area[kSpiAreaSize];
-    std::memset(area, 0xff, kSpiRequestOffset);
-    std::memset(area + kSpiRequestOffset, 0, kSpiRequestSize);
-    uint8_t *data = area + kSpiDataOffset;
-    uint8_t *request = area + kSpiRequestOffset;
+    // What a read dump shows, in order: the reply area, the start of the data
+    // area, the request buffer.
+    uint8_t shown[kSpiDumpLimit];
+    uint8_t data[kSpiDataSize];
+    std::memset(shown, 0xff, kSpiReplyAreaSize);
+    std::memset(data, 0xff, sizeof data);
+    uint8_t *request = shown + kSpiReplyAreaSize + kSpiDataShown;
+    std::memset(request, 0, kSpiRequestSize);
 
     uint8_t output_length = 0;
     uint8_t input_length;
@@ -144,7 +150,8 @@ int TalvexCmdSpi(int argc, char *argv[]) {
     if (result != 0) {
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     } else if (read) {
-        TalvexHexDump(area, output_length);
+        std::memcpy(shown + kSpiReplyAreaSize, data, kSpiDataShown);
+        TalvexHexDump(shown, static_cast<uint32_t>(std::min<size_t>(output_length, kSpiDumpLimit)));
     }
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

@@ -26,16 +26,10 @@ Bytes with(Bytes bytes, size_t size, uint8_t fill) {
     return bytes;
 }
 
-// What the SPI read form dumps: the reply area, the data area (the parsed
-// bytes, then fill) and the request buffer as the driver left it.
-std::string spi_dump(Bytes data, const Bytes &answer, size_t length) {
-    Bytes shown(16, 0xff);
-    data.resize(125, 0xff);
-    shown.insert(shown.end(), data.begin(), data.end());
-    shown.insert(shown.end(), answer.begin(), answer.end());
-    shown.resize(length, 0x00);
-    return dump(shown);
-}
+// The first line of an SPI read dump longer than 16 bytes: the reply area's fill.
+const std::string kSpiFillLine =
+    "00000000: ff ff ff ff ff ff ff ff  ff ff ff ff ff ff ff ff  | ........ ........\n";
+const std::string kSpiZeroLine = ": 00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  | ........ ........\n";
 
 // A failed call the model made: reported by the client and by the command.
 void expect_call_failed(const Simulator &sim, const Words &args, const std::string &text, const std::string &file) {
@@ -107,28 +101,40 @@ TEST(Registers, BbSendsOneScalarAndCmaItsBytes) {
     EXPECT_EQ(one_call(sim, many).input, hex(Bytes(256, 0x5a)));
 }
 
-TEST(Spi, ReadFormDumpsFromTheReplyAreaThroughTheDataArea) {
+TEST(Spi, ReadFormDumpsReplyAreaDataStartAndRequestBuffer) {
     Simulator sim;
     // Count 4: the length comes from the chip-select word, and the one byte
     // sent is the data area's fill.
-    TraceCall c = one_call(sim, {"spi", "read", "2", "x"}, dump(Bytes(2, 0xff)));
+    TraceCall c = one_call(sim, {"spi", "read", "2", "x"},
+                           "00000000: ff ff                                             | ..\n");
     EXPECT_EQ(c.selector, 5);
     EXPECT_EQ(c.input, "020100ff");
     EXPECT_EQ(c.output_size, 128u);
 
-    // Words 4 on are data, the second-to-last is the output length (0xa0):
-    // 16 bytes of reply area, the 125-byte data area, then the request
-    // buffer as the loopback answered it.
-    c = one_call(sim, {"spi", "read", "0", "x", "11", "22", "a0", "33"},
-                 spi_dump({0x11, 0x22, 0xa0, 0x33}, {0x00, 0x05, 0x00, 0x11, 0x22, 0xa0, 0x33, 0xff}, 0xa0));
-    EXPECT_EQ(c.input, "000500" "1122a033ff");
+    // Words 4 on are data, the second-to-last is the output length (0x30):
+    // 16 bytes of reply area, the first 16 of the data area, then the
+    // request buffer as the driver answered it.
+    sim.control({"stub", "--selector", "5", "--output", "0102030405", "--times", "1"});
+    one_call(sim, {"spi", "read", "5", "30", "25"},
+             kSpiFillLine + "00000010: 25 ff ff ff ff ff ff ff  ff ff ff ff ff ff ff ff  | %....... ........\n"
+                            "00000020: 01 02 03 04 05 00 00 00  00 00 00 00 00 00 00 00  | ........ ........\n");
+    c = one_call(sim, {"spi", "read", "0", "x", "11", "22", "30", "33"},
+                 kSpiFillLine + "00000010: 11 22 30 33 ff ff ff ff  ff ff ff ff ff ff ff ff  | .\"03.... ........\n"
+                                "00000020: 00 05 00 11 22 30 33 ff  00 00 00 00 00 00 00 00  | ....\"03. ........\n");
+    EXPECT_EQ(c.input, "000500" "112230" "33ff");
     // The gyro's own chip select speaks the register protocol: 0x8f reads
     // from WHO_AM_I on.
-    c = one_call(sim, {"spi", "read", "80", "x", "8f", "0", "a0", "0"},
-                 spi_dump({0x8f, 0x00, 0xa0, 0x00}, {0x80, 0x05, 0x00, 0x00, 0xd7, 0x00, 0x00, 0x00}, 0xa0));
-    EXPECT_EQ(c.input, "800500" "8f00a000ff");
-    // A length up to 16 shows only fill.
-    one_call(sim, {"spi", "read", "0", "x", "1", "10", "2"}, dump(Bytes(16, 0xff)));
+    c = one_call(sim, {"spi", "read", "80", "x", "8f", "0", "30", "0"},
+                 kSpiFillLine + "00000010: 8f 00 30 00 ff ff ff ff  ff ff ff ff ff ff ff ff  | ..0..... ........\n"
+                                "00000020: 80 05 00 00 d7 00 00 00  00 00 00 00 00 00 00 00  | ........ ........\n");
+    EXPECT_EQ(c.input, "800500" "8f003000ff");
+    // A length up to 16 shows only fill; one past reply area + 16 data bytes
+    // + request buffer (160) stops at the request buffer's end.
+    one_call(sim, {"spi", "read", "0", "x", "1", "10", "2"}, kSpiFillLine);
+    Outcome o = run(sim, {"spi", "read", "0", "x", "1", "a1", "2"});
+    EXPECT_EQ(o.r.status, 0);
+    EXPECT_EQ(o.r.out.substr(o.r.out.size() - 2 * kSpiFillLine.size()),
+              "00000080" + kSpiZeroLine + "00000090" + kSpiZeroLine);
 }
 
 TEST(Spi, WriteFormLengths) {
@@ -140,8 +146,9 @@ TEST(Spi, WriteFormLengths) {
     // Writes to the controller's registers from 0x20 (0xab, the word-less 0,
     // the fill), read back through the read form.
     one_call(sim, {"spi", "write", "1", "x", "20", "ab"});
-    one_call(sim, {"spi", "read", "1", "x", "a0", "0", "a0", "0"},
-             spi_dump({0xa0, 0x00, 0xa0, 0x00}, {0x01, 0x05, 0x00, 0x00, 0xab, 0x00, 0xff, 0x00}, 0xa0));
+    one_call(sim, {"spi", "read", "1", "x", "a0", "0", "30", "0"},
+             kSpiFillLine + "00000010: a0 00 30 00 ff ff ff ff  ff ff ff ff ff ff ff ff  | ..0..... ........\n"
+                            "00000020: 01 05 00 00 ab 00 ff 00  00 00 00 00 00 00 00 00  | ........ ........\n");
 
     // 125 data bytes fit (126 are refused).
     Words words{"spi", "write", "0", "x"};
