@@ -1,5 +1,6 @@
-// CFURL for POSIX file paths. A relative path is kept together with the
-// current directory at the time the URL was made.
+// CFURL for POSIX file paths. An absolute path is kept as given; a relative
+// one is kept together with the current directory at the time the URL was
+// made, and resolved lexically when made absolute.
 #include "cf_internal.h"
 
 #include <filesystem>
@@ -8,7 +9,7 @@
 
 struct __CFURL {
     CFRuntimeBase base;
-    std::string path;       // normalised; relative when base_dir is not empty
+    std::string path;       // absolute as given, or relative (normalised) when base_dir is not empty
     std::string base_dir;   // absolute, normalised; empty for an absolute path
     bool is_directory;
 };
@@ -116,7 +117,13 @@ CFURLRef CFURLCreateWithFileSystemPath(CFAllocatorRef, CFStringRef file_path, CF
     if (s == nullptr || path_style != kCFURLPOSIXPathStyle || s->length == 0) return nullptr;
     try {
         std::string_view text = string_view_of(s);
-        if (text.starts_with('/')) return new_url(normalise(text), {}, is_directory);
+        // An absolute path is kept as given ("." and ".." segments and
+        // doubled slashes included), less any trailing slash.
+        if (text.starts_with('/')) {
+            size_t end = text.find_last_not_of('/');
+            return new_url(std::string(end == std::string_view::npos ? "/" : text.substr(0, end + 1)), {},
+                           is_directory);
+        }
         std::error_code ec;
         std::filesystem::path cwd = std::filesystem::current_path(ec);
         if (ec || !cwd.is_absolute() || !scan_utf8(cwd.native()).valid) return nullptr;

@@ -120,13 +120,14 @@ TEST(Start, FailuresAreReportedByTheOperationAndTheCommand) {
     auto twice = [](const std::string &text) {
         return coded(text, "client/load_firmware.cpp") + coded(text, "start.cpp");
     };
-    // A missing image is sent anyway; the driver decides.
+    // A missing image is sent anyway, an absolute path exactly as given; the
+    // driver decides.
     ASSERT_EQ(sim.tool({"stop"}).status, 0);
-    Outcome missing = run(sim, {"start", "/nonexistent/fw.bin"});
+    Outcome missing = run(sim, {"start", "/fw/../nonexistent//./fw.bin"});
     EXPECT_EQ(missing.r.status, 1);
     EXPECT_EQ(missing.err, twice("(iokit/common) data was not found (0xe00002f0)"));
     ASSERT_EQ(missing.calls.size(), 1u);
-    EXPECT_EQ(missing.calls[0].input, image_input("/nonexistent/fw.bin"));
+    EXPECT_EQ(missing.calls[0].input, image_input("/fw/../nonexistent//./fw.bin"));
 
     stub_code(sim, "2", "0xe00002bc");
     EXPECT_EQ(run(sim, {"start", "-d"}).err, twice(kGeneralError));
