@@ -6,6 +6,10 @@
 
 void TalvexAssertReport(const char *condition, const char *message, const char *file, long line,
                         uint32_t code) {
+    // Whatever a command printed before this check goes out first, so that
+    // with both streams on one file or pipe every line stands where it was
+    // made (result lines printed between two diagnostics included).
+    std::fflush(stdout);
     const char *msg = message ? message : "";
     if (code != 0) {
         // A code of a system without texts has no text; show what the C library

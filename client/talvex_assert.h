@@ -9,6 +9,8 @@
 //   "AssertMacros: COND, TEXT (CODE) MESSAGE file: FILE, line: LINE"   when code != 0
 //   "AssertMacros: COND, MESSAGE file: FILE, line: LINE"               when code == 0
 // where TEXT is mach_error_string(code) and a null message prints as empty.
+// Standard output is flushed first, so lines a command printed before the
+// check come out before the diagnostic on a shared file or pipe.
 void TalvexAssertReport(const char *condition, const char *message, const char *file, long line,
                         uint32_t code);
 

@@ -36,7 +36,6 @@ int TalvexCmdPing(int, char *[]) {
     const char *text = mach_error_string(result);
     std::printf("ping result: %s (%#x)\n", text ? text : "(null)", static_cast<uint32_t>(result));
     if (result != 0) {
-        std::fflush(stdout);
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     }
     TalvexClose(talvex);

@@ -54,7 +54,6 @@ int TalvexCmdSetState(int argc, char *argv[]) {
     const char *text = mach_error_string(result);
     std::printf("Set state result: %s (%#x)\n", text ? text : "(null)", static_cast<uint32_t>(result));
     if (result != 0) {
-        std::fflush(stdout);
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
         TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
     }

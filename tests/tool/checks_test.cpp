@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -264,3 +265,27 @@ TEST(FailedCall, ReportedByTheClientAndOnceMoreByTheCommand) {
 }
 
 }  // namespace
+
+// With both streams on one pipe, a line printed to standard output keeps its
+// place among the diagnostics.
+TEST(FailedCall, ResultLinesKeepTheirPlaceOnASharedStream) {
+    Simulator sim;
+    auto merged = [&](const Words &args) {
+        std::vector<std::string> argv{"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", talvexctl_path()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::string out = normalise(talvex::test::run(argv, sim.env()).out);
+        return std::regex_replace(out, std::regex("handle=0x[0-9a-f]+"), "handle=P");
+    };
+    stub_code(sim, "13", "0xe00002bc");
+    EXPECT_EQ(merged({"get", "0", "1"}),
+              from_operation(kGeneralError) + "TalvexGetProperty(handle=P,dev=0,prop=1,size=128) -> e00002bc\n" +
+                  coded(kGeneralError, "properties.cpp"));
+    stub_code(sim, "14", "0xe00002bc");
+    EXPECT_EQ(merged({"set", "0", "1", "2"}),
+              from_operation(kGeneralError) + "TalvexSetProperty(handle=P,dev=0,prop=1,val=2) -> e00002bc\n" +
+                  coded(kGeneralError, "properties.cpp"));
+    // Lines printed before a later call fails come before its reports.
+    stub_code(sim, "23", "0xe00002bc");
+    EXPECT_EQ(merged({"profile", "print"}), "profile runtime: 0\n\nprofile hitpoints (8):\n" +
+                                                from_operation(kGeneralError) + coded(kGeneralError, "profile.cpp"));
+}
