@@ -49,7 +49,7 @@ constexpr const char *kChannelUsage =
     "       talvexsim channel release [--service CLASS] [--index I] NAME\n"
     "  set holds a report channel's value at VALUE (decimal or 0x hexadecimal, negative allowed)\n"
     "  until released; release lets it move with the model again, onward from the held value.\n"
-    "  NAME is the channel's name (as ioreport shows it, without trailing blanks) or its 0x\n"
+    "  NAME is the channel's name exactly as published (\"IDLE MS \" ends in a blank) or its 0x\n"
     "  channel ID. Simple channels have one value; array channels four per element, chosen\n"
     "  with --index (default 0). The default service is ZantraTalvexProcessor.\n";
 

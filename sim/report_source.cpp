@@ -32,7 +32,6 @@ std::string report_id_text(uint64_t id) {
     std::string text;
     for (int shift = 56; shift >= 0; shift -= 8)
         if (char c = static_cast<char>(id >> shift)) text += c;
-    while (!text.empty() && text.back() == ' ') text.pop_back();
     return text;
 }
 

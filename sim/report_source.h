@@ -74,8 +74,8 @@ constexpr uint64_t report_id(std::string_view text) {
     return id;
 }
 
-// The printable text of an ID: its non-zero bytes, most significant first,
-// trailing blanks removed.
+// The text of an ID as the channel publishes it: its non-zero bytes, most
+// significant first, blanks kept ("IDLE MS " ends in one).
 std::string report_id_text(uint64_t id);
 
 // One segment of a histogram's bucket configuration ("IOReportChannelConfig",

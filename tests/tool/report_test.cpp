@@ -181,7 +181,7 @@ TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsSt
         control(sim, {"channel", "set", channel, value});
     };
     pin("TOTAL MS", "10000");
-    pin("IDLE MS", "1000");
+    pin("IDLE MS ", "1000");
 
     // Which counter values each sample saw: phase[k] for sample k + 1.
     std::vector<int> phase;
@@ -192,16 +192,16 @@ TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsSt
     size_t taken = run.hold_after(2);
     seen_until(taken, 0);
     pin("TOTAL MS", "14000");   // 1000 of 4000 ms busy: 25%
-    pin("IDLE MS", "4000");
+    pin("IDLE MS ", "4000");
     run.resume();
     taken = run.hold_after(taken + 1);
     seen_until(taken, 1);
     pin("TOTAL MS", "15491");   // 1462 of 1491 ms: 98.0549...%, 98.06 once in single precision
-    pin("IDLE MS", "4029");
+    pin("IDLE MS ", "4029");
     run.resume();
     taken = run.hold_after(taken + 1);
     seen_until(taken, 2);
-    pin("IDLE MS", "4020");   // the total stands still while idle moves: inf
+    pin("IDLE MS ", "4020");   // the total stands still while idle moves: inf
     run.resume();
     taken = run.hold_after(taken + 1);
     seen_until(taken, 3);
@@ -280,7 +280,7 @@ TEST(Ioreport, EveryPassPrintsTheHeaderAndOneBlockPerChannel) {
     // The coprocessor's channels and one extra channel of each format.
     Simulator sim({"--clock", "step", "--channels", "4"});
     control(sim, {"channel", "set", "TOTAL MS", "5000"});
-    control(sim, {"channel", "set", "IDLE MS", "0x1234"});
+    control(sim, {"channel", "set", "IDLE MS ", "0x1234"});
     Running run(sim, "ioreport");
     RunResult r = run.finish(2);
     EXPECT_EQ(r.status, 0);
