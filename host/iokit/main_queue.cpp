@@ -17,7 +17,7 @@ struct dispatch_queue_s {
 
 namespace {
 
-dispatch_queue_s main_queue{"com.apple.main-thread"};
+dispatch_queue_s main_queue{"talvex.main-thread"};
 
 // dispatch_once predicate states; 0 is "not yet run".
 constexpr long kOnceRunning = 1;
@@ -64,6 +64,8 @@ void run_newest_exit_callable() {
 }  // namespace
 
 dispatch_queue_t dispatch_get_main_queue(void) { return &main_queue; }
+
+const char *dispatch_queue_get_label(dispatch_queue_t queue) { return queue ? queue->label : ""; }
 
 void dispatch_main(void) {
     using talvex::host::Transport;

@@ -11,6 +11,8 @@ typedef struct dispatch_queue_s *dispatch_queue_t;
 typedef long dispatch_once_t;
 
 dispatch_queue_t dispatch_get_main_queue(void);
+// The label a queue was made with ("talvex.main-thread" for the main queue).
+const char *dispatch_queue_get_label(dispatch_queue_t queue);
 
 // Serves the notification ports attached to the main queue on the calling
 // thread, forever. Never returns; the process ends by a signal or exit().
