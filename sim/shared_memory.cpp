@@ -46,13 +46,15 @@ std::unique_ptr<SharedRegion> SharedRegion::create(size_t size, std::string *err
         errno = saved;
         return fail("reopen read-only");
     }
-    return std::unique_ptr<SharedRegion>(new SharedRegion(fd, ro, static_cast<uint8_t *>(p), size));
+    // The mapping keeps the memory; the read-only descriptor is all a region
+    // holds on to, so each costs one descriptor.
+    close(fd);
+    return std::unique_ptr<SharedRegion>(new SharedRegion(ro, static_cast<uint8_t *>(p), size));
 }
 
 SharedRegion::~SharedRegion() {
     munmap(data_, size_);
     close(ro_fd_);
-    close(fd_);
 }
 
 }  // namespace talvex::sim

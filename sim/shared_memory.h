@@ -28,8 +28,7 @@ public:
     int client_fd() const { return ro_fd_; }
 
 private:
-    SharedRegion(int fd, int ro_fd, uint8_t *data, size_t size) : fd_(fd), ro_fd_(ro_fd), data_(data), size_(size) {}
-    int fd_;
+    SharedRegion(int ro_fd, uint8_t *data, size_t size) : ro_fd_(ro_fd), data_(data), size_(size) {}
     int ro_fd_;
     uint8_t *data_;
     size_t size_;
