@@ -17,16 +17,27 @@ bool spend(std::optional<uint64_t> &times) {
     return --*times == 0;
 }
 
+// What a stub holds, roughly: its bytes and a fixed cost for the rest.
+size_t footprint(const CallStub &s) {
+    return 128 + s.service.size() + s.input_prefix.size() + s.output.size() +
+           8 * (s.scalars_prefix.size() + s.scalar_outputs.size());
+}
+size_t footprint(const OpenStub &s) { return 128 + s.service.size(); }
+
 }  // namespace
 
 bool StubTable::add(CallStub stub) {
-    if (size() >= kMaxStubs) return false;
+    size_t bytes = footprint(stub);
+    if (size() >= kMaxStubs || bytes > kMaxBytes - bytes_) return false;
+    bytes_ += bytes;
     calls_.push_back(std::move(stub));
     return true;
 }
 
 bool StubTable::add(OpenStub stub) {
-    if (size() >= kMaxStubs) return false;
+    size_t bytes = footprint(stub);
+    if (size() >= kMaxStubs || bytes > kMaxBytes - bytes_) return false;
+    bytes_ += bytes;
     opens_.push_back(std::move(stub));
     return true;
 }
@@ -34,6 +45,7 @@ bool StubTable::add(OpenStub stub) {
 void StubTable::clear() {
     calls_.clear();
     opens_.clear();
+    bytes_ = 0;
 }
 
 std::optional<IOReturn> StubTable::answer_call(std::string_view service, const CallArgs &args, CallReply &reply) {
@@ -47,7 +59,10 @@ std::optional<IOReturn> StubTable::answer_call(std::string_view service, const C
         std::copy_n(s.output.begin(), std::min<size_t>(s.output.size(), reply.output.size()), reply.output.begin());
         reply.scalars = s.scalar_outputs;
         IOReturn code = s.code;
-        if (spend(s.times)) calls_.erase(calls_.begin() + static_cast<std::ptrdiff_t>(i));
+        if (spend(s.times)) {
+            bytes_ -= footprint(s);
+            calls_.erase(calls_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
         return code;
     }
     return std::nullopt;
@@ -58,7 +73,10 @@ std::optional<IOReturn> StubTable::answer_open(std::string_view service) {
         OpenStub &s = opens_[i];
         if (s.service != service) continue;
         IOReturn code = s.code;
-        if (spend(s.times)) opens_.erase(opens_.begin() + static_cast<std::ptrdiff_t>(i));
+        if (spend(s.times)) {
+            bytes_ -= footprint(s);
+            opens_.erase(opens_.begin() + static_cast<std::ptrdiff_t>(i));
+        }
         return code;
     }
     return std::nullopt;

@@ -37,8 +37,9 @@ struct OpenStub {
 class StubTable {
 public:
     static constexpr size_t kMaxStubs = 10'000;
+    static constexpr size_t kMaxBytes = size_t{16} << 20;   // what all stubs hold together, roughly
 
-    // False when the table is full.
+    // False when the table is full (kMaxStubs stubs, or kMaxBytes).
     bool add(CallStub stub);
     bool add(OpenStub stub);
     void clear();
@@ -54,6 +55,7 @@ public:
 private:
     std::vector<CallStub> calls_;   // oldest first
     std::vector<OpenStub> opens_;
+    size_t bytes_ = 0;
 };
 
 }  // namespace talvex::sim
