@@ -19,6 +19,7 @@
 #include <optional>
 #include <thread>
 
+#include "budget.h"
 #include "control.h"
 #include "hub.h"
 #include "report_models.h"
@@ -200,7 +201,12 @@ extern "C" void forward_to_command(int sig) {
     if (g_command > 0) kill(g_command, sig);
 }
 
-int serve(const std::string &socket_path, bool exit_with_parent, const SimOptions &opts) {
+// What `serve` may hold: from the process's limits, or smaller when told.
+struct BudgetOptions {
+    std::optional<size_t> memory, descriptors;
+};
+
+int serve(const std::string &socket_path, bool exit_with_parent, const SimOptions &opts, const BudgetOptions &budget) {
     if (exit_with_parent) {
         pid_t parent = getppid();
         prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -213,7 +219,10 @@ int serve(const std::string &socket_path, bool exit_with_parent, const SimOption
         step = c.get();
         clock = std::move(c);
     }
-    Server server(std::move(clock));
+    ProcessLimits process = process_limits();
+    size_t memory = budget.memory.value_or(process.memory);
+    size_t descriptors = std::min(budget.descriptors.value_or(process.descriptors), process.descriptors);
+    Server server(std::move(clock), BudgetLimits::derive(memory, descriptors));
     if (ReportHub *hub = ReportHub::of(server.simulation())) hub->set_step_clock(step);
     if (!add_extra_report_channels(server.simulation(), opts.channels))
         return usage_error("serve: cannot add " + std::to_string(opts.channels) + " report channels");
@@ -427,17 +436,27 @@ int cli_main(int argc, char **argv) {
             }
         }
         SimOptions opts;
+        BudgetOptions budget;
         for (size_t i = 0; i < rest.size(); ++i) {
             std::string error;
             if (take_sim_option(rest, i, opts, error)) {
                 if (!error.empty()) return usage_error("serve: " + error);
             } else if (rest[i] == "--exit-with-parent") {
                 exit_with_parent = true;
+            } else if (rest[i] == "--budget-memory" || rest[i] == "--budget-descriptors") {
+                // Smaller budgets than the process's limits give (for tests).
+                bool memory = rest[i] == "--budget-memory";
+                size_t least = memory ? kMinMemoryBudget : kMinDescriptors;
+                auto n = i + 1 < rest.size() ? parse_unsigned(rest[i + 1]) : std::nullopt;
+                if (!n || *n < least)
+                    return usage_error("serve: " + rest[i] + " needs a number of at least " + std::to_string(least));
+                (memory ? budget.memory : budget.descriptors) = static_cast<size_t>(*n);
+                ++i;
             } else {
                 return usage_error("serve: unexpected argument '" + rest[i] + "'");
             }
         }
-        return serve(path, exit_with_parent, opts);
+        return serve(path, exit_with_parent, opts, budget);
     }
     if (command == "run" || command == "shell") {
         if (!rest.empty() && is_help(rest[0])) {

@@ -521,7 +521,7 @@ std::optional<ControlCommand> parse_control(const std::vector<std::string> &word
     return c;
 }
 
-ControlResult execute_control(Simulation &sim, const ControlCommand &c) {
+ControlResult execute_control(Simulation &sim, const ControlCommand &c, ClientId client) {
     using Kind = ControlCommand::Kind;
     ControlResult result;
     auto fail = [&](std::string message) {
@@ -544,12 +544,19 @@ ControlResult execute_control(Simulation &sim, const ControlCommand &c) {
     case Kind::StubCall:
     case Kind::StubOpen:
         if (!(c.kind == Kind::StubCall ? sim.stubs().add(c.call_stub) : sim.stubs().add(c.open_stub)))
-            return fail("stub: too many stubs (at most " + std::to_string(StubTable::kMaxStubs) + ")");
+            return fail("stub: too many stubs (at most " + std::to_string(StubTable::kMaxStubs) + ", holding at most " +
+                        std::to_string(StubTable::kMaxBytes) + " bytes)");
         break;
     case Kind::Notify: sim.notify(*service, c.message_type, c.arg); break;
-    case Kind::PropertySet: service->set_property(c.key, c.value.get()); break;
+    case Kind::PropertySet: {
+        std::string why;
+        if (sim.set_client_property(client, *service, c.key, c.value.get(), &why) != kIOReturnSuccess)
+            return fail("property set: " + why);
+        break;
+    }
     case Kind::PropertyDelete:
         if (!service->remove_property(c.key)) return fail("property delete: " + c.service + " has no property '" + c.key + "'");
+        sim.property_deleted(*service, c.key);
         break;
     case Kind::Publish: sim.set_published(*service, true); break;
     case Kind::Unpublish: sim.set_published(*service, false); break;

@@ -43,8 +43,10 @@ struct ControlCommand {
 // The words of a control command, the first naming it. On failure returns
 // nothing and sets `error` to a one-line message (no newline) naming the problem.
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error);
-// Runs a parsed command. Fails (code 1) when it names a service that does not exist.
-ControlResult execute_control(Simulation &sim, const ControlCommand &command);
+// Runs a parsed command on behalf of a client (whose budget pays for the
+// properties it sets). Fails (code 1) when it names a service that does not
+// exist, or when a property would go over budget.
+ControlResult execute_control(Simulation &sim, const ControlCommand &command, ClientId client = 0);
 // Runs a ChannelSet, ChannelRelease or Load command on the service.
 ControlResult execute_report_control(Simulation &sim, Service &service, const ControlCommand &command);
 

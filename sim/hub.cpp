@@ -37,7 +37,12 @@ public:
                         [this](const CallArgs &a, CallReply &) { return update(a.scalars[0]); });
     }
 
-    bool init() { return add_region(kHubBufferMemoryType, kHubBufferSize) != nullptr; }
+    bool init() {
+        auto empty = hub_.empty_buffer();
+        if (!empty) return false;
+        share_region(kHubBufferMemoryType, std::move(empty));
+        return true;
+    }
 
     IOReturn call(const CallArgs &args, CallReply &reply) override { return methods_.dispatch(args, reply); }
 
@@ -62,7 +67,6 @@ private:
     MethodTable methods_;
     bool opened_ = false;
     std::unordered_map<uint64_t, Subscription> subscriptions_;
-    size_t buffer_bytes_ = 0;
     uint64_t next_token_ = 1;
 };
 
@@ -72,7 +76,11 @@ IOReturn HubClient::configure(const CallArgs &a, CallReply &reply) {
     uint32_t n = wire::load_le32(in.data());
     size_t body = in.size() - kInterestHeader;
     if (n == 0 || body % kInterestEntry != 0 || body / kInterestEntry != n) return kIOReturnBadArgument;
-    if (subscriptions_.size() >= ReportHub::kMaxSubscriptions) return kIOReturnNoResources;
+    if (subscriptions_.size() >= ReportHub::kMaxSubscriptions) {
+        hub_.simulation().trace().add(Trace::refusal_line(kReportHubClass, "hub subscriptions", "connection",
+                                                          ReportHub::kMaxSubscriptions));
+        return kIOReturnNoResources;
+    }
 
     std::vector<ReportHub::ChannelRef> refs;
     refs.reserve(n);
@@ -96,12 +104,12 @@ IOReturn HubClient::configure(const CallArgs &a, CallReply &reply) {
     }
     // Room for one filler element when nothing requested exists.
     size_t bytes = std::max<size_t>(elements, 1) * kReportElementSize;
-    if (bytes > ReportHub::kMaxClientBytes - buffer_bytes_) return kIOReturnNoResources;
-
+    Shortfall why;
+    IOReturn made = add_region(static_cast<uint32_t>(next_token_), bytes, s.region, why);
+    if (made == kIOReturnNoResources)
+        hub_.simulation().trace().add(Trace::refusal_line(kReportHubClass, resource_name(why.resource), why.verdict));
+    if (made != kIOReturnSuccess) return made;
     uint64_t token = next_token_++;
-    s.region = add_region(static_cast<uint32_t>(token), bytes);
-    if (!s.region) return kIOReturnNoMemory;
-    buffer_bytes_ += bytes;
     lay_out(s);
     hub_.advance_sources();
     fill(s);
@@ -159,6 +167,11 @@ void HubClient::fill(Subscription &s) {
 ReportHub::ReportHub(Simulation &sim, Service &service) : sim_(sim), service_(service) {}
 
 ReportHub::~ReportHub() = default;
+
+std::shared_ptr<SharedRegion> ReportHub::empty_buffer() {
+    if (!empty_buffer_) empty_buffer_ = SharedRegion::create(kHubBufferSize);
+    return empty_buffer_;
+}
 
 ReportHub *ReportHub::of(Simulation &sim) {
     Service *s = sim.registry().find_class(kReportHubClass);

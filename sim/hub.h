@@ -21,10 +21,14 @@
 // exactly at the end of the buffer. Memory type 0 is the buffer of a client
 // that has configured nothing: one zero-filled page.
 //
+// Every buffer costs its client a descriptor and its size in whole pages of
+// the client's budget (see budget.h); the unconfigured page is one for all,
+// and costs nothing.
+//
 // Codes: 2 or 3 before 0, kIOReturnNotOpen; a malformed interest list, a
 // missing scalar output slot or an unknown token, kIOReturnBadArgument; more
-// than kMaxSubscriptions buffers, or more than kMaxClientBytes of them, on
-// one client, kIOReturnNoResources.
+// than kMaxSubscriptions buffers on one user client, or a buffer over the
+// client's budget, kIOReturnNoResources (with a refusal line in the trace).
 //
 // With a step clock attached, every update first moves simulated time on by
 // exactly one second (and runs the timers that became due), so figures are
@@ -53,8 +57,7 @@ inline constexpr size_t kHubBufferSize = 4096;
 
 class ReportHub final : public ServiceModel {
 public:
-    static constexpr size_t kMaxSubscriptions = 256;            // per user client
-    static constexpr size_t kMaxClientBytes = size_t{512} << 20;   // all of one client's buffers
+    static constexpr size_t kMaxSubscriptions = 256;   // per user client
 
     ReportHub(Simulation &sim, Service &service);
     ~ReportHub() override;
@@ -76,6 +79,9 @@ public:
     void set_step_clock(StepClock *clock) { step_clock_ = clock; }
 
     Simulation &simulation() { return sim_; }
+    // The zero-filled page that every unconfigured client maps; null when
+    // the system refuses to make it.
+    std::shared_ptr<SharedRegion> empty_buffer();
     Service &service() { return service_; }
 
     // A channel: which source (in order of addition) and its legend position.
@@ -106,6 +112,7 @@ private:
     std::vector<std::shared_ptr<ReportSource>> sources_;
     std::unordered_map<std::pair<uint64_t, uint64_t>, ChannelRef, KeyHash> index_;
     StepClock *step_clock_ = nullptr;
+    std::shared_ptr<SharedRegion> empty_buffer_;
 };
 
 }  // namespace talvex::sim

@@ -35,6 +35,11 @@ extern "C" void on_stop_signal(int) {
 
 std::string errno_text() { return std::strerror(errno); }
 
+// Sends all of a small frame at once or nothing that matters; never waits.
+bool send_nowait(int fd, const std::vector<uint8_t> &frame) {
+    return ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
+}
+
 std::string dir_of(const std::string &path) {
     auto slash = path.rfind('/');
     if (slash == std::string::npos) return ".";
@@ -89,7 +94,8 @@ bool prepare_socket_dir(const std::string &dir, std::string &error) {
     return true;
 }
 
-Server::Server(std::unique_ptr<Clock> clock) : sim_(*this, std::move(clock)), scratch_(kReadChunk) {
+Server::Server(std::unique_ptr<Clock> clock, const BudgetLimits &limits)
+    : sim_(*this, std::move(clock), limits), scratch_(kReadChunk) {
     if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) wake_[0] = wake_[1] = -1;
 }
 
@@ -200,7 +206,7 @@ void Server::run() {
         fds.push_back({accepting ? listen_fd_ : -1, POLLIN, 0});
         for (auto &[id, c] : clients_) {
             short events = 0;
-            if (!c->eof && c->out_bytes < kPauseOutput) events |= POLLIN;
+            if (!c->eof && !paused(*c)) events |= POLLIN;
             if (!c->out.empty()) events |= POLLOUT;
             fds.push_back({c->fd, events, 0});
             polled.push_back(c.get());
@@ -260,21 +266,51 @@ void Server::accept_clients() {
             close(fd);
             continue;
         }
-        if (clients_.size() >= kMaxClients) {
-            std::fprintf(stderr, "talvexsim: refused a connection: %zu clients already\n", clients_.size());
-            close(fd);
+        size_t most = sim_.budget().limits().max_clients;
+        if (clients_.size() >= most) {
+            if (!refusing_)
+                std::fprintf(stderr, "talvexsim: refusing connections: %zu clients already (at most %zu)\n",
+                             clients_.size(), most);
+            refusing_ = true;
+            refuse(fd);
             continue;
         }
+        refusing_ = false;
         auto c = std::make_unique<Client>();
         c->id = next_client_++;
         c->fd = fd;
+        c->descriptors = sim_.budget().open(c->id, Resource::Descriptors);
+        c->descriptors.force(1);
+        c->buffers = sim_.budget().open(c->id, Resource::Buffers);
         clients_.emplace(c->id, std::move(c));
     }
 }
 
+void Server::refuse(int fd) {
+    // One greeting reply that says no; never wait for the client to take it.
+    static const std::vector<uint8_t> no = wire::make_reply(wire::Op::Hello, 0, kIOReturnNoResources, {});
+    if (send_nowait(fd, no)) {
+        // Take what the client already sent (its greeting), so that closing
+        // does not reset the connection before it reads the reply.
+        char buf[512];
+        for (int i = 0; i < 8 && recv(fd, buf, sizeof buf, MSG_DONTWAIT) > 0; ++i) {
+        }
+    }
+    close(fd);
+}
+
+bool Server::paused(const Client &c) const {
+    if (c.out_bytes >= kPauseOutput) return true;
+    // While the pool runs low, a client beyond its floor with output unread
+    // waits for it to drain.
+    const Budget &b = sim_.budget();
+    return c.out_bytes > 0 && c.buffers.amount() > b.limits()[Resource::Buffers].floor &&
+           b.pool_left(Resource::Buffers) < kReadChunk;
+}
+
 void Server::read_client(Client &c) {
     size_t got_this_turn = 0;
-    while (!c.dead && !c.eof && c.out_bytes < kPauseOutput && got_this_turn < kReadPerTurn) {
+    while (!c.dead && !c.eof && !paused(c) && got_this_turn < kReadPerTurn) {
         ssize_t n = read(c.fd, scratch_.data(), scratch_.size());
         if (n > 0) {
             c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + n);
@@ -298,7 +334,7 @@ void Server::read_client(Client &c) {
 
 void Server::process_input(Client &c) {
     size_t off = 0;
-    while (!c.dead && c.out_bytes < kPauseOutput && c.in.size() - off >= 4) {
+    while (!c.dead && !paused(c) && c.in.size() - off >= 4) {
         uint32_t len = wire::load_le32(c.in.data() + off);
         if (len < 8 || len > wire::kMaxFrame) {
             disconnect(c, "a frame of " + std::to_string(len) + " bytes cannot be one");
@@ -310,17 +346,58 @@ void Server::process_input(Client &c) {
     }
     if (off) c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(off));
     // A client that stopped sending mid-frame will never complete it.
-    if (c.eof && !c.in.empty() && c.out_bytes < kPauseOutput && !c.dead) {
+    if (c.eof && !c.in.empty() && !paused(c) && !c.dead) {
         c.in.clear();
     }
     // Give back the memory of a large frame once it is handled.
     if (c.in.empty() && c.in.capacity() > kReadChunk) c.in.shrink_to_fit();
+    if (!c.dead) charge_input(c);
+}
+
+void Server::charge_input(Client &c) {
+    // The frame under way is paid for in full when its length arrives (and
+    // its room taken at once), so a client cannot creep up on the budget.
+    size_t need = c.in.size();
+    if (need >= 4) need = std::max(need, 4 + static_cast<size_t>(wire::load_le32(c.in.data())));
+    size_t want = need + c.out_bytes;
+    Verdict v = c.buffers.resize(want);
+    if (!v && need > kReadChunk) {
+        disconnect(c, "a frame of " + std::to_string(need - 4) + " bytes would exceed the " +
+                          (v.per_client ? "client's" : "simulator's") + " buffer budget (" + std::to_string(v.limit) +
+                          " bytes)");
+        return;
+    }
+    if (!v) c.buffers.force(want);   // what one read brings in always fits
+    c.in_need = need;
+    if (need > c.in.capacity()) c.in.reserve(need);
+}
+
+Shortfall Server::reply_room(ClientId client, size_t bytes, bool descriptor) {
+    auto it = clients_.find(client);
+    if (it == clients_.end()) return {};
+    Client &c = *it->second;
+    if (descriptor) {
+        Verdict v = c.descriptors.check(c.descriptors.amount() + 1);
+        if (!v) return {Resource::Descriptors, v};
+    }
+    return {Resource::Buffers, c.buffers.check(c.in_need + c.out_bytes + bytes)};
 }
 
 void Server::send(ClientId client, std::vector<uint8_t> frame, int fd) {
     auto it = clients_.find(client);
     if (it == clients_.end() || it->second->dead) return;
     Client &c = *it->second;
+    size_t want = c.in_need + c.out_bytes + frame.size();
+    if (!c.buffers.resize(want)) {
+        // Replies were measured by reply_room(); an event that does not fit
+        // goes only to a client that keeps up.
+        bool event = wire::load_le16(frame.data() + 4) == static_cast<uint16_t>(wire::Op::Event);
+        if (event && c.out_bytes + frame.size() > sim_.budget().limits()[Resource::Buffers].floor) {
+            disconnect(c, "its unread events would exceed the simulator's buffer budget");
+            return;
+        }
+        c.buffers.force(want);
+    }
     Chunk chunk;
     chunk.bytes = std::move(frame);
     if (fd >= 0) {
@@ -329,6 +406,7 @@ void Server::send(ClientId client, std::vector<uint8_t> frame, int fd) {
             disconnect(c, "cannot pass a descriptor: " + errno_text());
             return;
         }
+        c.descriptors.force(c.descriptors.amount() + 1);
     }
     c.out_bytes += chunk.bytes.size();
     c.out.push_back(std::move(chunk));
@@ -363,9 +441,11 @@ void Server::flush(Client &c) {
         if (first.fd >= 0) {
             close(first.fd);
             first.fd = -1;
+            c.descriptors.force(c.descriptors.amount() - 1);
         }
         auto left = static_cast<size_t>(n);
         c.out_bytes -= left;
+        c.buffers.force(c.in_need + c.out_bytes);
         while (left > 0) {
             Chunk &ch = c.out.front();
             size_t take = std::min(left, ch.bytes.size() - ch.sent);

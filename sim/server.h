@@ -8,6 +8,17 @@
 // more than kMaxPendingOutput bytes of replies and events pile up unread. A
 // client with more than kPauseOutput bytes unread is not read from until it
 // catches up.
+//
+// Clients are also held to the simulation's budget (budget.h): its socket and
+// the descriptors on their way to it count as descriptors, its buffered
+// input and output as buffered bytes. A large reply that does not fit is
+// refused (the simulation answers kIOReturnNoResources instead); a frame
+// whose announced length does not fit, or an event that does not fit a
+// client that is already behind, disconnects the client. While the shared
+// pool of buffered bytes runs low, a client holding more than its floor with
+// output unread is not read from. Beyond max_clients, a new connection is
+// accepted, answered with one refusing greeting reply (seq 0, code
+// kIOReturnNoResources) and closed.
 #pragma once
 
 #include <sys/types.h>
@@ -30,9 +41,9 @@ public:
     // A paused client can still be owed one largest reply; beyond that, what
     // piles up is events it does not read.
     static constexpr size_t kMaxPendingOutput = 2 * static_cast<size_t>(wire::kMaxFrame) + kPauseOutput;
-    static constexpr size_t kMaxClients = 1000;
 
-    explicit Server(std::unique_ptr<Clock> clock = nullptr);
+    explicit Server(std::unique_ptr<Clock> clock = nullptr,
+                    const BudgetLimits &limits = Simulation::default_limits());
     // Disconnects every client, closes the socket and removes its file.
     ~Server() override;
     Server(const Server &) = delete;
@@ -55,6 +66,7 @@ public:
     size_t client_count() const { return clients_.size(); }
 
     void send(ClientId client, std::vector<uint8_t> frame, int fd = -1) override;
+    Shortfall reply_room(ClientId client, size_t bytes, bool descriptor) override;
 
 private:
     struct Chunk {
@@ -66,15 +78,21 @@ private:
         ClientId id;
         int fd;
         std::vector<uint8_t> in;
+        size_t in_need = 0;   // input held, or announced by the frame under way if more
         std::deque<Chunk> out;
         size_t out_bytes = 0;
+        Budget::Charge descriptors;   // the socket and descriptors waiting to go out
+        Budget::Charge buffers;       // in_need + out_bytes
         bool eof = false;    // the peer will send nothing more
         bool dead = false;   // to be disconnected
     };
 
     void accept_clients();
+    void refuse(int fd);
+    bool paused(const Client &c) const;
     void read_client(Client &c);
     void process_input(Client &c);
+    void charge_input(Client &c);
     void flush(Client &c);
     void disconnect(Client &c, const std::string &why);
     void reap();
@@ -90,6 +108,7 @@ private:
     std::map<ClientId, std::unique_ptr<Client>> clients_;
     ClientId next_client_ = 1;
     std::chrono::steady_clock::time_point accept_paused_until_{};
+    bool refusing_ = false;   // refused the last connection for want of room
     std::vector<uint8_t> scratch_;   // read buffer
 };
 

@@ -21,6 +21,8 @@ namespace {
 
 // Reply header: op, flags, seq, code.
 constexpr size_t kReplyHeader = 12;
+// Replies up to this size go out whatever the budget says.
+constexpr size_t kSmallReply = 4096;
 
 CFRef<CFTypeRef> unserialize(std::span<const uint8_t> bytes) {
     if (bytes.empty()) return {};
@@ -38,8 +40,8 @@ bool serialize(CFTypeRef value, Writer &out) {
 
 }  // namespace
 
-Simulation::Simulation(Outbox &outbox, std::unique_ptr<Clock> clock)
-    : outbox_(outbox), clock_(clock ? std::move(clock) : std::make_unique<RealClock>()) {
+Simulation::Simulation(Outbox &outbox, std::unique_ptr<Clock> clock, const BudgetLimits &limits)
+    : outbox_(outbox), budget_(limits), clock_(clock ? std::move(clock) : std::make_unique<RealClock>()) {
     Service &cp = registry_.add(kCoprocessorClass, kCoprocessorClass);
     cp.model = std::make_unique<Coprocessor>(*this, cp);
     Service &hub = registry_.add(kReportHubClass, kReportHubClass);
@@ -55,20 +57,11 @@ Simulation::~Simulation() {
 }
 
 void Simulation::client_gone(ClientId client) {
-    if (!per_client_.count(client)) return;
     std::erase_if(connections_, [&](const auto &kv) { return kv.second.client == client; });
     std::erase_if(interests_, [&](const auto &kv) { return kv.second.client == client; });
-    per_client_.erase(client);
-}
-
-void Simulation::erase_connection(std::map<uint32_t, Connection>::iterator it) {
-    --per_client_[it->second.client].connections;
-    connections_.erase(it);
-}
-
-void Simulation::erase_interest(std::map<uint32_t, Interest>::iterator it) {
-    --per_client_[it->second.client].interests;
-    interests_.erase(it);
+    // Its properties stay, counted in the total only.
+    property_bytes_.erase(client);
+    budget_.forget(client);
 }
 
 void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
@@ -87,14 +80,14 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     case Op::EntryInfo: code = op_entry_info(r, out); break;
     case Op::GetProperty: code = op_get_property(r, out); break;
     case Op::GetProperties: code = op_get_properties(r, out); break;
-    case Op::SetProperty: code = op_set_property(r, out); break;
+    case Op::SetProperty: code = op_set_property(client, r, out); break;
     case Op::Open: code = op_open(client, r, out); break;
     case Op::Close: code = op_close(client, r, out); break;
     case Op::Call: code = op_call(client, r, out); break;
     case Op::Map: code = op_map(client, r, out, fd); break;
     case Op::AddInterest: code = op_add_interest(client, r, out); break;
     case Op::RemoveInterest: code = op_remove_interest(client, r, out); break;
-    case Op::Control: code = op_control(r, out); break;
+    case Op::Control: code = op_control(client, r, out); break;
     default: code = kIOReturnUnsupported; break;
     }
     if (!header.ok()) code = kIOReturnBadArgument;
@@ -104,7 +97,19 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
         body.clear();
         fd = -1;
     }
-    outbox_.send(client, wire::make_reply(static_cast<Op>(op & ~wire::kReplyBit), seq, code, body), fd);
+    Op reply_op = static_cast<Op>(op & ~wire::kReplyBit);
+    auto frame = wire::make_reply(reply_op, seq, code, body);
+    // A large reply that the client's budget cannot hold is refused instead
+    // (small ones always go: the client stops being read once it is behind).
+    if (frame.size() > kSmallReply || fd >= 0) {
+        Shortfall room = outbox_.reply_room(client, frame.size(), fd >= 0);
+        if (!room.verdict) {
+            trace_.add(Trace::refusal_line({}, resource_name(room.resource), room.verdict));
+            frame = wire::make_reply(reply_op, seq, kIOReturnNoResources, {});
+            fd = -1;
+        }
+    }
+    outbox_.send(client, std::move(frame), fd);
 }
 
 IOReturn Simulation::op_hello(Reader &r, Writer &out) {
@@ -162,7 +167,7 @@ IOReturn Simulation::op_get_properties(Reader &r, Writer &out) {
     return serialize(s->properties.get(), out) ? kIOReturnSuccess : kIOReturnInternalError;
 }
 
-IOReturn Simulation::op_set_property(Reader &r, Writer &) {
+IOReturn Simulation::op_set_property(ClientId client, Reader &r, Writer &) {
     uint64_t id = r.u64();
     std::string key = r.str();
     auto bytes = r.blob();
@@ -172,9 +177,60 @@ IOReturn Simulation::op_set_property(Reader &r, Writer &) {
     auto value = unserialize(bytes);
     auto cf_key = make_cf_string(key);
     if (!value || !cf_key) return kIOReturnBadArgument;
-    CFDictionarySetValue(s->properties.get(), cf_key.get(), value.get());
-    trace_.add(Trace::write_line(s->class_name, key, value.get()));
+    IOReturn code = set_client_property(client, *s, key, value.get());
+    if (code == kIOReturnSuccess) trace_.add(Trace::write_line(s->class_name, key, value.get()));
+    return code;
+}
+
+IOReturn Simulation::set_client_property(ClientId client, Service &service, const std::string &key, CFTypeRef value,
+                                         std::string *why) {
+    const BudgetLimits &l = budget_.limits();
+    CFRef<CFDataRef> serialised(IOCFSerialize(value, 0));
+    if (!serialised) return kIOReturnBadArgument;
+    size_t bytes = static_cast<size_t>(CFDataGetLength(serialised.get())) + key.size();
+    serialised.reset();
+    auto it = client_properties_.find({service.id, key});
+    // What replacing the old value gives back, to the total and to the client.
+    size_t old_total = it == client_properties_.end() ? 0 : it->second.bytes;
+    size_t old_own = it != client_properties_.end() && it->second.writer == client ? old_total : 0;
+    const char *scope = nullptr;
+    size_t limit = 0;
+    if (bytes > l.property_value)
+        scope = "value", limit = l.property_value;
+    else if (property_bytes(client) - old_own + bytes > l.property_client)
+        scope = "client", limit = l.property_client;
+    else if (property_total_ - old_total + bytes > l.property_total)
+        scope = "overall", limit = l.property_total;
+    if (scope) {
+        trace_.add(Trace::refusal_line(service.class_name, "property bytes", scope, limit));
+        if (why)
+            *why = "a value of " + std::to_string(bytes) + " bytes would exceed the " + scope + " property budget (" +
+                   std::to_string(limit) + " bytes)";
+        return kIOReturnNoResources;
+    }
+    if (it != client_properties_.end()) release_property_charge(it);
+    service.set_property(key, value);
+    client_properties_.emplace(std::pair{service.id, key}, PropertyCharge{client, bytes});
+    property_bytes_[client] += bytes;
+    property_total_ += bytes;
     return kIOReturnSuccess;
+}
+
+void Simulation::property_deleted(const Service &service, const std::string &key) {
+    auto it = client_properties_.find({service.id, key});
+    if (it != client_properties_.end()) release_property_charge(it);
+}
+
+void Simulation::release_property_charge(std::map<std::pair<uint64_t, std::string>, PropertyCharge>::iterator it) {
+    property_total_ -= it->second.bytes;
+    auto writer = property_bytes_.find(it->second.writer);
+    if (writer != property_bytes_.end() && (writer->second -= it->second.bytes) == 0) property_bytes_.erase(writer);
+    client_properties_.erase(it);
+}
+
+size_t Simulation::property_bytes(ClientId client) const {
+    auto it = property_bytes_.find(client);
+    return it == property_bytes_.end() ? 0 : it->second;
 }
 
 IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
@@ -184,6 +240,8 @@ IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
     Service *s = registry_.find(id);
     if (!s) return kIOReturnBadArgument;
     std::unique_ptr<UserClient> uc;
+    Budget::Charge charge;
+    Verdict verdict;
     IOReturn code;
     if (auto stubbed = stubs_.answer_open(s->class_name))
         code = *stubbed;
@@ -191,17 +249,18 @@ IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
         code = kIOReturnNoDevice;
     else if (!s->model)
         code = kIOReturnUnsupported;
-    else if (per_client_[client].connections >= kMaxConnectionsPerClient)
+    else if (charge = budget_.take(client, Resource::UserClients, 1, verdict); !verdict)
         code = kIOReturnNoResources;
     else
         code = s->model->open(type, uc);
     if (code == kIOReturnSuccess && !uc) code = kIOReturnError;
+    if (!verdict) trace_.add(Trace::refusal_line(s->class_name, resource_name(Resource::UserClients), verdict));
     trace_.add(Trace::open_line(s->class_name, type, code));
     if (code != kIOReturnSuccess) return code;
+    uc->attach(budget_, client);
     while (next_connection_ == 0 || connections_.count(next_connection_)) ++next_connection_;
     uint32_t conn = next_connection_++;
-    connections_.emplace(conn, Connection{client, s, std::move(uc)});
-    ++per_client_[client].connections;
+    connections_.emplace(conn, Connection{client, s, std::move(uc), std::move(charge)});
     out.u32(conn);
     return kIOReturnSuccess;
 }
@@ -216,7 +275,7 @@ IOReturn Simulation::op_close(ClientId client, Reader &r, Writer &) {
     uint32_t id = r.u32();
     if (!r.at_end()) return kIOReturnBadArgument;
     if (!connection(client, id)) return kIOReturnBadArgument;
-    erase_connection(connections_.find(id));
+    connections_.erase(id);
     return kIOReturnSuccess;
 }
 
@@ -278,12 +337,16 @@ IOReturn Simulation::op_add_interest(ClientId client, Reader &r, Writer &out) {
     std::string type = r.str();
     if (!r.at_end()) return kIOReturnBadArgument;
     Service *s = registry_.find(id);
-    if (!s || type.empty()) return kIOReturnBadArgument;
-    if (per_client_[client].interests >= kMaxInterestsPerClient) return kIOReturnNoResources;
+    if (!s || type.empty() || type.size() > kMaxInterestType) return kIOReturnBadArgument;
+    Verdict verdict;
+    auto charge = budget_.take(client, Resource::Interests, 1, verdict);
+    if (!verdict) {
+        trace_.add(Trace::refusal_line(s->class_name, resource_name(Resource::Interests), verdict));
+        return kIOReturnNoResources;
+    }
     while (next_interest_ == 0 || interests_.count(next_interest_)) ++next_interest_;
     uint32_t nid = next_interest_++;
-    interests_.emplace(nid, Interest{client, s, std::move(type)});
-    ++per_client_[client].interests;
+    interests_.emplace(nid, Interest{client, s, std::move(type), std::move(charge)});
     out.u32(nid);
     return kIOReturnSuccess;
 }
@@ -293,28 +356,28 @@ IOReturn Simulation::op_remove_interest(ClientId client, Reader &r, Writer &) {
     if (!r.at_end()) return kIOReturnBadArgument;
     auto it = interests_.find(id);
     if (it == interests_.end() || it->second.client != client) return kIOReturnBadArgument;
-    erase_interest(it);
+    interests_.erase(it);
     return kIOReturnSuccess;
 }
 
-IOReturn Simulation::op_control(Reader &r, Writer &out) {
+IOReturn Simulation::op_control(ClientId client, Reader &r, Writer &out) {
     uint32_t argc = r.u32();
     if (!r.ok() || argc > kMaxControlWords) return kIOReturnBadArgument;
     std::vector<std::string> words;
     words.reserve(argc);
     for (uint32_t i = 0; i < argc && r.ok(); ++i) words.push_back(r.str());
     if (!r.at_end()) return kIOReturnBadArgument;
-    ControlResult result = control(words);
+    ControlResult result = control(words, client);
     out.str(result.out);
     out.str(result.err);
     return result.code;
 }
 
-ControlResult Simulation::control(const std::vector<std::string> &words) {
+ControlResult Simulation::control(const std::vector<std::string> &words, ClientId client) {
     std::string error;
     auto command = parse_control(words, error);
     if (!command) return ControlResult{1, {}, error + "\n"};
-    return execute_control(*this, *command);
+    return execute_control(*this, *command, client);
 }
 
 size_t Simulation::notify(const Service &service, uint32_t message_type, const MessageArg &arg) {

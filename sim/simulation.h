@@ -11,8 +11,11 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
+#include "budget.h"
 #include "clock.h"
 #include "registry.h"
 #include "stubs.h"
@@ -23,8 +26,6 @@
 
 namespace talvex::sim {
 
-using ClientId = uint64_t;
-
 // Where frames for clients go.
 class Outbox {
 public:
@@ -33,6 +34,12 @@ public:
     // `fd`, when not -1, is a borrowed descriptor that travels with the
     // frame's first byte (the receiver gets its own copy).
     virtual void send(ClientId client, std::vector<uint8_t> frame, int fd = -1) = 0;
+    // Whether a reply of `bytes` (with a descriptor when `descriptor`) fits
+    // the client's budget; when it does not, the request is refused instead.
+    virtual Shortfall reply_room(ClientId client, size_t bytes, bool descriptor) {
+        (void)client, (void)bytes, (void)descriptor;
+        return {};
+    }
 };
 
 // The argument of an interest message: none, a 64-bit value, or bytes.
@@ -56,13 +63,16 @@ inline constexpr const char *kReportHubClass = "IOReportHub";
 
 class Simulation {
 public:
-    // Per-client limits, so one client cannot grow the simulator without bound.
-    static constexpr size_t kMaxConnectionsPerClient = 4096;
-    static constexpr size_t kMaxInterestsPerClient = 4096;
     static constexpr uint32_t kMaxScalars = 16;
     static constexpr uint32_t kMaxControlWords = 4096;
+    static constexpr size_t kMaxInterestType = 256;   // bytes of an interest type's name
+    // The budget of a simulation made without one: the default memory
+    // budget and 65536 descriptors.
+    static BudgetLimits default_limits() { return BudgetLimits::derive(kDefaultMemoryBudget, 65536); }
 
-    explicit Simulation(Outbox &outbox, std::unique_ptr<Clock> clock = nullptr);
+    // What clients may hold comes from `limits` (see budget.h).
+    explicit Simulation(Outbox &outbox, std::unique_ptr<Clock> clock = nullptr,
+                        const BudgetLimits &limits = default_limits());
     ~Simulation();
     Simulation(const Simulation &) = delete;
     Simulation &operator=(const Simulation &) = delete;
@@ -74,8 +84,21 @@ public:
     // Exactly one reply goes to the outbox for it.
     void handle(ClientId client, std::span<const uint8_t> message);
 
-    // A control command's words (e.g. "trace" "--clear").
-    ControlResult control(const std::vector<std::string> &words);
+    // A control command's words (e.g. "trace" "--clear"), on behalf of a
+    // client (0: none in particular).
+    ControlResult control(const std::vector<std::string> &words, ClientId client = 0);
+
+    // A registry write by a client: the value's serialised size is charged
+    // to the client until the property is replaced or deleted (it outlives
+    // the client). Over budget, returns kIOReturnNoResources, adds a refusal
+    // line to the trace and sets `why`; changes nothing. Does not trace the write.
+    IOReturn set_client_property(ClientId client, Service &service, const std::string &key, CFTypeRef value,
+                                 std::string *why = nullptr);
+    // A property was deleted: what its writer was charged is given back.
+    void property_deleted(const Service &service, const std::string &key);
+    // Serialised bytes of client-set properties, all of them and one client's.
+    size_t property_bytes() const { return property_total_; }
+    size_t property_bytes(ClientId client) const;
 
     // Delivers an interest message to every registration on the service;
     // returns how many were sent.
@@ -87,6 +110,8 @@ public:
     Registry &registry() { return registry_; }
     Trace &trace() { return trace_; }
     StubTable &stubs() { return stubs_; }
+    Budget &budget() { return budget_; }
+    const Budget &budget() const { return budget_; }
     Clock &clock() { return *clock_; }
     const Clock &clock() const { return *clock_; }
     TimerQueue &timers() { return timers_; }
@@ -102,11 +127,17 @@ private:
         ClientId client;
         Service *service;
         std::unique_ptr<UserClient> user_client;
+        Budget::Charge charge;
     };
     struct Interest {
         ClientId client;
         Service *service;
         std::string type;
+        Budget::Charge charge;
+    };
+    struct PropertyCharge {
+        ClientId writer;
+        size_t bytes;
     };
 
     // Each decodes its request body and either fills `out` (the reply body)
@@ -118,20 +149,20 @@ private:
     IOReturn op_entry_info(wire::Reader &r, wire::Writer &out);
     IOReturn op_get_property(wire::Reader &r, wire::Writer &out);
     IOReturn op_get_properties(wire::Reader &r, wire::Writer &out);
-    IOReturn op_set_property(wire::Reader &r, wire::Writer &out);
+    IOReturn op_set_property(ClientId client, wire::Reader &r, wire::Writer &out);
     IOReturn op_open(ClientId client, wire::Reader &r, wire::Writer &out);
     IOReturn op_close(ClientId client, wire::Reader &r, wire::Writer &out);
     IOReturn op_call(ClientId client, wire::Reader &r, wire::Writer &out);
     IOReturn op_map(ClientId client, wire::Reader &r, wire::Writer &out, int &fd);
     IOReturn op_add_interest(ClientId client, wire::Reader &r, wire::Writer &out);
     IOReturn op_remove_interest(ClientId client, wire::Reader &r, wire::Writer &out);
-    IOReturn op_control(wire::Reader &r, wire::Writer &out);
+    IOReturn op_control(ClientId client, wire::Reader &r, wire::Writer &out);
 
     Connection *connection(ClientId client, uint32_t id);
-    void erase_connection(std::map<uint32_t, Connection>::iterator it);
-    void erase_interest(std::map<uint32_t, Interest>::iterator it);
+    void release_property_charge(std::map<std::pair<uint64_t, std::string>, PropertyCharge>::iterator it);
 
     Outbox &outbox_;
+    Budget budget_;   // before everything that holds charges
     std::unique_ptr<Clock> clock_;
     TimerQueue timers_;
     Registry registry_;
@@ -139,10 +170,9 @@ private:
     StubTable stubs_;
     std::map<uint32_t, Connection> connections_;
     std::map<uint32_t, Interest> interests_;
-    struct Counts {
-        size_t connections = 0, interests = 0;
-    };
-    std::map<ClientId, Counts> per_client_;
+    std::map<std::pair<uint64_t, std::string>, PropertyCharge> client_properties_;   // (entry ID, key)
+    std::unordered_map<ClientId, size_t> property_bytes_;                            // by live writer
+    size_t property_total_ = 0;
     uint32_t next_connection_ = 1;
     uint32_t next_interest_ = 1;
 };

@@ -56,6 +56,13 @@ std::string Trace::write_line(std::string_view service, std::string_view key, CF
            ",\"value\":" + cf_to_json(value) + "}";
 }
 
+std::string Trace::refusal_line(std::string_view service, std::string_view what, std::string_view scope,
+                                size_t limit) {
+    return "{\"service\":" + (service.empty() ? std::string("null") : json_string(service)) +
+           ",\"refused\":\"budget\",\"what\":" + json_string(what) + ",\"scope\":" + json_string(scope) +
+           ",\"limit\":" + std::to_string(limit) + "}";
+}
+
 namespace {
 
 // Length of the valid UTF-8 sequence at s[i], or 0 when it is not one.

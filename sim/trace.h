@@ -4,6 +4,9 @@
 //   call:  {"service":S,"selector":N,"scalars":[..],"input":"hex","output_size":N,"scalar_output_count":N,"result":N}
 //   write: {"service":S,"property":K,"value":V}
 //   open:  {"service":S,"open":TYPE,"result":N}
+//   refusal (a request over budget):
+//          {"service":S,"refused":"budget","what":W,"scope":"client"|"overall"|"connection"|"value","limit":N}
+//          (S is null when the request names no service)
 //
 // Scalars and return codes print as unsigned decimal numbers (a code is its
 // 32-bit pattern, so 0xe00002c2 prints as 3758097090). Property values print
@@ -21,6 +24,7 @@
 #include <string>
 #include <string_view>
 
+#include "budget.h"
 #include "user_client.h"
 
 namespace talvex::sim {
@@ -43,6 +47,11 @@ public:
     static std::string call_line(std::string_view service, const CallArgs &args, IOReturn result);
     static std::string open_line(std::string_view service, uint32_t type, IOReturn result);
     static std::string write_line(std::string_view service, std::string_view key, CFTypeRef value);
+    static std::string refusal_line(std::string_view service, std::string_view what, std::string_view scope,
+                                    size_t limit);
+    static std::string refusal_line(std::string_view service, std::string_view what, const Verdict &verdict) {
+        return refusal_line(service, what, verdict.per_client ? "client" : "overall", verdict.limit);
+    }
 
 private:
     std::deque<std::string> lines_;

@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "budget.h"
 #include "shared_memory.h"
 
 namespace talvex::sim {
@@ -40,21 +41,53 @@ public:
     // Memory of the given type that the client can map; null when there is none.
     SharedRegion *region(uint32_t memory_type) const {
         auto it = regions_.find(memory_type);
-        return it == regions_.end() ? nullptr : it->second.get();
+        return it == regions_.end() ? nullptr : it->second.region.get();
+    }
+
+    // The simulator's client that opened it, whose budget pays for the
+    // memory it makes. Until attached, nothing is charged.
+    void attach(Budget &budget, ClientId client) {
+        budget_ = &budget;
+        client_ = client;
     }
 
 protected:
-    // Creates (or replaces) the memory of a type; null when it cannot be made.
-    SharedRegion *add_region(uint32_t memory_type, size_t size) {
-        auto region = SharedRegion::create(size);
-        if (!region) return nullptr;
-        auto *raw = region.get();
-        regions_[memory_type] = std::move(region);
-        return raw;
+    // Creates (or replaces) the memory of a type, charged to the client: one
+    // descriptor and its size in whole pages. Over budget, answers
+    // kIOReturnNoResources with `why` saying which limit; when the system
+    // refuses, kIOReturnNoMemory.
+    IOReturn add_region(uint32_t memory_type, size_t size, SharedRegion *&out, Shortfall &why) {
+        Held held;
+        if (budget_) {
+            held.descriptor = budget_->take(client_, Resource::Descriptors, 1, why.verdict);
+            why.resource = Resource::Descriptors;
+            if (why.verdict) {
+                size_t pages = (size + kPageSize - 1) / kPageSize * kPageSize;
+                held.memory = budget_->take(client_, Resource::HubMemory, pages, why.verdict);
+                why.resource = Resource::HubMemory;
+            }
+            if (!why.verdict) return kIOReturnNoResources;
+        }
+        held.region = SharedRegion::create(size);
+        if (!held.region) return kIOReturnNoMemory;
+        out = held.region.get();
+        regions_[memory_type] = std::move(held);
+        return kIOReturnSuccess;
+    }
+    // Makes memory that others share (and that is paid for elsewhere) mappable as a type.
+    void share_region(uint32_t memory_type, std::shared_ptr<SharedRegion> region) {
+        regions_[memory_type] = Held{std::move(region), {}, {}};
     }
 
 private:
-    std::map<uint32_t, std::unique_ptr<SharedRegion>> regions_;
+    static constexpr size_t kPageSize = 4096;
+    struct Held {
+        std::shared_ptr<SharedRegion> region;
+        Budget::Charge descriptor, memory;
+    };
+    std::map<uint32_t, Held> regions_;
+    Budget *budget_ = nullptr;
+    ClientId client_ = 0;
 };
 
 class ServiceModel {

@@ -271,17 +271,22 @@ TEST(SimUnit, PerClientLimitsAndCleanup) {
     wire::Writer open;
     open.u64(cp);
     open.u32(0);
-    for (size_t i = 0; i < Simulation::kMaxConnectionsPerClient; ++i) ASSERT_EQ(request(1, wire::Op::Open, open), 0);
+    constexpr size_t kPerClient = 4096;
+    for (size_t i = 0; i < kPerClient; ++i) ASSERT_EQ(request(1, wire::Op::Open, open), 0);
     EXPECT_EQ(request(1, wire::Op::Open, open), kIOReturnNoResources);
+    // The refusal says why, before the open's own line.
+    EXPECT_EQ(sim.trace().line(kPerClient),
+              R"({"service":"ZantraTalvexProcessor","refused":"budget","what":"user clients","scope":"client","limit":4096})");
     EXPECT_EQ(request(2, wire::Op::Open, open), 0);   // the limit is per client
     wire::Writer close;
     close.u32(1);   // the first connection client 1 opened
     EXPECT_EQ(request(1, wire::Op::Close, close), 0);
     EXPECT_EQ(request(1, wire::Op::Open, open), 0);
-    EXPECT_EQ(sim.connection_count(), Simulation::kMaxConnectionsPerClient + 1);
+    EXPECT_EQ(sim.connection_count(), kPerClient + 1);
     sim.client_gone(1);
     EXPECT_EQ(sim.connection_count(), 1u);
+    EXPECT_EQ(sim.budget().accounts(), 1u);   // client 1's account went with it
     EXPECT_EQ(request(1, wire::Op::Open, open), 0);   // a reused client ID starts afresh
     // Every open, failed or not, was traced.
-    EXPECT_EQ(sim.trace().lines(), Simulation::kMaxConnectionsPerClient + 4);
+    EXPECT_EQ(sim.trace().lines(), kPerClient + 5);
 }
