@@ -5,7 +5,11 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <fstream>
+#include <memory>
 #include <random>
+#include <thread>
 
 #include "harness.h"
 #include "wire_peer.h"
@@ -241,5 +245,240 @@ TEST(SimAttack, LargePipelinedRepliesAllArriveAfterAHalfClose) {
         EXPECT_GT(f->body.size(), 256u << 10);
     }
     EXPECT_FALSE(c.read_frame(std::chrono::seconds(5)));   // then the simulator closes its end
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+// --- budgets: whatever clients take, the simulator stays within bounds and
+// still answers everyone else.
+namespace {
+
+constexpr int32_t kNoResources = static_cast<int32_t>(0xe00002be);
+constexpr size_t kMiB = size_t{1} << 20;
+
+// The simulator's peak resident memory, in MiB.
+size_t peak_mib(const Simulator &sim) {
+    std::ifstream status("/proc/" + std::to_string(sim.pid()) + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmHWM:", 0) == 0) return std::stoul(line.substr(6)) / 1024;
+    ADD_FAILURE() << "no VmHWM for " << sim.pid();
+    return 0;
+}
+
+// Under the sanitizers memory is the sanitizers' business (shadow, quarantine).
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// With --budget-memory 64 MiB the simulator keeps its own figures under it;
+// what comes on top (code, trace, the registry) stays well under 32 MiB.
+void expect_within_budget(const Simulator &sim) {
+    if (!kSanitized) {
+        EXPECT_LT(peak_mib(sim), 64u + 32u);
+    }
+}
+
+const std::vector<std::string> kSmallMemory{"--budget-memory", std::to_string(64 * kMiB)};
+// 256 descriptors: 36 in reserve, floors of 4 for 27 clients, a pool of 110,
+// at most 31 per client.
+const std::vector<std::string> kFewDescriptors{"--budget-descriptors", "256"};
+
+// Opens a report hub connection and subscribes on it until refused; how many it took.
+int subscribe_until_refused(RawClient &c) {
+    uint32_t conn = c.open(c.service("IOReportHub"), 0);
+    EXPECT_NE(conn, 0u);
+    EXPECT_EQ(c.call(conn, 0, {}, {}, 0, 0, false).code, 0);
+    std::vector<uint8_t> nothing(8 + 24, 0);   // one interest that names no channel: a one-page buffer
+    nothing[0] = 1;
+    for (int n = 0;; ++n) {
+        auto r = c.call(conn, 2, {}, nothing, 1, 0, false);
+        if (r.code != 0) {
+            EXPECT_EQ(r.code, kNoResources);
+            return n;
+        }
+    }
+}
+
+std::string refusal(const char *service, const char *what, const char *scope, size_t limit) {
+    return std::string(R"({"service":)") + service + R"(,"refused":"budget","what":")" + what + R"(","scope":")" +
+           scope + R"(","limit":)" + std::to_string(limit) + "}";
+}
+
+bool traced(const Simulator &sim, const std::string &line) {
+    auto t = sim.trace();
+    return std::find(t.begin(), t.end(), line) != t.end();
+}
+
+}  // namespace
+
+TEST(SimAttack, SubscriptionsCannotStarveOthersOfDescriptors) {
+    Simulator sim(kFewDescriptors);
+    std::vector<std::unique_ptr<RawClient>> attackers;
+    std::vector<int> taken;
+    for (int i = 0; i < 5; ++i) {
+        attackers.push_back(std::make_unique<RawClient>(sim.socket()));
+        taken.push_back(subscribe_until_refused(*attackers.back()));
+    }
+    // 30 each besides the socket, until the pool runs out: then the floor's 3 and the last 2 of the pool.
+    EXPECT_EQ(taken, (std::vector<int>{30, 30, 30, 30, 5}));
+    EXPECT_TRUE(traced(sim, refusal(R"("IOReportHub")", "descriptors", "client", 31)));
+    EXPECT_TRUE(traced(sim, refusal(R"("IOReportHub")", "descriptors", "overall", 220)));
+    // Everyone else carries on: the tool, and a new client's subscriptions within its floor.
+    auto ping = sim.tool({"ping"});
+    EXPECT_EQ(ping.status, 0) << ping.err;
+    EXPECT_EQ(ping.out, "ping result: (os/kern) successful (0)\n");
+    RawClient late(sim.socket());
+    EXPECT_EQ(subscribe_until_refused(late), 3);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimAttack, AFullSimulatorAnswersNewClientsWithOneRefusal) {
+    Simulator sim(kFewDescriptors);
+    wire::Writer none;
+    auto generation = wire::make_request(wire::Op::Generation, 5, none.data());
+    std::vector<std::unique_ptr<RawClient>> admitted;
+    std::optional<Frame> refused;
+    while (!refused && admitted.size() < 40) {
+        auto c = std::make_unique<RawClient>(sim.socket());
+        c->send_bytes(generation);   // a refused client may find the connection closed already
+        auto f = c->read_frame(std::chrono::seconds(5));
+        ASSERT_TRUE(f);
+        if (f->seq == 5) {
+            admitted.push_back(std::move(c));
+            continue;
+        }
+        refused = f;
+        EXPECT_TRUE(closed_by_peer(*c));   // and nothing more
+    }
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(admitted.size(), 27u);
+    EXPECT_EQ(refused->op, static_cast<uint16_t>(wire::Op::Hello) | wire::kReplyBit);
+    EXPECT_EQ(refused->seq, 0u);
+    EXPECT_EQ(refused->code, kNoResources);
+    EXPECT_TRUE(refused->body.empty());
+    // Room again once a client leaves.
+    admitted.pop_back();
+    bool served = false;
+    for (int i = 0; i < 50 && !served; ++i) {
+        RawClient c(sim.socket());
+        c.send_bytes(generation);
+        auto f = c.read_frame();
+        served = f && f->seq == 5;
+        if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(served);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+    EXPECT_NE(sim.log().find("refusing connections: 27 clients already (at most 27)"), std::string::npos) << sim.log();
+}
+
+TEST(SimAttack, IncompleteLargeFramesStayWithinTheBufferBudget) {
+    Simulator sim(kSmallMemory);
+    // The first one fits the pool (18 MiB beyond the floors) and arrives whole but for a byte.
+    std::vector<uint8_t> frame = frame_header(wire::kMaxFrame, 1, 1);
+    frame.resize(4 + wire::kMaxFrame - 1);
+    RawClient first(sim.socket());
+    ASSERT_TRUE(first.send_bytes(frame));
+    // The others are turned away when their length arrives.
+    for (int i = 0; i < 7; ++i) {
+        RawClient c(sim.socket());
+        c.send_bytes(std::span(frame).first(12));
+        EXPECT_TRUE(closed_by_peer(c)) << i;
+    }
+    expect_served(sim);
+    expect_within_budget(sim);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+    EXPECT_NE(sim.log().find("a frame of 16777216 bytes would exceed the simulator's buffer budget (25165824 bytes)"),
+              std::string::npos)
+        << sim.log();
+}
+
+TEST(SimAttack, UnreadLargeRepliesStayWithinTheBufferBudget) {
+    Simulator sim(kSmallMemory);
+    // Calls with 256 KiB inputs fill the trace to its bound (15.5 MiB) whatever they answer.
+    RawClient filler(sim.socket());
+    uint32_t conn = filler.open(filler.service("ZantraTalvexProcessor"), 0);
+    std::vector<uint8_t> input(256u << 10, 0xab);
+    for (int i = 0; i < 31; ++i) EXPECT_EQ(filler.call(conn, 99, {}, input, 0, 0, false).code, kBadArgument);
+    // Clients ask for it and never read: the first reply fits, the rest are refused.
+    wire::Writer trace;
+    trace.u32(1);
+    trace.str("trace");
+    auto ask = wire::make_request(wire::Op::Control, 3, trace.data());
+    std::vector<std::unique_ptr<RawClient>> sleepers;
+    for (int i = 0; i < 12; ++i) {
+        sleepers.push_back(std::make_unique<RawClient>(sim.socket()));
+        ASSERT_TRUE(sleepers.back()->send_bytes(ask));
+    }
+    auto refused = sleepers.back()->read_frame();   // a refusal is small and reaches even a sleeper
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, kNoResources);
+    auto f = control(filler, {"trace"});
+    ASSERT_TRUE(f);
+    EXPECT_EQ(f->code, kNoResources);
+    EXPECT_TRUE(f->body.empty());
+    expect_served(sim);
+    expect_within_budget(sim);
+    sleepers.clear();
+    auto lines = sim.trace();
+    EXPECT_NE(std::find(lines.begin(), lines.end(), refusal("null", "buffered bytes", "overall", 25165824)),
+              lines.end());
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
+TEST(SimAttack, ClientSetPropertiesAreBoundedPerValueClientAndOverall) {
+    Simulator sim(kSmallMemory);
+    // Values of 700 KB serialise to about 934 KB: two fit a client's 2 MiB, four the overall 4 MiB.
+    auto set = [&](RawClient &c, const std::string &key, size_t size) {
+        std::vector<uint8_t> bytes(size, 0x5a);
+        CFDataRef value = CFDataCreate(nullptr, bytes.data(), static_cast<CFIndex>(size));
+        CFDataRef serialised = IOCFSerialize(value, 0);
+        wire::Writer w;
+        w.u64(c.service("ZantraTalvexProcessor"));
+        w.str(key);
+        w.blob({CFDataGetBytePtr(serialised), static_cast<size_t>(CFDataGetLength(serialised))});
+        CFRelease(serialised);
+        CFRelease(value);
+        auto f = c.request(wire::Op::SetProperty, w);
+        return f ? f->code : -1;
+    };
+    auto a = std::make_unique<RawClient>(sim.socket());
+    RawClient b(sim.socket()), c(sim.socket());
+    EXPECT_EQ(set(*a, "huge", 2 * kMiB), kNoResources);
+    EXPECT_EQ(set(*a, "a1", 700'000), 0);
+    EXPECT_EQ(set(*a, "a2", 700'000), 0);
+    EXPECT_EQ(set(*a, "a3", 700'000), kNoResources);
+    EXPECT_EQ(set(*a, "a2", 600'000), 0);   // replacing a value gives back the old one's bytes
+    EXPECT_EQ(set(b, "b1", 700'000), 0);
+    EXPECT_EQ(set(b, "b2", 700'000), 0);
+    EXPECT_EQ(set(c, "c1", 700'000), kNoResources);
+    // A client's properties outlive it, and still count.
+    a.reset();
+    int32_t code = -1;
+    CFTypeRef kept = c.property(c.service("ZantraTalvexProcessor"), "a1", &code);
+    EXPECT_EQ(code, 0);
+    if (kept) CFRelease(kept);
+    EXPECT_EQ(set(c, "c1", 700'000), kNoResources);
+    ASSERT_EQ(sim.control({"property", "delete", "a1"}).status, 0);
+    EXPECT_EQ(set(c, "c1", 700'000), 0);
+    auto big = control(c, {"property", "set", "big", std::string(2 * kMiB, 'a'), "--type", "data"});
+    ASSERT_TRUE(big);
+    EXPECT_EQ(big->code, 1);
+    wire::Reader texts(big->body);
+    texts.str();
+    EXPECT_NE(texts.str().find("exceed the value property budget (1048576 bytes)"), std::string::npos);
+    // The driver's whole property table still fits a reply.
+    wire::Writer all;
+    all.u64(c.service("ZantraTalvexProcessor"));
+    EXPECT_EQ(c.request(wire::Op::GetProperties, all)->code, 0);
+    auto lines = sim.trace();
+    for (auto &[scope, limit] : std::vector<std::pair<const char *, size_t>>{
+             {"value", 1048576}, {"client", 2097152}, {"overall", 4194304}})
+        EXPECT_NE(std::find(lines.begin(), lines.end(),
+                            refusal(R"("ZantraTalvexProcessor")", "property bytes", scope, limit)),
+                  lines.end())
+            << scope;
+    expect_served(sim);
+    expect_within_budget(sim);
     EXPECT_EQ(sim.stop(), 0) << sim.log();
 }

@@ -2,6 +2,7 @@
 // method table and catalogue shapes, stubs, trace formatting, models.
 #include <gtest/gtest.h>
 
+#include "budget.h"
 #include "control.h"
 #include "coprocessor.h"
 #include "methods.h"
@@ -289,4 +290,56 @@ TEST(SimUnit, PerClientLimitsAndCleanup) {
     EXPECT_EQ(request(1, wire::Op::Open, open), 0);   // a reused client ID starts afresh
     // Every open, failed or not, was traced.
     EXPECT_EQ(sim.trace().lines(), kPerClient + 5);
+}
+
+TEST(SimUnit, BudgetFloorsPoolAndCaps) {
+    BudgetLimits l;
+    l.resources[static_cast<size_t>(Resource::Buffers)] = {10, 50, 40, 60};   // floor, per client, pool, total
+    Budget b(l);
+    constexpr auto kR = Resource::Buffers;
+    Verdict v;
+    auto a = b.take(1, kR, 40, v);   // 10 of floor, 30 of pool
+    ASSERT_TRUE(v);
+    auto c = b.take(2, kR, 20, v);   // the pool is full now
+    ASSERT_TRUE(v);
+    EXPECT_EQ(b.pool_used(kR), 40u);
+    auto d = b.take(3, kR, 11, v);
+    EXPECT_FALSE(v);
+    EXPECT_FALSE(v.per_client);
+    EXPECT_EQ(v.limit, 60u);
+    EXPECT_EQ(d.amount(), 0u);
+    d = b.take(3, kR, 10, v);   // a crowded-out client still has its floor
+    EXPECT_TRUE(v);
+    c.release();
+    v = a.resize(51);   // room in the pool, but over the client's cap
+    EXPECT_FALSE(v);
+    EXPECT_TRUE(v.per_client);
+    EXPECT_EQ(v.limit, 50u);
+    EXPECT_EQ(a.amount(), 40u);
+    {
+        Budget::Charge moved = std::move(a);   // given back once, by its last holder
+        EXPECT_EQ(b.used(1, kR), 40u);
+    }
+    EXPECT_EQ(b.used(1, kR), 0u);
+    EXPECT_EQ(b.pool_used(kR), 0u);
+    // A client that left keeps its account only while it still holds something.
+    b.forget(3);
+    EXPECT_EQ(b.used(3, kR), 10u);
+    d.release();
+    b.forget(1);
+    b.forget(2);
+    EXPECT_EQ(b.accounts(), 0u);
+
+    // The documented figures: the default memory budget with 20000
+    // descriptors, and the small budgets the attack tests use.
+    BudgetLimits big = BudgetLimits::derive(size_t{1} << 30, 20000);
+    EXPECT_EQ(big.max_clients, 1536u);
+    EXPECT_EQ(big[Resource::Descriptors].per_client, 2461u);
+    EXPECT_EQ(big[Resource::HubMemory].per_client, 75563008u);
+    EXPECT_EQ(big.property_total, 8388608u);
+    EXPECT_EQ(BudgetLimits::derive(size_t{1} << 30, 256).max_clients, 27u);
+    BudgetLimits small = BudgetLimits::derive(size_t{64} << 20, 20000);
+    EXPECT_EQ(small.max_clients, 96u);
+    EXPECT_EQ(small[Resource::Buffers].total, 25165824u);
+    EXPECT_EQ(small.property_value, 1048576u);
 }
