@@ -22,13 +22,14 @@ namespace talvex::bench {
 
 class PrivateSimulator {
 public:
-    // `extra` is appended to `serve --socket PATH` (e.g. {"--channels", "100000"}).
-    explicit PrivateSimulator(std::vector<std::string> extra = {}) {
+    // `extra` is appended to `serve --socket PATH` (e.g. {"--channels", "100000"});
+    // `program` is the talvexsim to run (another build's, to compare).
+    explicit PrivateSimulator(std::vector<std::string> extra = {}, std::string program = TALVEX_TALVEXSIM_PATH) {
         char tmpl[] = "/tmp/talvex-bench-XXXXXX";
         if (!mkdtemp(tmpl)) std::abort();
         dir_ = tmpl;
         socket_ = dir_ + "/sim.sock";
-        std::vector<std::string> words = {TALVEX_TALVEXSIM_PATH, "serve", "--socket", socket_};
+        std::vector<std::string> words = {program, "serve", "--socket", socket_};
         words.insert(words.end(), extra.begin(), extra.end());
         std::vector<char *> argv;
         for (std::string &w : words) argv.push_back(w.data());
@@ -47,9 +48,12 @@ public:
     PrivateSimulator(const PrivateSimulator &) = delete;
     PrivateSimulator &operator=(const PrivateSimulator &) = delete;
 
+    const std::string &socket() const { return socket_; }
+    pid_t pid() const { return pid_; }
+
 private:
     bool reachable() const {
-        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un sa{};
         sa.sun_family = AF_UNIX;
         std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
