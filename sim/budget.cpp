@@ -92,37 +92,31 @@ Budget::Budget(const BudgetLimits &limits) : limits_(limits) {}
 
 Budget::Charge &Budget::Charge::operator=(Charge &&other) noexcept {
     if (this != &other) {
-        release();
+        drop();
         budget_ = std::exchange(other.budget_, nullptr);
-        client_ = other.client_;
+        account_ = std::exchange(other.account_, nullptr);
         resource_ = other.resource_;
         amount_ = std::exchange(other.amount_, 0);
     }
     return *this;
 }
 
-Verdict Budget::Charge::check(size_t amount) const {
-    if (!budget_) return {};
-    return budget_->check(client_, resource_, amount_, amount);
-}
-
-Verdict Budget::Charge::resize(size_t amount) {
-    Verdict v = check(amount);
-    if (v) force(amount);
-    return v;
-}
-
-void Budget::Charge::force(size_t amount) {
-    if (!budget_ || amount == amount_) return;
-    budget_->move(client_, resource_, amount_, amount);
-    amount_ = amount;
+void Budget::Charge::drop() {
+    if (!budget_) return;
+    release();
+    if (--account_->charges == 0 && account_->gone) budget_->accounts_.erase(account_->id);
+    budget_ = nullptr;
+    account_ = nullptr;
 }
 
 Budget::Charge Budget::open(ClientId client, Resource r) {
-    accounts_[client].gone = false;
+    Account &a = accounts_[client];
+    a.id = client;
+    a.gone = false;
+    ++a.charges;
     Charge c;
     c.budget_ = this;
-    c.client_ = client;
+    c.account_ = &a;
     c.resource_ = r;
     return c;
 }
@@ -133,11 +127,9 @@ Budget::Charge Budget::take(ClientId client, Resource r, size_t amount, Verdict 
     return c;
 }
 
-Verdict Budget::check(ClientId client, Resource r, size_t from, size_t to) const {
-    if (to <= from) return {};
+Verdict Budget::check(const Account &a, Resource r, size_t from, size_t to) const {
     const ResourceLimit &l = limits_[r];
-    auto it = accounts_.find(client);
-    size_t used = it == accounts_.end() ? 0 : it->second.used[index(r)];
+    size_t used = a.used[index(r)];
     size_t now = used - from + to;
     if (now > l.per_client) return {false, true, l.per_client};
     size_t more = beyond(now, l.floor) - beyond(used, l.floor);
@@ -145,17 +137,13 @@ Verdict Budget::check(ClientId client, Resource r, size_t from, size_t to) const
     return {};
 }
 
-void Budget::move(ClientId client, Resource r, size_t from, size_t to) {
-    auto it = accounts_.find(client);
-    if (it == accounts_.end()) it = accounts_.emplace(client, Account{}).first;
-    Account &a = it->second;
+void Budget::move(Account &a, Resource r, size_t from, size_t to) {
     size_t &used = a.used[index(r)];
     size_t floor = limits_[r].floor;
     size_t &pool = pool_used_[index(r)];
     pool -= beyond(used, floor);
     used = used - from + to;
     pool += beyond(used, floor);
-    if (a.gone && std::all_of(a.used.begin(), a.used.end(), [](size_t u) { return u == 0; })) accounts_.erase(it);
 }
 
 size_t Budget::used(ClientId client, Resource r) const {
@@ -171,7 +159,7 @@ size_t Budget::pool_left(Resource r) const {
 void Budget::forget(ClientId client) {
     auto it = accounts_.find(client);
     if (it == accounts_.end()) return;
-    if (std::all_of(it->second.used.begin(), it->second.used.end(), [](size_t u) { return u == 0; }))
+    if (it->second.charges == 0)
         accounts_.erase(it);
     else
         it->second.gone = true;

@@ -87,8 +87,10 @@ struct Shortfall {
 
 class Budget {
     struct Account {
+        ClientId id = 0;
         std::array<size_t, kResourceCount> used{};
-        bool gone = false;   // the client left; erased once it holds nothing
+        size_t charges = 0;   // Charge objects that refer to it
+        bool gone = false;    // the client left; erased once no charge refers to it
     };
 
 public:
@@ -99,28 +101,42 @@ public:
     const BudgetLimits &limits() const { return limits_; }
 
     // What one holder (a socket's buffers, a region, a user client) holds of
-    // one resource for one client; given back when destroyed.
+    // one resource for one client; given back when destroyed. Its account
+    // stays as long as it does.
     class Charge {
     public:
         Charge() = default;
         Charge(Charge &&other) noexcept { *this = std::move(other); }
         Charge &operator=(Charge &&other) noexcept;
-        ~Charge() { release(); }
+        ~Charge() { drop(); }
 
         size_t amount() const { return amount_; }
         // Changes the amount; over budget, nothing changes.
-        Verdict resize(size_t amount);
+        Verdict resize(size_t amount) {
+            Verdict v = check(amount);
+            if (v) force(amount);
+            return v;
+        }
         // Whether resize(amount) would succeed, without changing anything.
-        Verdict check(size_t amount) const;
+        // (Giving back always succeeds.)
+        Verdict check(size_t amount) const {
+            if (!budget_ || amount <= amount_) return {};
+            return budget_->check(*account_, resource_, amount_, amount);
+        }
         // Changes the amount whatever the budget says (for what must go out
         // anyway and is small).
-        void force(size_t amount);
+        void force(size_t amount) {
+            if (!budget_ || amount == amount_) return;
+            budget_->move(*account_, resource_, amount_, amount);
+            amount_ = amount;
+        }
         void release() { force(0); }
 
     private:
         friend class Budget;
+        void drop();
         Budget *budget_ = nullptr;
-        ClientId client_ = 0;
+        Account *account_ = nullptr;
         Resource resource_ = Resource::Descriptors;
         size_t amount_ = 0;
     };
@@ -134,14 +150,14 @@ public:
     size_t used(ClientId client, Resource r) const;
     size_t pool_used(Resource r) const { return pool_used_[static_cast<size_t>(r)]; }
     size_t pool_left(Resource r) const;
-    // The client left: its account goes once its last charge is given back.
+    // The client left: its account goes once its last charge does.
     void forget(ClientId client);
     size_t accounts() const { return accounts_.size(); }
 
 private:
     static size_t beyond(size_t used, size_t floor) { return used > floor ? used - floor : 0; }
-    Verdict check(ClientId client, Resource r, size_t from, size_t to) const;
-    void move(ClientId client, Resource r, size_t from, size_t to);
+    Verdict check(const Account &a, Resource r, size_t from, size_t to) const;
+    void move(Account &a, Resource r, size_t from, size_t to);
 
     BudgetLimits limits_;
     std::array<size_t, kResourceCount> pool_used_{};

@@ -237,7 +237,7 @@ void Server::run() {
             // Frames left from a turn in which the client was paused: handle
             // them while its replies drain, so none waits for input that may
             // never come.
-            while (!c->dead) {
+            while (!c->dead && !(c->in.empty() && c->out.empty())) {
                 size_t buffered = c->in.size();
                 process_input(*c);
                 if (!c->out.empty()) flush(*c);
@@ -300,12 +300,12 @@ void Server::refuse(int fd) {
 }
 
 bool Server::paused(const Client &c) const {
+    if (c.out_bytes == 0) return false;
     if (c.out_bytes >= kPauseOutput) return true;
     // While the pool runs low, a client beyond its floor with output unread
     // waits for it to drain.
     const Budget &b = sim_.budget();
-    return c.out_bytes > 0 && c.buffers.amount() > b.limits()[Resource::Buffers].floor &&
-           b.pool_left(Resource::Buffers) < kReadChunk;
+    return c.buffers.amount() > b.limits()[Resource::Buffers].floor && b.pool_left(Resource::Buffers) < kReadChunk;
 }
 
 void Server::read_client(Client &c) {
@@ -360,6 +360,7 @@ void Server::charge_input(Client &c) {
     size_t need = c.in.size();
     if (need >= 4) need = std::max(need, 4 + static_cast<size_t>(wire::load_le32(c.in.data())));
     size_t want = need + c.out_bytes;
+    if (need == c.in_need && want == c.buffers.amount()) return;
     Verdict v = c.buffers.resize(want);
     if (!v && need > kReadChunk) {
         disconnect(c, "a frame of " + std::to_string(need - 4) + " bytes would exceed the " +

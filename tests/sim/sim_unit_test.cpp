@@ -322,11 +322,13 @@ TEST(SimUnit, BudgetFloorsPoolAndCaps) {
     }
     EXPECT_EQ(b.used(1, kR), 0u);
     EXPECT_EQ(b.pool_used(kR), 0u);
-    // A client that left keeps its account only while it still holds something.
+    // A client that left keeps its account only while a charge of it is held.
     b.forget(3);
     EXPECT_EQ(b.used(3, kR), 10u);
-    d.release();
+    d = Budget::Charge();
     b.forget(1);
+    EXPECT_EQ(b.accounts(), 1u);   // client 2's charge, released but held
+    c = Budget::Charge();
     b.forget(2);
     EXPECT_EQ(b.accounts(), 0u);
 
