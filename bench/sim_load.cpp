@@ -2,7 +2,8 @@
 // scalar method call (selector 4, ping) with 1 to 1000 connections, each
 // keeping one call in flight; and the simulator's peak memory (VmHWM) when
 // hostile clients try to starve it, with how long an ordinary client then
-// waits for its first answer.
+// waits for its first answer. "sim cpu us/call" is the simulator's own CPU
+// time per call, which other load on the machine disturbs less than the rate.
 //
 //   bench_sim_load [--simulator PATH] [--seconds S] [--load | --hostile]
 //
@@ -25,6 +26,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -158,6 +161,20 @@ uint32_t handshake(int fd) {
 
 // --- calls per second and latency
 
+// CPU time (user and system) a process has used so far, in seconds.
+double cpu_seconds(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    size_t at = text.rfind(')');   // the command name may hold blanks
+    if (at == std::string::npos) return 0;
+    std::istringstream fields(text.substr(at + 2));
+    std::string skip;
+    for (int i = 3; i < 14; ++i) fields >> skip;   // state .. cmajflt
+    double user = 0, system = 0;
+    fields >> user >> system;
+    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 struct Conn {
     int fd = -1;
     uint32_t id = 0;
@@ -196,6 +213,8 @@ void load(const std::string &program, int connections, double seconds) {
     auto end = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     std::vector<double> latencies_us;
     std::vector<epoll_event> ready(256);
+    bool started = false;
+    double cpu_start = 0;
     uint8_t buf[64 << 10];
     bool failed = false;
     while (!failed && Clock::now() < end) {
@@ -217,12 +236,17 @@ void load(const std::string &program, int connections, double seconds) {
                 if (r.i32() != 0) failed = true;
                 c.in.erase(c.in.begin(), c.in.begin() + static_cast<std::ptrdiff_t>(len));
                 auto now = Clock::now();
+                if (now >= start && !started) {
+                    started = true;
+                    cpu_start = cpu_seconds(sim.pid());
+                }
                 if (now >= start)
                     latencies_us.push_back(std::chrono::duration<double, std::micro>(now - c.sent).count());
                 if (!send_call(c)) failed = true;
             }
         }
     }
+    double cpu = cpu_seconds(sim.pid()) - cpu_start;
     close(ep);
     for (auto &c : conns) close(c.fd);
     if (failed || latencies_us.empty()) {
@@ -231,8 +255,8 @@ void load(const std::string &program, int connections, double seconds) {
     }
     std::sort(latencies_us.begin(), latencies_us.end());
     auto at = [&](double q) { return latencies_us[static_cast<size_t>(q * static_cast<double>(latencies_us.size() - 1))]; };
-    std::printf("%6d  %10.0f  %9.1f  %9.1f\n", connections, static_cast<double>(latencies_us.size()) / seconds, at(0.5),
-                at(0.99));
+    double calls = static_cast<double>(latencies_us.size());
+    std::printf("%6d  %10.0f  %9.1f  %9.1f  %9.2f\n", connections, calls / seconds, at(0.5), at(0.99), cpu / calls * 1e6);
 }
 
 // --- hostile clients
@@ -411,7 +435,7 @@ int main(int argc, char **argv) {
     }
     std::printf("simulator: %s\n", program.c_str());
     if (run_load) {
-        std::printf("\nconns     calls/s    p50 us     p99 us\n");
+        std::printf("\nconns     calls/s    p50 us     p99 us  sim cpu us/call\n");
         for (int n : {1, 10, 100, 1000}) load(program, n, seconds);
     }
     if (run_hostile) {
