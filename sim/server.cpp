@@ -243,7 +243,7 @@ void Server::run() {
                 if (!c->out.empty()) flush(*c);
                 if (c->in.size() == buffered || !c->out.empty()) break;
             }
-            if (c->eof && c->out.empty() && c->in.empty()) c->dead = true;
+            if (c->eof && c->out.empty() && c->in.empty()) mark_dead(*c);
         }
         reap();
     }
@@ -326,7 +326,7 @@ void Server::read_client(Client &c) {
         } else if (errno == EINTR) {
             continue;
         } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
-            c.dead = true;
+            mark_dead(c);
         }
         break;
     }
@@ -436,7 +436,7 @@ void Server::flush(Client &c) {
         ssize_t n = sendmsg(c.fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0) {
             if (errno == EINTR) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) c.dead = true;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) mark_dead(c);
             return;
         }
         if (first.fd >= 0) {
@@ -460,10 +460,12 @@ void Server::flush(Client &c) {
 void Server::disconnect(Client &c, const std::string &why) {
     if (c.dead) return;
     std::fprintf(stderr, "talvexsim: disconnecting client %llu: %s\n", static_cast<unsigned long long>(c.id), why.c_str());
-    c.dead = true;
+    mark_dead(c);
 }
 
 void Server::reap() {
+    if (!any_dead_) return;
+    any_dead_ = false;
     for (auto it = clients_.begin(); it != clients_.end();) {
         Client &c = *it->second;
         if (!c.dead) {

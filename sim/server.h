@@ -95,6 +95,11 @@ private:
     void charge_input(Client &c);
     void flush(Client &c);
     void disconnect(Client &c, const std::string &why);
+    void mark_dead(Client &c) {
+        c.dead = true;
+        any_dead_ = true;
+    }
+    // Closes and forgets the clients marked dead (when there are any).
     void reap();
     int poll_timeout_ms() const;
 
@@ -109,6 +114,7 @@ private:
     ClientId next_client_ = 1;
     std::chrono::steady_clock::time_point accept_paused_until_{};
     bool refusing_ = false;   // refused the last connection for want of room
+    bool any_dead_ = false;   // some client is marked dead
     std::vector<uint8_t> scratch_;   // read buffer
 };
 
