@@ -52,7 +52,7 @@ IOReturn TalvexLoadFirmware(TalvexHandle *talvex, const char *path, uint32_t num
 
     result = IOConnectCallMethod(talvex->connection, kTalvexLoadFirmware, scalars, 2, input, input_size, nullptr,
                                  nullptr, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TALVEX_CALL_OK(result);
 
 done:
     if (data) CFRelease(data);

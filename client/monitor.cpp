@@ -68,11 +68,8 @@ void release_notification(TalvexHandle *talvex) {
 }  // namespace
 
 int TalvexMonitor(int, char *[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
 
     release_notification(talvex);
 

@@ -10,14 +10,14 @@ IOReturn TalvexCallScalar(TalvexHandle *talvex, uint32_t selector, const uint64_
                           uint64_t *output, uint32_t *output_count) {
     IOReturn result =
         IOConnectCallScalarMethod(talvex->connection, selector, input, input_count, output, output_count);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TALVEX_CALL_OK(result);
     return result;
 }
 
 IOReturn TalvexCallStruct(TalvexHandle *talvex, uint32_t selector, const void *input, size_t input_size,
                           void *output, size_t *output_size) {
     IOReturn result = IOConnectCallStructMethod(talvex->connection, selector, input, input_size, output, output_size);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TALVEX_CALL_OK(result);
     return result;
 }
 
@@ -109,6 +109,6 @@ IOReturn TalvexPerfmonCall(TalvexHandle *talvex, uint32_t first, uint32_t second
     uint64_t scalars[2] = {first, second};
     IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexPerfmon, scalars, 2, input, input_size,
                                           nullptr, nullptr, output, output_size);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
+    TALVEX_CALL_OK(result);
     return result;
 }

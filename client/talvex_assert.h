@@ -17,3 +17,14 @@ void TalvexAssertReport(const char *condition, const char *message, const char *
 // Reports a failed check at the calling site.
 #define TALVEX_ASSERT_REPORT(condition, message, code) \
     TalvexAssertReport((condition), (message), __FILE__, static_cast<long>(__LINE__), static_cast<uint32_t>(code))
+
+// A command's argument check, written where the command makes it:
+//   if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
+// reports `condition` (no code, empty message) at the calling site when `ok`
+// is false, and gives `ok`.
+#define TALVEX_CHECK(ok, condition) TalvexCheckAt((ok), (condition), __FILE__, static_cast<long>(__LINE__))
+
+inline bool TalvexCheckAt(bool ok, const char *condition, const char *file, long line) {
+    if (!ok) TalvexAssertReport(condition, "", file, line, 0);
+    return ok;
+}

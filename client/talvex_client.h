@@ -35,6 +35,51 @@ TalvexHandle *TalvexOpen(void);
 void TalvexClose(TalvexHandle *talvex);
 
 // ---------------------------------------------------------------------------
+// A command's own steps around the handle. Each macro passes the file and line
+// where the command writes it, so its diagnostic names the command's check:
+//
+//   TalvexHandle *talvex = TALVEX_OPEN();
+//   if (!talvex) return 1;
+//   IOReturn result = TalvexCallScalar(talvex, ...);   // reports a failure itself
+//   return TALVEX_REPORT_AND_CLOSE(talvex, result);     // ... and the command once more
+
+// Opens the driver for a command. When the open fails (TalvexOpen has said
+// why), reports "talvex" here and gives null.
+#define TALVEX_OPEN() TalvexOpenAt(__FILE__, static_cast<long>(__LINE__))
+
+// Reports a failed call at the calling site: "result == 0 " with the code and
+// no message (TALVEX_CALL_OK) or the code's text as message
+// (TALVEX_CALL_OK_TEXT). Gives true when `result` is 0.
+#define TALVEX_CALL_OK(result) TalvexCallOkAt((result), false, __FILE__, static_cast<long>(__LINE__))
+#define TALVEX_CALL_OK_TEXT(result) TalvexCallOkAt((result), true, __FILE__, static_cast<long>(__LINE__))
+
+// The end of a command that made a call: reports a failed `result` as
+// TALVEX_CALL_OK does, closes the handle, and gives the exit status (1 after a
+// failure, else 0).
+#define TALVEX_REPORT_AND_CLOSE(talvex, result) \
+    TalvexReportAndCloseAt((talvex), (result), __FILE__, static_cast<long>(__LINE__))
+
+inline TalvexHandle *TalvexOpenAt(const char *file, long line) {
+    TalvexHandle *talvex = TalvexOpen();
+    if (!talvex) TalvexAssertReport("talvex", "", file, line, 0);
+    return talvex;
+}
+
+inline bool TalvexCallOkAt(IOReturn result, bool with_text, const char *file, long line) {
+    if (result == 0) return true;
+    // A null message, or a code without text, prints as an empty message.
+    const char *message = with_text ? mach_error_string(result) : nullptr;
+    TalvexAssertReport("result == 0 ", message, file, line, static_cast<uint32_t>(result));
+    return false;
+}
+
+inline int TalvexReportAndCloseAt(TalvexHandle *talvex, IOReturn result, const char *file, long line) {
+    bool ok = TalvexCallOkAt(result, false, file, line);
+    TalvexClose(talvex);
+    return ok ? 0 : 1;
+}
+
+// ---------------------------------------------------------------------------
 // Driver methods. Each operation calls exactly one method and returns its code;
 // a non-zero code is reported ("result == 0 ") by the operation itself.
 

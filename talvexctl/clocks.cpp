@@ -22,13 +22,10 @@ constexpr size_t kIrcStartupSize = 36;
 
 }  // namespace
 
-// clkredirect enable|disable
+// clkredirect enable|disable: the handle is opened before the word is judged.
 int TalvexCmdClkRedirect(int argc, char *argv[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     int status = 0;
     bool enable = argc >= 2 && std::strcmp(argv[1], "enable") == 0;
     if (!enable && (argc < 2 || std::strcmp(argv[1], "disable") != 0)) {
@@ -36,10 +33,7 @@ int TalvexCmdClkRedirect(int argc, char *argv[]) {
         status = 1;
     } else {
         IOReturn result = TalvexClockRedirect(talvex, enable ? 1 : 0);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            status = 1;
-        }
+        if (!TALVEX_CALL_OK(result)) status = 1;
     }
     TalvexClose(talvex);
     return status;
@@ -59,11 +53,8 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
         }
         selector = row->selector;
     }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t request[4];
     TalvexStoreLE32(request, selector);
     uint8_t reply[8] = {};
@@ -74,10 +65,12 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
         uint32_t reference = TalvexLoadLE32(reply);
         uint32_t measured = TalvexLoadLE32(reply + 4);
         double percent = reference ? static_cast<double>(measured) * 100.0 / static_cast<double>(reference) : 0.0;
+        // With no word the label reads as the C library prints a null text.
         std::printf("%s clock speed: %d Hz (%f%%)\n", label ? label : "(null)", static_cast<int32_t>(measured),
                     percent);
     } else {
         const char *text = TalvexCodeText(result);
+        // Reported twice on purpose, first without the code and the condition's blank.
         TALVEX_ASSERT_REPORT("result == 0", text, 0);
         TALVEX_ASSERT_REPORT("result == 0 ", text, result);
     }
@@ -87,21 +80,16 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
 
 // clkstartup: the IRC's start-up timing statistics (property 240 of talvex).
 int TalvexCmdClkStartup(int, char *[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t reply[kIrcStartupSize] = {};
     uint32_t size = sizeof reply;
     IOReturn result = TalvexGetProperty(talvex, 3, kIrcStartupProperty, reply, &size);
-    if (result == 0) {
+    if (TALVEX_CALL_OK_TEXT(result)) {
         auto ns = [&](size_t index) { return static_cast<int32_t>(TalvexLoadLE32(reply + 4 * index)); };
         std::printf("IRC startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(0), ns(1), ns(2));
         std::printf("IRC pre-startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(3), ns(4), ns(5));
         std::printf("IRC total speed - mean:%d ns min:%d ns max:%d ns\n", ns(6), ns(7), ns(8));
-    } else {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
     }
     TalvexClose(talvex);
     return result != 0 ? 1 : 0;

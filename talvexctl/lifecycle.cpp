@@ -7,15 +7,10 @@ namespace {
 
 // reset, stop and timesync: open, one call, close. Extra words are ignored.
 int plain_command(uint32_t selector) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     IOReturn result = TalvexCallScalar(talvex, selector, nullptr, 0, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 }  // namespace
@@ -26,28 +21,20 @@ int TalvexCmdStop(int, char *[]) { return plain_command(kTalvexStop); }
 
 int TalvexCmdTimesync(int, char *[]) { return plain_command(kTalvexTimesync); }
 
+// The result line stands between the client's report and the command's.
 int TalvexCmdPing(int, char *[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     IOReturn result = TalvexCallScalar(talvex, kTalvexPing, nullptr, 0, nullptr, nullptr);
     const char *text = mach_error_string(result);
     std::printf("ping result: %s (%#x)\n", text ? text : "(null)", static_cast<uint32_t>(result));
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
+// Succeeds whenever the handle opens: an unreadable state prints as unknown.
 int TalvexCmdGetState(int, char *[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     int64_t state = -1;
     TalvexReadState(talvex, &state);
     std::printf("%s (0x%lx)\n", TalvexStateNameFor(static_cast<uint64_t>(state)), static_cast<unsigned long>(state));

@@ -19,20 +19,11 @@ void print_client(const uint8_t *reply) {
 }  // namespace
 
 int TalvexCmdListClients(int argc, char *argv[]) {
-    if (argc != 2) {
-        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
     uint8_t device = TalvexDeviceLookup(argv[1]);
-    if (device == kTalvexNoDevice) {
-        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t reply[kTalvexClientListOutSize] = {};
     IOReturn result = TalvexClientList(talvex, device, kSummary, reply);
     if (result == 0) {
@@ -45,17 +36,12 @@ int TalvexCmdListClients(int argc, char *argv[]) {
             if (reply[4] != 0) print_client(reply);
         }
     }
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 int TalvexCmdListSensors(int, char *[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     for (const TalvexDevice *row = kTalvexDevices; row->name; ++row) {
         uint8_t value[4];
         uint32_t size = sizeof value;

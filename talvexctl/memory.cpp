@@ -15,30 +15,19 @@ int mem_read(char *argv[]) {
     uint8_t block = TalvexParseHexByte(argv[3]);
     uint8_t len = TalvexParseHexByte(argv[4]);
     uint8_t buffer[kMemBufferSize];
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
     std::memset(buffer, 0xff, sizeof buffer);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t request[kMemReadRequestSize];
     TalvexStoreLE32(request, address);
     request[4] = block;
     request[5] = len;
     size_t reply_size = len;
     IOReturn result = TalvexCallStruct(talvex, kTalvexMemRead, request, sizeof request, buffer, &reply_size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    } else {
-        TalvexHexDump(buffer, len);
-    }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    if (result == 0) TalvexHexDump(buffer, len);
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 int mem_write(int argc, char *argv[]) {
@@ -48,47 +37,30 @@ int mem_write(int argc, char *argv[]) {
     auto len = static_cast<size_t>(argc - 4);
     // Words past the buffer are refused below, whatever they hold.
     for (size_t i = 0; i < len && i < sizeof(buffer); ++i) buffer[i] = TalvexParseHexByte(argv[4 + i]);
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t request[kMemWriteRequestSize] = {};
     TalvexStoreLE32(request, address);
     request[4] = block;
     request[5] = static_cast<uint8_t>(len);
     std::memcpy(request + 6, buffer, sizeof buffer);
     IOReturn result = TalvexCallStruct(talvex, kTalvexMemWrite, request, sizeof request, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 }  // namespace
 
 // mem read <addr> <block> <len> | mem write <addr> <block> <data> ...
 int TalvexCmdMem(int argc, char *argv[]) {
-    if (argc < 3) {
-        TALVEX_ASSERT_REPORT("argc > 2", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc > 2, "argc > 2")) return 1;
     if (std::strcmp(argv[1], "read") == 0) {
-        if (argc != 5) {
-            TALVEX_ASSERT_REPORT("argc == 5", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc == 5, "argc == 5")) return 1;
         return mem_read(argv);
     }
     if (std::strcmp(argv[1], "write") == 0) {
-        if (argc < 5) {
-            TALVEX_ASSERT_REPORT("argc >= 5", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc >= 5, "argc >= 5")) return 1;
         return mem_write(argc, argv);
     }
     std::printf("Unknown command: %s\n", argv[1]);
@@ -98,41 +70,28 @@ int TalvexCmdMem(int argc, char *argv[]) {
 // gpio read <gpio> | gpio write <gpio> <state>, numbers in decimal. The
 // driver is opened before the words are looked at.
 int TalvexCmdGpio(int argc, char *argv[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     const char *form = argc > 1 ? argv[1] : "";
-    IOReturn result = 0;
     int status = 1;
     if (std::strcmp(form, "read") == 0) {
-        if (argc != 3) {
-            TALVEX_ASSERT_REPORT("argc == 3", "", 0);
-        } else {
+        if (TALVEX_CHECK(argc == 3, "argc == 3")) {
             uint64_t input[1] = {static_cast<uint8_t>(TalvexParseDec(argv[2]))};
             uint64_t output[1] = {0};
             uint32_t output_count = 1;
-            result = TalvexCallScalar(talvex, kTalvexGpioRead, input, 1, output, &output_count);
-            if (result != 0) {
-                TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            } else {
+            IOReturn result = TalvexCallScalar(talvex, kTalvexGpioRead, input, 1, output, &output_count);
+            if (TALVEX_CALL_OK(result)) {
                 uint8_t state = static_cast<uint8_t>(output[0]);
                 TalvexHexDump(&state, 1);
                 status = 0;
             }
         }
     } else if (std::strcmp(form, "write") == 0) {
-        if (argc != 4) {
-            TALVEX_ASSERT_REPORT("argc == 4", "", 0);
-        } else {
+        if (TALVEX_CHECK(argc == 4, "argc == 4")) {
             uint64_t input[2] = {static_cast<uint8_t>(TalvexParseDec(argv[2])),
                                  static_cast<uint8_t>(TalvexParseDec(argv[3]))};
-            result = TalvexCallScalar(talvex, kTalvexGpioSet, input, 2, nullptr, nullptr);
-            if (result != 0)
-                TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            else
-                status = 0;
+            IOReturn result = TalvexCallScalar(talvex, kTalvexGpioSet, input, 2, nullptr, nullptr);
+            if (TALVEX_CALL_OK(result)) status = 0;
         }
     } else {
         TALVEX_ASSERT_REPORT("", "expected 'read' or 'write'", 0);
@@ -141,20 +100,13 @@ int TalvexCmdGpio(int argc, char *argv[]) {
     return status;
 }
 
-// pmu <mask>: selector 0x10 with the rail mask (low 32 bits).
+// pmu <mask>: selector 0x10 with the rail mask (low 32 bits), parsed once the
+// handle is open.
 int TalvexCmdPmu(int argc, char *argv[]) {
-    if (argc != 2) {
-        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint64_t input[1] = {static_cast<uint32_t>(TalvexParseHex(argv[1]))};
     IOReturn result = TalvexCallScalar(talvex, kTalvexPmu, input, 1, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }

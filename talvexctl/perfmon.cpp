@@ -33,10 +33,7 @@ int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
     uint8_t input[4];
     TalvexStoreLE32(input, mode);
     IOReturn result = TalvexPerfmonCall(talvex, device, kItemMode, input, sizeof input, nullptr, nullptr);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
-        return 1;
-    }
+    if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     return 0;
 }
 
@@ -44,10 +41,7 @@ int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
     uint8_t value[4] = {};
     uint32_t size = sizeof value;
     IOReturn result = TalvexReadProperty(talvex, device, kItemMode, value, &size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
-        return 1;
-    }
+    if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     std::printf("perfmon is %s for %s\n", mode_name(TalvexLoadLE32(value)), word);
     return 0;
 }
@@ -57,10 +51,7 @@ int show_report(TalvexHandle *talvex, uint8_t device) {
     std::memset(report, 0, sizeof report);
     size_t size = sizeof report;
     IOReturn result = TalvexPerfmonCall(talvex, device, kItemReport, nullptr, 0, report, &size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
-        return 1;
-    }
+    if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     uint32_t count = TalvexLoadLE32(report);
     for (uint32_t i = 0; i < count && i < kMaxEntries; ++i) {
         const uint8_t *entry = report + 4 + 24 * i;
@@ -75,20 +66,11 @@ int show_report(TalvexHandle *talvex, uint8_t device) {
 }  // namespace
 
 int TalvexCmdPerfmon(int argc, char *argv[]) {
-    if (argc != 3) {
-        TALVEX_ASSERT_REPORT("argc == 3", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 3, "argc == 3")) return 1;
     uint8_t device = TalvexDeviceLookup(argv[1]);
-    if (device == kTalvexNoDevice) {
-        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     const char *word = argv[2];
     const ModeWord *row = kModeWords;
     while (row->word && std::strcmp(row->word, word) != 0) ++row;
@@ -100,37 +82,27 @@ int TalvexCmdPerfmon(int argc, char *argv[]) {
     } else if (std::strcmp(word, "report") == 0) {
         status = show_report(talvex, device);
     } else {
-        // No newline, and not a failure.
+        // No newline, and not a failure: the command has always ended so.
         std::printf("unknown command: perfmon %s", word);
     }
     TalvexClose(talvex);
     return status;
 }
 
-// setbaudrate 112500|750000|1500000|3000000
+// setbaudrate 112500|750000|1500000|3000000: the lowest rate is 112500, not
+// 115200, and always has been; the handle is opened before the rate is judged.
 int TalvexCmdSetBaudRate(int argc, char *argv[]) {
-    if (argc != 2) {
-        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     // Trailing text is ignored; only the low 32 bits count.
     auto rate = static_cast<int32_t>(static_cast<uint32_t>(TalvexParseDec(argv[1])));
-    int status = 0;
-    if (rate == 112500 || rate == 750000 || rate == 1500000 || rate == 3000000) {
+    int status = 1;
+    if (TALVEX_CHECK(rate == 112500 || rate == 750000 || rate == 1500000 || rate == 3000000,
+                     "rate==112500||rate==750000||rate==1500000||rate==3000000")) {
         uint64_t input[1] = {static_cast<uint32_t>(rate)};
         IOReturn result = TalvexCallScalar(talvex, kTalvexSetBaudRate, input, 1, nullptr, nullptr);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            status = 1;
-        }
-    } else {
-        TALVEX_ASSERT_REPORT("rate==112500||rate==750000||rate==1500000||rate==3000000", "", 0);
-        status = 1;
+        if (TALVEX_CALL_OK(result)) status = 0;
     }
     TalvexClose(talvex);
     return status;

@@ -55,11 +55,8 @@ void print_record(const uint8_t *record) {
 }  // namespace
 
 int TalvexCmdPowerLog(int argc, char *argv[]) {
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     // A missing word is treated like an unknown one.
     const char *word = argc >= 2 ? argv[1] : "";
     const Control *control = kControls;
@@ -69,6 +66,7 @@ int TalvexCmdPowerLog(int argc, char *argv[]) {
         IOReturn result = IOConnectCallScalarMethod(talvex->connection, control->selector, nullptr, 0, nullptr, nullptr);
         const char *text = mach_error_string(result);
         std::printf(control->format, text ? text : "(null)", static_cast<uint32_t>(result));
+        // Called directly, so both reports of a failure are made here.
         if (result != 0) {
             TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
             TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
@@ -78,12 +76,10 @@ int TalvexCmdPowerLog(int argc, char *argv[]) {
         uint8_t record[kRecordSize] = {};
         size_t size = sizeof record;
         IOReturn result = TalvexCallStruct(talvex, kTalvexPowerLogGet, nullptr, 0, record, &size);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            status = 1;
-        } else {
+        if (TALVEX_CALL_OK(result))
             print_record(record);
-        }
+        else
+            status = 1;
     } else {
         TALVEX_ASSERT_REPORT("", "unexpected parameter", 0);
         status = 1;

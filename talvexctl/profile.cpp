@@ -34,6 +34,7 @@ Entry read_entry(uint8_t *reply) {
     e.max = static_cast<int32_t>(TalvexLoadLE32(reply + 68));
     e.min = static_cast<int32_t>(TalvexLoadLE32(reply + 72));
     e.hits = TalvexLoadLE16(reply + 76);
+    // Saves and total time share offset 78 on purpose: replies have always been read so.
     e.saves = TalvexLoadLE16(reply + 78);
     e.total_time = static_cast<int32_t>(TalvexLoadLE32(reply + 78));
     return e;
@@ -43,36 +44,30 @@ void print_hitpoint(const Entry &e) {
     std::printf("%-32s min:%5d max:%5d hits:%5d saves:%4d\n", e.name, e.min, e.max, e.hits, e.saves);
 }
 
+// Entry `index` of `kind` into a cleared reply; a failure is reported by the
+// operation and once more here.
+bool query_entry(TalvexHandle *talvex, uint32_t kind, uint32_t index, uint8_t (&reply)[kTalvexProfileQueryOutSize]) {
+    std::memset(reply, 0, sizeof reply);
+    return TALVEX_CALL_OK(TalvexProfileQuery(talvex, kind, index, reply));
+}
+
 int print_profile(TalvexHandle *talvex) {
     uint8_t summary[kSummarySize] = {};
     size_t size = sizeof summary;
     IOReturn result = TalvexCallStruct(talvex, kTalvexProfileInfo, nullptr, 0, summary, &size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-        return 1;
-    }
+    if (!TALVEX_CALL_OK(result)) return 1;
     uint32_t hitpoints = TalvexLoadLE32(summary);
     uint32_t functions = TalvexLoadLE32(summary + 4);
     std::printf("profile runtime: %d\n\n", static_cast<int32_t>(TalvexLoadLE32(summary + 8)));
     std::printf("profile hitpoints (%d):\n", static_cast<int32_t>(hitpoints));
     uint8_t reply[kTalvexProfileQueryOutSize];
     for (uint32_t i = 0; i < hitpoints; ++i) {
-        std::memset(reply, 0, sizeof reply);
-        result = TalvexProfileQuery(talvex, kHitpoint, i, reply);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            return 1;
-        }
+        if (!query_entry(talvex, kHitpoint, i, reply)) return 1;
         print_hitpoint(read_entry(reply));
     }
     std::printf("\nprofile functions (%d):\n", static_cast<int32_t>(functions));
     for (uint32_t j = 0; j < functions; ++j) {
-        std::memset(reply, 0, sizeof reply);
-        result = TalvexProfileQuery(talvex, kFunction, j, reply);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            return 1;
-        }
+        if (!query_entry(talvex, kFunction, j, reply)) return 1;
         Entry e = read_entry(reply);
         std::printf("%s\n\tmin:%5d max:%5d hits:%5d total_time:%4d\n", e.name, e.min, e.max, e.hits, e.total_time);
     }
@@ -84,7 +79,8 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
     char *end = nullptr;
     long index = std::strtol(id, &end, 10);
     if (*end == '\0') {
-        // All digits (or nothing at all): by index. The operation reports a failure.
+        // All digits (or nothing at all): by index. Only the operation reports
+        // a failure here; the command has never added its own report.
         if (TalvexProfileQuery(talvex, kind, static_cast<uint32_t>(index), reply) != 0) return 1;
     } else {
         size_t length = std::strlen(id);
@@ -98,10 +94,8 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
             result = IOConnectCallStructMethod(talvex->connection, kTalvexProfileQuery, request, sizeof request,
                                                reply, &size);
         }
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-            return 1;
-        }
+        // Called directly: a single report, the command's own.
+        if (!TALVEX_CALL_OK(result)) return 1;
     }
     Entry e = read_entry(reply);
     if (kind == kHitpoint)
@@ -119,10 +113,8 @@ int control(TalvexHandle *talvex, const char *word) {
     else
         result = TalvexCallStruct(talvex, std::strcmp(word, "start") == 0 ? kTalvexProfileStart : kTalvexProfileReset,
                                   nullptr, 0, nullptr, nullptr);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-        return 1;
-    }
+    if (!TALVEX_CALL_OK(result)) return 1;
+    // Start and reset say "Ok"; stop has always said nothing.
     if (std::strcmp(word, "stop") != 0) std::printf("Ok\n");
     return 0;
 }
@@ -130,15 +122,9 @@ int control(TalvexHandle *talvex, const char *word) {
 }  // namespace
 
 int TalvexCmdProfile(int argc, char *argv[]) {
-    if (argc < 2) {
-        TALVEX_ASSERT_REPORT("argv[1]", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc >= 2, "argv[1]")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     const char *word = argv[1];
     int status;
     if (std::strcmp(word, "start") == 0 || std::strcmp(word, "stop") == 0 || std::strcmp(word, "reset") == 0) {

@@ -15,95 +15,54 @@ constexpr size_t kCmaBufferSize = 256;
 // readreg <device> <addr> <len>: selector 6, request {device, addr, len},
 // up to 16 register bytes back, dumped over the length asked.
 int TalvexCmdReadReg(int argc, char *argv[]) {
-    if (argc != 4) {
-        TALVEX_ASSERT_REPORT("argc == 4", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 4, "argc == 4")) return 1;
     uint8_t device = TalvexDeviceLookup(argv[1]);
-    if (device == kTalvexNoDevice) {
-        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
     uint8_t address = TalvexParseHexByte(argv[2]);
     uint8_t len = TalvexParseHexByte(argv[3]);
     uint8_t buffer[kRegisterBufferSize];
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
     std::memset(buffer, 0xff, sizeof buffer);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t request[kReadRegRequestSize] = {device, address, len};
     size_t reply_size = len;
     IOReturn result = TalvexCallStruct(talvex, kTalvexReadReg, request, sizeof request, buffer, &reply_size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    } else {
-        TalvexHexDump(buffer, len);
-    }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    if (result == 0) TalvexHexDump(buffer, len);
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 // writereg <device> <addr> <byte0> [<byte1> ...]: selector 7, always 19 bytes.
 int TalvexCmdWriteReg(int argc, char *argv[]) {
-    if (argc < 4) {
-        TALVEX_ASSERT_REPORT("argc >= 4", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc >= 4, "argc >= 4")) return 1;
     uint8_t device = TalvexDeviceLookup(argv[1]);
-    if (device == kTalvexNoDevice) {
-        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
     uint8_t address = TalvexParseHexByte(argv[2]);
     uint8_t buffer[kRegisterBufferSize] = {};
-    int len = argc - 3;
-    if (static_cast<size_t>(len) > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
-    for (int i = 0; i < len; ++i) buffer[i] = TalvexParseHexByte(argv[3 + i]);
+    auto len = static_cast<size_t>(argc - 3);
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
+    for (size_t i = 0; i < len; ++i) buffer[i] = TalvexParseHexByte(argv[3 + i]);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
-    uint8_t request[kWriteRegRequestSize] = {};
-    request[0] = device;
-    request[1] = address;
-    request[2] = static_cast<uint8_t>(len);
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
+    uint8_t request[kWriteRegRequestSize] = {device, address, static_cast<uint8_t>(len)};
     std::memcpy(request + 3, buffer, sizeof buffer);
     IOReturn result = TalvexCallStruct(talvex, kTalvexWriteReg, request, sizeof request, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 // bb <context_max>: selector 8 with the number as an unsigned 32-bit scalar.
+// The word is parsed only once the handle is open.
 int TalvexCmdBB(int argc, char *argv[]) {
-    if (argc != 2) {
-        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     // As atoi reads it: decimal, no base prefix, cut to an int.
     auto context_max = static_cast<uint32_t>(static_cast<int>(TalvexParseDec(argv[1])));
     uint64_t input[1] = {context_max};
     IOReturn result = TalvexCallScalar(talvex, kTalvexBB, input, 1, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 // cma [<byte0> ...]: selector 9 with the bytes themselves as the structure,
@@ -111,19 +70,11 @@ int TalvexCmdBB(int argc, char *argv[]) {
 int TalvexCmdCma(int argc, char *argv[]) {
     uint8_t buffer[kCmaBufferSize];
     size_t len = argc > 1 ? static_cast<size_t>(argc - 1) : 0;
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
     for (size_t i = 0; i < len; ++i) buffer[i] = TalvexParseHexByte(argv[1 + i]);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     IOReturn result = TalvexCallStruct(talvex, kTalvexCma, buffer, len, nullptr, nullptr);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }

@@ -87,10 +87,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
     for (const Read &r : reads) {
         uint32_t size = r.size;
         IOReturn result = TalvexGetProperty(talvex, device, r.property, r.value, &size);
-        if (result != 0) {
-            TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
-            return result;
-        }
+        if (!TALVEX_CALL_OK_TEXT(result)) return result;
         if (r.property == kSampleRates) c.rates_size = size;
     }
     uint32_t size = sizeof c.startup;
@@ -104,7 +101,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
         c.internal_cal_size = sizeof c.internal_cal;
         result = TalvexReadProperty(talvex, device, kInternalCal, c.internal_cal, &c.internal_cal_size);
     }
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", TalvexCodeText(result), result);
+    TALVEX_CALL_OK_TEXT(result);
     return result;
 }
 
@@ -134,20 +131,11 @@ void print_common(const Common &c) {
 }  // namespace
 
 int TalvexCmdSensorInfo(int argc, char *argv[]) {
-    if (argc != 2) {
-        TALVEX_ASSERT_REPORT("argc == 2", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
     uint8_t device = TalvexDeviceLookup(argv[1]);
-    if (device == kTalvexNoDevice) {
-        TALVEX_ASSERT_REPORT("device != 0xff", "", 0);
-        return 1;
-    }
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     Common common{};
     if (read_common(talvex, device, common) != 0) {
         TalvexClose(talvex);

@@ -27,25 +27,14 @@ int i2c_read(const char *port_word, const char *address_word, const char *reg_wo
     uint8_t reg = reg_word ? TalvexParseHexByte(reg_word) : 0;
     uint8_t len = TalvexParseHexByte(len_word);
     uint8_t buffer[kI2CBufferSize];
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
     std::memset(buffer, 0xff, sizeof buffer);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     IOReturn result = TalvexI2CRead(talvex, port, address, reg_word ? &reg : nullptr, buffer, len);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    } else {
-        TalvexHexDump(buffer, len);
-    }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    if (result == 0) TalvexHexDump(buffer, len);
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 // `words` are the data words, `count` of them.
@@ -57,20 +46,12 @@ int i2c_write(const char *port_word, const char *address_word, const char *reg_w
     // Words past the buffer are refused below, whatever they hold.
     for (int i = 0; i < count && static_cast<size_t>(i) < sizeof(buffer); ++i) buffer[i] = TalvexParseHexByte(words[i]);
     auto len = static_cast<uint32_t>(count);
-    if (len > sizeof(buffer)) {
-        TALVEX_ASSERT_REPORT("len <= sizeof(buffer)", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     IOReturn result = TalvexI2CWrite(talvex, port, address, reg_word ? &reg : nullptr, buffer, len);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 }  // namespace
@@ -84,10 +65,7 @@ int i2c_write(const char *port_word, const char *address_word, const char *reg_w
 // read form dumps from the reply area, not from the driver's reply (at most
 // reply area + 16 data bytes + request buffer: 160 bytes).
 int TalvexCmdSpi(int argc, char *argv[]) {
-    if (argc < 4) {
-        TALVEX_ASSERT_REPORT("argc > 3", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc > 3, "argc > 3")) return 1;
     bool read;
     if (std::strcmp(argv[1], "read") == 0) {
         read = true;
@@ -120,23 +98,18 @@ int TalvexCmdSpi(int argc, char *argv[]) {
             data[i] = 4 + i < static_cast<size_t>(argc) ? TalvexParseHexByte(argv[4 + i]) : 0;
         input_length = static_cast<uint8_t>(argc - 2);
     }
-    if (input_length == 0 && output_length == 0) {
-        TALVEX_ASSERT_REPORT("inputLength > 0 || outputLength > 0", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(input_length > 0 || output_length > 0, "inputLength > 0 || outputLength > 0")) return 1;
 
     // A plain number is the chip select; a device's own is 0x80 | its identifier.
+    // Word 1 is always "read" or "write" here, so the lookup never matches:
+    // the command has always looked there, and keeps doing so.
     uint8_t device = TalvexDeviceLookup(argv[1]);
     uint8_t chip_select =
         device != kTalvexNoDevice ? static_cast<uint8_t>(0x80 | device) : TalvexParseHexByte(argv[2]);
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
-    if (input_length > kSpiDataSize) {
-        TALVEX_ASSERT_REPORT("inputLength <= sizeof(dataBuffer)", "", 0);
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
+    if (!TALVEX_CHECK(input_length <= kSpiDataSize, "inputLength <= sizeof(dataBuffer)")) {
         TalvexClose(talvex);
         return 1;
     }
@@ -147,50 +120,32 @@ int TalvexCmdSpi(int argc, char *argv[]) {
     size_t reply_size = kSpiRequestSize;
     IOReturn result =
         TalvexCallStruct(talvex, kTalvexSpi, request, kSpiHeaderSize + input_length, request, &reply_size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    } else if (read) {
+    if (result == 0 && read) {
         std::memcpy(shown + kSpiReplyAreaSize, data, kSpiDataShown);
         TalvexHexDump(shown, static_cast<uint32_t>(std::min<size_t>(output_length, kSpiDumpLimit)));
     }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
 // i2c read <port> <addr> <len> | write <port> <addr> <data> ... |
 //     readreg <port> <addr> <reg> <len> | writereg <port> <addr> <reg> <data> ...
 int TalvexCmdI2C(int argc, char *argv[]) {
-    if (argc < 3) {
-        TALVEX_ASSERT_REPORT("argc > 2", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc > 2, "argc > 2")) return 1;
     const char *form = argv[1];
     if (std::strcmp(form, "read") == 0) {
-        if (argc != 5) {
-            TALVEX_ASSERT_REPORT("argc == 5", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc == 5, "argc == 5")) return 1;
         return i2c_read(argv[2], argv[3], nullptr, argv[4]);
     }
     if (std::strcmp(form, "readreg") == 0) {
-        if (argc != 6) {
-            TALVEX_ASSERT_REPORT("argc == 6", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc == 6, "argc == 6")) return 1;
         return i2c_read(argv[2], argv[3], argv[4], argv[5]);
     }
     if (std::strcmp(form, "write") == 0) {
-        if (argc < 5) {
-            TALVEX_ASSERT_REPORT("argc >= 5", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc >= 5, "argc >= 5")) return 1;
         return i2c_write(argv[2], argv[3], nullptr, argv + 4, argc - 4);
     }
     if (std::strcmp(form, "writereg") == 0) {
-        if (argc < 6) {
-            TALVEX_ASSERT_REPORT("argc >= 6", "", 0);
-            return 1;
-        }
+        if (!TALVEX_CHECK(argc >= 6, "argc >= 6")) return 1;
         return i2c_write(argv[2], argv[3], argv[4], argv + 5, argc - 5);
     }
     std::printf("Unknown command: %s\n", form);

@@ -62,11 +62,8 @@ int TalvexCmdStart(int argc, char *argv[]) {
     int words = argc - optind;
     char **word = argv + optind;
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
 
     const char *image = nullptr;
     uint32_t number = 0;
@@ -82,16 +79,11 @@ int TalvexCmdStart(int argc, char *argv[]) {
         number = static_cast<uint32_t>(std::atoi(word[1]));
         flags |= kBootNoAutobaud;
         break;
-    default: {
-        IOReturn bad = kIOReturnBadArgument;
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, bad);
-        TalvexClose(talvex);
-        return 1;
-    }
+    default:
+        // More words are refused as a failed call would be, with the bad-argument code.
+        return TALVEX_REPORT_AND_CLOSE(talvex, kIOReturnBadArgument);
     }
 
     IOReturn result = TalvexLoadFirmware(talvex, image, number, flags);
-    if (result != 0) TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }

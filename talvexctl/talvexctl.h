@@ -7,11 +7,13 @@
 #include <cstdint>
 
 // ---------------------------------------------------------------------------
-// Diagnostics. A failed check is reported at its own site:
-//   TALVEX_ASSERT_REPORT("argc == 2", "", 0);              argument and open checks
-//   TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result); failed driver calls
-// (declared in talvex_assert.h). The diagnostic never ends the command by
-// itself: the handler releases what it holds and returns 1.
+// Diagnostics. A failed check is reported at its own site, in the handler's
+// file, with the call-site macros of talvex_assert.h and talvex_client.h:
+//   if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;   argument checks
+//   TalvexHandle *talvex = TALVEX_OPEN();                   "talvex" when the open fails
+//   return TALVEX_REPORT_AND_CLOSE(talvex, result);         "result == 0 " once more, close
+// and TALVEX_ASSERT_REPORT for the rest. The diagnostic never ends the command
+// by itself: the handler releases what it holds and returns 1.
 //
 // A request no client operation makes goes through TalvexCallScalar or
 // TalvexCallStruct (talvex_client.h), which report a failure at the client

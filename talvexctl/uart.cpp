@@ -36,10 +36,7 @@ constexpr uint8_t kContainerReplyBit = 2;   // pingreply and cmreply: a reply co
 
 // uart ping|pingreply|cmreply|raw <port> [--preamble <len> | --retry <count>] <data>
 int TalvexCmdUart(int argc, char *argv[]) {
-    if (argc <= 2) {
-        TALVEX_ASSERT_REPORT("argc >= 3", "", 0);
-        return 1;
-    }
+    if (!TALVEX_CHECK(argc >= 3, "argc >= 3")) return 1;
     const UartName *container = find_name(kContainers, argv[1]);
     if (!container) {
         std::printf("unknown container, use ping, pingreply, cmreply, or raw\n");
@@ -85,32 +82,26 @@ int TalvexCmdUart(int argc, char *argv[]) {
     uint8_t payload[kUartPayloadSize] = {};
     auto input_length = static_cast<size_t>(argc - payload_start);
     if (container->code == kContainerRaw) {
-        if (!(input_length > 0 && input_length < sizeof(payload))) {
-            TALVEX_ASSERT_REPORT("inputLength > 0 && inputLength < sizeof(inputBuffer)", "", 0);
+        if (!TALVEX_CHECK(input_length > 0 && input_length < sizeof(payload),
+                          "inputLength > 0 && inputLength < sizeof(inputBuffer)"))
             return 1;
-        }
-    } else if (!(input_length < sizeof(payload))) {
-        TALVEX_ASSERT_REPORT("inputLength < sizeof(inputBuffer)", "", 0);
+    } else if (!TALVEX_CHECK(input_length < sizeof(payload), "inputLength < sizeof(inputBuffer)")) {
         return 1;
     }
     const char *first = input_length == 1 ? argv[payload_start] : nullptr;
     if (first && std::strlen(first) >= kUartMinTextLength) {
         // One word of three characters or more is text, sent without its terminator.
         input_length = std::strlen(first);
-        if (!(input_length > 0 && input_length < sizeof(payload))) {
-            TALVEX_ASSERT_REPORT("inputLength > 0 && inputLength < sizeof(inputBuffer)", "", 0);
+        if (!TALVEX_CHECK(input_length > 0 && input_length < sizeof(payload),
+                          "inputLength > 0 && inputLength < sizeof(inputBuffer)"))
             return 1;
-        }
         std::memcpy(payload, first, input_length);
     } else {
         for (size_t i = 0; i < input_length; ++i) payload[i] = TalvexParseHexByte(argv[payload_start + i]);
     }
 
-    TalvexHandle *talvex = TalvexOpen();
-    if (!talvex) {
-        TALVEX_ASSERT_REPORT("talvex", "", 0);
-        return 1;
-    }
+    TalvexHandle *talvex = TALVEX_OPEN();
+    if (!talvex) return 1;
     uint8_t request[kUartRequestSize] = {};
     request[0] = port->code;
     request[1] = container->code;
@@ -123,11 +114,7 @@ int TalvexCmdUart(int argc, char *argv[]) {
     std::memset(reply, 0xff, sizeof reply);
     size_t reply_size = sizeof reply;
     IOReturn result = TalvexCallStruct(talvex, kTalvexUart, request, sizeof request, reply, &reply_size);
-    if (result != 0) {
-        TALVEX_ASSERT_REPORT("result == 0 ", nullptr, result);
-    } else if (with_reply) {
+    if (result == 0 && with_reply)
         TalvexHexDump(reply, static_cast<uint32_t>(reply_size < sizeof reply ? reply_size : sizeof reply));
-    }
-    TalvexClose(talvex);
-    return result != 0 ? 1 : 0;
+    return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
