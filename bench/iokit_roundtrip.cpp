@@ -12,6 +12,7 @@
 #include <string>
 
 #include "support/private_simulator.h"
+#include "talvex_driver.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ void BM_IOKitScalarCall(benchmark::State &state) {
         return;
     }
     for (auto _ : state) {
-        kern_return_t kr = IOConnectCallScalarMethod(connect, 4, nullptr, 0, nullptr, nullptr);
+        kern_return_t kr = IOConnectCallScalarMethod(connect, kTalvexMethodPing, nullptr, 0, nullptr, nullptr);
         if (kr != KERN_SUCCESS) {
             state.SkipWithError("call failed");
             break;

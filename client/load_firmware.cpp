@@ -50,7 +50,7 @@ IOReturn TalvexLoadFirmware(TalvexHandle *talvex, const char *path, uint32_t num
         input_size = static_cast<size_t>(CFDataGetLength(data));
     }
 
-    result = IOConnectCallMethod(talvex->connection, kTalvexLoadFirmware, scalars, 2, input, input_size, nullptr,
+    result = IOConnectCallMethod(talvex->connection, kTalvexMethodLoadFirmware, scalars, 2, input, input_size, nullptr,
                                  nullptr, nullptr, nullptr);
     TALVEX_CALL_OK(result);
 

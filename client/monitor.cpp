@@ -33,7 +33,7 @@ void monitor_event(uint32_t message_type, void *message_argument) {
         std::fflush(stdout);
         break;
     }
-    case kTalvexMessageTimesync: {
+    case kTalvexMessageTimeSync: {
         g_last_event_time = now;
         uint64_t ap = ~0ull, talvex = ~0ull;
         if (message_argument) {

@@ -23,7 +23,7 @@ IOReturn TalvexCallStruct(TalvexHandle *talvex, uint32_t selector, const void *i
 
 IOReturn TalvexSelectFirmware(TalvexHandle *talvex, uint64_t firmware) {
     uint64_t input[1] = {firmware};
-    return TalvexCallScalar(talvex, kTalvexSelectFirmware, input, 1, nullptr, nullptr);
+    return TalvexCallScalar(talvex, kTalvexMethodSelectFirmware, input, 1, nullptr, nullptr);
 }
 
 IOReturn TalvexGetProperty(TalvexHandle *talvex, uint8_t device, uint64_t property, void *reply,
@@ -31,7 +31,7 @@ IOReturn TalvexGetProperty(TalvexHandle *talvex, uint8_t device, uint64_t proper
     uint32_t prop = static_cast<uint32_t>(property);
     uint64_t input[2] = {device, prop};
     size_t reply_size = *size;
-    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr,
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexMethodGetProperty, input, 2, nullptr, 0, nullptr,
                                           nullptr, reply, &reply_size);
     if (result == 0) {
         *size = static_cast<uint32_t>(reply_size);
@@ -47,7 +47,7 @@ IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t proper
     uint32_t prop = static_cast<uint32_t>(property);
     uint32_t val = static_cast<uint32_t>(value);
     uint64_t input[3] = {device, prop, val};
-    IOReturn result = TalvexCallScalar(talvex, kTalvexSetProperty, input, 3, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodSetProperty, input, 3, nullptr, nullptr);
     if (result != 0) {
         std::printf("TalvexSetProperty(handle=%p,dev=%d,prop=%x,val=%x) -> %x\n", static_cast<void *>(talvex),
                     static_cast<int>(device), prop, val, static_cast<uint32_t>(result));
@@ -61,12 +61,12 @@ IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t secon
     TalvexStoreLE32(request + 4, second);
     // bytes 8..71: a text field this operation leaves zero
     size_t reply_size = kTalvexProfileQueryOutSize;
-    return TalvexCallStruct(talvex, kTalvexProfileQuery, request, sizeof request, reply, &reply_size);
+    return TalvexCallStruct(talvex, kTalvexMethodProfileEntry, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value) {
     uint64_t input[1] = {value};
-    return TalvexCallScalar(talvex, kTalvexClockRedirect, input, 1, nullptr, nullptr);
+    return TalvexCallScalar(talvex, kTalvexMethodClockRedirect, input, 1, nullptr, nullptr);
 }
 
 IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply) {
@@ -74,7 +74,7 @@ IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, 
     request[0] = first;
     TalvexStoreLE32(request + 1, second);
     size_t reply_size = kTalvexClientListOutSize;
-    return TalvexCallStruct(talvex, kTalvexClientList, request, sizeof request, reply, &reply_size);
+    return TalvexCallStruct(talvex, kTalvexMethodClientList, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg, void *reply,
@@ -85,7 +85,7 @@ IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, cons
     TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     size_t reply_size = length;
-    return TalvexCallStruct(talvex, kTalvexI2CRead, request, sizeof request, reply, &reply_size);
+    return TalvexCallStruct(talvex, kTalvexMethodI2CRead, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg,
@@ -101,13 +101,13 @@ IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, con
     TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     if (length) std::memcpy(request + 5, data, length);
-    return TalvexCallStruct(talvex, kTalvexI2CWrite, request, sizeof request, nullptr, nullptr);
+    return TalvexCallStruct(talvex, kTalvexMethodI2CWrite, request, sizeof request, nullptr, nullptr);
 }
 
 IOReturn TalvexPerfmonCall(TalvexHandle *talvex, uint32_t first, uint32_t second, const void *input,
                            size_t input_size, void *output, size_t *output_size) {
     uint64_t scalars[2] = {first, second};
-    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexPerfmon, scalars, 2, input, input_size,
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexMethodPerfMonitor, scalars, 2, input, input_size,
                                           nullptr, nullptr, output, output_size);
     TALVEX_CALL_OK(result);
     return result;

@@ -5,6 +5,7 @@
 
 #include "talvex_assert.h"
 #include "talvex_bytes.h"
+#include "talvex_driver.h"
 
 #include <IOKit/IOKitLib.h>
 
@@ -80,52 +81,9 @@ inline int TalvexReportAndCloseAt(TalvexHandle *talvex, IOReturn result, const c
 }
 
 // ---------------------------------------------------------------------------
-// Driver methods. Each operation calls exactly one method and returns its code;
-// a non-zero code is reported ("result == 0 ") by the operation itself.
-
-enum : uint32_t {
-    kTalvexSelectFirmware = 0,
-    kTalvexReset = 1,
-    kTalvexLoadFirmware = 2,
-    kTalvexStop = 3,
-    kTalvexPing = 4,
-    kTalvexSpi = 5,
-    kTalvexReadReg = 6,
-    kTalvexWriteReg = 7,
-    kTalvexBB = 8,
-    kTalvexCma = 9,
-    kTalvexTimesync = 10,
-    kTalvexGpioSet = 11,
-    kTalvexGpioRead = 12,
-    kTalvexGetProperty = 13,
-    kTalvexSetProperty = 14,
-    kTalvexConn = 15,
-    kTalvexPmu = 16,
-    kTalvexSetState = 17,
-    kTalvexWake = 18,
-    kTalvexProfileStart = 19,
-    kTalvexProfileStop = 20,
-    kTalvexProfileReset = 21,
-    kTalvexProfileInfo = 22,
-    kTalvexProfileQuery = 23,
-    kTalvexPowerLogStart = 24,
-    kTalvexPowerLogStop = 25,
-    kTalvexPowerLogReset = 26,
-    kTalvexPowerLogGet = 27,
-    kTalvexClockRedirect = 28,
-    kTalvexSetBaudRate = 29,
-    kTalvexClientList = 30,
-    kTalvexPanic = 31,
-    kTalvexClockMeasure = 32,
-    kTalvexReport = 33,
-    kTalvexI2CRead = 34,
-    kTalvexI2CWrite = 35,
-    kTalvexUart = 36,
-    kTalvexMemRead = 37,
-    kTalvexMemWrite = 38,
-    kTalvexPerfmon = 39,
-    kTalvexHalt = 40,
-};
+// Driver methods (selectors in talvex_driver.h). Each operation calls exactly
+// one method and returns its code; a non-zero code is reported ("result == 0 ")
+// by the operation itself.
 
 inline constexpr size_t kTalvexProfileQueryInSize = 72;
 inline constexpr size_t kTalvexProfileQueryOutSize = 82;
@@ -196,17 +154,6 @@ struct TalvexStateName {
 
 // "off" .. "panic", ended by a row with a null name.
 extern const TalvexStateName kTalvexStateNames[];
-
-inline constexpr uint32_t kTalvexStateOff = 0x0;
-inline constexpr uint32_t kTalvexStateStopped = 0x10000;
-inline constexpr uint32_t kTalvexStateBooting = 0x10001;
-inline constexpr uint32_t kTalvexStateBooted = 0x10002;
-inline constexpr uint32_t kTalvexStateNotResponding = 0x10003;
-inline constexpr uint32_t kTalvexStatePanic = 0x10004;
-
-// Interest messages of the driver.
-inline constexpr uint32_t kTalvexMessageStateChanged = 0xe0000130;
-inline constexpr uint32_t kTalvexMessageTimesync = 0xe3ff8100;
 
 // The name of a state value; "unknown" when no row has that value.
 const char *TalvexStateNameFor(uint64_t value);

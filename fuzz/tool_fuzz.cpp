@@ -227,8 +227,8 @@ IOReturn code(FuzzedDataProvider &in) {
 }
 
 constexpr uint64_t kStates[] = {
-    sim::kTalvexStateOff,    sim::kTalvexStateStopped,       sim::kTalvexStateBooting,
-    sim::kTalvexStateBooted, sim::kTalvexStateNotResponding, sim::kTalvexStatePanic,
+    kTalvexStateOff,    kTalvexStateStopped,       kTalvexStateBooting,
+    kTalvexStateBooted, kTalvexStateNotResponding, kTalvexStatePanic,
 };
 
 constexpr uint64_t kSteps[] = {0, 1'000'000, 100'000'000, 2 * sim::kNanosPerSecond};
@@ -243,7 +243,7 @@ void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
     for (size_t i = 0; i < stubs; ++i) {
         sim::CallStub stub;
         stub.service = sim::kCoprocessorClass;
-        stub.selector = in.ConsumeIntegralInRange<uint32_t>(0, 41);
+        stub.selector = in.ConsumeIntegralInRange<uint32_t>(0, kTalvexMethodCount);   // one beyond the last
         stub.code = code(in);
         if (in.ConsumeBool()) {
             stub.output = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 300));

@@ -2,6 +2,7 @@
 // the interest list, the hub connection, the buffer walk that cuts a hub
 // buffer image into per-channel samples, and raw element access.
 #include "internal.h"
+#include "talvex_driver.h"
 
 #include <dispatch/dispatch.h>
 
@@ -12,13 +13,6 @@
 using namespace ioreport;
 
 namespace {
-
-// Hub external methods.
-enum : uint32_t {
-    kSelectorOpen = 0,
-    kSelectorConfigureInterests = 2,
-    kSelectorUpdateBuffer = 3,
-};
 
 // A subscription: the object header, then the three fields.
 struct SubscriptionObject {
@@ -56,7 +50,7 @@ IOReturn openHub(CFErrorRef *error) {
     if (rc != kIOReturnSuccess) {
         setError(error, rc, "Could not open IOReportHub");
     } else {
-        rc = IOConnectCallScalarMethod(conn, kSelectorOpen, nullptr, 0, nullptr, nullptr);
+        rc = IOConnectCallScalarMethod(conn, kIOReportUserClientOpen, nullptr, 0, nullptr, nullptr);
         if (rc != kIOReturnSuccess) {
             setError(error, rc, "kIOReportUserClientOpen failed");
             IOServiceClose(conn);
@@ -130,8 +124,8 @@ IOReportSubscriptionRef IOReportCreateSubscription(CFAllocatorRef allocator, CFM
 
     uint64_t token = 0;
     uint32_t outputs = 1;
-    rc = IOConnectCallMethod(gHub, kSelectorConfigureInterests, nullptr, 0, interests.data(), interests.size(), &token,
-                             &outputs, nullptr, nullptr);
+    rc = IOConnectCallMethod(gHub, kIOReportUserClientConfigureInterests, nullptr, 0, interests.data(),
+                             interests.size(), &token, &outputs, nullptr, nullptr);
     if (rc != kIOReturnSuccess) {
         setError(error, rc, "kIOReportUserClientConfigureInterests failed");
         return nullptr;
@@ -156,8 +150,8 @@ IOReturn updateKernelBuffer(IOReportSubscriptionRef subscription, CFErrorRef *er
     if (!gHub) return kIOReturnNotOpen;
     if (!subscription) return kIOReturnBadArgument;
     uint64_t token = fieldsOf(subscription)->token;
-    IOReturn rc = IOConnectCallMethod(gHub, kSelectorUpdateBuffer, &token, 1, nullptr, 0, nullptr, nullptr, nullptr,
-                                      nullptr);
+    IOReturn rc = IOConnectCallMethod(gHub, kIOReportUserClientUpdateKernelBuffer, &token, 1, nullptr, 0, nullptr,
+                                      nullptr, nullptr, nullptr);
     if (rc != kIOReturnSuccess) setError(error, rc, nullptr);
     return rc;
 }

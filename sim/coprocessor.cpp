@@ -27,47 +27,47 @@ void define_coprocessor_methods(MethodTable &t) {
     const MethodShape scalar_call{};   // no arguments at all
     auto scalars = [](uint64_t n) { return MethodShape{exactly(n), none(), none(), none()}; };
 
-    t.define(0, scalars(1));                                              // select firmware
-    t.define(1, scalar_call);                                             // reset
-    t.define(2, {exactly(2), between(0, 32768), none(), none()});        // start: number, flags, image dictionary
-    t.define(3, scalar_call);                                             // stop
-    t.define(4, scalar_call);                                             // ping
-    t.define(5, {none(), between(3, 128), exactly(128), none()});        // SPI transfer
-    t.define(6, {none(), exactly(3), between(0, 16), none()});           // register read
-    t.define(7, {none(), exactly(19), none(), none()});                  // register write
-    t.define(8, scalars(1));                                              // context limit
-    t.define(9, {none(), between(0, 256), none(), none()});              // raw bytes
-    t.define(10, scalar_call);                                            // time synchronisation
-    t.define(11, scalars(2));                                             // GPIO set
-    t.define(12, {exactly(1), none(), none(), exactly(1)});              // GPIO read
-    t.define(13, {exactly(2), none(), between(0, 128), none()});         // device property read
-    t.define(14, scalars(3));                                             // device property write
-    t.define(15, scalar_call);                                            // connect
-    t.define(16, scalars(1));                                             // power rails
-    t.define(17, scalars(1));                                             // power-state assertion
-    t.define(18, scalars(1));                                             // wake
-    t.define(19, scalar_call);                                            // profiler start
-    t.define(20, scalar_call);                                            // profiler stop
-    t.define(21, scalar_call);                                            // profiler reset
-    t.define(22, {none(), none(), exactly(12), none()});                 // profile summary
-    t.define(23, {none(), exactly(72), exactly(82), none()});            // profile entry
-    t.define(24, scalar_call);                                            // power log start
-    t.define(25, scalar_call);                                            // power log stop
-    t.define(26, scalar_call);                                            // power log reset
-    t.define(27, {none(), none(), exactly(196), none()});                // power log read
-    t.define(28, scalars(1));                                             // clock redirect
-    t.define(29, scalars(1));                                             // baud rate
-    t.define(30, {none(), exactly(5), exactly(89), none()});             // client list
-    t.define(31, {none(), between(0, 256), none(), none()});             // panic, optional text
-    t.define(32, {none(), exactly(4), exactly(8), none()});              // clock measurement
-    t.define(33, scalar_call);                                            // test report
-    t.define(34, {none(), exactly(5), between(0, 16), none()});          // I2C read
-    t.define(35, {none(), exactly(21), none(), none()});                 // I2C write
-    t.define(36, {none(), exactly(109), between(0, 128), none()});       // UART test frame
-    t.define(37, {none(), exactly(6), between(0, 16), none()});          // memory read
-    t.define(38, {none(), exactly(22), none(), none()});                 // memory write
-    t.define(39, {exactly(2), between(0, 256), between(0, 256), none()});   // performance monitor
-    t.define(40, scalars(3));                                             // halt
+    t.define(kTalvexMethodSelectFirmware, scalars(1));
+    t.define(kTalvexMethodReset, scalar_call);
+    t.define(kTalvexMethodLoadFirmware, {exactly(2), between(0, 32768), none(), none()});   // image dictionary
+    t.define(kTalvexMethodStop, scalar_call);
+    t.define(kTalvexMethodPing, scalar_call);
+    t.define(kTalvexMethodSpiTransfer, {none(), between(3, 128), exactly(128), none()});
+    t.define(kTalvexMethodRegisterRead, {none(), exactly(3), between(0, 16), none()});
+    t.define(kTalvexMethodRegisterWrite, {none(), exactly(19), none(), none()});
+    t.define(kTalvexMethodSetContextLimit, scalars(1));
+    t.define(kTalvexMethodRawBytes, {none(), between(0, 256), none(), none()});
+    t.define(kTalvexMethodTimeSync, scalar_call);
+    t.define(kTalvexMethodGpioSet, scalars(2));
+    t.define(kTalvexMethodGpioRead, {exactly(1), none(), none(), exactly(1)});
+    t.define(kTalvexMethodGetProperty, {exactly(2), none(), between(0, 128), none()});
+    t.define(kTalvexMethodSetProperty, scalars(3));
+    t.define(kTalvexMethodConnect, scalar_call);
+    t.define(kTalvexMethodPowerRails, scalars(1));
+    t.define(kTalvexMethodPowerAssertion, scalars(1));
+    t.define(kTalvexMethodWake, scalars(1));
+    t.define(kTalvexMethodProfileStart, scalar_call);
+    t.define(kTalvexMethodProfileStop, scalar_call);
+    t.define(kTalvexMethodProfileReset, scalar_call);
+    t.define(kTalvexMethodProfileSummary, {none(), none(), exactly(12), none()});
+    t.define(kTalvexMethodProfileEntry, {none(), exactly(72), exactly(82), none()});
+    t.define(kTalvexMethodPowerLogStart, scalar_call);
+    t.define(kTalvexMethodPowerLogStop, scalar_call);
+    t.define(kTalvexMethodPowerLogReset, scalar_call);
+    t.define(kTalvexMethodPowerLogRead, {none(), none(), exactly(196), none()});
+    t.define(kTalvexMethodClockRedirect, scalars(1));
+    t.define(kTalvexMethodSetBaudRate, scalars(1));
+    t.define(kTalvexMethodClientList, {none(), exactly(5), exactly(89), none()});
+    t.define(kTalvexMethodPanic, {none(), between(0, 256), none(), none()});   // optional text
+    t.define(kTalvexMethodClockMeasure, {none(), exactly(4), exactly(8), none()});
+    t.define(kTalvexMethodTestReport, scalar_call);
+    t.define(kTalvexMethodI2CRead, {none(), exactly(5), between(0, 16), none()});
+    t.define(kTalvexMethodI2CWrite, {none(), exactly(21), none(), none()});
+    t.define(kTalvexMethodUartTest, {none(), exactly(109), between(0, 128), none()});
+    t.define(kTalvexMethodMemoryRead, {none(), exactly(6), between(0, 16), none()});
+    t.define(kTalvexMethodMemoryWrite, {none(), exactly(22), none(), none()});
+    t.define(kTalvexMethodPerfMonitor, {exactly(2), between(0, 256), between(0, 256), none()});
+    t.define(kTalvexMethodHalt, scalars(3));
 }
 
 Coprocessor::Coprocessor(Simulation &sim, Service &service) : sim_(sim), service_(service) {

@@ -1,5 +1,6 @@
 // The coprocessor driver (ZantraTalvexProcessor): its state, its registry
-// properties and its user client's external methods 0 to 40.
+// properties and its user client's external methods 0 to 40 (selectors,
+// states and messages in talvex_driver.h).
 //
 // Every selector is declared with the argument shape the driver accepts (see
 // define_coprocessor_methods). Behaviour is added per area in files of its
@@ -18,27 +19,12 @@
 
 #include "methods.h"
 #include "registry.h"
+#include "talvex_driver.h"
 #include "user_client.h"
 
 namespace talvex::sim {
 
 class Simulation;
-
-// Coprocessor states, as the "talvex-state" property holds them.
-enum : uint64_t {
-    kTalvexStateOff = 0x0,
-    kTalvexStateStopped = 0x10000,
-    kTalvexStateBooting = 0x10001,
-    kTalvexStateBooted = 0x10002,
-    kTalvexStateNotResponding = 0x10003,
-    kTalvexStatePanic = 0x10004,
-};
-
-// The driver's interest messages.
-inline constexpr uint32_t kTalvexMessageStateChanged = kIOMessageServiceStateChanged;   // argument: the new state
-inline constexpr uint32_t kTalvexMessageTimeSync = iokit_vendor_specific_msg(0x100);     // argument: two u64 times
-
-inline constexpr uint32_t kCoprocessorSelectorCount = 41;
 
 // Declares selectors 0 to 40 with their argument shapes.
 void define_coprocessor_methods(MethodTable &table);

@@ -6,15 +6,12 @@
 
 #include "methods.h"
 #include "simulation.h"
+#include "talvex_driver.h"
 #include "wire.h"
 
 namespace talvex::sim {
 
 namespace {
-
-constexpr uint32_t kSelectorOpen = 0;
-constexpr uint32_t kSelectorConfigure = 2;
-constexpr uint32_t kSelectorUpdate = 3;
 
 constexpr size_t kInterestHeader = 8;
 constexpr size_t kInterestEntry = 24;
@@ -27,13 +24,14 @@ constexpr size_t kAbsent = std::numeric_limits<size_t>::max();
 class HubClient final : public UserClient {
 public:
     explicit HubClient(ReportHub &hub) : hub_(hub) {
-        methods_.define(kSelectorOpen, MethodShape{}, [this](const CallArgs &, CallReply &) {
+        methods_.define(kIOReportUserClientOpen, MethodShape{}, [this](const CallArgs &, CallReply &) {
             opened_ = true;
             return kIOReturnSuccess;
         });
-        methods_.define(kSelectorConfigure, {none(), between(kInterestHeader, wire::kMaxFrame), none(), between(1, 16)},
+        methods_.define(kIOReportUserClientConfigureInterests,
+                        {none(), between(kInterestHeader, wire::kMaxFrame), none(), between(1, 16)},
                         [this](const CallArgs &a, CallReply &r) { return configure(a, r); });
-        methods_.define(kSelectorUpdate, {exactly(1), none(), none(), between(0, 16)},
+        methods_.define(kIOReportUserClientUpdateKernelBuffer, {exactly(1), none(), none(), between(0, 16)},
                         [this](const CallArgs &a, CallReply &) { return update(a.scalars[0]); });
     }
 

@@ -14,24 +14,24 @@ namespace talvex::sim {
 
 namespace {
 
-constexpr uint8_t kGyro = 0, kAccel = 1, kCompass = 2, kTalvex = 3, kPressure = 4, kCorvel = 5, kProx = 6;
-
 struct FixedRegister {
     uint8_t device, reg, value;
 };
 
 // Identity registers: read-only, the same on every part.
 constexpr FixedRegister kIdentity[] = {
-    {kGyro, 0x0f, 0xd7},     {kAccel, 0x0f, 0x33},    {kCompass, 0x0a, 'H'}, {kCompass, 0x0b, '4'},
-    {kCompass, 0x0c, '3'},   {kTalvex, 0x00, 'T'},    {kTalvex, 0x01, 'L'},  {kTalvex, 0x02, 'V'},
-    {kTalvex, 0x03, 'X'},    {kTalvex, 0x04, 0x21},   {kPressure, 0xd0, 0x58}, {kCorvel, 0x00, 0xc5},
-    {kCorvel, 0x01, 0x02},   {kProx, 0x92, 0xab},
+    {kTalvexDeviceGyro, 0x0f, 0xd7}, {kTalvexDeviceAccel, 0x0f, 0x33}, {kTalvexDeviceCompass, 0x0a, 'H'},
+    {kTalvexDeviceCompass, 0x0b, '4'}, {kTalvexDeviceCompass, 0x0c, '3'}, {kTalvexDeviceTalvex, 0x00, 'T'},
+    {kTalvexDeviceTalvex, 0x01, 'L'}, {kTalvexDeviceTalvex, 0x02, 'V'}, {kTalvexDeviceTalvex, 0x03, 'X'},
+    {kTalvexDeviceTalvex, 0x04, 0x21}, {kTalvexDevicePressure, 0xd0, 0x58}, {kTalvexDeviceCorvel, 0x00, 0xc5},
+    {kTalvexDeviceCorvel, 0x01, 0x02}, {kTalvexDeviceProx, 0x92, 0xab},
 };
 
 // Power-on values of writable registers (all others start at 0).
 constexpr FixedRegister kPowerOn[] = {
-    {kGyro, 0x20, 0x07},     {kAccel, 0x20, 0x07},    {kCompass, 0x00, 0x10}, {kCompass, 0x01, 0x20},
-    {kCompass, 0x02, 0x03},  {kPressure, 0xf4, 0x27}, {kPressure, 0xf5, 0xa0}, {kProx, 0x80, 0x03},
+    {kTalvexDeviceGyro, 0x20, 0x07}, {kTalvexDeviceAccel, 0x20, 0x07}, {kTalvexDeviceCompass, 0x00, 0x10},
+    {kTalvexDeviceCompass, 0x01, 0x20}, {kTalvexDeviceCompass, 0x02, 0x03}, {kTalvexDevicePressure, 0xf4, 0x27},
+    {kTalvexDevicePressure, 0xf5, 0xa0}, {kTalvexDeviceProx, 0x80, 0x03},
 };
 
 // Registers whose value follows the clock: [first, last] per device.
@@ -39,7 +39,8 @@ struct LiveSpan {
     uint8_t device, first, last;
 };
 constexpr LiveSpan kLive[] = {
-    {kGyro, 0x28, 0x2d}, {kAccel, 0x28, 0x2d}, {kCompass, 0x03, 0x08}, {kPressure, 0xf7, 0xf9}, {kProx, 0x9c, 0x9d},
+    {kTalvexDeviceGyro, 0x28, 0x2d}, {kTalvexDeviceAccel, 0x28, 0x2d}, {kTalvexDeviceCompass, 0x03, 0x08},
+    {kTalvexDevicePressure, 0xf7, 0xf9}, {kTalvexDeviceProx, 0x9c, 0x9d},
 };
 
 bool is_identity(uint8_t device, uint8_t reg) {
@@ -73,7 +74,7 @@ int bus_wobble(uint64_t now_ns, uint32_t period_ms, int amplitude) {
 }
 
 BusModel::BusModel(Coprocessor &cop) : cop_(cop) {
-    for (uint8_t d = 0; d < kDeviceCount; ++d) reset_registers(d);
+    for (uint8_t d = 0; d < kTalvexDeviceCount; ++d) reset_registers(d);
 
     spi_controller_[0x0f] = 0x6c;   // WHO_AM_I
     spi_controller_[0x10] = 0x01;   // power-on control value
@@ -113,7 +114,7 @@ void BusModel::trace_event(const std::string &fields) {
 // Sensor registers.
 
 bool BusModel::powered(uint8_t device) const {
-    return (device != kGyro && device != kAccel) || (rails_ & kRailImu) != 0;
+    return (device != kTalvexDeviceGyro && device != kTalvexDeviceAccel) || (rails_ & kRailImu) != 0;
 }
 
 void BusModel::reset_registers(uint8_t device) {
@@ -131,25 +132,25 @@ uint8_t BusModel::register_value(uint8_t device, uint8_t reg) const {
     uint64_t t = now_ns();
     auto at = static_cast<unsigned>(reg - span->first);
     switch (device) {
-    case kGyro: {   // angular rate, LE16 x, y, z: a still device's noise
+    case kTalvexDeviceGyro: {   // angular rate, LE16 x, y, z: a still device's noise
         int v[3] = {bus_wobble(t, 1000, 12), bus_wobble(t, 1300, 9), bus_wobble(t, 700, 15)};
         return at % 2 ? hi(v[at / 2]) : lo(v[at / 2]);
     }
-    case kAccel: {   // LE16 x, y, z at 16384 per g: lying flat
+    case kTalvexDeviceAccel: {   // LE16 x, y, z at 16384 per g: lying flat
         int v[3] = {bus_wobble(t, 900, 40), bus_wobble(t, 1100, 40), 16384 + bus_wobble(t, 1500, 60)};
         return at % 2 ? hi(v[at / 2]) : lo(v[at / 2]);
     }
-    case kCompass: {   // BE16 x, z, y
+    case kTalvexDeviceCompass: {   // BE16 x, z, y
         int v[3] = {220 + bus_wobble(t, 4000, 6), -410 + bus_wobble(t, 4500, 6), 95 + bus_wobble(t, 5000, 6)};
         return at % 2 ? lo(v[at / 2]) : hi(v[at / 2]);
     }
-    case kPressure: {   // 20-bit raw pressure: msb, lsb, xlsb (top nibble)
+    case kTalvexDevicePressure: {   // 20-bit raw pressure: msb, lsb, xlsb (top nibble)
         auto p = static_cast<uint32_t>(415148 + bus_wobble(t, 5000, 300));
         uint8_t bytes[3] = {static_cast<uint8_t>(p >> 12), static_cast<uint8_t>(p >> 4),
                             static_cast<uint8_t>((p & 0xf) << 4)};
         return bytes[at];
     }
-    case kProx: {   // LE16 count: nothing near
+    case kTalvexDeviceProx: {   // LE16 count: nothing near
         int v = 180 + bus_wobble(t, 2000, 25);
         return at ? hi(v) : lo(v);
     }
@@ -167,7 +168,7 @@ IOReturn BusModel::read_registers(const CallArgs &a, CallReply &r) {
     if (!booted()) return kIOReturnNotReady;
     if (a.input.size() != 3) return kIOReturnBadArgument;
     uint8_t device = a.input[0], reg = a.input[1], count = a.input[2];
-    if (device >= kDeviceCount) return kIOReturnNoDevice;
+    if (device >= kTalvexDeviceCount) return kIOReturnNoDevice;
     if (count > 16) return kIOReturnBadArgument;
     if (!powered(device)) return kIOReturnNoPower;
     r.output.resize(count);
@@ -180,7 +181,7 @@ IOReturn BusModel::write_registers(const CallArgs &a, CallReply &) {
     if (!booted()) return kIOReturnNotReady;
     if (a.input.size() != 19) return kIOReturnBadArgument;
     uint8_t device = a.input[0], reg = a.input[1], count = a.input[2];
-    if (device >= kDeviceCount) return kIOReturnNoDevice;
+    if (device >= kTalvexDeviceCount) return kIOReturnNoDevice;
     if (count == 0 || count > 16) return kIOReturnBadArgument;
     if (!powered(device)) return kIOReturnNoPower;
     for (uint8_t i = 0; i < count; ++i) register_store(device, static_cast<uint8_t>(reg + i), a.input[3 + i]);
@@ -241,8 +242,8 @@ IOReturn BusModel::power_rails(const CallArgs &a, CallReply &) {
     rails_ = static_cast<uint32_t>(a.scalars[0]);
     // The IMU parts lose their registers when their rail goes down.
     if ((previous & kRailImu) && !(rails_ & kRailImu)) {
-        reset_registers(kGyro);
-        reset_registers(kAccel);
+        reset_registers(kTalvexDeviceGyro);
+        reset_registers(kTalvexDeviceAccel);
     }
     std::string on;
     for (uint32_t bit = 0; bit < 3; ++bit)
@@ -308,19 +309,19 @@ void install_bus_methods(Coprocessor &cop) {
         cop.methods().set_handler(selector,
                                   [model, method](const CallArgs &a, CallReply &r) { return (*model.*method)(a, r); });
     };
-    bind(5, &BusModel::spi);
-    bind(6, &BusModel::read_registers);
-    bind(7, &BusModel::write_registers);
-    bind(8, &BusModel::context_limit);
-    bind(9, &BusModel::raw_bytes);
-    bind(11, &BusModel::gpio_set);
-    bind(12, &BusModel::gpio_read);
-    bind(16, &BusModel::power_rails);
-    bind(34, &BusModel::i2c_read);
-    bind(35, &BusModel::i2c_write);
-    bind(36, &BusModel::uart);
-    bind(37, &BusModel::memory_read);
-    bind(38, &BusModel::memory_write);
+    bind(kTalvexMethodSpiTransfer, &BusModel::spi);
+    bind(kTalvexMethodRegisterRead, &BusModel::read_registers);
+    bind(kTalvexMethodRegisterWrite, &BusModel::write_registers);
+    bind(kTalvexMethodSetContextLimit, &BusModel::context_limit);
+    bind(kTalvexMethodRawBytes, &BusModel::raw_bytes);
+    bind(kTalvexMethodGpioSet, &BusModel::gpio_set);
+    bind(kTalvexMethodGpioRead, &BusModel::gpio_read);
+    bind(kTalvexMethodPowerRails, &BusModel::power_rails);
+    bind(kTalvexMethodI2CRead, &BusModel::i2c_read);
+    bind(kTalvexMethodI2CWrite, &BusModel::i2c_write);
+    bind(kTalvexMethodUartTest, &BusModel::uart);
+    bind(kTalvexMethodMemoryRead, &BusModel::memory_read);
+    bind(kTalvexMethodMemoryWrite, &BusModel::memory_write);
 }
 
 }  // namespace talvex::sim

@@ -92,6 +92,7 @@
 #include <vector>
 
 #include "coprocessor.h"
+#include "talvex_driver.h"
 #include "user_client.h"
 
 namespace talvex::sim {
@@ -102,7 +103,6 @@ int bus_wobble(uint64_t now_ns, uint32_t period_ms, int amplitude);
 
 class BusModel {
 public:
-    static constexpr size_t kDeviceCount = 7;
     static constexpr size_t kRegisterCount = 256;
     static constexpr size_t kGpioCount = 32;
     static constexpr size_t kMemoryBlocks = 4;
@@ -161,7 +161,7 @@ private:
     uint8_t memory_value(size_t block, uint32_t address) const;
 
     Coprocessor &cop_;
-    std::array<RegisterFile, kDeviceCount> registers_{};
+    std::array<RegisterFile, kTalvexDeviceCount> registers_{};
     RegisterFile spi_controller_{};
     std::vector<I2CTarget> i2c_;
     std::array<uint8_t, kGpioCount> gpio_{};

@@ -126,7 +126,7 @@ IOReturn BusModel::spi(const CallArgs &a, CallReply &r) {
     if (length != a.input.size() - kSpiHeader) return kIOReturnBadArgument;
     if (chip_select & kSpiDeviceBit) {
         uint8_t device = chip_select & kSpiAddressMask;
-        if (device >= kDeviceCount) return kIOReturnBadArgument;
+        if (device >= kTalvexDeviceCount) return kIOReturnBadArgument;
         if (!powered(device)) return kIOReturnNoPower;
     } else if (chip_select > kSpiLastPlain) {
         return kIOReturnBadArgument;

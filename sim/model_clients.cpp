@@ -28,10 +28,11 @@ struct Client {
     int32_t polling_us, report_us, threshold, time_limit_ms;
 };
 
-const char *const kDeviceNames[kDeviceCount] = {"gyro", "accel", "compass", "talvex", "pressure", "corvel", "prox"};
+const char *const kDeviceNames[kTalvexDeviceCount] = {"gyro",     "accel",  "compass", "talvex",
+                                                       "pressure", "corvel", "prox"};
 
 const std::vector<Client> &clients_of(uint32_t device) {
-    static const std::vector<Client> kClients[kDeviceCount] = {
+    static const std::vector<Client> kClients[kTalvexDeviceCount] = {
         // gyro
         {{"motiond.attitude", 10'000, 20'000, 0, 0},
          {"com.zantra.sensorhub.calibration-daemon", 20'000, 1'000'000, 5, 60'000}},

@@ -170,22 +170,27 @@ void install_diag_methods(Coprocessor &cop) {
             return body(*model, a, reply);
         });
     };
-    bind(13, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.get_property(a, r); });
-    bind(14, [](DiagModel &m, const CallArgs &a, CallReply &) { return m.set_property(a); });
-    bind(19, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.start(); });
-    bind(20, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.stop(); });
-    bind(21, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.reset(); });
-    bind(22, [](DiagModel &m, const CallArgs &, CallReply &r) { return m.profiler.summary(r); });
-    bind(23, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.profiler.entry(a, r); });
-    bind(24, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.start(); });
-    bind(25, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.stop(); });
-    bind(26, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.reset(); });
-    bind(27, [](DiagModel &m, const CallArgs &, CallReply &r) { return m.powerlog.read(r); });
-    bind(28, [](DiagModel &m, const CallArgs &a, CallReply &) { return m.clocks.redirect(a.scalars[0]); });
-    bind(29, [](DiagModel &m, const CallArgs &a, CallReply &) { return m.set_baud(a.scalars[0]); });
-    bind(30, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.clients.query(a, r); });
-    bind(32, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.clocks.measure(a, r); });
-    bind(39, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.perfmon.call(a, r); });
+    bind(kTalvexMethodGetProperty, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.get_property(a, r); });
+    bind(kTalvexMethodSetProperty, [](DiagModel &m, const CallArgs &a, CallReply &) { return m.set_property(a); });
+    bind(kTalvexMethodProfileStart, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.start(); });
+    bind(kTalvexMethodProfileStop, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.stop(); });
+    bind(kTalvexMethodProfileReset, [](DiagModel &m, const CallArgs &, CallReply &) { return m.profiler.reset(); });
+    bind(kTalvexMethodProfileSummary,
+         [](DiagModel &m, const CallArgs &, CallReply &r) { return m.profiler.summary(r); });
+    bind(kTalvexMethodProfileEntry,
+         [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.profiler.entry(a, r); });
+    bind(kTalvexMethodPowerLogStart, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.start(); });
+    bind(kTalvexMethodPowerLogStop, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.stop(); });
+    bind(kTalvexMethodPowerLogReset, [](DiagModel &m, const CallArgs &, CallReply &) { return m.powerlog.reset(); });
+    bind(kTalvexMethodPowerLogRead, [](DiagModel &m, const CallArgs &, CallReply &r) { return m.powerlog.read(r); });
+    bind(kTalvexMethodClockRedirect,
+         [](DiagModel &m, const CallArgs &a, CallReply &) { return m.clocks.redirect(a.scalars[0]); });
+    bind(kTalvexMethodSetBaudRate,
+         [](DiagModel &m, const CallArgs &a, CallReply &) { return m.set_baud(a.scalars[0]); });
+    bind(kTalvexMethodClientList, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.clients.query(a, r); });
+    bind(kTalvexMethodClockMeasure,
+         [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.clocks.measure(a, r); });
+    bind(kTalvexMethodPerfMonitor, [](DiagModel &m, const CallArgs &a, CallReply &r) { return m.perfmon.call(a, r); });
 }
 
 }  // namespace talvex::sim

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "clock.h"
+#include "talvex_driver.h"
 #include "user_client.h"
 
 namespace talvex::sim {
@@ -34,18 +35,6 @@ namespace talvex::sim {
 class Coprocessor;
 
 namespace diag {
-
-// Device identifiers as the firmware numbers them.
-enum Device : uint8_t {
-    kGyro = 0,
-    kAccel = 1,
-    kCompass = 2,
-    kTalvex = 3,
-    kPressure = 4,
-    kCorvel = 5,
-    kProx = 6,
-};
-inline constexpr uint32_t kDeviceCount = 7;
 
 inline constexpr uint64_t kNanosPerMilli = 1'000'000;
 inline constexpr uint64_t kNanosPerMicro = 1'000;
@@ -121,7 +110,7 @@ public:
     // a value the property does not take.
     IOReturn set(uint32_t device, uint32_t property, uint32_t value);
 
-    bool exists(uint32_t device) const { return device < kDeviceCount; }
+    bool exists(uint32_t device) const { return device < kTalvexDeviceCount; }
     // The device's sample rate in millihertz (from its sample interval).
     uint64_t sample_millihertz(uint32_t device);
 
@@ -274,8 +263,8 @@ private:
     uint64_t seen_run_ = 0;
     uint64_t last_ns_ = 0;
     uint64_t step_ = 0;
-    std::array<uint32_t, kDeviceCount> modes_{};
-    std::array<std::vector<Stage>, kDeviceCount> stages_;
+    std::array<uint32_t, kTalvexDeviceCount> modes_{};
+    std::array<std::vector<Stage>, kTalvexDeviceCount> stages_;
 };
 
 }  // namespace diag

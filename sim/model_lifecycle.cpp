@@ -310,18 +310,18 @@ void install_lifecycle_methods(Coprocessor &cop) {
         cop.methods().set_handler(selector,
                                   [model, method](const CallArgs &a, CallReply &) { return (*model.*method)(a); });
     };
-    bind(0, &Lifecycle::select_firmware);
-    bind(1, &Lifecycle::reset);
-    bind(2, &Lifecycle::start);
-    bind(3, &Lifecycle::stop);
-    bind(4, &Lifecycle::ping);
-    bind(10, &Lifecycle::timesync);
-    bind(15, &Lifecycle::connect);
-    bind(17, &Lifecycle::power_state);
-    bind(18, &Lifecycle::wake);
-    bind(31, &Lifecycle::panic);
-    bind(33, &Lifecycle::report);
-    bind(40, &Lifecycle::halt);
+    bind(kTalvexMethodSelectFirmware, &Lifecycle::select_firmware);
+    bind(kTalvexMethodReset, &Lifecycle::reset);
+    bind(kTalvexMethodLoadFirmware, &Lifecycle::start);
+    bind(kTalvexMethodStop, &Lifecycle::stop);
+    bind(kTalvexMethodPing, &Lifecycle::ping);
+    bind(kTalvexMethodTimeSync, &Lifecycle::timesync);
+    bind(kTalvexMethodConnect, &Lifecycle::connect);
+    bind(kTalvexMethodPowerAssertion, &Lifecycle::power_state);
+    bind(kTalvexMethodWake, &Lifecycle::wake);
+    bind(kTalvexMethodPanic, &Lifecycle::panic);
+    bind(kTalvexMethodTestReport, &Lifecycle::report);
+    bind(kTalvexMethodHalt, &Lifecycle::halt);
 }
 
 }  // namespace talvex::sim

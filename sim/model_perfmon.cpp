@@ -33,30 +33,30 @@ constexpr uint64_t kDrawsPerUpdate = 8;
 std::vector<PerfMonitor::Stage> stages_of(uint32_t device) {
     // name, low, high, fixed rate (mHz; 0 follows the device)
     switch (device) {
-    case kGyro:
+    case kTalvexDeviceGyro:
         return {{"isr", 4, 31, 0, {}},       {"fifo", 22, 140, 0, {}},  {"calib", 8, 45, 0, {}},
                 {"fusion", 180, 960, 0, {}}, {"report", 35, 410, 0, {}}};
-    case kAccel:
+    case kTalvexDeviceAccel:
         return {{"isr", 4, 28, 0, {}},        {"fifo", 18, 120, 0, {}},   {"calib", 6, 40, 0, {}},
                 {"fusion", 170, 940, 0, {}},  {"gesture", 60, 520, 0, {}}, {"report", 30, 390, 0, {}},
                 {"timesync", 12, 95, 1'000, {}}};
-    case kCompass:
+    case kTalvexDeviceCompass:
         return {{"isr", 5, 26, 0, {}},
                 {"i2c_read", 140, 610, 0, {}},
                 {"calib", 40, 230, 0, {}},
                 {"heading", 25, 160, 0, {}},
                 {"report", 30, 380, 0, {}}};
-    case kTalvex:
+    case kTalvexDeviceTalvex:
         return {{"sched", 2, 19, 0, {}},
                 {"hostcomm", 60, 1'800, 0, {}},
                 {"timesync", 12, 95, 1'000, {}},
                 {"pm", 3, 48, 0, {}}};
-    case kPressure:
+    case kTalvexDevicePressure:
         return {{"isr", 5, 24, 0, {}}, {"i2c_read", 150, 580, 0, {}}, {"filter", 10, 55, 0, {}},
                 {"report", 30, 360, 0, {}}};
-    case kCorvel:
+    case kTalvexDeviceCorvel:
         return {{"isr", 4, 22, 0, {}}, {"spi_read", 40, 210, 0, {}}, {"report", 30, 350, 0, {}}};
-    case kProx:
+    case kTalvexDeviceProx:
         return {{"isr", 5, 25, 0, {}}, {"i2c_read", 130, 540, 0, {}}, {"threshld", 3, 21, 0, {}},
                 {"report", 30, 340, 0, {}}};
     default: return {};
@@ -66,14 +66,14 @@ std::vector<PerfMonitor::Stage> stages_of(uint32_t device) {
 }  // namespace
 
 PerfMonitor::PerfMonitor(FirmwareRun &run, DeviceProperties &props) : run_(run), props_(props) {
-    for (uint32_t d = 0; d < kDeviceCount; ++d) stages_[d] = stages_of(d);
+    for (uint32_t d = 0; d < kTalvexDeviceCount; ++d) stages_[d] = stages_of(d);
 }
 
 void PerfMonitor::follow() {
     if (seen_run_ != run_.run()) {
         seen_run_ = run_.run();
         modes_ = {};
-        for (uint32_t d = 0; d < kDeviceCount; ++d) stages_[d] = stages_of(d);
+        for (uint32_t d = 0; d < kTalvexDeviceCount; ++d) stages_[d] = stages_of(d);
         last_ns_ = 0;
     }
     uint64_t now = run_.now_ns();
@@ -81,7 +81,7 @@ void PerfMonitor::follow() {
     last_ns_ = now;
     if (elapsed == 0) return;
     ++step_;
-    for (uint32_t d = 0; d < kDeviceCount; ++d) {
+    for (uint32_t d = 0; d < kTalvexDeviceCount; ++d) {
         uint64_t divisor = modes_[d] == kModeEnabled ? 1 : modes_[d] == kModeAuto ? kAutoDivisor : 0;
         if (!divisor) continue;
         uint64_t device_rate = props_.sample_millihertz(d);
@@ -108,12 +108,12 @@ void PerfMonitor::follow() {
 
 uint32_t PerfMonitor::mode(uint32_t device) {
     follow();
-    return device < kDeviceCount ? modes_[device] : 0;
+    return device < kTalvexDeviceCount ? modes_[device] : 0;
 }
 
 void PerfMonitor::set_mode(uint32_t device, uint32_t mode) {
     follow();
-    if (device < kDeviceCount) modes_[device] = mode;
+    if (device < kTalvexDeviceCount) modes_[device] = mode;
 }
 
 IOReturn PerfMonitor::call(const CallArgs &args, CallReply &reply) {

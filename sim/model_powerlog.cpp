@@ -31,11 +31,13 @@ constexpr Share kStates[4] = {{0.62, 6'000}, {0.21, 22'000}, {0.13, 28'000}, {0.
 constexpr Share kThreads[3] = {{0.085, 100'000}, {0.031, 36'000}, {0.006, 2'000}};
 
 struct DeviceShape {
-    Device device;
+    TalvexDeviceId device;
     double active;   // fraction of time awake
 };
 constexpr DeviceShape kDevices[5] = {
-    {kGyro, 0.30}, {kAccel, 0.06}, {kCompass, 0.11}, {kPressure, 0.02}, {kTalvex, 0.45}};
+    {kTalvexDeviceGyro, 0.30},     {kTalvexDeviceAccel, 0.06},  {kTalvexDeviceCompass, 0.11},
+    {kTalvexDevicePressure, 0.02}, {kTalvexDeviceTalvex, 0.45},
+};
 
 constexpr uint64_t kSamplesPerWake = 8;
 constexpr uint64_t kEventsPerDrop = 25'000;

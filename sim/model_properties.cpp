@@ -122,46 +122,46 @@ constexpr int32_t kOne = 65536;   // 1.0 in 16.16
 std::vector<uint8_t> identity_matrix() { return words({kOne, 0, 0, 0, kOne, 0, 0, 0, kOne}); }
 std::vector<uint8_t> identity_orientation() { return signed_bytes({1, 0, 0, 0, 1, 0, 0, 0, 1}); }
 
-std::array<DeviceTable, kDeviceCount> defaults() {
-    std::array<DeviceTable, kDeviceCount> d;
+std::array<DeviceTable, kTalvexDeviceCount> defaults() {
+    std::array<DeviceTable, kTalvexDeviceCount> d;
     // The IMU is one package: gyro and accel share its mounting.
     auto imu_orientation = [] { return signed_bytes({0, 1, 0, -1, 0, 0, 0, 0, 1}); };
 
-    d[kGyro] = sensor(10'000, 1, "ZMG-6031 gyroscope", "Zantra C1 fw 2.4.1",
+    d[kTalvexDeviceGyro] = sensor(10'000, 1, "ZMG-6031 gyroscope", "Zantra C1 fw 2.4.1",
                       words({65'512, -203, 88, 187, 65'561, -64, -92, 71, 65'498}), words({3, -5, 2}),
                       imu_orientation(), words({10, 25, 50, 100, 200, 400, 800}), words({9'991, 9'983, 10'008}));
-    d[kGyro][kStartupTime] = {words({35'000})};
-    d[kGyro][kRange] = {words({2'000}), Write::InList, kRanges};
-    d[kGyro][kRanges] = {words({125, 250, 500, 1'000, 2'000})};
+    d[kTalvexDeviceGyro][kStartupTime] = {words({35'000})};
+    d[kTalvexDeviceGyro][kRange] = {words({2'000}), Write::InList, kRanges};
+    d[kTalvexDeviceGyro][kRanges] = {words({125, 250, 500, 1'000, 2'000})};
 
-    d[kAccel] = sensor(10'000, 1, "ZMA-6031 accelerometer", "Zantra C1 fw 2.4.1",
+    d[kTalvexDeviceAccel] = sensor(10'000, 1, "ZMA-6031 accelerometer", "Zantra C1 fw 2.4.1",
                        words({65'874, 312, -58, -296, 65'190, 120, 44, -131, 66'003}), words({-12, 7, 31}),
                        imu_orientation(), words({10, 25, 50, 100, 200, 400, 800, 1'600}),
                        words({9'986, 9'979, 10'004}));
-    d[kAccel][kStartupTime] = {words({3'000})};
-    d[kAccel][kRange] = {words({8}), Write::InList, kRanges};
-    d[kAccel][kRanges] = {words({2, 4, 8, 16})};
-    d[kAccel][kBandwidth] = {words({100}), Write::InList, kBandwidths};
-    d[kAccel][kBandwidths] = {words({25, 50, 100, 200, 400, 800})};
+    d[kTalvexDeviceAccel][kStartupTime] = {words({3'000})};
+    d[kTalvexDeviceAccel][kRange] = {words({8}), Write::InList, kRanges};
+    d[kTalvexDeviceAccel][kRanges] = {words({2, 4, 8, 16})};
+    d[kTalvexDeviceAccel][kBandwidth] = {words({100}), Write::InList, kBandwidths};
+    d[kTalvexDeviceAccel][kBandwidths] = {words({25, 50, 100, 200, 400, 800})};
 
     // Soft-iron matrix and hard-iron offsets of the magnetometer as fitted.
-    d[kCompass] = sensor(20'000, 1, "MX-330 magnetometer", "Halvorsen Magnetics rev 3",
+    d[kTalvexDeviceCompass] = sensor(20'000, 1, "MX-330 magnetometer", "Halvorsen Magnetics rev 3",
                          words({66'102, -412, 230, -398, 64'987, 515, 221, 507, 65'843}), words({-212, 87, 415}),
                          signed_bytes({1, 0, 0, 0, -1, 0, 0, 0, -1}), words({10, 20, 50, 100}), words({10'041}));
 
-    d[kTalvex] = sensor(20'000, 1, "Talvex sensor hub", "fw 7.18.2 build 1420", identity_matrix(),
+    d[kTalvexDeviceTalvex] = sensor(20'000, 1, "Talvex sensor hub", "fw 7.18.2 build 1420", identity_matrix(),
                         words({0, 0, 0}), identity_orientation(), words({25, 50, 100}), words({10'000}));
-    d[kTalvex][kReportRate] = {words({100}), Write::Any};
+    d[kTalvexDeviceTalvex][kReportRate] = {words({100}), Write::Any};
 
-    d[kPressure] = sensor(40'000, 4, "BP-2210 barometer", "Orlen Sensortech rev A7", identity_matrix(),
+    d[kTalvexDevicePressure] = sensor(40'000, 4, "BP-2210 barometer", "Orlen Sensortech rev A7", identity_matrix(),
                           words({-35, 0, 0}), identity_orientation(), words({1, 2, 5, 10, 25, 50}), words({10'034}));
-    d[kPressure][kStartupTime] = {words({12'000})};
+    d[kTalvexDevicePressure][kStartupTime] = {words({12'000})};
 
-    d[kCorvel] = sensor(100'000, 1, "CV-118", "Corvel Systems rev 2", identity_matrix(), words({0, 0, 0}),
+    d[kTalvexDeviceCorvel] = sensor(100'000, 1, "CV-118", "Corvel Systems rev 2", identity_matrix(), words({0, 0, 0}),
                         identity_orientation(), words({1, 5, 10, 20}), words({10'008}));
-    d[kCorvel][kStartupTime] = {words({20'000})};
+    d[kTalvexDeviceCorvel][kStartupTime] = {words({20'000})};
 
-    d[kProx] = sensor(50'000, 1, "PX-9 proximity", "Lumetra rev B", identity_matrix(), words({120, 0, 0}),
+    d[kTalvexDeviceProx] = sensor(50'000, 1, "PX-9 proximity", "Lumetra rev B", identity_matrix(), words({120, 0, 0}),
                       identity_orientation(), words({5, 10, 20, 50}), words({9'995}));
     return d;
 }
@@ -179,7 +179,7 @@ bool listed(const std::vector<uint8_t> &list, uint32_t value) {
 }  // namespace
 
 struct DeviceProperties::Table {
-    std::array<DeviceTable, kDeviceCount> devices = defaults();
+    std::array<DeviceTable, kTalvexDeviceCount> devices = defaults();
 };
 
 DeviceProperties::DeviceProperties(FirmwareRun &run) : run_(run), table_(std::make_unique<Table>()) {}
@@ -199,7 +199,7 @@ IOReturn DeviceProperties::get(uint32_t device, uint32_t property, uint64_t capa
     if (property == kPerfmonMode && perfmon_) {
         value.assign(4, 0);
         put_le32(value, 0, perfmon_->mode(device));
-    } else if (property == kIrcStartup && device == kTalvex && clocks_) {
+    } else if (property == kIrcStartup && device == kTalvexDeviceTalvex && clocks_) {
         value = clocks_->irc_startup();
     } else {
         const DeviceTable &t = table_->devices[device];
@@ -220,7 +220,7 @@ IOReturn DeviceProperties::set(uint32_t device, uint32_t property, uint32_t valu
         perfmon_->set_mode(device, value);
         return kIOReturnSuccess;
     }
-    if (property == kIrcStartup && device == kTalvex) return kIOReturnNotWritable;
+    if (property == kIrcStartup && device == kTalvexDeviceTalvex) return kIOReturnNotWritable;
     DeviceTable &t = table_->devices[device];
     auto it = t.find(property);
     if (it == t.end()) return kIOReturnUnsupported;

@@ -60,7 +60,7 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
     uint8_t reply[8] = {};
     size_t size = sizeof reply;
     IOReturn result =
-        IOConnectCallStructMethod(talvex->connection, kTalvexClockMeasure, request, sizeof request, reply, &size);
+        IOConnectCallStructMethod(talvex->connection, kTalvexMethodClockMeasure, request, sizeof request, reply, &size);
     if (result == 0) {
         uint32_t reference = TalvexLoadLE32(reply);
         uint32_t measured = TalvexLoadLE32(reply + 4);
@@ -84,7 +84,7 @@ int TalvexCmdClkStartup(int, char *[]) {
     if (!talvex) return 1;
     uint8_t reply[kIrcStartupSize] = {};
     uint32_t size = sizeof reply;
-    IOReturn result = TalvexGetProperty(talvex, 3, kIrcStartupProperty, reply, &size);
+    IOReturn result = TalvexGetProperty(talvex, kTalvexDeviceTalvex, kIrcStartupProperty, reply, &size);
     if (TALVEX_CALL_OK_TEXT(result)) {
         auto ns = [&](size_t index) { return static_cast<int32_t>(TalvexLoadLE32(reply + 4 * index)); };
         std::printf("IRC startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(0), ns(1), ns(2));

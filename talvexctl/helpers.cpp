@@ -6,8 +6,14 @@
 #include <cstring>
 
 const TalvexDevice kTalvexDevices[] = {
-    {"gyro", 0},   {"accel", 1},  {"compass", 2}, {"pressure", 4},
-    {"talvex", 3}, {"corvel", 5}, {"prox", 6},    {nullptr, kTalvexNoDevice},
+    {"gyro", kTalvexDeviceGyro},
+    {"accel", kTalvexDeviceAccel},
+    {"compass", kTalvexDeviceCompass},
+    {"pressure", kTalvexDevicePressure},   // before talvex: the power log walks the rows in this order
+    {"talvex", kTalvexDeviceTalvex},
+    {"corvel", kTalvexDeviceCorvel},
+    {"prox", kTalvexDeviceProx},
+    {nullptr, kTalvexNoDevice},
 };
 
 uint8_t TalvexDeviceLookup(const char *word) {
@@ -59,7 +65,7 @@ uint8_t TalvexParseHexByte(const char *word) { return static_cast<uint8_t>(Talve
 IOReturn TalvexReadProperty(TalvexHandle *talvex, uint8_t device, uint32_t property, void *value, uint32_t *size) {
     uint64_t input[2] = {device, property};
     size_t out_size = *size;
-    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexGetProperty, input, 2, nullptr, 0, nullptr,
+    IOReturn result = IOConnectCallMethod(talvex->connection, kTalvexMethodGetProperty, input, 2, nullptr, 0, nullptr,
                                           nullptr, value, &out_size);
     if (result == 0) *size = static_cast<uint32_t>(out_size);
     return result;

@@ -15,17 +15,17 @@ int plain_command(uint32_t selector) {
 
 }  // namespace
 
-int TalvexCmdReset(int, char *[]) { return plain_command(kTalvexReset); }
+int TalvexCmdReset(int, char *[]) { return plain_command(kTalvexMethodReset); }
 
-int TalvexCmdStop(int, char *[]) { return plain_command(kTalvexStop); }
+int TalvexCmdStop(int, char *[]) { return plain_command(kTalvexMethodStop); }
 
-int TalvexCmdTimesync(int, char *[]) { return plain_command(kTalvexTimesync); }
+int TalvexCmdTimesync(int, char *[]) { return plain_command(kTalvexMethodTimeSync); }
 
 // The result line stands between the client's report and the command's.
 int TalvexCmdPing(int, char *[]) {
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = TalvexCallScalar(talvex, kTalvexPing, nullptr, 0, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodPing, nullptr, 0, nullptr, nullptr);
     const char *text = mach_error_string(result);
     std::printf("ping result: %s (%#x)\n", text ? text : "(null)", static_cast<uint32_t>(result));
     return TALVEX_REPORT_AND_CLOSE(talvex, result);

@@ -25,7 +25,7 @@ int mem_read(char *argv[]) {
     request[4] = block;
     request[5] = len;
     size_t reply_size = len;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexMemRead, request, sizeof request, buffer, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodMemoryRead, request, sizeof request, buffer, &reply_size);
     if (result == 0) TalvexHexDump(buffer, len);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
@@ -46,7 +46,7 @@ int mem_write(int argc, char *argv[]) {
     request[4] = block;
     request[5] = static_cast<uint8_t>(len);
     std::memcpy(request + 6, buffer, sizeof buffer);
-    IOReturn result = TalvexCallStruct(talvex, kTalvexMemWrite, request, sizeof request, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodMemoryWrite, request, sizeof request, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -79,7 +79,7 @@ int TalvexCmdGpio(int argc, char *argv[]) {
             uint64_t input[1] = {static_cast<uint8_t>(TalvexParseDec(argv[2]))};
             uint64_t output[1] = {0};
             uint32_t output_count = 1;
-            IOReturn result = TalvexCallScalar(talvex, kTalvexGpioRead, input, 1, output, &output_count);
+            IOReturn result = TalvexCallScalar(talvex, kTalvexMethodGpioRead, input, 1, output, &output_count);
             if (TALVEX_CALL_OK(result)) {
                 uint8_t state = static_cast<uint8_t>(output[0]);
                 TalvexHexDump(&state, 1);
@@ -90,7 +90,7 @@ int TalvexCmdGpio(int argc, char *argv[]) {
         if (TALVEX_CHECK(argc == 4, "argc == 4")) {
             uint64_t input[2] = {static_cast<uint8_t>(TalvexParseDec(argv[2])),
                                  static_cast<uint8_t>(TalvexParseDec(argv[3]))};
-            IOReturn result = TalvexCallScalar(talvex, kTalvexGpioSet, input, 2, nullptr, nullptr);
+            IOReturn result = TalvexCallScalar(talvex, kTalvexMethodGpioSet, input, 2, nullptr, nullptr);
             if (TALVEX_CALL_OK(result)) status = 0;
         }
     } else {
@@ -107,6 +107,6 @@ int TalvexCmdPmu(int argc, char *argv[]) {
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
     uint64_t input[1] = {static_cast<uint32_t>(TalvexParseHex(argv[1]))};
-    IOReturn result = TalvexCallScalar(talvex, kTalvexPmu, input, 1, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodPowerRails, input, 1, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }

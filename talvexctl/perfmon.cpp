@@ -101,7 +101,7 @@ int TalvexCmdSetBaudRate(int argc, char *argv[]) {
     if (TALVEX_CHECK(rate == 112500 || rate == 750000 || rate == 1500000 || rate == 3000000,
                      "rate==112500||rate==750000||rate==1500000||rate==3000000")) {
         uint64_t input[1] = {static_cast<uint32_t>(rate)};
-        IOReturn result = TalvexCallScalar(talvex, kTalvexSetBaudRate, input, 1, nullptr, nullptr);
+        IOReturn result = TalvexCallScalar(talvex, kTalvexMethodSetBaudRate, input, 1, nullptr, nullptr);
         if (TALVEX_CALL_OK(result)) status = 0;
     }
     TalvexClose(talvex);

@@ -10,8 +10,7 @@
 namespace {
 
 constexpr uint32_t kHaltDefaultLevel = 96;
-constexpr uint8_t kTalvexDeviceId = 3;      // the coprocessor itself
-constexpr uint64_t kRateProperty = 0x16;    // its property 22: the rate
+constexpr uint64_t kRateProperty = 0x16;    // property 22 of the talvex device: the rate
 
 // Open, one scalar call, close.
 int scalar_command(uint32_t selector, const uint64_t *scalars, uint32_t count) {
@@ -35,7 +34,8 @@ int TalvexCmdSetState(int argc, char *argv[]) {
     uint64_t code = static_cast<uint32_t>(TalvexParseHex(argv[1]));
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = IOConnectCallScalarMethod(talvex->connection, kTalvexSetState, &code, 1, nullptr, nullptr);
+    IOReturn result =
+        IOConnectCallScalarMethod(talvex->connection, kTalvexMethodPowerAssertion, &code, 1, nullptr, nullptr);
     // The result line comes first, success or not; then the two reports, both
     // made here since the call did not go through the client.
     const char *text = mach_error_string(result);
@@ -47,7 +47,7 @@ int TalvexCmdSetState(int argc, char *argv[]) {
 int TalvexCmdWake(int argc, char *argv[]) {
     if (!TALVEX_CHECK(argc == 2, "argc == 2")) return 1;
     uint64_t number = static_cast<uint32_t>(TalvexParseDec(argv[1]));
-    return scalar_command(kTalvexWake, &number, 1);
+    return scalar_command(kTalvexMethodWake, &number, 1);
 }
 
 // halt DELAY_S [LEVEL] and halt_ms DELAY_MS DURATION_MS [LEVEL]: one handler,
@@ -75,7 +75,7 @@ int TalvexCmdHalt(int argc, char *argv[]) {
         if (argc == 4) level = static_cast<uint32_t>(TalvexParseDec(argv[3]));
     }
     uint64_t scalars[3] = {delay, duration, level};
-    IOReturn result = TalvexCallScalar(talvex, kTalvexHalt, scalars, 3, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodHalt, scalars, 3, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -87,7 +87,7 @@ int TalvexCmdPanic(int argc, char *argv[]) {
     size_t size = text ? std::strlen(text) + 1 : 0;
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexPanic, text, size, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodPanic, text, size, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -96,7 +96,7 @@ int TalvexCmdReport(int, char *[]) {
     if (!talvex) return 1;
     std::printf("calling test report\n");
     std::fflush(stdout);
-    IOReturn result = TalvexCallScalar(talvex, kTalvexReport, nullptr, 0, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodTestReport, nullptr, 0, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -106,7 +106,7 @@ int TalvexCmdRate(int argc, char *argv[]) {
     auto rate = static_cast<uint64_t>(TalvexParseDec(argv[1]));
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = TalvexSetProperty(talvex, kTalvexDeviceId, kRateProperty, rate);
+    IOReturn result = TalvexSetProperty(talvex, kTalvexDeviceTalvex, kRateProperty, rate);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -114,7 +114,7 @@ int TalvexCmdFw0(int, char *[]) { return select_firmware(0); }
 
 int TalvexCmdFw1(int, char *[]) { return select_firmware(1); }
 
-int TalvexCmdConn(int, char *[]) { return scalar_command(kTalvexConn, nullptr, 0); }
+int TalvexCmdConn(int, char *[]) { return scalar_command(kTalvexMethodConnect, nullptr, 0); }
 
 // setproperty KEY VALUE: a raw registry write on the driver, VALUE in hex.
 // The driver's answer is deliberately not examined: the command succeeds

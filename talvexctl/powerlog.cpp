@@ -15,9 +15,9 @@ struct Control {
 };
 
 const Control kControls[] = {
-    {"start", kTalvexPowerLogStart, "Start power log: %s (%#x)\n"},
-    {"stop", kTalvexPowerLogStop, "Stop power log: %s (%#x)\n"},
-    {"reset", kTalvexPowerLogReset, "Reset power log: %s (%#x)\n"},
+    {"start", kTalvexMethodPowerLogStart, "Start power log: %s (%#x)\n"},
+    {"stop", kTalvexMethodPowerLogStop, "Stop power log: %s (%#x)\n"},
+    {"reset", kTalvexMethodPowerLogReset, "Reset power log: %s (%#x)\n"},
     {nullptr, 0, nullptr},
 };
 
@@ -75,7 +75,7 @@ int TalvexCmdPowerLog(int argc, char *argv[]) {
     } else if (std::strcmp(word, "getpowerlog") == 0) {
         uint8_t record[kRecordSize] = {};
         size_t size = sizeof record;
-        IOReturn result = TalvexCallStruct(talvex, kTalvexPowerLogGet, nullptr, 0, record, &size);
+        IOReturn result = TalvexCallStruct(talvex, kTalvexMethodPowerLogRead, nullptr, 0, record, &size);
         if (TALVEX_CALL_OK(result))
             print_record(record);
         else

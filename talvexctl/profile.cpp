@@ -54,7 +54,7 @@ bool query_entry(TalvexHandle *talvex, uint32_t kind, uint32_t index, uint8_t (&
 int print_profile(TalvexHandle *talvex) {
     uint8_t summary[kSummarySize] = {};
     size_t size = sizeof summary;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexProfileInfo, nullptr, 0, summary, &size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodProfileSummary, nullptr, 0, summary, &size);
     if (!TALVEX_CALL_OK(result)) return 1;
     uint32_t hitpoints = TalvexLoadLE32(summary);
     uint32_t functions = TalvexLoadLE32(summary + 4);
@@ -91,7 +91,7 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
             TalvexStoreLE32(request + 4, kByName);
             std::memcpy(request + 8, id, length + 1);
             size_t size = sizeof reply;
-            result = IOConnectCallStructMethod(talvex->connection, kTalvexProfileQuery, request, sizeof request,
+            result = IOConnectCallStructMethod(talvex->connection, kTalvexMethodProfileEntry, request, sizeof request,
                                                reply, &size);
         }
         // Called directly: a single report, the command's own.
@@ -109,10 +109,11 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
 int control(TalvexHandle *talvex, const char *word) {
     IOReturn result;
     if (std::strcmp(word, "stop") == 0)
-        result = TalvexCallScalar(talvex, kTalvexProfileStop, nullptr, 0, nullptr, nullptr);
+        result = TalvexCallScalar(talvex, kTalvexMethodProfileStop, nullptr, 0, nullptr, nullptr);
+    else if (std::strcmp(word, "start") == 0)
+        result = TalvexCallStruct(talvex, kTalvexMethodProfileStart, nullptr, 0, nullptr, nullptr);
     else
-        result = TalvexCallStruct(talvex, std::strcmp(word, "start") == 0 ? kTalvexProfileStart : kTalvexProfileReset,
-                                  nullptr, 0, nullptr, nullptr);
+        result = TalvexCallStruct(talvex, kTalvexMethodProfileReset, nullptr, 0, nullptr, nullptr);
     if (!TALVEX_CALL_OK(result)) return 1;
     // Start and reset say "Ok"; stop has always said nothing.
     if (std::strcmp(word, "stop") != 0) std::printf("Ok\n");

@@ -28,7 +28,7 @@ int TalvexCmdReadReg(int argc, char *argv[]) {
     if (!talvex) return 1;
     uint8_t request[kReadRegRequestSize] = {device, address, len};
     size_t reply_size = len;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexReadReg, request, sizeof request, buffer, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodRegisterRead, request, sizeof request, buffer, &reply_size);
     if (result == 0) TalvexHexDump(buffer, len);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
@@ -48,7 +48,7 @@ int TalvexCmdWriteReg(int argc, char *argv[]) {
     if (!talvex) return 1;
     uint8_t request[kWriteRegRequestSize] = {device, address, static_cast<uint8_t>(len)};
     std::memcpy(request + 3, buffer, sizeof buffer);
-    IOReturn result = TalvexCallStruct(talvex, kTalvexWriteReg, request, sizeof request, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodRegisterWrite, request, sizeof request, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -61,7 +61,7 @@ int TalvexCmdBB(int argc, char *argv[]) {
     // As atoi reads it: decimal, no base prefix, cut to an int.
     auto context_max = static_cast<uint32_t>(static_cast<int>(TalvexParseDec(argv[1])));
     uint64_t input[1] = {context_max};
-    IOReturn result = TalvexCallScalar(talvex, kTalvexBB, input, 1, nullptr, nullptr);
+    IOReturn result = TalvexCallScalar(talvex, kTalvexMethodSetContextLimit, input, 1, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 
@@ -75,6 +75,6 @@ int TalvexCmdCma(int argc, char *argv[]) {
 
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexCma, buffer, len, nullptr, nullptr);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodRawBytes, buffer, len, nullptr, nullptr);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }

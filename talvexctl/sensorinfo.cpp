@@ -29,8 +29,6 @@ enum : uint32_t {
     kBandwidths = 57,
 };
 
-constexpr uint8_t kGyro = 0;
-constexpr uint8_t kAccel = 1;
 constexpr IOReturn kUnsupported = static_cast<IOReturn>(0xe00002c7);
 constexpr uint32_t kTextSize = 32;
 constexpr uint32_t kListSize = 128;
@@ -142,12 +140,12 @@ int TalvexCmdSensorInfo(int argc, char *argv[]) {
         return 1;
     }
     print_common(common);
-    if (device == kAccel) {
+    if (device == kTalvexDeviceAccel) {
         print_value(talvex, device, kRange, "fsr         ");
         print_list(talvex, device, kRanges, "SupportedFSR: ");
         print_value(talvex, device, kBandwidth, "bw          ");
         print_list(talvex, device, kBandwidths, "SupportedBW : ");
-    } else if (device == kGyro) {
+    } else if (device == kTalvexDeviceGyro) {
         print_value(talvex, device, kRange, "range       ");
         print_list(talvex, device, kRanges, "SupportedRanges: ");
     }

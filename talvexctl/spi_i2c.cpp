@@ -118,8 +118,8 @@ int TalvexCmdSpi(int argc, char *argv[]) {
     request[2] = 0;   // the output length has no field value of its own
     std::memcpy(request + kSpiHeaderSize, data, input_length);
     size_t reply_size = kSpiRequestSize;
-    IOReturn result =
-        TalvexCallStruct(talvex, kTalvexSpi, request, kSpiHeaderSize + input_length, request, &reply_size);
+    size_t request_size = kSpiHeaderSize + input_length;
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodSpiTransfer, request, request_size, request, &reply_size);
     if (result == 0 && read) {
         std::memcpy(shown + kSpiReplyAreaSize, data, kSpiDataShown);
         TalvexHexDump(shown, static_cast<uint32_t>(std::min<size_t>(output_length, kSpiDumpLimit)));

@@ -113,7 +113,7 @@ int TalvexCmdUart(int argc, char *argv[]) {
     uint8_t reply[kUartReplySize];
     std::memset(reply, 0xff, sizeof reply);
     size_t reply_size = sizeof reply;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexUart, request, sizeof request, reply, &reply_size);
+    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodUartTest, request, sizeof request, reply, &reply_size);
     if (result == 0 && with_reply)
         TalvexHexDump(reply, static_cast<uint32_t>(reply_size < sizeof reply ? reply_size : sizeof reply));
     return TALVEX_REPORT_AND_CLOSE(talvex, result);

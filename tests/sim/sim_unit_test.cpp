@@ -166,8 +166,8 @@ TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
     // the edges of shapes the model tests do not reach through their calls.
     MethodTable cat;
     define_coprocessor_methods(cat);
-    for (uint32_t s = 0; s < kCoprocessorSelectorCount; ++s) EXPECT_TRUE(cat.shape(s)) << s;
-    EXPECT_FALSE(cat.shape(kCoprocessorSelectorCount));
+    for (uint32_t s = 0; s < kTalvexMethodCount; ++s) EXPECT_TRUE(cat.shape(s)) << s;
+    EXPECT_FALSE(cat.shape(kTalvexMethodCount));
     auto accepts = [&](uint32_t sel, size_t scalars, size_t input, uint32_t scap, uint64_t ocap) {
         std::vector<uint64_t> sv(scalars);
         std::vector<uint8_t> iv(input);

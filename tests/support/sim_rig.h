@@ -128,7 +128,7 @@ public:
     std::vector<uint64_t> states() {
         std::vector<uint64_t> out;
         for (auto &e : events()) {
-            EXPECT_EQ(e.type, sim::kTalvexMessageStateChanged);
+            EXPECT_EQ(e.type, kTalvexMessageStateChanged);
             out.push_back(e.value);
         }
         return out;

@@ -1,0 +1,95 @@
+// The driver interfaces that the client and the simulator both speak: the
+// coprocessor driver's external methods, the report hub's methods, the
+// driver's interest messages, the coprocessor states and the device numbers.
+// One catalogue, used by the tool, the client, the report library, the
+// simulator and the tests; it depends on nothing but the C++ library.
+#pragma once
+
+#include <cstdint>
+
+// ---------------------------------------------------------------------------
+// External methods of the coprocessor driver (ZantraTalvexProcessor), by
+// selector. The argument shapes are the simulator's (sim/coprocessor.cpp) and
+// the callers' own.
+enum TalvexMethod : uint32_t {
+    kTalvexMethodSelectFirmware = 0,     // scalar: the firmware number
+    kTalvexMethodReset = 1,
+    kTalvexMethodLoadFirmware = 2,       // boots the firmware: number, flags; image dictionary
+    kTalvexMethodStop = 3,
+    kTalvexMethodPing = 4,
+    kTalvexMethodSpiTransfer = 5,
+    kTalvexMethodRegisterRead = 6,
+    kTalvexMethodRegisterWrite = 7,
+    kTalvexMethodSetContextLimit = 8,    // scalar: the context limit
+    kTalvexMethodRawBytes = 9,           // a byte string passed on as given
+    kTalvexMethodTimeSync = 10,          // synchronises time with the coprocessor
+    kTalvexMethodGpioSet = 11,
+    kTalvexMethodGpioRead = 12,
+    kTalvexMethodGetProperty = 13,       // a device property
+    kTalvexMethodSetProperty = 14,
+    kTalvexMethodConnect = 15,
+    kTalvexMethodPowerRails = 16,        // scalar: the rail mask
+    kTalvexMethodPowerAssertion = 17,    // sets or releases a power-state assertion
+    kTalvexMethodWake = 18,
+    kTalvexMethodProfileStart = 19,
+    kTalvexMethodProfileStop = 20,
+    kTalvexMethodProfileReset = 21,
+    kTalvexMethodProfileSummary = 22,
+    kTalvexMethodProfileEntry = 23,
+    kTalvexMethodPowerLogStart = 24,
+    kTalvexMethodPowerLogStop = 25,
+    kTalvexMethodPowerLogReset = 26,
+    kTalvexMethodPowerLogRead = 27,
+    kTalvexMethodClockRedirect = 28,
+    kTalvexMethodSetBaudRate = 29,
+    kTalvexMethodClientList = 30,
+    kTalvexMethodPanic = 31,             // makes the firmware panic, with an optional text
+    kTalvexMethodClockMeasure = 32,
+    kTalvexMethodTestReport = 33,        // asks the firmware for a test report
+    kTalvexMethodI2CRead = 34,
+    kTalvexMethodI2CWrite = 35,
+    kTalvexMethodUartTest = 36,          // sends one UART test frame
+    kTalvexMethodMemoryRead = 37,
+    kTalvexMethodMemoryWrite = 38,
+    kTalvexMethodPerfMonitor = 39,       // the per-device performance monitor
+    kTalvexMethodHalt = 40,
+};
+
+inline constexpr uint32_t kTalvexMethodCount = 41;
+
+// ---------------------------------------------------------------------------
+// External methods of the report hub (IOReportHub).
+enum TalvexHubMethod : uint32_t {
+    kIOReportUserClientOpen = 0,
+    kIOReportUserClientConfigureInterests = 2,   // the interest list in, the buffer token out
+    kIOReportUserClientUpdateKernelBuffer = 3,   // the buffer token in
+};
+
+// ---------------------------------------------------------------------------
+// Interest messages of the coprocessor driver.
+inline constexpr uint32_t kTalvexMessageStateChanged = 0xe0000130;   // common message 0x130; argument: the new state
+inline constexpr uint32_t kTalvexMessageTimeSync = 0xe3ff8100;       // driver message 0x100; argument: two u64 times
+
+// ---------------------------------------------------------------------------
+// Coprocessor states, as the driver's "talvex-state" property holds them.
+inline constexpr uint32_t kTalvexStateOff = 0x0;
+inline constexpr uint32_t kTalvexStateStopped = 0x10000;
+inline constexpr uint32_t kTalvexStateBooting = 0x10001;
+inline constexpr uint32_t kTalvexStateBooted = 0x10002;
+inline constexpr uint32_t kTalvexStateNotResponding = 0x10003;
+inline constexpr uint32_t kTalvexStatePanic = 0x10004;
+
+// ---------------------------------------------------------------------------
+// Device numbers: the devices the coprocessor serves, as its methods and
+// properties address them.
+enum TalvexDeviceId : uint8_t {
+    kTalvexDeviceGyro = 0,
+    kTalvexDeviceAccel = 1,
+    kTalvexDeviceCompass = 2,
+    kTalvexDeviceTalvex = 3,   // the coprocessor itself
+    kTalvexDevicePressure = 4,
+    kTalvexDeviceCorvel = 5,
+    kTalvexDeviceProx = 6,
+};
+
+inline constexpr uint32_t kTalvexDeviceCount = 7;
