@@ -78,7 +78,7 @@ TEST_F(Operations, EachSendsItsRequestAsLaidOutAndTakesItsReply) {
     uint32_t property_size = 128;
     struct Row {
         std::function<IOReturn()> call;
-        long selector;
+        uint32_t selector;
         std::vector<uint64_t> scalars;
         std::string input;
         uint64_t output_size;
@@ -128,10 +128,13 @@ TEST_F(Operations, EachSendsItsRequestAsLaidOutAndTakesItsReply) {
 }
 
 TEST_F(Operations, FailuresAreReportedOnceAndPropertyFailuresKeepTheSizeAndDescribeTheCall) {
-    stub({"--selector", "13", "--code", "0xe00002c7"});
-    stub({"--selector", "14", "--code", "0xe00002c2"});
-    for (const char *selector : {"0", "28", "23", "30", "34", "35", "39", "4", "7"})
-        stub({"--selector", selector, "--code", "0xe00002bc"});
+    stub({"--selector", std::to_string(kTalvexMethodGetProperty), "--code", "0xe00002c7"});
+    stub({"--selector", std::to_string(kTalvexMethodSetProperty), "--code", "0xe00002c2"});
+    for (uint32_t selector :
+         {kTalvexMethodSelectFirmware, kTalvexMethodClockRedirect, kTalvexMethodProfileEntry, kTalvexMethodClientList,
+          kTalvexMethodI2CRead, kTalvexMethodI2CWrite, kTalvexMethodPerfMonitor, kTalvexMethodPing,
+          kTalvexMethodRegisterWrite})
+        stub({"--selector", std::to_string(selector), "--code", "0xe00002bc"});
     uint8_t buf[128];
     std::fill(std::begin(buf), std::end(buf), 0xff);
     uint32_t property_size = 40;
@@ -148,8 +151,8 @@ TEST_F(Operations, FailuresAreReportedOnceAndPropertyFailuresKeepTheSizeAndDescr
     EXPECT_EQ(TalvexI2CRead(talvex_, 0, 0, nullptr, buf, 1), failed);
     EXPECT_EQ(TalvexI2CWrite(talvex_, 0, 0, nullptr, buf, 1), failed);
     EXPECT_EQ(TalvexPerfmonCall(talvex_, 0, 0, nullptr, 0, buf, &size), failed);
-    EXPECT_EQ(TalvexCallScalar(talvex_, 4, nullptr, 0, nullptr, nullptr), failed);
-    EXPECT_EQ(TalvexCallStruct(talvex_, 7, buf, 19, nullptr, nullptr), failed);
+    EXPECT_EQ(TalvexCallScalar(talvex_, kTalvexMethodPing, nullptr, 0, nullptr, nullptr), failed);
+    EXPECT_EQ(TalvexCallStruct(talvex_, kTalvexMethodRegisterWrite, buf, 19, nullptr, nullptr), failed);
     std::string err = testing::internal::GetCapturedStderr();
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(property_size, 40u);

@@ -41,16 +41,16 @@ TEST(UserClient, OpenAndCloseWithTheirCodes) {
         io_name_t cls;
         EXPECT_EQ(IOObjectGetClass(c, cls), KERN_SUCCESS);
         EXPECT_STREQ(cls, "IOUserClient");
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodPing, nullptr, 0, nullptr, nullptr), KERN_SUCCESS);
 
         // A second count keeps the handle past the close, but the connection is gone.
         IOObjectRetain(c);
         EXPECT_EQ(IOServiceClose(c), KERN_SUCCESS);
         EXPECT_EQ(IOObjectGetUserRetainCount(c), 1u);
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnNotOpen);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodPing, nullptr, 0, nullptr, nullptr), kIOReturnNotOpen);
         EXPECT_EQ(IOServiceClose(c), kIOReturnNotOpen);   // that took the last count
         EXPECT_EQ(IOObjectGetUserRetainCount(c), 0u);
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kInvalidHandle);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodPing, nullptr, 0, nullptr, nullptr), kInvalidHandle);
 
         // Releasing a connection's last count does not close it; nothing can use it after.
         io_connect_t c2 = open_client(cp);
@@ -69,34 +69,35 @@ TEST(UserClient, OpenAndCloseWithTheirCodes) {
 
 TEST(UserClient, ScalarCallsCutOutputsToTheCallersRoom) {
     Simulator sim;
-    control(sim, {"stub", "--selector", "12", "--scalar-outputs", "7,8,9"});
-    control(sim, {"stub", "--selector", "40"});   // whatever the model thinks of the values
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodGpioRead), "--scalar-outputs", "7,8,9"});
+    // whatever the model thinks of the values
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodHalt)});
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);
         uint64_t in[1] = {3};
         uint64_t out[4] = {0xaa, 0xaa, 0xaa, 0xaa};
         uint32_t n = 2;
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 12, in, 1, out, &n), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodGpioRead, in, 1, out, &n), KERN_SUCCESS);
         EXPECT_EQ(n, 2u);
         EXPECT_EQ(out[0], 7u);
         EXPECT_EQ(out[1], 8u);
         EXPECT_EQ(out[2], 0xaau);
         // Room for more than comes back: the count says how many came.
         n = 4;
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 12, in, 1, out, &n), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodGpioRead, in, 1, out, &n), KERN_SUCCESS);
         EXPECT_EQ(n, 3u);
         EXPECT_EQ(out[2], 9u);
         EXPECT_EQ(out[3], 0xaau);
         // No output array: nothing comes back, and the count says so.
         n = 4;
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 12, in, 1, nullptr, &n), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodGpioRead, in, 1, nullptr, &n), KERN_SUCCESS);
         EXPECT_EQ(n, 0u);
         // Full 64-bit inputs travel whole.
         uint64_t halt[3] = {0xffffffffffffffffull, 0x8000000000000000ull, 1};
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 40, halt, 3, nullptr, nullptr), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodHalt, halt, 3, nullptr, nullptr), KERN_SUCCESS);
         // Inputs promised but not given.
-        EXPECT_EQ(IOConnectCallScalarMethod(c, 40, nullptr, 3, nullptr, nullptr), kIOReturnBadArgument);
+        EXPECT_EQ(IOConnectCallScalarMethod(c, kTalvexMethodHalt, nullptr, 3, nullptr, nullptr), kIOReturnBadArgument);
         IOServiceClose(c);
         IOObjectRelease(cp);
     });
@@ -112,10 +113,13 @@ TEST(UserClient, ScalarCallsCutOutputsToTheCallersRoom) {
 
 TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
     Simulator sim;
-    control(sim, {"stub", "--selector", "6", "--output", "0102030405"});
-    control(sim, {"stub", "--selector", "37", "--code", "0xe00002d8", "--output", "0102"});
-    control(sim, {"stub", "--selector", "39", "--output", "aabbccddeeff0011", "--output-size", "3"});
-    control(sim, {"stub", "--selector", "7"});   // whatever the model thinks of the request
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodRegisterRead), "--output", "0102030405"});
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodMemoryRead), "--code", "0xe00002d8", "--output",
+                  "0102"});
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodPerfMonitor), "--output", "aabbccddeeff0011",
+                  "--output-size", "3"});
+    // whatever the model thinks of the request
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodRegisterWrite)});
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);
@@ -123,7 +127,7 @@ TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
         uint8_t buf[16];
         std::memset(buf, 0xff, sizeof buf);
         size_t size = 16;
-        EXPECT_EQ(IOConnectCallStructMethod(c, 6, req, 3, buf, &size), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodRegisterRead, req, 3, buf, &size), KERN_SUCCESS);
         EXPECT_EQ(size, 5u);
         EXPECT_EQ(buf[0], 1);
         EXPECT_EQ(buf[4], 5);
@@ -131,7 +135,7 @@ TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
 
         std::memset(buf, 0xff, sizeof buf);
         size = 3;
-        EXPECT_EQ(IOConnectCallStructMethod(c, 6, req, 3, buf, &size), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodRegisterRead, req, 3, buf, &size), KERN_SUCCESS);
         EXPECT_EQ(size, 3u);
         EXPECT_EQ(buf[2], 3);
         EXPECT_EQ(buf[3], 0xff);
@@ -140,14 +144,14 @@ TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
         std::memset(buf, 0xff, sizeof buf);
         size = 4;
         const uint8_t mem[6] = {1, 2, 3, 4, 5, 4};
-        EXPECT_EQ(IOConnectCallStructMethod(c, 37, mem, 6, buf, &size), kIOReturnNotReady);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodMemoryRead, mem, 6, buf, &size), kIOReturnNotReady);
         EXPECT_EQ(size, 4u);
         EXPECT_EQ(buf[0], 0xff);
 
         // No output structure: capacity 0 whatever the count says.
         const uint8_t wr[19] = {};
         size = 16;
-        EXPECT_EQ(IOConnectCallStructMethod(c, 7, wr, 19, nullptr, &size), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodRegisterWrite, wr, 19, nullptr, &size), KERN_SUCCESS);
         EXPECT_EQ(size, 0u);
 
         // Mixed: scalars and both structures; the size reported back is the driver's.
@@ -155,19 +159,21 @@ TEST(UserClient, StructureCallsHonourCapacityAndLeaveBuffersAloneOnFailure) {
         const uint8_t pin[4] = {9, 8, 7, 6};
         uint8_t pout[8] = {};
         size = 8;
-        EXPECT_EQ(IOConnectCallMethod(c, 39, two, 2, pin, 4, nullptr, nullptr, pout, &size), KERN_SUCCESS);
+        EXPECT_EQ(IOConnectCallMethod(c, kTalvexMethodPerfMonitor, two, 2, pin, 4, nullptr, nullptr, pout, &size),
+                  KERN_SUCCESS);
         EXPECT_EQ(size, 3u);
         EXPECT_EQ(pout[2], 0xcc);
         EXPECT_EQ(pout[3], 0);
 
         // A shape the driver refuses (clkmeasure takes 4 bytes).
         size = 8;
-        EXPECT_EQ(IOConnectCallStructMethod(c, 32, req, 2, buf, &size), kIOReturnBadArgument);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodClockMeasure, req, 2, buf, &size), kIOReturnBadArgument);
         // An input that cannot travel at all is refused before it is sent.
         std::vector<uint8_t> huge(wire::kMaxFrame + 1);
-        EXPECT_EQ(IOConnectCallStructMethod(c, 9, huge.data(), huge.size(), nullptr, nullptr),
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodRawBytes, huge.data(), huge.size(), nullptr, nullptr),
                   kIOReturnMessageTooLarge);
-        EXPECT_EQ(IOConnectCallStructMethod(c, 9, nullptr, 4, nullptr, nullptr), kIOReturnBadArgument);
+        EXPECT_EQ(IOConnectCallStructMethod(c, kTalvexMethodRawBytes, nullptr, 4, nullptr, nullptr),
+                  kIOReturnBadArgument);
         IOServiceClose(c);
         IOObjectRelease(cp);
     });

@@ -249,8 +249,8 @@ TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
 TEST(Threads, CallsFromSeveralThreadsEachGetTheirOwnReply) {
     Simulator sim;
     for (int t = 1; t <= 4; ++t)
-        control(sim, {"stub", "--selector", "12", "--scalars", std::to_string(t), "--scalar-outputs",
-                      std::to_string(100 + t)});
+        control(sim, {"stub", "--selector", std::to_string(kTalvexMethodGpioRead), "--scalars", std::to_string(t),
+                      "--scalar-outputs", std::to_string(100 + t)});
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor();
         io_connect_t c = open_client(cp);

@@ -3,6 +3,7 @@
 // sequence is one test.
 #include "report_fixtures.h"
 #include "sim_fixture.h"
+#include "talvex_driver.h"
 
 #include <gtest/gtest.h>
 
@@ -59,17 +60,18 @@ TEST(Hub, SubscribeMapAndSample) {
 
     // (Refusals of the interest list and of an update: tests/sim/hub_test.cpp.)
     // A token that names no memory fails the mapping.
-    stub({"--selector", "0", "--code", "0"});
+    stub({"--selector", std::to_string(kIOReportUserClientOpen), "--code", "0"});
     CFMutableDictionaryRef subscribed = nullptr;
-    stub({"--selector", "2", "--scalar-outputs", "7", "--times", "1"});
+    stub({"--selector", std::to_string(kIOReportUserClientConfigureInterests), "--scalar-outputs", "7", "--times",
+          "1"});
     Ref<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, desired.get(), &subscribed, 0, e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "IOConnectMapMemory() failed");
     EXPECT_NE(errorCode(e2.get()), 0);
 
     // Token 0 names the hub buffer.
-    stub({"--selector", "2", "--scalar-outputs", "0"});
-    stub({"--selector", "3", "--code", "0"});
+    stub({"--selector", std::to_string(kIOReportUserClientConfigureInterests), "--scalar-outputs", "0"});
+    stub({"--selector", std::to_string(kIOReportUserClientUpdateKernelBuffer), "--code", "0"});
     Ref<CFErrorRef> e3;
     Ref<IOReportSubscriptionRef> sub(IOReportCreateSubscription(nullptr, desired.get(), &subscribed, 0, e3.slot()));
     ASSERT_TRUE(sub) << errorText(e3.get());
@@ -83,8 +85,8 @@ TEST(Hub, SubscribeMapAndSample) {
     EXPECT_EQ(std::count_if(trace.begin(), trace.end(),
                             [](const std::string &l) { return l.find("\"open\":0") != std::string::npos; }),
               1);
-    EXPECT_EQ(calls(0).size(), 1u);
-    auto configure = calls(2);
+    EXPECT_EQ(calls(kIOReportUserClientOpen).size(), 1u);
+    auto configure = calls(kIOReportUserClientConfigureInterests);
     ASSERT_EQ(configure.size(), 2u);
     std::string input = field(configure.back(), "input");
     ASSERT_EQ(input.size(), 2 + 2 * (8 + 24 * 2u)) << input;
@@ -97,7 +99,7 @@ TEST(Hub, SubscribeMapAndSample) {
     Ref<CFErrorRef> e4;
     EXPECT_FALSE(IOReportCreateSamples(sub.get(), subscribed, e4.slot()));
     EXPECT_EQ(errorText(e4.get()), "couldn't create samples");
-    auto update = calls(3);
+    auto update = calls(kIOReportUserClientUpdateKernelBuffer);
     ASSERT_EQ(update.size(), 1u);
     EXPECT_EQ(field(update[0], "scalars"), "[0]");
 }

@@ -4,6 +4,7 @@
 // test here; refusals of the open itself run in a fresh process each.
 #include <IOReport.h>
 #include <harness.h>
+#include <talvex_driver.h>
 
 #include <gtest/gtest.h>
 
@@ -290,14 +291,16 @@ TEST_F(ReportHub, AChannelByIDLearnsItsTypeAndHiddenLegendsAreServed) {
 
 TEST_F(ReportHub, RefusalsOfTheInterestListAndOfAnUpdate) {
     Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
-    control({"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7", "--times", "1"});
+    control({"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientConfigureInterests),
+             "--code", "0xe00002c7", "--times", "1"});
     auto refused = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
     EXPECT_FALSE(refused->handle);
     EXPECT_EQ(refused->error, "kIOReportUserClientConfigureInterests failed 0xe00002c7");
 
     auto s = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
     ASSERT_TRUE(s->handle) << s->error;
-    control({"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002d8", "--times", "1"});
+    control({"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientUpdateKernelBuffer),
+             "--code", "0xe00002d8", "--times", "1"});
     Own<CFMutableDictionaryRef> failed(sample(*s)), next(sample(*s));
     EXPECT_FALSE(failed);
     EXPECT_TRUE(next);
@@ -308,7 +311,8 @@ TEST(ReportHubFreshProcess, RefusedOpenAndRefusedSelector0) {
     control({"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5", "--times", "1"});
     EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "Could not open IOReportHub 0xe00002c5");
     control({"stub", "--clear"});
-    control({"stub", "--service", "IOReportHub", "--selector", "0", "--code", "0xe00002c7", "--times", "1"});
+    control({"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientOpen), "--code",
+             "0xe00002c7", "--times", "1"});
     EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "kIOReportUserClientOpen failed 0xe00002c7");
     control({"stub", "--clear"});
 }

@@ -23,25 +23,27 @@ constexpr IOReturn kOk = kIOReturnSuccess;
 // The coprocessor, with the requests of the bus commands laid out.
 struct Rig : SimRig {
     CallResult read_registers(uint8_t device, uint8_t reg, uint8_t count) {
-        return call(6, {}, {device, reg, count}, count);
+        return call(kTalvexMethodRegisterRead, {}, {device, reg, count}, count);
     }
     CallResult write_registers(uint8_t device, uint8_t reg, const Bytes &data) {
         Bytes request{device, reg, static_cast<uint8_t>(data.size())};
         request.insert(request.end(), data.begin(), data.end());
         request.resize(19, 0);
-        return call(7, {}, request);
+        return call(kTalvexMethodRegisterWrite, {}, request);
     }
     CallResult memory(uint32_t selector, uint32_t address, uint8_t block, uint8_t count, const Bytes &data = {}) {
-        Bytes request(selector == 38 ? 22 : 6, 0);
+        Bytes request(selector == kTalvexMethodMemoryWrite ? 22 : 6, 0);
         wire::store_le32(request.data(), address);
         request[4] = block;
         request[5] = count;
         std::copy(data.begin(), data.end(), request.begin() + 6);
-        return call(selector, {}, request, selector == 38 ? 0 : count);
+        return call(selector, {}, request, selector == kTalvexMethodMemoryWrite ? 0 : count);
     }
-    CallResult memory_read(uint32_t address, uint8_t block, uint8_t count) { return memory(37, address, block, count); }
+    CallResult memory_read(uint32_t address, uint8_t block, uint8_t count) {
+        return memory(kTalvexMethodMemoryRead, address, block, count);
+    }
     CallResult memory_write(uint32_t address, uint8_t block, const Bytes &data) {
-        return memory(38, address, block, static_cast<uint8_t>(data.size()), data);
+        return memory(kTalvexMethodMemoryWrite, address, block, static_cast<uint8_t>(data.size()), data);
     }
     CallResult uart(uint8_t port, uint8_t container, uint8_t retries, bool flag, uint32_t preamble,
                     const Bytes &payload, uint64_t capacity = 100) {
@@ -53,7 +55,7 @@ struct Rig : SimRig {
         request[4] = flag ? 1 : 0;
         wire::store_le32(request.data() + 5, preamble);
         std::copy(payload.begin(), payload.end(), request.begin() + 9);
-        return call(36, {}, request, capacity);
+        return call(kTalvexMethodUartTest, {}, request, capacity);
     }
     uint16_t accel_z() {
         Bytes z = read_registers(1, 0x2c, 2).out;
@@ -78,19 +80,28 @@ TEST(ModelSelectors, EveryFirmwareSelectorIsNotReadyWhileStopped) {
         return b;
     };
     const std::vector<Case> cases = {
-        {4, {}, {}}, {10, {}, {}}, {18, {1}, {}}, {31, {}, {}}, {33, {}, {}}, {40, {0, 0, 96}, {}},
-        {5, {}, {0, 1, 0, 0xaa}, 128}, {6, {}, {0, 0, 1}, 1}, {7, {}, counted(19, 2)}, {8, {1}, {}}, {9, {}, {}},
-        {11, {5, 1}, {}}, {12, {5}, {}, 0, 1}, {16, {7}, {}}, {34, {}, {0, 0x50, 0xff, 0xff, 1}, 1},
-        {35, {}, Bytes(21, 0)}, {36, {}, Bytes(109, 0), 100}, {37, {}, counted(6, 5), 1}, {38, {}, counted(22, 5)},
-        {13, {1, 0}, {}, 128}, {14, {1, 10, 1}, {}}, {19, {}, {}}, {20, {}, {}}, {21, {}, {}}, {22, {}, {}, 12},
-        {23, {}, Bytes(72, 0), 82}, {24, {}, {}}, {25, {}, {}}, {26, {}, {}}, {27, {}, {}, 196}, {28, {1}, {}},
-        {29, {112'500}, {}}, {30, {}, Bytes(5, 0), 89}, {32, {}, Bytes(4, 0), 8}, {39, {1, 38}, Bytes(4, 0)},
+        {kTalvexMethodPing, {}, {}}, {kTalvexMethodTimeSync, {}, {}}, {kTalvexMethodWake, {1}, {}},
+        {kTalvexMethodPanic, {}, {}}, {kTalvexMethodTestReport, {}, {}}, {kTalvexMethodHalt, {0, 0, 96}, {}},
+        {kTalvexMethodSpiTransfer, {}, {0, 1, 0, 0xaa}, 128}, {kTalvexMethodRegisterRead, {}, {0, 0, 1}, 1},
+        {kTalvexMethodRegisterWrite, {}, counted(19, 2)}, {kTalvexMethodSetContextLimit, {1}, {}},
+        {kTalvexMethodRawBytes, {}, {}}, {kTalvexMethodGpioSet, {5, 1}, {}}, {kTalvexMethodGpioRead, {5}, {}, 0, 1},
+        {kTalvexMethodPowerRails, {7}, {}}, {kTalvexMethodI2CRead, {}, {0, 0x50, 0xff, 0xff, 1}, 1},
+        {kTalvexMethodI2CWrite, {}, Bytes(21, 0)}, {kTalvexMethodUartTest, {}, Bytes(109, 0), 100},
+        {kTalvexMethodMemoryRead, {}, counted(6, 5), 1}, {kTalvexMethodMemoryWrite, {}, counted(22, 5)},
+        {kTalvexMethodGetProperty, {1, 0}, {}, 128}, {kTalvexMethodSetProperty, {1, 10, 1}, {}},
+        {kTalvexMethodProfileStart, {}, {}}, {kTalvexMethodProfileStop, {}, {}}, {kTalvexMethodProfileReset, {}, {}},
+        {kTalvexMethodProfileSummary, {}, {}, 12}, {kTalvexMethodProfileEntry, {}, Bytes(72, 0), 82},
+        {kTalvexMethodPowerLogStart, {}, {}}, {kTalvexMethodPowerLogStop, {}, {}},
+        {kTalvexMethodPowerLogReset, {}, {}}, {kTalvexMethodPowerLogRead, {}, {}, 196},
+        {kTalvexMethodClockRedirect, {1}, {}}, {kTalvexMethodSetBaudRate, {112'500}, {}},
+        {kTalvexMethodClientList, {}, Bytes(5, 0), 89}, {kTalvexMethodClockMeasure, {}, Bytes(4, 0), 8},
+        {kTalvexMethodPerfMonitor, {1, 38}, Bytes(4, 0)},
     };
     for (const Case &c : cases) {
         Rig rig;
         auto once = [&] { return rig.call(c.selector, c.scalars, c.input, c.capacity, c.scalar_capacity).code; };
         EXPECT_NE(once(), kIOReturnNotReady) << "selector " << c.selector << " while booted";
-        ASSERT_EQ(rig.code(3), kOk);   // stop
+        ASSERT_EQ(rig.code(kTalvexMethodStop), kOk);
         EXPECT_EQ(once(), kIOReturnNotReady) << "selector " << c.selector;
     }
 }
@@ -98,22 +109,26 @@ TEST(ModelSelectors, EveryFirmwareSelectorIsNotReadyWhileStopped) {
 TEST(ModelBus, RequestsOutOfRangeAreRefused) {
     Rig rig;
     EXPECT_EQ(rig.read_registers(7, 0, 1).code, kIOReturnNoDevice);
-    EXPECT_EQ(rig.call(6, {}, {0, 0, 17}, 16).code, kIOReturnBadArgument);   // count beyond the buffer
+    // A count beyond the buffer.
+    EXPECT_EQ(rig.call(kTalvexMethodRegisterRead, {}, {0, 0, 17}, 16).code, kIOReturnBadArgument);
     EXPECT_EQ(rig.write_registers(0, 0x20, {}).code, kIOReturnBadArgument);
     Bytes seventeen{0, 0x20, 17};
     seventeen.resize(19, 0);
-    EXPECT_EQ(rig.call(7, {}, seventeen, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodRegisterWrite, {}, seventeen, 0).code, kIOReturnBadArgument);
 
-    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 0xaa}, 128).code, kIOReturnBadArgument);   // length says 2, 1 follows
-    EXPECT_EQ(rig.call(5, {}, {0x87, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);  // no device 7
-    EXPECT_EQ(rig.call(5, {}, {4, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);
+    // The length says 2 where 1 follows; there is no device 7.
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {0, 2, 0, 0xaa}, 128).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {0x87, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {4, 1, 0, 0xaa}, 128).code, kIOReturnBadArgument);
 
-    EXPECT_EQ(rig.call(34, {}, {3, 0x50, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);    // port
-    EXPECT_EQ(rig.call(34, {}, {0, 0x80, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);    // 8-bit address
-    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0x00, 0x01, 1}, 1).code, kIOReturnBadArgument);    // register 0x100
-    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 17}, 16).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(34, {}, {0, 0x51, 0xff, 0xff, 0}, 0).code, kIOReturnNotResponding);  // a probe of nothing
-    EXPECT_EQ(rig.call(34, {}, {0, 0x50, 0xff, 0xff, 0}, 0).code, kOk);
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {3, 0x50, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);    // port
+    // An 8-bit address; register 0x100.
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {0, 0x80, 0xff, 0xff, 1}, 1).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {0, 0x50, 0x00, 0x01, 1}, 1).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {0, 0x50, 0xff, 0xff, 17}, 16).code, kIOReturnBadArgument);
+    // A probe of nothing, then of a target that is there.
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {0, 0x51, 0xff, 0xff, 0}, 0).code, kIOReturnNotResponding);
+    EXPECT_EQ(rig.call(kTalvexMethodI2CRead, {}, {0, 0x50, 0xff, 0xff, 0}, 0).code, kOk);
 
     EXPECT_EQ(rig.uart(3, 0, 0, false, 0, {}).code, kIOReturnBadArgument);
     EXPECT_EQ(rig.uart(0, 4, 0, false, 0, {}).code, kIOReturnBadArgument);
@@ -123,7 +138,7 @@ TEST(ModelBus, RequestsOutOfRangeAreRefused) {
     EXPECT_EQ(rig.uart(0, 1, 0, true, 0, {}).code, kIOReturnBadArgument);   // raw with nothing to send
     Bytes too_long(109, 0);
     too_long[2] = 100;
-    EXPECT_EQ(rig.call(36, {}, too_long, 100).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodUartTest, {}, too_long, 100).code, kIOReturnBadArgument);
 
     EXPECT_EQ(rig.memory_read(0xfffffff0, 0, 16).code, kOk);
     EXPECT_EQ(rig.memory_read(0xfffffff1, 0, 16).code, kIOReturnBadArgument);   // past the top
@@ -131,11 +146,11 @@ TEST(ModelBus, RequestsOutOfRangeAreRefused) {
     EXPECT_EQ(rig.memory_read(0, 4, 1).code, kIOReturnBadArgument);
     EXPECT_EQ(rig.memory_write(0, 0, {}).code, kIOReturnBadArgument);
 
-    EXPECT_EQ(rig.call(8, {4}, {}, 0).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(11, {32, 1}, {}, 0).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(11, {5, 2}, {}, 0).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(12, {32}, {}, 0, 1).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(16, {0x100000007}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodSetContextLimit, {4}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioSet, {32, 1}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioSet, {5, 2}, {}, 0).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioRead, {32}, {}, 0, 1).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodPowerRails, {0x100000007}, {}, 0).code, kIOReturnBadArgument);
 }
 
 TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
@@ -152,12 +167,12 @@ TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
     EXPECT_EQ(rig.accel_z(), later);
 
     // The data-ready line toggles every 5 ms.
-    uint64_t level = rig.call(12, {3}, {}, 0, 1).scalars.at(0);
+    uint64_t level = rig.call(kTalvexMethodGpioRead, {3}, {}, 0, 1).scalars.at(0);
     rig.step->advance(5 * kMs);
-    EXPECT_EQ(rig.call(12, {3}, {}, 0, 1).scalars.at(0), 1 - level);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioRead, {3}, {}, 0, 1).scalars.at(0), 1 - level);
 
     // The thermometer reads about 25 degrees, in 1/256 degree, big-endian.
-    Bytes t = rig.call(34, {}, {0, 0x48, 0x00, 0x00, 2}, 2).out;
+    Bytes t = rig.call(kTalvexMethodI2CRead, {}, {0, 0x48, 0x00, 0x00, 2}, 2).out;
     ASSERT_EQ(t.size(), 2u);
     EXPECT_NEAR((t[0] << 8 | t[1]) / 256.0, 25.0, 0.5);
 
@@ -186,7 +201,7 @@ TEST(ModelBus, MemoryIsSparseAndBounded) {
         request[5] = static_cast<uint8_t>(data.size());
         std::copy(data.begin(), data.end(), request.begin() + 6);
         CallArgs a;
-        a.selector = 38;
+        a.selector = kTalvexMethodMemoryWrite;
         a.input = request;
         CallReply reply;
         return model.memory_write(a, reply);
@@ -212,12 +227,12 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     EXPECT_EQ(rig.read_registers(6, 0xff, 2).out, (Bytes{0xaa, 0xbb}));
 
     // SPI: the controller's WHO_AM_I holds; its other registers keep writes.
-    EXPECT_EQ(rig.call(5, {}, {1, 3, 0, 0x0f, 0x55, 0x66}, 128).code, kOk);
-    CallResult r = rig.call(5, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {1, 3, 0, 0x0f, 0x55, 0x66}, 128).code, kOk);
+    CallResult r = rig.call(kTalvexMethodSpiTransfer, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
     EXPECT_EQ(r.out, (Bytes{1, 4, 0, 0x00, 0x6c, 0x66, 0x00}));
     // A chip select with nothing on it reads all ones; the loopback echoes.
-    EXPECT_EQ(rig.call(5, {}, {2, 2, 0, 1, 2}, 128).out, (Bytes{2, 2, 0, 0xff, 0xff}));
-    EXPECT_EQ(rig.call(5, {}, {0, 2, 0, 1, 2}, 128).out, (Bytes{0, 2, 0, 1, 2}));
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {2, 2, 0, 1, 2}, 128).out, (Bytes{2, 2, 0, 0xff, 0xff}));
+    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {0, 2, 0, 1, 2}, 128).out, (Bytes{0, 2, 0, 1, 2}));
 
     // I2C: the gauge's identity and voltage are read-only, its other registers not.
     Bytes write(21, 0);
@@ -226,8 +241,8 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     wire::store_le16(write.data() + 2, 0x00);
     write[4] = 5;
     for (int i = 0; i < 5; ++i) write[5 + i] = static_cast<uint8_t>(0xe0 + i);
-    EXPECT_EQ(rig.call(35, {}, write, 0).code, kOk);
-    Bytes gauge = rig.call(34, {}, {2, 0x36, 0x00, 0x00, 5}, 5).out;
+    EXPECT_EQ(rig.call(kTalvexMethodI2CWrite, {}, write, 0).code, kOk);
+    Bytes gauge = rig.call(kTalvexMethodI2CRead, {}, {2, 0x36, 0x00, 0x00, 5}, 5).out;
     ASSERT_EQ(gauge.size(), 5u);
     EXPECT_EQ(gauge[0], 0x5a);
     EXPECT_EQ(gauge[1], 0xe1);
@@ -235,9 +250,9 @@ TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
     EXPECT_EQ(gauge[4], 0xe4);
 
     // GPIO outputs keep their level; the rail event names what is on.
-    EXPECT_EQ(rig.call(11, {20, 1}, {}, 0).code, kOk);
-    EXPECT_EQ(rig.call(12, {20}, {}, 0, 1).scalars, std::vector<uint64_t>{1});
-    EXPECT_EQ(rig.call(16, {5}, {}, 0).code, kOk);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioSet, {20, 1}, {}, 0).code, kOk);
+    EXPECT_EQ(rig.call(kTalvexMethodGpioRead, {20}, {}, 0, 1).scalars, std::vector<uint64_t>{1});
+    EXPECT_EQ(rig.call(kTalvexMethodPowerRails, {5}, {}, 0).code, kOk);
     EXPECT_EQ(rig.event_lines(), std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","event":"pmu",)"
                                                           R"("mask":5,"previous":7,"on":["PPV1V2_TALVEX","PP3V0_IMU"]})"});
 }

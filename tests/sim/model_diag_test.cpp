@@ -22,13 +22,15 @@ using Reply = CallResult;
 // The coprocessor, with the property, profile-entry and baud-rate reads the tests make often.
 struct Rig : SimRig {
     Reply get(uint64_t device, uint64_t property, uint64_t capacity = 128) {
-        return call(13, {device, property}, {}, capacity);
+        return call(kTalvexMethodGetProperty, {device, property}, {}, capacity);
     }
-    IOReturn set(uint64_t device, uint64_t property, uint64_t value) { return code(14, {device, property, value}); }
+    IOReturn set(uint64_t device, uint64_t property, uint64_t value) {
+        return code(kTalvexMethodSetProperty, {device, property, value});
+    }
     Reply entry(uint32_t kind, uint32_t index) {
         std::vector<uint8_t> request = le32({kind, index});
         request.resize(72, 0);
-        return call(23, {}, request, 82);
+        return call(kTalvexMethodProfileEntry, {}, request, 82);
     }
     uint64_t baud() const {
         CFTypeRef v = service->get_property("talvex-baud-rate");
@@ -97,25 +99,25 @@ TEST(ModelDiag, WritablePropertiesCheckTheirValues) {
 TEST(ModelDiag, TimeCountsWhileBootedAndAFreshBootStartsOver) {
     Rig rig;
     ASSERT_EQ(rig.set(0, 0, 5'000), kOk);
-    ASSERT_EQ(rig.call(29, {750'000}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodSetBaudRate, {750'000}).code, kOk);
     EXPECT_EQ(rig.baud(), 750'000u);
-    ASSERT_EQ(rig.call(19, {}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodProfileStart, {}).code, kOk);
     rig.advance_ms(1'000);
-    EXPECT_EQ(rig.call(22, {}, {}, 12).u32(8), 1'000u);
+    EXPECT_EQ(rig.call(kTalvexMethodProfileSummary, {}, {}, 12).u32(8), 1'000u);
 
     // A halt of 200 ms that ends by itself: the same run, less the halt.
-    ASSERT_EQ(rig.call(40, {100, 200, 96}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodHalt, {100, 200, 96}).code, kOk);
     rig.advance_ms(1'000);
-    EXPECT_EQ(rig.call(22, {}, {}, 12).u32(8), 1'800u);
+    EXPECT_EQ(rig.call(kTalvexMethodProfileSummary, {}, {}, 12).u32(8), 1'800u);
     EXPECT_EQ(rig.get(0, 0).i32(0), 5'000);
 
     // Stopped, time stands still; booted again, everything is as after power-up.
-    ASSERT_EQ(rig.call(3, {}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodStop, {}).code, kOk);
     rig.advance_ms(5'000);
-    ASSERT_EQ(rig.call(2, {0, 0}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodLoadFirmware, {0, 0}).code, kOk);
     rig.advance_ms(400);
     ASSERT_EQ(rig.cop->state(), kTalvexStateBooted);
-    Reply summary = rig.call(22, {}, {}, 12);
+    Reply summary = rig.call(kTalvexMethodProfileSummary, {}, {}, 12);
     EXPECT_EQ(summary.u32(8), 0u);
     EXPECT_EQ(rig.entry(0, 0).u16(76), 0);   // not started in the new run
     EXPECT_EQ(rig.get(0, 0).i32(0), 10'000);
@@ -179,11 +181,11 @@ TEST(ModelDiag, ProfilerFiguresAreReproducibleAndSaturate) {
 
 TEST(ModelDiag, PowerLogSharesTimeAndFollowsSampleIntervals) {
     Rig rig;
-    ASSERT_EQ(rig.call(24, {}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodPowerLogStart, {}).code, kOk);
     rig.advance_ms(10'000);
     ASSERT_EQ(rig.set(0, 0, 5'000), kOk);   // the gyro at 200 Hz from here
     rig.advance_ms(10'000);
-    Reply log = rig.call(27, {}, {}, 196);
+    Reply log = rig.call(kTalvexMethodPowerLogRead, {}, {}, 196);
     ASSERT_EQ(log.out.size(), 196u);
     uint32_t total = 0;
     for (size_t i = 0; i < 4; ++i) total += log.u32(8 * i);
@@ -198,14 +200,14 @@ TEST(ModelDiag, PowerLogSharesTimeAndFollowsSampleIntervals) {
         EXPECT_EQ(log.u32(at + 16), events[d]) << d;
         EXPECT_NEAR(log.u32(at) + log.u32(at + 8), 20'000, 2) << d;   // asleep + active
     }
-    ASSERT_EQ(rig.call(25, {}).code, kOk);
+    ASSERT_EQ(rig.call(kTalvexMethodPowerLogStop, {}).code, kOk);
     rig.advance_ms(1'000);
-    EXPECT_EQ(rig.call(27, {}, {}, 196).out, log.out);
-    ASSERT_EQ(rig.call(26, {}).code, kOk);
+    EXPECT_EQ(rig.call(kTalvexMethodPowerLogRead, {}, {}, 196).out, log.out);
+    ASSERT_EQ(rig.call(kTalvexMethodPowerLogReset, {}).code, kOk);
     // Reset: every figure zero; the blocks still name their devices.
     std::vector<uint8_t> cleared(196, 0);
     for (size_t d = 0; d < 5; ++d) cleared[56 + 28 * d + 24] = static_cast<uint8_t>(ids[d]);
-    EXPECT_EQ(rig.call(27, {}, {}, 196).out, cleared);
+    EXPECT_EQ(rig.call(kTalvexMethodPowerLogRead, {}, {}, 196).out, cleared);
 }
 
 TEST(ModelDiag, ClocksRunNearTheirNominalFrequencies) {
@@ -214,17 +216,17 @@ TEST(ModelDiag, ClocksRunNearTheirNominalFrequencies) {
     const double tolerance[] = {30e-6, 6e-3, 30e-6, 100e-6, 5e-3};
     for (int t = 0; t < 20; ++t) {
         for (uint32_t s = 0; s < 5; ++s) {
-            Reply r = rig.call(32, {}, le32({s}), 8);
+            Reply r = rig.call(kTalvexMethodClockMeasure, {}, le32({s}), 8);
             ASSERT_EQ(r.code, kOk);
             EXPECT_EQ(r.u32(0), static_cast<uint32_t>(nominal[s]));
             EXPECT_NEAR(r.u32(4) / nominal[s], 1.0, tolerance[s]) << s << " at " << t;
         }
         rig.advance_ms(5'000);
     }
-    EXPECT_EQ(rig.call(32, {}, le32({5}), 8).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(28, {2}).code, kIOReturnBadArgument);
-    ASSERT_EQ(rig.call(28, {1}).code, kOk);
-    EXPECT_EQ(rig.call(32, {}, le32({0}), 8).u32(0), 12'000'000u);
+    EXPECT_EQ(rig.call(kTalvexMethodClockMeasure, {}, le32({5}), 8).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodClockRedirect, {2}).code, kIOReturnBadArgument);
+    ASSERT_EQ(rig.call(kTalvexMethodClockRedirect, {1}).code, kOk);
+    EXPECT_EQ(rig.call(kTalvexMethodClockMeasure, {}, le32({0}), 8).u32(0), 12'000'000u);
 }
 
 TEST(ModelDiag, IrcStartupStatisticsStayOrderedOverLongGaps) {
@@ -246,25 +248,25 @@ TEST(ModelDiag, IrcStartupStatisticsStayOrderedOverLongGaps) {
 
 TEST(ModelDiag, PerfmonModesAndSampling) {
     Rig rig;
-    ASSERT_EQ(rig.call(39, {1, 38}, le32({1})).code, kOk);   // accel enabled
+    ASSERT_EQ(rig.call(kTalvexMethodPerfMonitor, {1, 38}, le32({1})).code, kOk);   // accel enabled
     ASSERT_EQ(rig.set(0, 38, 2), kOk);                       // gyro auto, through the property
     ASSERT_EQ(rig.set(2, 38, 7), kOk);                       // compass: a mode without meaning
     EXPECT_EQ(rig.get(1, 38).u32(0), 1u);
     EXPECT_EQ(rig.get(0, 38).u32(0), 2u);
     rig.advance_ms(8'000);
     auto fusion_samples = [&](uint64_t device) {
-        Reply r = rig.call(39, {device, 47}, {}, 256);
+        Reply r = rig.call(kTalvexMethodPerfMonitor, {device, 47}, {}, 256);
         EXPECT_EQ(r.code, kOk);
         EXPECT_EQ(r.out.size(), 256u);
         return r.u32(4 + 24 * 3 + 8);
     };
     EXPECT_EQ(fusion_samples(1), 800u);   // 100 Hz for 8 s
     EXPECT_EQ(fusion_samples(0), 100u);   // one in eight
-    Reply compass = rig.call(39, {2, 47}, {}, 256);
+    Reply compass = rig.call(kTalvexMethodPerfMonitor, {2, 47}, {}, 256);
     EXPECT_EQ(compass.u32(0), 5u);
     EXPECT_EQ(compass.u32(4 + 8), 0u);
 
-    Reply accel = rig.call(39, {1, 47}, {}, 256);
+    Reply accel = rig.call(kTalvexMethodPerfMonitor, {1, 47}, {}, 256);
     EXPECT_EQ(accel.u32(0), 7u);
     // "timesync" fills its 8-byte name and samples once a second.
     EXPECT_EQ(std::string(accel.out.begin() + 4 + 24 * 6, accel.out.begin() + 4 + 24 * 6 + 8), "timesync");
@@ -275,29 +277,29 @@ TEST(ModelDiag, PerfmonModesAndSampling) {
         EXPECT_LE(accel.u32(at + 20), accel.u32(at + 16)) << i;
     }
 
-    EXPECT_EQ(rig.call(39, {1, 38}, {1, 0, 0}).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(39, {1, 99}).code, kIOReturnUnsupported);
-    EXPECT_EQ(rig.call(39, {1, 47}, {}, 255).code, kIOReturnNoSpace);
-    EXPECT_EQ(rig.call(39, {9, 47}, {}, 256).code, kIOReturnNoDevice);
+    EXPECT_EQ(rig.call(kTalvexMethodPerfMonitor, {1, 38}, {1, 0, 0}).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodPerfMonitor, {1, 99}).code, kIOReturnUnsupported);
+    EXPECT_EQ(rig.call(kTalvexMethodPerfMonitor, {1, 47}, {}, 255).code, kIOReturnNoSpace);
+    EXPECT_EQ(rig.call(kTalvexMethodPerfMonitor, {9, 47}, {}, 256).code, kIOReturnNoDevice);
 }
 
 TEST(ModelDiag, ClientListsAndBaudRates) {
     Rig rig;
     std::vector<uint8_t> summary = {1, 0xff, 0xff, 0xff, 0xff};
-    Reply r = rig.call(30, {}, summary, 89);
+    Reply r = rig.call(kTalvexMethodClientList, {}, summary, 89);
     ASSERT_EQ(r.code, kOk);
     ASSERT_EQ(r.out.size(), 89u);
     EXPECT_EQ(r.u32(0), 5u);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(r.out.data() + 4)), "accel");
     EXPECT_EQ(r.i32(73), 10'000);
-    EXPECT_EQ(rig.call(30, {}, {1, 2, 0, 0, 0}, 89).out[4], 0);   // a slot whose client has gone
-    EXPECT_EQ(rig.call(30, {}, {1, 5, 0, 0, 0}, 89).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(30, {}, {7, 0, 0, 0, 0}, 89).code, kIOReturnNoDevice);
+    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {1, 2, 0, 0, 0}, 89).out[4], 0);   // a slot whose client has gone
+    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {1, 5, 0, 0, 0}, 89).code, kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {7, 0, 0, 0, 0}, 89).code, kIOReturnNoDevice);
 
     EXPECT_EQ(rig.baud(), 3'000'000u);
     for (uint64_t bad : {115'200ull, 0ull, 112'500ull + (1ull << 32)})
-        EXPECT_EQ(rig.call(29, {bad}).code, kIOReturnBadArgument) << bad;
-    EXPECT_EQ(rig.call(29, {112'500}).code, kOk);
+        EXPECT_EQ(rig.call(kTalvexMethodSetBaudRate, {bad}).code, kIOReturnBadArgument) << bad;
+    EXPECT_EQ(rig.call(kTalvexMethodSetBaudRate, {112'500}).code, kOk);
     EXPECT_EQ(rig.baud(), 112'500u);
 }
 

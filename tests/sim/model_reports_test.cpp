@@ -44,7 +44,7 @@ struct Rig : test::SimRig {
         std::unique_ptr<UserClient> uc;
         EXPECT_EQ(hub->open(0, uc), kIOReturnSuccess);
         if (opened) {
-            EXPECT_EQ(call(*uc, 0, {}, {}, 0), kIOReturnSuccess);
+            EXPECT_EQ(call(*uc, kIOReportUserClientOpen, {}, {}, 0), kIOReturnSuccess);
         }
         return uc;
     }
@@ -63,10 +63,13 @@ struct Rig : test::SimRig {
     // Configures the channels (driver, channel) and returns the token (0 on failure).
     uint64_t subscribe(UserClient &uc, const std::vector<std::pair<uint64_t, uint64_t>> &channels) {
         std::vector<uint64_t> out;
-        if (call(uc, 2, {}, interests(channels), 1, &out) != kIOReturnSuccess || out.size() != 1) return 0;
+        IOReturn code = call(uc, kIOReportUserClientConfigureInterests, {}, interests(channels), 1, &out);
+        if (code != kIOReturnSuccess || out.size() != 1) return 0;
         return out[0];
     }
-    IOReturn update(UserClient &uc, uint64_t token) { return call(uc, 3, {token}, {}, 0); }
+    IOReturn update(UserClient &uc, uint64_t token) {
+        return call(uc, kIOReportUserClientUpdateKernelBuffer, {token}, {}, 0);
+    }
     std::span<const uint8_t> buffer(UserClient &uc, uint64_t token) {
         SharedRegion *r = uc.region(static_cast<uint32_t>(token));
         return r ? r->bytes() : std::span<const uint8_t>{};
@@ -157,9 +160,9 @@ TEST(HubInProcess, RefusesWhatIsNotAProperRequest) {
     const uint64_t cp = rig.cp();
     auto uc = rig.client(false);
     std::vector<uint8_t> good = Rig::interests({{cp, kTotal}});
-    EXPECT_EQ(rig.call(*uc, 2, {}, good, 1), kIOReturnNotOpen);
-    EXPECT_EQ(rig.call(*uc, 3, {1}, {}, 0), kIOReturnNotOpen);
-    ASSERT_EQ(rig.call(*uc, 0, {}, {}, 0), kIOReturnSuccess);
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientConfigureInterests, {}, good, 1), kIOReturnNotOpen);
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientUpdateKernelBuffer, {1}, {}, 0), kIOReturnNotOpen);
+    ASSERT_EQ(rig.call(*uc, kIOReportUserClientOpen, {}, {}, 0), kIOReturnSuccess);
 
     auto with_count = [&](uint32_t n, size_t size) {
         std::vector<uint8_t> b(size, 0);
@@ -168,12 +171,13 @@ TEST(HubInProcess, RefusesWhatIsNotAProperRequest) {
     };
     for (auto bad : {std::vector<uint8_t>(7, 0), with_count(0, 8), with_count(2, 32), with_count(1, 33),
                      with_count(0xffffffff, 32), with_count(1, 8)})
-        EXPECT_EQ(rig.call(*uc, 2, {}, bad, 1), kIOReturnBadArgument) << bad.size();
-    EXPECT_EQ(rig.call(*uc, 2, {}, good, 0), kIOReturnBadArgument);    // nowhere to put the token
-    EXPECT_EQ(rig.call(*uc, 2, {1}, good, 1), kIOReturnBadArgument);   // scalar inputs
+        EXPECT_EQ(rig.call(*uc, kIOReportUserClientConfigureInterests, {}, bad, 1), kIOReturnBadArgument) << bad.size();
+    // Nowhere to put the token; scalar inputs.
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientConfigureInterests, {}, good, 0), kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientConfigureInterests, {1}, good, 1), kIOReturnBadArgument);
     EXPECT_EQ(rig.call(*uc, 1, {}, {}, 0), kIOReturnBadArgument);
     EXPECT_EQ(rig.update(*uc, 99), kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(*uc, 3, {1, 2}, {}, 0), kIOReturnBadArgument);
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientUpdateKernelBuffer, {1, 2}, {}, 0), kIOReturnBadArgument);
     std::unique_ptr<UserClient> other;
     EXPECT_EQ(rig.hub->open(1, other), kIOReturnBadArgument);
 
@@ -192,7 +196,7 @@ TEST(HubInProcess, RefusesWhatIsNotAProperRequest) {
 
     // A bounded number of buffers per client.
     for (size_t i = 1; i < ReportHub::kMaxSubscriptions; ++i) ASSERT_NE(rig.subscribe(*uc, {{cp, kTotal}}), 0u);
-    EXPECT_EQ(rig.call(*uc, 2, {}, good, 1), kIOReturnNoResources);
+    EXPECT_EQ(rig.call(*uc, kIOReportUserClientConfigureInterests, {}, good, 1), kIOReturnNoResources);
     EXPECT_EQ(rig.update(*uc, token), kIOReturnSuccess);
 }
 

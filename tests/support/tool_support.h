@@ -5,6 +5,7 @@
 #pragma once
 
 #include "harness.h"
+#include "talvex_driver.h"
 
 #include <gtest/gtest.h>
 
@@ -116,15 +117,13 @@ inline void control(const Simulator &sim, const Words &args) {
 
 // Stubs answering one call of `selector` with `output` (hex) or with `code`;
 // `match` narrows them (--scalars, --input-prefix, --service).
-inline void stub_once(const Simulator &sim, const std::string &selector, const std::string &output,
-                      const Words &match = {}) {
-    Words args{"stub", "--selector", selector, "--output", output, "--times", "1"};
+inline void stub_once(const Simulator &sim, uint32_t selector, const std::string &output, const Words &match = {}) {
+    Words args{"stub", "--selector", std::to_string(selector), "--output", output, "--times", "1"};
     args.insert(args.end(), match.begin(), match.end());
     control(sim, args);
 }
-inline void stub_code(const Simulator &sim, const std::string &selector, const std::string &code,
-                      const Words &match = {}) {
-    Words args{"stub", "--selector", selector, "--code", code, "--times", "1"};
+inline void stub_code(const Simulator &sim, uint32_t selector, const std::string &code, const Words &match = {}) {
+    Words args{"stub", "--selector", std::to_string(selector), "--code", code, "--times", "1"};
     args.insert(args.end(), match.begin(), match.end());
     control(sim, args);
 }

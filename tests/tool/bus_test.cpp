@@ -43,7 +43,7 @@ void expect_call_failed(const Simulator &sim, const Words &args, const std::stri
 TEST(Registers, ReadRegAsksForTheHexLengthAndDumpsIt) {
     Simulator sim;
     TraceCall c = one_call(sim, {"readreg", "gyro", "0", "10"}, dump(with(Bytes(15, 0), 16, 0xd7)));
-    EXPECT_EQ(c.selector, 6);
+    EXPECT_EQ(c.selector, kTalvexMethodRegisterRead);
     EXPECT_EQ(c.input, "000010");
     EXPECT_EQ(c.output_size, 16u);
     // Only the low 8 bits of address and length count.
@@ -55,14 +55,14 @@ TEST(Registers, ReadRegAsksForTheHexLengthAndDumpsIt) {
     EXPECT_EQ(c.output_size, 0u);
 
     // Bytes the driver does not write stay 0xff; the dump covers the length asked.
-    stub_once(sim, "6", "0102");
+    stub_once(sim, kTalvexMethodRegisterRead, "0102");
     one_call(sim, {"readreg", "corvel", "0", "4"}, dump({1, 2, 0xff, 0xff}));
 }
 
 TEST(Registers, WriteRegSendsNineteenBytesAndReadsBack) {
     Simulator sim;
     TraceCall c = one_call(sim, {"writereg", "accel", "20", "1", "2"});
-    EXPECT_EQ(c.selector, 7);
+    EXPECT_EQ(c.selector, kTalvexMethodRegisterWrite);
     EXPECT_EQ(c.input, "012002" "0102" + zeros(14));
     EXPECT_EQ(c.output_size, 0u);
     one_call(sim, {"readreg", "accel", "20", "2"}, dump({1, 2}));
@@ -80,7 +80,7 @@ TEST(Registers, WriteRegSendsNineteenBytesAndReadsBack) {
 TEST(Registers, BbSendsOneScalarAndCmaItsBytes) {
     Simulator sim;
     TraceCall c = one_call(sim, {"bb", "3"});
-    EXPECT_EQ(c.selector, 8);
+    EXPECT_EQ(c.selector, kTalvexMethodSetContextLimit);
     EXPECT_EQ(c.scalars, std::vector<uint64_t>{3});
     EXPECT_EQ(one_call(sim, {"bb", "0x3"}).scalars, std::vector<uint64_t>{0});   // decimal, as atoi reads it
     Outcome o = run(sim, {"bb", "-1"});
@@ -89,7 +89,7 @@ TEST(Registers, BbSendsOneScalarAndCmaItsBytes) {
     EXPECT_EQ(o.err, twice(kBadArgument, "registers.cpp"));
 
     c = one_call(sim, {"cma"});
-    EXPECT_EQ(c.selector, 9);
+    EXPECT_EQ(c.selector, kTalvexMethodRawBytes);
     EXPECT_EQ(c.input, "");
     EXPECT_EQ(c.output_size, 0u);
     EXPECT_EQ(one_call(sim, {"cma", "1", "ff", "1ff", "zz", "0x7e"}).input, "01ffff007e");
@@ -107,14 +107,14 @@ TEST(Spi, ReadFormDumpsReplyAreaDataStartAndRequestBuffer) {
     // sent is the data area's fill.
     TraceCall c = one_call(sim, {"spi", "read", "2", "x"},
                            "00000000: ff ff                                             | ..\n");
-    EXPECT_EQ(c.selector, 5);
+    EXPECT_EQ(c.selector, kTalvexMethodSpiTransfer);
     EXPECT_EQ(c.input, "020100ff");
     EXPECT_EQ(c.output_size, 128u);
 
     // Words 4 on are data, the second-to-last is the output length (0x30):
     // 16 bytes of reply area, the first 16 of the data area, then the
     // request buffer as the driver answered it.
-    sim.control({"stub", "--selector", "5", "--output", "0102030405", "--times", "1"});
+    stub_once(sim, kTalvexMethodSpiTransfer, "0102030405");
     one_call(sim, {"spi", "read", "5", "30", "25"},
              kSpiFillLine + "00000010: 25 ff ff ff ff ff ff ff  ff ff ff ff ff ff ff ff  | %....... ........\n"
                             "00000020: 01 02 03 04 05 00 00 00  00 00 00 00 00 00 00 00  | ........ ........\n");
@@ -162,7 +162,7 @@ TEST(I2C, ReadsAndWritesTargetsWithAndWithoutARegister) {
     Simulator sim;
     Bytes eeprom{'T', 'L', 'V', 'X', '-', 'C', 'A', 'L', 0x01, 0x07};
     TraceCall c = one_call(sim, {"i2c", "read", "0", "50", "10"}, dump(with(eeprom, 16, 0xff)));
-    EXPECT_EQ(c.selector, 34);
+    EXPECT_EQ(c.selector, kTalvexMethodI2CRead);
     EXPECT_EQ(c.input, "0050ffff10");
     EXPECT_EQ(c.output_size, 16u);
     // With no register the read runs on where the last one stopped; 0x110 counts as 0x10.
@@ -171,7 +171,7 @@ TEST(I2C, ReadsAndWritesTargetsWithAndWithoutARegister) {
     EXPECT_EQ(one_call(sim, {"i2c", "readreg", "0", "50", "1ff", "2"}, dump({0xff, 'T'})).input, "0050ff0002");
 
     c = one_call(sim, {"i2c", "writereg", "0", "50", "20", "de", "ad"});
-    EXPECT_EQ(c.selector, 35);
+    EXPECT_EQ(c.selector, kTalvexMethodI2CWrite);
     EXPECT_EQ(c.input, "0050200002" "dead" + zeros(14));
     one_call(sim, {"i2c", "readreg", "0", "50", "20", "2"}, dump({0xde, 0xad}));
     // Without a register the first byte written moves the pointer.
@@ -194,10 +194,10 @@ TEST(I2C, ReadsAndWritesTargetsWithAndWithoutARegister) {
 TEST(Memory, MemKeepsWhatItWrites) {
     Simulator sim;
     TraceCall c = one_call(sim, {"mem", "write", "100", "0", "de", "ad", "be", "ef"});
-    EXPECT_EQ(c.selector, 38);
+    EXPECT_EQ(c.selector, kTalvexMethodMemoryWrite);
     EXPECT_EQ(c.input, "00010000" "00" "04" "deadbeef" + zeros(12));
     c = one_call(sim, {"mem", "read", "fe", "0", "8"}, dump({0, 0, 0xde, 0xad, 0xbe, 0xef, 0, 0}));
-    EXPECT_EQ(c.selector, 37);
+    EXPECT_EQ(c.selector, kTalvexMethodMemoryRead);
     EXPECT_EQ(c.input, "fe000000" "00" "08");
     EXPECT_EQ(c.output_size, 8u);
     // Addresses keep their low 32 bits; one byte still sends 22.
@@ -215,10 +215,10 @@ TEST(Memory, MemKeepsWhatItWrites) {
 TEST(Memory, GpioParsesDecimal) {
     Simulator sim;
     TraceCall c = one_call(sim, {"gpio", "write", "10", "1"});
-    EXPECT_EQ(c.selector, 11);
+    EXPECT_EQ(c.selector, kTalvexMethodGpioSet);
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{10, 1}));
     c = one_call(sim, {"gpio", "read", "10"}, dump({1}));
-    EXPECT_EQ(c.selector, 12);
+    EXPECT_EQ(c.selector, kTalvexMethodGpioRead);
     EXPECT_EQ(c.scalars, std::vector<uint64_t>{10});
     EXPECT_EQ(c.scalar_output_count, 1u);
     EXPECT_EQ(one_call(sim, {"gpio", "read", "0x10"}, dump({1})).scalars, std::vector<uint64_t>{0});
@@ -232,7 +232,7 @@ TEST(Memory, PmuMaskSwitchesTheImuRail) {
     Simulator sim;
     one_call(sim, {"writereg", "gyro", "21", "44"});
     TraceCall c = one_call(sim, {"pmu", "3"});
-    EXPECT_EQ(c.selector, 16);
+    EXPECT_EQ(c.selector, kTalvexMethodPowerRails);
     EXPECT_EQ(c.scalars, std::vector<uint64_t>{3});
     expect_call_failed(sim, {"readreg", "gyro", "21", "1"}, "(iokit/common) no power to device (0xe00002e3)",
                        "registers.cpp");
@@ -247,20 +247,20 @@ TEST(Properties, GetAndSetTakeNumbersAndCutTheDevice) {
     Simulator sim;
     Bytes value(128);
     for (size_t i = 0; i < value.size(); ++i) value[i] = static_cast<uint8_t>(i * 3);
-    stub_once(sim, "13", hex(value));
+    stub_once(sim, kTalvexMethodGetProperty, hex(value));
     TraceCall c = one_call(sim, {"get", "103", "ffffffff"}, dump(value));
-    EXPECT_EQ(c.selector, 13);
+    EXPECT_EQ(c.selector, kTalvexMethodGetProperty);
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 0xffffffff}));
     EXPECT_EQ(c.output_size, 128u);
-    control(sim, {"stub", "--selector", "13", "--output", "0102", "--output-size", "0", "--times", "1"});
+    stub_once(sim, kTalvexMethodGetProperty, "0102", {"--output-size", "0"});
     EXPECT_EQ(one_call(sim, {"get", "accel", "0x1"}).scalars, (std::vector<uint64_t>{0xce, 1}));
-    stub_once(sim, "13", "0a0b0c");
+    stub_once(sim, kTalvexMethodGetProperty, "0a0b0c");
     one_call(sim, {"get", "0x1", "2"}, dump({0x0a, 0x0b, 0x0c}));
 
     // Against the device model: property numbers are hexadecimal, 16 is the
     // talvex report rate (22), and what set wrote get reads back.
     c = one_call(sim, {"set", "103", "16", "3c"});
-    EXPECT_EQ(c.selector, 14);
+    EXPECT_EQ(c.selector, kTalvexMethodSetProperty);
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 22, 0x3c}));
     EXPECT_EQ(one_call(sim, {"get", "3", "16"}, dump({0x3c, 0, 0, 0})).scalars, (std::vector<uint64_t>{3, 22}));
 
@@ -272,7 +272,7 @@ TEST(Properties, GetAndSetTakeNumbersAndCutTheDevice) {
          R"(TalvexSetProperty\(handle=0x[0-9a-f]+,dev=1,prop=2,val=ffffffff\) -> e00002c7\n)"},
     };
     for (const auto &[args, out] : failures) {
-        stub_code(sim, args[0] == "get" ? "13" : "14", "0xe00002c7");
+        stub_code(sim, args[0] == "get" ? kTalvexMethodGetProperty : kTalvexMethodSetProperty, "0xe00002c7");
         Outcome o = run(sim, args);
         EXPECT_EQ(o.r.status, 1) << args[0];
         EXPECT_EQ(o.err, twice(kUnsupported, "properties.cpp")) << args[0];
@@ -291,7 +291,7 @@ std::string uart_request(uint8_t port, uint8_t container, uint8_t retry, uint32_
 TEST(Uart, PacksTheRequestWithItsDefaultsAndOption) {
     Simulator sim;
     TraceCall c = one_call(sim, {"uart", "ping", "ap"});
-    EXPECT_EQ(c.selector, 36);
+    EXPECT_EQ(c.selector, kTalvexMethodUartTest);
     EXPECT_EQ(c.input, uart_request(0, 0, 3, 0xffffffff, {}));
     EXPECT_EQ(c.output_size, 100u);
     const uint32_t none = 0xffffffff;
@@ -317,7 +317,7 @@ TEST(Uart, RepliesDependOnThePayloadAndTheLinkIsLogged) {
     Simulator sim;
     one_call(sim, {"uart", "pingreply", "ap", "abc"}, dump({0x7e, 0x82, 0x03, 'a', 'b', 'c', 0x36}));
     one_call(sim, {"uart", "cmreply", "isp", "2", "f0", "0f"}, dump({0x7e, 0x83, 0x04, 0x82, 0x00, 0x0f, 0xf0, 0x18}));
-    stub_once(sim, "36", "0102");
+    stub_once(sim, kTalvexMethodUartTest, "0102");
     one_call(sim, {"uart", "ping", "ap", "1"});   // ping prints nothing even when bytes come back
 
     // The bb partner misses a frame without a long enough preamble.

@@ -223,7 +223,7 @@ TEST(Arguments, WordLevelRefusalsAreOneLineOnStandardOutput) {
 TEST(FailedCall, ReportedByTheClientAndOnceMoreByTheCommand) {
     Simulator sim;
     struct Row {
-        const char *selector;
+        uint32_t selector;
         Words args;
         const char *file;
         std::string out = "";       // what the command printed before the call
@@ -231,26 +231,32 @@ TEST(FailedCall, ReportedByTheClientAndOnceMoreByTheCommand) {
     };
     const std::string text = "(iokit/common) general error";
     const Row rows[] = {
-        {"7", {"writereg", "gyro", "20", "1"}, "registers.cpp"},
-        {"8", {"bb", "1"}, "registers.cpp"}, {"9", {"cma", "1"}, "registers.cpp"},
-        {"5", {"spi", "read", "0", "x", "1", "2"}, "spi_i2c.cpp"},
-        {"12", {"gpio", "read", "1"}, "memory.cpp"},
-        {"36", {"uart", "pingreply", "ap", "1"}, "uart.cpp"},
-        {"1", {"reset"}, "lifecycle.cpp"},     {"3", {"stop"}, "lifecycle.cpp"},
-        {"10", {"timesync"}, "lifecycle.cpp"}, {"10", {"tymesync"}, "lifecycle.cpp"},
-        {"18", {"wake", "1"}, "power.cpp"},
-        {"40", {"halt_ms", "1", "1"}, "power.cpp"},
-        {"31", {"panic", "again"}, "power.cpp"},
-        {"33", {"report"}, "power.cpp", "calling test report\n"},
-        {"0", {"fw1"}, "power.cpp"}, {"15", {"conn"}, "power.cpp"},
-        {"28", {"clkredirect", "enable"}, "clocks.cpp"},
-        {"29", {"setbaudrate", "1500000"}, "perfmon.cpp"},
-        {"19", {"profile", "start"}, "profile.cpp"}, {"20", {"profile", "stop"}, "profile.cpp"},
-        {"21", {"profile", "reset"}, "profile.cpp"}, {"22", {"profile", "print"}, "profile.cpp"},
-        {"30", {"listclients", "accel"}, "listings.cpp"},
-        {"27", {"powerlog", "getpowerlog"}, "powerlog.cpp"},
-        {"39", {"perfmon", "compass", "enable"}, "perfmon.cpp", "", text},
-        {"39", {"perfmon", "talvex", "report"}, "perfmon.cpp", "", text},
+        {kTalvexMethodRegisterWrite, {"writereg", "gyro", "20", "1"}, "registers.cpp"},
+        {kTalvexMethodSetContextLimit, {"bb", "1"}, "registers.cpp"},
+        {kTalvexMethodRawBytes, {"cma", "1"}, "registers.cpp"},
+        {kTalvexMethodSpiTransfer, {"spi", "read", "0", "x", "1", "2"}, "spi_i2c.cpp"},
+        {kTalvexMethodGpioRead, {"gpio", "read", "1"}, "memory.cpp"},
+        {kTalvexMethodUartTest, {"uart", "pingreply", "ap", "1"}, "uart.cpp"},
+        {kTalvexMethodReset, {"reset"}, "lifecycle.cpp"},
+        {kTalvexMethodStop, {"stop"}, "lifecycle.cpp"},
+        {kTalvexMethodTimeSync, {"timesync"}, "lifecycle.cpp"},
+        {kTalvexMethodTimeSync, {"tymesync"}, "lifecycle.cpp"},
+        {kTalvexMethodWake, {"wake", "1"}, "power.cpp"},
+        {kTalvexMethodHalt, {"halt_ms", "1", "1"}, "power.cpp"},
+        {kTalvexMethodPanic, {"panic", "again"}, "power.cpp"},
+        {kTalvexMethodTestReport, {"report"}, "power.cpp", "calling test report\n"},
+        {kTalvexMethodSelectFirmware, {"fw1"}, "power.cpp"},
+        {kTalvexMethodConnect, {"conn"}, "power.cpp"},
+        {kTalvexMethodClockRedirect, {"clkredirect", "enable"}, "clocks.cpp"},
+        {kTalvexMethodSetBaudRate, {"setbaudrate", "1500000"}, "perfmon.cpp"},
+        {kTalvexMethodProfileStart, {"profile", "start"}, "profile.cpp"},
+        {kTalvexMethodProfileStop, {"profile", "stop"}, "profile.cpp"},
+        {kTalvexMethodProfileReset, {"profile", "reset"}, "profile.cpp"},
+        {kTalvexMethodProfileSummary, {"profile", "print"}, "profile.cpp"},
+        {kTalvexMethodClientList, {"listclients", "accel"}, "listings.cpp"},
+        {kTalvexMethodPowerLogRead, {"powerlog", "getpowerlog"}, "powerlog.cpp"},
+        {kTalvexMethodPerfMonitor, {"perfmon", "compass", "enable"}, "perfmon.cpp", "", text},
+        {kTalvexMethodPerfMonitor, {"perfmon", "talvex", "report"}, "perfmon.cpp", "", text},
     };
     for (const Row &row : rows) {
         stub_code(sim, row.selector, "0xe00002bc");
@@ -260,7 +266,7 @@ TEST(FailedCall, ReportedByTheClientAndOnceMoreByTheCommand) {
         EXPECT_EQ(o.err, coded(kGeneralError, "client/operations.cpp") + coded(kGeneralError, row.file, row.message))
             << row.args[0] << " " << row.args[1 % row.args.size()];
         ASSERT_EQ(o.calls.size(), 1u) << row.args[0];
-        EXPECT_EQ(o.calls[0].selector, std::stol(row.selector));
+        EXPECT_EQ(o.calls[0].selector, row.selector);
     }
 }
 
@@ -276,16 +282,16 @@ TEST(FailedCall, ResultLinesKeepTheirPlaceOnASharedStream) {
         std::string out = normalise(talvex::test::run(argv, sim.env()).out);
         return std::regex_replace(out, std::regex("handle=0x[0-9a-f]+"), "handle=P");
     };
-    stub_code(sim, "13", "0xe00002bc");
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002bc");
     EXPECT_EQ(merged({"get", "0", "1"}),
               from_operation(kGeneralError) + "TalvexGetProperty(handle=P,dev=0,prop=1,size=128) -> e00002bc\n" +
                   coded(kGeneralError, "properties.cpp"));
-    stub_code(sim, "14", "0xe00002bc");
+    stub_code(sim, kTalvexMethodSetProperty, "0xe00002bc");
     EXPECT_EQ(merged({"set", "0", "1", "2"}),
               from_operation(kGeneralError) + "TalvexSetProperty(handle=P,dev=0,prop=1,val=2) -> e00002bc\n" +
                   coded(kGeneralError, "properties.cpp"));
     // Lines printed before a later call fails come before its reports.
-    stub_code(sim, "23", "0xe00002bc");
+    stub_code(sim, kTalvexMethodProfileEntry, "0xe00002bc");
     EXPECT_EQ(merged({"profile", "print"}), "profile runtime: 0\n\nprofile hitpoints (8):\n" +
                                                 from_operation(kGeneralError) + coded(kGeneralError, "profile.cpp"));
 }

@@ -15,7 +15,7 @@ TEST(Clocks, RedirectSendsOneOrZero) {
     Simulator sim;
     for (auto [word, value] : {std::pair{"enable", 1u}, {"disable", 0u}}) {
         TraceCall c = one_call(sim, {"clkredirect", word});
-        EXPECT_EQ(c.selector, 28);
+        EXPECT_EQ(c.selector, kTalvexMethodClockRedirect);
         EXPECT_EQ(c.scalars, std::vector<uint64_t>{value}) << word;
     }
 }
@@ -27,10 +27,10 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
                                                 {{"clkmeasure", "lfosc"}, 3},   {{"clkmeasure", "current"}, 0},
                                                 {{"clkmeasure", "ircdiff"}, 4}, {{"clkmeasure"}, 1}};
     for (const auto &[args, selector] : asked) {
-        stub_once(sim, "32", Hex().u32(1'000'000).u32(990'000).str());
+        stub_once(sim, kTalvexMethodClockMeasure, Hex().u32(1'000'000).u32(990'000).str());
         std::string label = args.size() > 1 ? args[1] : "(null)";
         TraceCall c = one_call(sim, args, label + " clock speed: 990000 Hz (99.000000%)\n");
-        EXPECT_EQ(c.selector, 32);
+        EXPECT_EQ(c.selector, kTalvexMethodClockMeasure);
         EXPECT_EQ(c.input, Hex().u32(selector).str()) << label;
         EXPECT_EQ(c.output_size, 8u);
     }
@@ -41,12 +41,12 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
         {Hex().u32(0x80000000).u32(0xc0000000).str(), "pll clock speed: -1073741824 Hz (150.000000%)\n"},
     };
     for (const auto &[reply, line] : replies) {
-        stub_once(sim, "32", reply);
+        stub_once(sim, kTalvexMethodClockMeasure, reply);
         EXPECT_EQ(run(sim, {"clkmeasure", "pll"}).r.out, line);
     }
 
     // A failure: once without the code, once with it, the code's text as message both times.
-    stub_code(sim, "32", "0xe00002bc");
+    stub_code(sim, kTalvexMethodClockMeasure, "0xe00002bc");
     Outcome o = run(sim, {"clkmeasure", "irc"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "");
@@ -56,16 +56,17 @@ TEST(Clocks, MeasureNamesTheClockAndReportsItsShareOfTheReference) {
 
 TEST(Clocks, StartupPrintsThreeLinesFromProperty240) {
     Simulator sim;
-    stub_once(sim, "13", Hex().i32(2400).i32(2100).i32(-1).i32(9800).i32(9400).i32(11200).i32(0).i32(7).i32(-8).str());
+    stub_once(sim, kTalvexMethodGetProperty,
+              Hex().i32(2400).i32(2100).i32(-1).i32(9800).i32(9400).i32(11200).i32(0).i32(7).i32(-8).str());
     TraceCall c = one_call(sim, {"clkstartup", "ignored"},
                            "IRC startup speed - mean:2400 ns min:2100 ns max:-1 ns\n"
                            "IRC pre-startup speed - mean:9800 ns min:9400 ns max:11200 ns\n"
                            "IRC total speed - mean:0 ns min:7 ns max:-8 ns\n");
-    EXPECT_EQ(c.selector, 13);
+    EXPECT_EQ(c.selector, kTalvexMethodGetProperty);
     EXPECT_EQ(c.scalars, (std::vector<uint64_t>{3, 240}));
     EXPECT_EQ(c.output_size, 36u);
 
-    stub_code(sim, "13", "0xe00002c7");
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002c7");
     Outcome o = run(sim, {"clkstartup"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_TRUE(std::regex_match(o.r.out, std::regex("TalvexGetProperty\\(handle=0x[0-9a-f]+,dev=3,prop=f0,size=36\\) "
@@ -101,12 +102,13 @@ std::string record(uint32_t period, uint32_t entries, uint32_t events, uint32_t 
 TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
     Simulator sim;
     for (auto [word, selector, name] :
-         {std::tuple{"start", 24, "Start"}, {"stop", 25, "Stop"}, {"reset", 26, "Reset"}}) {
+         {std::tuple{"start", kTalvexMethodPowerLogStart, "Start"}, {"stop", kTalvexMethodPowerLogStop, "Stop"},
+          {"reset", kTalvexMethodPowerLogReset, "Reset"}}) {
         TraceCall c = one_call(sim, {"powerlog", word}, std::string(name) + " power log: (os/kern) successful (0)\n");
         EXPECT_EQ(c.selector, selector);
         EXPECT_TRUE(c.scalars.empty());
 
-        stub_code(sim, std::to_string(selector), "0xe00002bc");
+        stub_code(sim, selector, "0xe00002bc");
         Outcome o = run(sim, {"powerlog", word});
         EXPECT_EQ(o.r.status, 1);
         EXPECT_EQ(o.r.out, std::string(name) + " power log: " + kGeneralError + "\n");
@@ -116,10 +118,10 @@ TEST(PowerLog, ControlsPrintTheirResultWhateverItIs) {
 
 TEST(PowerLog, RecordPrintsEntryBeforePeriodAsUnsignedNumbers) {
     Simulator sim;
-    stub_once(sim, "27", record(0, 0, 0, 0));
+    stub_once(sim, kTalvexMethodPowerLogRead, record(0, 0, 0, 0));
     EXPECT_EQ(one_call(sim, {"powerlog", "getpowerlog"}, record_text(0, 0, 0, 0)).output_size, 196u);
 
-    stub_once(sim, "27", record(0x80000000, 7, 0xffffffff, 3));
+    stub_once(sim, kTalvexMethodPowerLogRead, record(0x80000000, 7, 0xffffffff, 3));
     EXPECT_EQ(run(sim, {"powerlog", "getpowerlog"}).r.out, record_text(2147483648u, 7, 4294967295u, 3));
 }
 

@@ -27,13 +27,13 @@ TEST(Perfmon, ModesAreSentAndReadBack) {
     EXPECT_EQ(run(sim, {"perfmon", "compass", "enabled"}).r.out, "perfmon is disabled for compass\n");
     for (auto [word, mode, name] : {std::tuple{"auto", 2u, "auto"}, {"enable", 1u, "enabled"}, {"disable", 0u, "disabled"}}) {
         TraceCall c = one_call(sim, {"perfmon", "compass", word});
-        EXPECT_EQ(c.selector, 39);
+        EXPECT_EQ(c.selector, kTalvexMethodPerfMonitor);
         EXPECT_EQ(c.scalars, (std::vector<uint64_t>{2, 38}));
         EXPECT_EQ(c.input, Hex().u32(mode).str()) << word;
         EXPECT_EQ(c.output_size, 0u);
 
         c = one_call(sim, {"perfmon", "compass", "enabled"}, std::string("perfmon is ") + name + " for compass\n");
-        EXPECT_EQ(c.selector, 13);
+        EXPECT_EQ(c.selector, kTalvexMethodGetProperty);
         EXPECT_EQ(c.scalars, (std::vector<uint64_t>{2, 38}));
         EXPECT_EQ(c.output_size, 4u);
     }
@@ -42,7 +42,7 @@ TEST(Perfmon, ModesAreSentAndReadBack) {
     EXPECT_EQ(run(sim, {"perfmon", "compass", "enabled"}).r.out, "perfmon is unknown for compass\n");
 
     // The mode is read directly: a failure is the command's report alone.
-    stub_code(sim, "13", "0xe00002bc");
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002bc");
     Outcome o = run(sim, {"perfmon", "compass", "enabled"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "");
@@ -53,7 +53,7 @@ TEST(Perfmon, ReportPrintsAtMostTenEntriesWithNamesCutToEightCharacters) {
     Simulator sim;
     // The count says 11; only ten fit, and "hostcomm" fills its 8 bytes.
     std::vector<std::string> names = {"hostcomm", "a", "b", "c", "d", "e", "f", "g", "h", "i"};
-    stub_once(sim, "39", report(11, names));
+    stub_once(sim, kTalvexMethodPerfMonitor, report(11, names));
     Outcome o = run(sim, {"perfmon", "talvex", "report"});
     EXPECT_EQ(o.r.status, 0);
     auto got = lines(o.r.out);
@@ -66,7 +66,7 @@ TEST(Perfmon, ReportPrintsAtMostTenEntriesWithNamesCutToEightCharacters) {
     EXPECT_EQ(c.input, "");
     EXPECT_EQ(c.output_size, 256u);
 
-    stub_once(sim, "39", report(0, {"x"}));
+    stub_once(sim, kTalvexMethodPerfMonitor, report(0, {"x"}));
     one_call(sim, {"perfmon", "talvex", "report"});   // nothing printed
 }
 
@@ -76,7 +76,7 @@ TEST(SetBaudRate, AcceptsTheFourRatesByTheirLow32Bits) {
         {"112500", 112500}, {"3000000baud", 3000000}, {"4295079796", 112500}, {"750000", 750000}};
     for (const auto &[word, rate] : sent) {
         TraceCall c = one_call(sim, {"setbaudrate", word});
-        EXPECT_EQ(c.selector, 29);
+        EXPECT_EQ(c.selector, kTalvexMethodSetBaudRate);
         EXPECT_EQ(c.scalars, std::vector<uint64_t>{rate}) << word;
     }
 }

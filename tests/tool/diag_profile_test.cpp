@@ -39,7 +39,9 @@ long figure(const std::string &listing, const std::string &name, const std::stri
 
 TEST(Profile, StartAndResetSayOkStopSaysNothing) {
     Simulator sim;
-    for (auto [word, selector, out] : {std::tuple{"start", 19, "Ok\n"}, {"stop", 20, ""}, {"reset", 21, "Ok\n"}}) {
+    for (auto [word, selector, out] : {std::tuple{"start", kTalvexMethodProfileStart, "Ok\n"},
+                                       {"stop", kTalvexMethodProfileStop, ""},
+                                       {"reset", kTalvexMethodProfileReset, "Ok\n"}}) {
         TraceCall c = one_call(sim, {"profile", word}, out);
         EXPECT_EQ(c.selector, selector);
         EXPECT_TRUE(c.scalars.empty() && c.input.empty() && c.output_size == 0) << word;
@@ -48,12 +50,13 @@ TEST(Profile, StartAndResetSayOkStopSaysNothing) {
 
 TEST(Profile, PrintListsEveryEntryInItsOwnFormat) {
     Simulator sim;
-    stub_once(sim, "22", Hex().u32(2).u32(1).u32(1234).str());
+    stub_once(sim, kTalvexMethodProfileSummary, Hex().u32(2).u32(1).u32(1234).str());
     // No terminator in the name field: only 63 characters show.
-    stub_once(sim, "23", hitpoint(0, std::string(64, 'x'), 7, 0xffffffff, 65535, 3),
+    stub_once(sim, kTalvexMethodProfileEntry, hitpoint(0, std::string(64, 'x'), 7, 0xffffffff, 65535, 3),
               {"--input-prefix", Hex().u32(0).u32(0).str()});
-    stub_once(sim, "23", hitpoint(1, "spi_rx_isr", 19, 2, 12, 1), {"--input-prefix", Hex().u32(0).u32(1).str()});
-    stub_once(sim, "23", function(0, "fusion_update", 960, 180, 97, 0x80000000),
+    stub_once(sim, kTalvexMethodProfileEntry, hitpoint(1, "spi_rx_isr", 19, 2, 12, 1),
+              {"--input-prefix", Hex().u32(0).u32(1).str()});
+    stub_once(sim, kTalvexMethodProfileEntry, function(0, "fusion_update", 960, 180, 97, 0x80000000),
               {"--input-prefix", Hex().u32(1).u32(0).str()});
     Outcome o = run(sim, {"profile", "print"});
     EXPECT_EQ(o.r.status, 0) << o.r.err;
@@ -68,11 +71,11 @@ TEST(Profile, PrintListsEveryEntryInItsOwnFormat) {
                                                   "fusion_update\n"
                                                   "\tmin:  180 max:  960 hits:   97 total_time:-2147483648\n");
     ASSERT_EQ(o.calls.size(), 4u);
-    EXPECT_EQ(o.calls[0].selector, 22);
+    EXPECT_EQ(o.calls[0].selector, kTalvexMethodProfileSummary);
     EXPECT_EQ(o.calls[0].output_size, 12u);
     const std::string asked[] = {request(0, 0).str(), request(0, 1).str(), request(1, 0).str()};
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(o.calls[i + 1].selector, 23);
+        EXPECT_EQ(o.calls[i + 1].selector, kTalvexMethodProfileEntry);
         EXPECT_EQ(o.calls[i + 1].input, asked[i]);
         EXPECT_EQ(o.calls[i + 1].output_size, 82u);
     }
@@ -80,15 +83,15 @@ TEST(Profile, PrintListsEveryEntryInItsOwnFormat) {
 
 TEST(Profile, EmptySummaryAndFailuresPartWay) {
     Simulator sim;
-    stub_once(sim, "22", Hex().u32(0).u32(0).u32(0).str());
+    stub_once(sim, kTalvexMethodProfileSummary, Hex().u32(0).u32(0).u32(0).str());
     Outcome o = run(sim, {"profile", "print"});
     EXPECT_EQ(o.r.status, 0);
     EXPECT_EQ(o.r.out, "profile runtime: 0\n\nprofile hitpoints (0):\n\nprofile functions (0):\n");
     EXPECT_EQ(o.calls.size(), 1u);
 
     // The second function fails: what was printed stays, nothing follows.
-    stub_once(sim, "22", Hex().u32(0).u32(3).u32(5).str());
-    stub_code(sim, "23", "0xe00002bc", {"--input-prefix", Hex().u32(1).u32(1).str()});
+    stub_once(sim, kTalvexMethodProfileSummary, Hex().u32(0).u32(3).u32(5).str());
+    stub_code(sim, kTalvexMethodProfileEntry, "0xe00002bc", {"--input-prefix", Hex().u32(1).u32(1).str()});
     o = run(sim, {"profile", "print"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, "profile runtime: 5\n\nprofile hitpoints (0):\n\nprofile functions (3):\n"
@@ -100,7 +103,7 @@ TEST(Profile, EmptySummaryAndFailuresPartWay) {
 TEST(Profile, SingleEntriesByIndexOrByName) {
     Simulator sim;
     // An id of digits is an index; the function's line is a single one here.
-    stub_once(sim, "23", function(4, "compass_calibrate", 520, 90, 21, 6187));
+    stub_once(sim, kTalvexMethodProfileEntry, function(4, "compass_calibrate", 520, 90, 21, 6187));
     EXPECT_EQ(one_call(sim, {"profile", "getfunction", "4"},
                        padded("compass_calibrate") + " min:   90 max:  520 hits:   21 total_time:6187\n")
                   .input,
@@ -111,7 +114,7 @@ TEST(Profile, SingleEntriesByIndexOrByName) {
                   .input,
               request(1, 0).str());
     // 12abc is a name, not index 12.
-    stub_once(sim, "23", hitpoint(0, "12abc", 5, 4, 3, 2));
+    stub_once(sim, kTalvexMethodProfileEntry, hitpoint(0, "12abc", 5, 4, 3, 2));
     TraceCall c = one_call(sim, {"profile", "gethitpoint", "12abc"},
                            padded("12abc") + " min:    4 max:    5 hits:    3 saves:   2\n");
     EXPECT_EQ(c.input, request(0, 0xffffffff, "12abc").str());

@@ -18,7 +18,7 @@ std::string client(uint32_t count, const std::string &name, int32_t polling, int
 
 // A stubbed client-list reply for one index.
 void stub_client(const Simulator &sim, uint32_t index, const std::string &reply) {
-    stub_once(sim, "30", reply, {"--input-prefix", Hex().u8(1).u32(index).str()});
+    stub_once(sim, kTalvexMethodClientList, reply, {"--input-prefix", Hex().u8(1).u32(index).str()});
 }
 
 TEST(ListClients, LiveListingSkipsEmptySlots) {
@@ -64,7 +64,7 @@ TEST(ListClients, CountIsReadFromEveryReply) {
     stub_client(sim, 0xffffffff, client(1, "accel", 1, 2, 3, 4));
     stub_client(sim, 0, client(3, "", 0, 0, 0, 0));
     stub_client(sim, 1, client(3, "third", 9, 9, 9, 9));
-    stub_code(sim, "30", "0xe00002bc", {"--input-prefix", Hex().u8(1).u32(2).str()});
+    stub_code(sim, kTalvexMethodClientList, "0xe00002bc", {"--input-prefix", Hex().u8(1).u32(2).str()});
     o = run(sim, {"listclients", "accel"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_EQ(o.r.out, std::string(kHeader) +
@@ -86,14 +86,15 @@ TEST(ListSensors, ListsTheDevicesThatAnswerInTableOrder) {
         EXPECT_EQ(o.calls[i].output_size, 4u);
     }
 
-    stub_code(sim, "13", "0xe00002c0", {"--scalars", "2,0"});
-    stub_code(sim, "13", "0xe00002c0", {"--scalars", "5,0"});
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002c0", {"--scalars", "2,0"});
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002c0", {"--scalars", "5,0"});
     o = run(sim, {"listsensors"});
     EXPECT_EQ(o.r.out, "gyro\naccel\npressure\ntalvex\nprox\n");
     EXPECT_EQ(o.r.err, "");
 
     // Nothing answers: nothing listed, still a success.
-    control(sim, {"stub", "--selector", "13", "--code", "0xe00002c0", "--times", "7"});
+    control(sim,
+            {"stub", "--selector", std::to_string(kTalvexMethodGetProperty), "--code", "0xe00002c0", "--times", "7"});
     o = run(sim, {"listsensors"});
     EXPECT_EQ(o.r.status, 0);
     EXPECT_EQ(o.r.out + o.r.err, "");
@@ -148,7 +149,7 @@ TEST(SensorInfo, CompassStopsAfterTheCommonLinesWithoutAStartupTime) {
 
 // Stubs one property of the accelerometer.
 void stub_property(const Simulator &sim, uint32_t property, const std::string &reply) {
-    stub_once(sim, "13", reply, {"--scalars", "1," + std::to_string(property)});
+    stub_once(sim, kTalvexMethodGetProperty, reply, {"--scalars", "1," + std::to_string(property)});
 }
 
 TEST(SensorInfo, EdgeCasesOfTheReplies) {
@@ -162,11 +163,11 @@ TEST(SensorInfo, EdgeCasesOfTheReplies) {
     stub_property(sim, 15, Hex().text(std::string(32, 'P'), 32).str());
     stub_property(sim, 11, Hex().i32(65536).i32(-32768).i32(1).i32(0).i32(0).i32(0).i32(0).i32(0).i32(-65536).str());
     stub_property(sim, 24, "7f80ff0001020304fe");
-    control(sim, {"stub", "--selector", "13", "--scalars", "1,33", "--output", "", "--times", "1"});
-    stub_code(sim, "13", "0x000002c7", {"--scalars", "1,45"});
+    stub_once(sim, kTalvexMethodGetProperty, "", {"--scalars", "1,33"});
+    stub_code(sim, kTalvexMethodGetProperty, "0x000002c7", {"--scalars", "1,45"});
     stub_property(sim, 25, Hex().i32(11).i32(-12).str());
-    stub_code(sim, "13", "0xe00002c7", {"--scalars", "1,6"});
-    stub_code(sim, "13", "0xe00002c7", {"--scalars", "1,56"});
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002c7", {"--scalars", "1,6"});
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002c7", {"--scalars", "1,56"});
     Outcome o = run(sim, {"sensorinfo", "accel"});
     EXPECT_EQ(o.r.status, 0) << o.r.err;
     EXPECT_EQ(o.r.err, "");
@@ -197,7 +198,7 @@ TEST(SensorInfo, EdgeCasesOfTheReplies) {
 TEST(SensorInfo, FailedCommonReadsPrintOnlyDiagnostics) {
     Simulator sim;
     // Through the operation: its report and line, then the command's with the text.
-    stub_code(sim, "13", "0xe00002bc", {"--scalars", "1,24"});
+    stub_code(sim, kTalvexMethodGetProperty, "0xe00002bc", {"--scalars", "1,24"});
     Outcome o = run(sim, {"sensorinfo", "accel"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_TRUE(std::regex_match(o.r.out, std::regex("TalvexGetProperty\\(handle=0x[0-9a-f]+,dev=1,prop=18,size=9\\) "
@@ -209,7 +210,7 @@ TEST(SensorInfo, FailedCommonReadsPrintOnlyDiagnostics) {
 
     // Read directly: one report; unsupported is excused only for the start-up time.
     for (const char *property : {"45", "25"}) {
-        stub_code(sim, "13", property == std::string("45") ? "0xe00002bc" : "0xe00002c7",
+        stub_code(sim, kTalvexMethodGetProperty, property == std::string("45") ? "0xe00002bc" : "0xe00002c7",
                   {"--scalars", std::string("1,") + property});
         o = run(sim, {"sensorinfo", "accel"});
         EXPECT_EQ(o.r.status, 1) << property;

@@ -13,9 +13,10 @@ using namespace talvex::test;
 
 TEST(Lifecycle, PlainCommandsCallTheirMethodAndPrintNothing) {
     // Each against a fresh, booted coprocessor: a reset or stop changes its state.
-    const std::pair<Words, long> plain[] = {{{"reset"}, 1},    {{"reset", "now", "0x10"}, 1},   // extra words ignored
-                                            {{"stop"}, 3},     {{"timesync"}, 10},
-                                            {{"tymesync"}, 10}};
+    const std::pair<Words, uint32_t> plain[] = {
+        {{"reset"}, kTalvexMethodReset},       {{"reset", "now", "0x10"}, kTalvexMethodReset},   // extra words ignored
+        {{"stop"}, kTalvexMethodStop},         {{"timesync"}, kTalvexMethodTimeSync},
+        {{"tymesync"}, kTalvexMethodTimeSync}};
     for (const auto &[args, selector] : plain) {
         Simulator sim;
         TraceCall c = one_call(sim, args);
@@ -28,19 +29,19 @@ TEST(Lifecycle, PlainCommandsCallTheirMethodAndPrintNothing) {
 TEST(Lifecycle, PingPrintsTheOutcome) {
     Simulator sim;
     TraceCall call = one_call(sim, {"ping"}, "ping result: (os/kern) successful (0)\n");
-    EXPECT_EQ(call.selector, 4);
+    EXPECT_EQ(call.selector, kTalvexMethodPing);
     EXPECT_TRUE(call.scalars.empty());
 
     // A failure: the client's report, the ping line, the command's report.
     const std::string timeout = "(iokit/common) I/O Timeout (0xe00002d6)";
-    stub_code(sim, "4", "0xe00002d6");
+    stub_code(sim, kTalvexMethodPing, "0xe00002d6");
     Outcome bad = run(sim, {"ping"});
     EXPECT_EQ(bad.r.status, 1);
     EXPECT_EQ(bad.r.out, "ping result: " + timeout + "\n");
     EXPECT_EQ(bad.err, twice(timeout, "lifecycle.cpp"));
 
     // A code of a system without texts still prints a line.
-    stub_code(sim, "4", "0x14000000");
+    stub_code(sim, kTalvexMethodPing, "0x14000000");
     RunResult textless = sim.tool({"ping"});
     EXPECT_EQ(textless.status, 1);
     EXPECT_TRUE(textless.out.starts_with("ping result: ") && textless.out.ends_with(" (0x14000000)\n")) << textless.out;

@@ -33,7 +33,7 @@ TEST(Power, SetStateSendsTheCodeInHexAndPrintsTheResult) {
     Simulator sim;
     const std::string ok = "Set state result: (os/kern) successful (0)\n";
     auto call = power_call(sim, {"setstate", "83"}, ok);
-    EXPECT_EQ(call.selector, 17);
+    EXPECT_EQ(call.selector, kTalvexMethodPowerAssertion);
     EXPECT_EQ(call.scalars, Scalars{0x83});
     EXPECT_EQ(call.input, "");
     // Cut to 32 bits: only the low bits reach the driver; a word that is no number is 0.
@@ -53,27 +53,27 @@ TEST(Power, SetStateSendsTheCodeInHexAndPrintsTheResult) {
 TEST(Power, NumbersAreCutToTheirFieldsInTheirBase) {
     Simulator sim;
     // The requests alone: a stub answers halt instead of the coprocessor model.
-    control(sim, {"stub", "--selector", "40"});
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodHalt)});
     const std::tuple<Words, long, Scalars> cases[] = {
         {{"wake", "12"}, 18, {12}},
         {{"wake", "0x10"}, 18, {0}},   // decimal
-        {{"wake", "4294967297"}, 18, {1}},
-        {{"wake", "-1"}, 18, {0xffffffff}},
-        {{"halt", "5"}, 40, {5000, 0, 96}},
-        {{"halt", "5", "3"}, 40, {5000, 0, 3}},
-        {{"halt", "4294968"}, 40, {704, 0, 96}},   // seconds to milliseconds wraps in 32 bits
-        {{"halt", "4294967296"}, 40, {0, 0, 96}},
-        {{"halt", "-1"}, 40, {4294966296, 0, 96}},
-        {{"halt", "1x", "0x10"}, 40, {1000, 0, 0}},
-        {{"halt_ms", "100000", "200"}, 40, {100000, 200, 96}},
-        {{"halt_ms", "100000", "200", "7"}, 40, {100000, 200, 7}},
-        {{"halt_ms", "4294967297", "4294967298", "4294967299"}, 40, {1, 2, 3}},
-        {{"rate", "0x10"}, 14, {3, 22, 0}},   // base 10 stops at the x
-        {{"rate", "115200"}, 14, {3, 22, 115200}},
-        {{"rate", "4294967297"}, 14, {3, 22, 1}},
-        {{"fw0"}, 0, {0}},
-        {{"fw1", "ignored"}, 0, {1}},
-        {{"conn", "ignored"}, 15, {}},
+        {{"wake", "4294967297"}, kTalvexMethodWake, {1}},
+        {{"wake", "-1"}, kTalvexMethodWake, {0xffffffff}},
+        {{"halt", "5"}, kTalvexMethodHalt, {5000, 0, 96}},
+        {{"halt", "5", "3"}, kTalvexMethodHalt, {5000, 0, 3}},
+        {{"halt", "4294968"}, kTalvexMethodHalt, {704, 0, 96}},   // seconds to milliseconds wraps in 32 bits
+        {{"halt", "4294967296"}, kTalvexMethodHalt, {0, 0, 96}},
+        {{"halt", "-1"}, kTalvexMethodHalt, {4294966296, 0, 96}},
+        {{"halt", "1x", "0x10"}, kTalvexMethodHalt, {1000, 0, 0}},
+        {{"halt_ms", "100000", "200"}, kTalvexMethodHalt, {100000, 200, 96}},
+        {{"halt_ms", "100000", "200", "7"}, kTalvexMethodHalt, {100000, 200, 7}},
+        {{"halt_ms", "4294967297", "4294967298", "4294967299"}, kTalvexMethodHalt, {1, 2, 3}},
+        {{"rate", "0x10"}, kTalvexMethodSetProperty, {3, 22, 0}},   // base 10 stops at the x
+        {{"rate", "115200"}, kTalvexMethodSetProperty, {3, 22, 115200}},
+        {{"rate", "4294967297"}, kTalvexMethodSetProperty, {3, 22, 1}},
+        {{"fw0"}, kTalvexMethodSelectFirmware, {0}},
+        {{"fw1", "ignored"}, kTalvexMethodSelectFirmware, {1}},
+        {{"conn", "ignored"}, kTalvexMethodConnect, {}},
     };
     for (const auto &[args, selector, scalars] : cases) {
         auto call = power_call(sim, args);
@@ -83,7 +83,7 @@ TEST(Power, NumbersAreCutToTheirFieldsInTheirBase) {
     }
 
     // rate goes through the client's property write, which describes a failure.
-    control(sim, {"stub", "--selector", "14", "--code", "0xe00002bc"});
+    control(sim, {"stub", "--selector", std::to_string(kTalvexMethodSetProperty), "--code", "0xe00002bc"});
     Outcome o = run(sim, {"rate", "9600"});
     EXPECT_EQ(o.r.status, 1);
     EXPECT_TRUE(std::regex_match(o.r.out, std::regex(R"(TalvexSetProperty\(handle=0x[0-9a-f]+,dev=3,prop=16,val=2580\) -> e00002bc\n)")))
@@ -94,7 +94,7 @@ TEST(Power, NumbersAreCutToTheirFieldsInTheirBase) {
 TEST(Power, PanicSendsItsTextWithTheNulAndReportAnnouncesItself) {
     Simulator sim;
     auto call = power_call(sim, {"panic"});
-    EXPECT_EQ(call.selector, 31);
+    EXPECT_EQ(call.selector, kTalvexMethodPanic);
     EXPECT_TRUE(call.scalars.empty());
     EXPECT_EQ(call.input, "");   // no structure at all
     EXPECT_EQ(state(sim), "panic (0x10004)\n");
@@ -111,7 +111,7 @@ TEST(Power, PanicSendsItsTextWithTheNulAndReportAnnouncesItself) {
 
     booted(sim);
     call = power_call(sim, {"report", "extra", "words"}, "calling test report\n");
-    EXPECT_EQ(call.selector, 33);
+    EXPECT_EQ(call.selector, kTalvexMethodTestReport);
     EXPECT_TRUE(call.scalars.empty());
     EXPECT_EQ(call.input, "");
     EXPECT_EQ(sim.stop(), 0) << sim.log();   // a clean shutdown, no sanitizer report

@@ -41,7 +41,7 @@ std::vector<TraceCall> hub_calls(const Simulator &sim) {
 // Successful buffer updates so far: one per sample the command took.
 size_t samples_taken(const Simulator &sim) {
     size_t n = 0;
-    for (auto &call : hub_calls(sim)) n += call.selector == 3 && call.result == 0;
+    for (auto &call : hub_calls(sim)) n += call.selector == kIOReportUserClientUpdateKernelBuffer && call.result == 0;
     return n;
 }
 
@@ -71,7 +71,8 @@ public:
     // Makes the next sample fail, which ends the command, and waits for it.
     RunResult finish(size_t after) {
         size_t taken = hold_after(after);
-        RunResult r0 = sim_.control({"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002bc"});
+        RunResult r0 = sim_.control({"stub", "--service", "IOReportHub", "--selector",
+                                     std::to_string(kIOReportUserClientUpdateKernelBuffer), "--code", "0xe00002bc"});
         EXPECT_EQ(r0.status, 0) << r0.err;
         resume();
         RunResult r = proc_->wait(std::chrono::seconds(20));
@@ -127,8 +128,12 @@ TEST(ReportSetup, NoChannelsAnUnreadableLegendOrARefusingHubFailTheSubscription)
         {{"property", "set", "IOReportLegend", "5"}, "ERROR: IOReportCopyChannelsForDrivers() failed", -1},
         {{"service", "unpublish", "IOReportHub"}, subscription, -1},
         {{"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5"}, subscription, -1},
-        {{"stub", "--service", "IOReportHub", "--selector", "0", "--code", "0xe00002e2"}, subscription, 0},
-        {{"stub", "--service", "IOReportHub", "--selector", "2", "--code", "0xe00002c7"}, subscription, 2},
+        {{"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientOpen), "--code",
+          "0xe00002e2"},
+         subscription, kIOReportUserClientOpen},
+        {{"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientConfigureInterests),
+          "--code", "0xe00002c7"},
+         subscription, kIOReportUserClientConfigureInterests},
     };
     for (const auto &setup : setups) {
         Simulator sim;
@@ -149,14 +154,15 @@ TEST(ReportSetup, NoChannelsAnUnreadableLegendOrARefusingHubFailTheSubscription)
             ASSERT_FALSE(calls.empty()) << what;
             EXPECT_EQ(calls.back().selector, setup.selector) << what;
             EXPECT_NE(calls.back().result, 0) << what;
-            for (const auto &call : calls) EXPECT_NE(call.selector, 3) << what;
+            for (const auto &call : calls) EXPECT_NE(call.selector, kIOReportUserClientUpdateKernelBuffer) << what;
         }
     }
 }
 
 TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
     Simulator sim;
-    control(sim, {"stub", "--service", "IOReportHub", "--selector", "3", "--code", "0xe00002bc"});
+    control(sim, {"stub", "--service", "IOReportHub", "--selector",
+                  std::to_string(kIOReportUserClientUpdateKernelBuffer), "--code", "0xe00002bc"});
     for (const char *command : {"ioreport", "cpuload"}) {
         sim.trace(true);
         RunResult r = sim.tool({command});
@@ -165,9 +171,9 @@ TEST(ReportLoop, AFirstSampleThatFailsEndsTheCommandWithStatusZero) {
         EXPECT_EQ(r.err, "") << command;
         auto calls = hub_calls(sim);
         ASSERT_EQ(calls.size(), 3u) << command;
-        EXPECT_EQ(calls[0].selector, 0);
-        EXPECT_EQ(calls[1].selector, 2);
-        EXPECT_EQ(calls[2].selector, 3);
+        EXPECT_EQ(calls[0].selector, kIOReportUserClientOpen);
+        EXPECT_EQ(calls[1].selector, kIOReportUserClientConfigureInterests);
+        EXPECT_EQ(calls[2].selector, kIOReportUserClientUpdateKernelBuffer);
         // The update names the buffer the configure call answered: the hub
         // numbers each client's subscriptions from 1.
         ASSERT_EQ(calls[2].scalars.size(), 1u);
@@ -230,9 +236,9 @@ TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsSt
     auto calls = hub_calls(sim);
     EXPECT_EQ(all.size(), calls.size());
     ASSERT_EQ(calls.size(), run.taken() + 3);
-    EXPECT_EQ(calls[0].selector, 0);
-    EXPECT_EQ(calls[1].selector, 2);
-    for (size_t i = 2; i < calls.size(); ++i) EXPECT_EQ(calls[i].selector, 3);
+    EXPECT_EQ(calls[0].selector, kIOReportUserClientOpen);
+    EXPECT_EQ(calls[1].selector, kIOReportUserClientConfigureInterests);
+    for (size_t i = 2; i < calls.size(); ++i) EXPECT_EQ(calls[i].selector, kIOReportUserClientUpdateKernelBuffer);
     EXPECT_NE(calls.back().result, 0);
 }
 

@@ -45,7 +45,7 @@ TraceCall start_call(const Simulator &sim, Words args) {
     EXPECT_EQ(sim.tool({"stop"}).status, 0);
     args.insert(args.begin(), "start");
     TraceCall call = one_call(sim, args);
-    EXPECT_EQ(call.selector, 2);
+    EXPECT_EQ(call.selector, kTalvexMethodLoadFirmware);
     EXPECT_EQ(call.output_size + call.scalar_output_count, 0u);
     return call;
 }
@@ -129,7 +129,7 @@ TEST(Start, FailuresAreReportedByTheOperationAndTheCommand) {
     ASSERT_EQ(missing.calls.size(), 1u);
     EXPECT_EQ(missing.calls[0].input, image_input("/fw/../nonexistent//./fw.bin"));
 
-    stub_code(sim, "2", "0xe00002bc");
+    stub_code(sim, kTalvexMethodLoadFirmware, "0xe00002bc");
     EXPECT_EQ(run(sim, {"start", "-d"}).err, twice(kGeneralError));
 
     // A path that makes no URL: the operation's "url", then the command's report
