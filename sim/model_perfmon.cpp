@@ -21,8 +21,6 @@ namespace talvex::sim::diag {
 
 namespace {
 
-constexpr uint32_t kItemMode = 38;
-constexpr uint32_t kItemReport = 47;
 constexpr size_t kReportSize = 256;
 constexpr size_t kMaxStages = 10;
 constexpr uint32_t kModeEnabled = 1;
@@ -122,12 +120,12 @@ IOReturn PerfMonitor::call(const CallArgs &args, CallReply &reply) {
     auto device = static_cast<uint32_t>(args.scalars[0]);
     auto item = static_cast<uint32_t>(args.scalars[1]);
     if (!props_.exists(device)) return kIOReturnNoDevice;
-    if (item == kItemMode) {
+    if (item == kTalvexPerfmonItemMode) {
         if (args.input.size() != 4) return kIOReturnBadArgument;
         modes_[device] = get_le32(args.input, 0);
         return kIOReturnSuccess;
     }
-    if (item != kItemReport) return kIOReturnUnsupported;
+    if (item != kTalvexPerfmonItemReport) return kIOReturnUnsupported;
     if (args.output_capacity < kReportSize) return kIOReturnNoSpace;
     const auto &stages = stages_[device];
     size_t count = std::min(stages.size(), kMaxStages);

@@ -42,28 +42,6 @@ namespace talvex::sim::diag {
 
 namespace {
 
-enum Property : uint32_t {
-    kSampleInterval = 0,
-    kBandwidth = 4,
-    kRange = 6,
-    kRawMode = 10,
-    kCalMatrix = 11,
-    kFactoryMode = 13,
-    kPartName = 15,
-    kVendor = 16,
-    kReportRate = 22,
-    kOrientation = 24,
-    kInternalCal = 25,
-    kCalOffset = 26,
-    kSampleRates = 33,
-    kDecimation = 36,
-    kPerfmonMode = 38,
-    kStartupTime = 45,
-    kRanges = 56,
-    kBandwidths = 57,
-    kIrcStartup = 240,
-};
-
 constexpr size_t kIdentitySize = 32;
 
 enum class Write { No, Any, Interval, Decimation, InList };
@@ -103,17 +81,17 @@ DeviceTable sensor(int32_t interval_us, int32_t decimation, const std::string &p
                    std::vector<uint8_t> matrix, std::vector<uint8_t> offsets, std::vector<uint8_t> orientation,
                    std::vector<uint8_t> rates, std::vector<uint8_t> internal_cal) {
     DeviceTable t;
-    t[kSampleInterval] = {words({interval_us}), Write::Interval};
-    t[kDecimation] = {words({decimation}), Write::Decimation};
-    t[kRawMode] = {words({0}), Write::Any};
-    t[kFactoryMode] = {words({0}), Write::Any};
-    t[kPartName] = {text(part)};
-    t[kVendor] = {text(vendor)};
-    t[kCalMatrix] = {std::move(matrix)};
-    t[kCalOffset] = {std::move(offsets)};
-    t[kOrientation] = {std::move(orientation)};
-    t[kSampleRates] = {std::move(rates)};
-    t[kInternalCal] = {std::move(internal_cal)};
+    t[kTalvexPropertySampleInterval] = {words({interval_us}), Write::Interval};
+    t[kTalvexPropertyDecimation] = {words({decimation}), Write::Decimation};
+    t[kTalvexPropertyRawMode] = {words({0}), Write::Any};
+    t[kTalvexPropertyFactoryMode] = {words({0}), Write::Any};
+    t[kTalvexPropertyPartName] = {text(part)};
+    t[kTalvexPropertyVendor] = {text(vendor)};
+    t[kTalvexPropertyCalMatrix] = {std::move(matrix)};
+    t[kTalvexPropertyCalOffset] = {std::move(offsets)};
+    t[kTalvexPropertyOrientation] = {std::move(orientation)};
+    t[kTalvexPropertySampleRates] = {std::move(rates)};
+    t[kTalvexPropertyInternalCal] = {std::move(internal_cal)};
     return t;
 }
 
@@ -130,19 +108,19 @@ std::array<DeviceTable, kTalvexDeviceCount> defaults() {
     d[kTalvexDeviceGyro] = sensor(10'000, 1, "ZMG-6031 gyroscope", "Zantra C1 fw 2.4.1",
                       words({65'512, -203, 88, 187, 65'561, -64, -92, 71, 65'498}), words({3, -5, 2}),
                       imu_orientation(), words({10, 25, 50, 100, 200, 400, 800}), words({9'991, 9'983, 10'008}));
-    d[kTalvexDeviceGyro][kStartupTime] = {words({35'000})};
-    d[kTalvexDeviceGyro][kRange] = {words({2'000}), Write::InList, kRanges};
-    d[kTalvexDeviceGyro][kRanges] = {words({125, 250, 500, 1'000, 2'000})};
+    d[kTalvexDeviceGyro][kTalvexPropertyStartupTime] = {words({35'000})};
+    d[kTalvexDeviceGyro][kTalvexPropertyRange] = {words({2'000}), Write::InList, kTalvexPropertyRanges};
+    d[kTalvexDeviceGyro][kTalvexPropertyRanges] = {words({125, 250, 500, 1'000, 2'000})};
 
     d[kTalvexDeviceAccel] = sensor(10'000, 1, "ZMA-6031 accelerometer", "Zantra C1 fw 2.4.1",
                        words({65'874, 312, -58, -296, 65'190, 120, 44, -131, 66'003}), words({-12, 7, 31}),
                        imu_orientation(), words({10, 25, 50, 100, 200, 400, 800, 1'600}),
                        words({9'986, 9'979, 10'004}));
-    d[kTalvexDeviceAccel][kStartupTime] = {words({3'000})};
-    d[kTalvexDeviceAccel][kRange] = {words({8}), Write::InList, kRanges};
-    d[kTalvexDeviceAccel][kRanges] = {words({2, 4, 8, 16})};
-    d[kTalvexDeviceAccel][kBandwidth] = {words({100}), Write::InList, kBandwidths};
-    d[kTalvexDeviceAccel][kBandwidths] = {words({25, 50, 100, 200, 400, 800})};
+    d[kTalvexDeviceAccel][kTalvexPropertyStartupTime] = {words({3'000})};
+    d[kTalvexDeviceAccel][kTalvexPropertyRange] = {words({8}), Write::InList, kTalvexPropertyRanges};
+    d[kTalvexDeviceAccel][kTalvexPropertyRanges] = {words({2, 4, 8, 16})};
+    d[kTalvexDeviceAccel][kTalvexPropertyBandwidth] = {words({100}), Write::InList, kTalvexPropertyBandwidths};
+    d[kTalvexDeviceAccel][kTalvexPropertyBandwidths] = {words({25, 50, 100, 200, 400, 800})};
 
     // Soft-iron matrix and hard-iron offsets of the magnetometer as fitted.
     d[kTalvexDeviceCompass] = sensor(20'000, 1, "MX-330 magnetometer", "Halvorsen Magnetics rev 3",
@@ -151,15 +129,15 @@ std::array<DeviceTable, kTalvexDeviceCount> defaults() {
 
     d[kTalvexDeviceTalvex] = sensor(20'000, 1, "Talvex sensor hub", "fw 7.18.2 build 1420", identity_matrix(),
                         words({0, 0, 0}), identity_orientation(), words({25, 50, 100}), words({10'000}));
-    d[kTalvexDeviceTalvex][kReportRate] = {words({100}), Write::Any};
+    d[kTalvexDeviceTalvex][kTalvexPropertyReportRate] = {words({100}), Write::Any};
 
     d[kTalvexDevicePressure] = sensor(40'000, 4, "BP-2210 barometer", "Orlen Sensortech rev A7", identity_matrix(),
                           words({-35, 0, 0}), identity_orientation(), words({1, 2, 5, 10, 25, 50}), words({10'034}));
-    d[kTalvexDevicePressure][kStartupTime] = {words({12'000})};
+    d[kTalvexDevicePressure][kTalvexPropertyStartupTime] = {words({12'000})};
 
     d[kTalvexDeviceCorvel] = sensor(100'000, 1, "CV-118", "Corvel Systems rev 2", identity_matrix(), words({0, 0, 0}),
                         identity_orientation(), words({1, 5, 10, 20}), words({10'008}));
-    d[kTalvexDeviceCorvel][kStartupTime] = {words({20'000})};
+    d[kTalvexDeviceCorvel][kTalvexPropertyStartupTime] = {words({20'000})};
 
     d[kTalvexDeviceProx] = sensor(50'000, 1, "PX-9 proximity", "Lumetra rev B", identity_matrix(), words({120, 0, 0}),
                       identity_orientation(), words({5, 10, 20, 50}), words({9'995}));
@@ -196,10 +174,10 @@ IOReturn DeviceProperties::get(uint32_t device, uint32_t property, uint64_t capa
     follow_run();
     if (!exists(device)) return kIOReturnNoDevice;
     std::vector<uint8_t> value;
-    if (property == kPerfmonMode && perfmon_) {
+    if (property == kTalvexPropertyPerfmonMode && perfmon_) {
         value.assign(4, 0);
         put_le32(value, 0, perfmon_->mode(device));
-    } else if (property == kIrcStartup && device == kTalvexDeviceTalvex && clocks_) {
+    } else if (property == kTalvexPropertyIrcStartup && device == kTalvexDeviceTalvex && clocks_) {
         value = clocks_->irc_startup();
     } else {
         const DeviceTable &t = table_->devices[device];
@@ -215,12 +193,12 @@ IOReturn DeviceProperties::get(uint32_t device, uint32_t property, uint64_t capa
 IOReturn DeviceProperties::set(uint32_t device, uint32_t property, uint32_t value) {
     follow_run();
     if (!exists(device)) return kIOReturnNoDevice;
-    if (property == kPerfmonMode && perfmon_) {
+    if (property == kTalvexPropertyPerfmonMode && perfmon_) {
         for (auto &hook : on_change_) hook();
         perfmon_->set_mode(device, value);
         return kIOReturnSuccess;
     }
-    if (property == kIrcStartup && device == kTalvexDeviceTalvex) return kIOReturnNotWritable;
+    if (property == kTalvexPropertyIrcStartup && device == kTalvexDeviceTalvex) return kIOReturnNotWritable;
     DeviceTable &t = table_->devices[device];
     auto it = t.find(property);
     if (it == t.end()) return kIOReturnUnsupported;
@@ -230,7 +208,7 @@ IOReturn DeviceProperties::set(uint32_t device, uint32_t property, uint32_t valu
     case Write::Any: break;
     case Write::Interval: {
         // Between the fastest and the slowest supported rate.
-        const auto &rates = t[kSampleRates].bytes;
+        const auto &rates = t[kTalvexPropertySampleRates].bytes;
         int32_t fastest = 1, slowest = INT32_MAX;
         for (size_t i = 0; i < rates.size() / 4; ++i) {
             fastest = std::max(fastest, as_int(rates, i));
@@ -255,7 +233,7 @@ IOReturn DeviceProperties::set(uint32_t device, uint32_t property, uint32_t valu
 uint64_t DeviceProperties::sample_millihertz(uint32_t device) {
     follow_run();
     if (!exists(device)) return 0;
-    auto interval = static_cast<uint64_t>(as_int(table_->devices[device][kSampleInterval].bytes));
+    auto interval = static_cast<uint64_t>(as_int(table_->devices[device][kTalvexPropertySampleInterval].bytes));
     return interval ? 1'000'000'000 / interval : 0;
 }
 

@@ -17,7 +17,6 @@ const ClockWord kClockWords[] = {
 };
 
 constexpr uint32_t kDefaultClock = 1;   // irc
-constexpr uint32_t kIrcStartupProperty = 0xf0;
 constexpr size_t kIrcStartupSize = 36;
 
 }  // namespace
@@ -84,7 +83,7 @@ int TalvexCmdClkStartup(int, char *[]) {
     if (!talvex) return 1;
     uint8_t reply[kIrcStartupSize] = {};
     uint32_t size = sizeof reply;
-    IOReturn result = TalvexGetProperty(talvex, kTalvexDeviceTalvex, kIrcStartupProperty, reply, &size);
+    IOReturn result = TalvexGetProperty(talvex, kTalvexDeviceTalvex, kTalvexPropertyIrcStartup, reply, &size);
     if (TALVEX_CALL_OK_TEXT(result)) {
         auto ns = [&](size_t index) { return static_cast<int32_t>(TalvexLoadLE32(reply + 4 * index)); };
         std::printf("IRC startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(0), ns(1), ns(2));

@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr uint32_t kItemMode = 0x26;     // also readable as property 38
-constexpr uint32_t kItemReport = 0x2f;
 constexpr size_t kReportSize = 256;
 constexpr uint32_t kMaxEntries = 10;     // what fits in the report
 
@@ -32,7 +30,7 @@ const char *mode_name(uint32_t mode) {
 int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
     uint8_t input[4];
     TalvexStoreLE32(input, mode);
-    IOReturn result = TalvexPerfmonCall(talvex, device, kItemMode, input, sizeof input, nullptr, nullptr);
+    IOReturn result = TalvexPerfmonCall(talvex, device, kTalvexPerfmonItemMode, input, sizeof input, nullptr, nullptr);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     return 0;
 }
@@ -40,7 +38,7 @@ int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
 int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
     uint8_t value[4] = {};
     uint32_t size = sizeof value;
-    IOReturn result = TalvexReadProperty(talvex, device, kItemMode, value, &size);
+    IOReturn result = TalvexReadProperty(talvex, device, kTalvexPerfmonItemMode, value, &size);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     std::printf("perfmon is %s for %s\n", mode_name(TalvexLoadLE32(value)), word);
     return 0;
@@ -50,7 +48,7 @@ int show_report(TalvexHandle *talvex, uint8_t device) {
     uint8_t report[kReportSize];
     std::memset(report, 0, sizeof report);
     size_t size = sizeof report;
-    IOReturn result = TalvexPerfmonCall(talvex, device, kItemReport, nullptr, 0, report, &size);
+    IOReturn result = TalvexPerfmonCall(talvex, device, kTalvexPerfmonItemReport, nullptr, 0, report, &size);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     uint32_t count = TalvexLoadLE32(report);
     for (uint32_t i = 0; i < count && i < kMaxEntries; ++i) {

@@ -10,7 +10,6 @@
 namespace {
 
 constexpr uint32_t kHaltDefaultLevel = 96;
-constexpr uint64_t kRateProperty = 0x16;    // property 22 of the talvex device: the rate
 
 // Open, one scalar call, close.
 int scalar_command(uint32_t selector, const uint64_t *scalars, uint32_t count) {
@@ -106,7 +105,7 @@ int TalvexCmdRate(int argc, char *argv[]) {
     auto rate = static_cast<uint64_t>(TalvexParseDec(argv[1]));
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    IOReturn result = TalvexSetProperty(talvex, kTalvexDeviceTalvex, kRateProperty, rate);
+    IOReturn result = TalvexSetProperty(talvex, kTalvexDeviceTalvex, kTalvexPropertyReportRate, rate);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 

@@ -10,25 +10,6 @@
 
 namespace {
 
-enum : uint32_t {
-    kSampleInterval = 0,
-    kBandwidth = 4,
-    kRange = 6,
-    kRawMode = 10,
-    kCalMatrix = 11,
-    kFactoryMode = 13,
-    kPartName = 15,
-    kVendor = 16,
-    kOrientation = 24,
-    kInternalCal = 25,
-    kCalOffset = 26,
-    kSampleRates = 33,
-    kDecimation = 36,
-    kStartupTime = 45,
-    kRanges = 56,
-    kBandwidths = 57,
-};
-
 constexpr IOReturn kUnsupported = static_cast<IOReturn>(0xe00002c7);
 constexpr uint32_t kTextSize = 32;
 constexpr uint32_t kListSize = 128;
@@ -76,20 +57,20 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
         uint32_t size;
     };
     const Read reads[] = {
-        {kSampleInterval, c.interval, 4}, {kDecimation, c.decimation, 4},
-        {kRawMode, c.raw, 4},             {kFactoryMode, c.factory, 4},
-        {kPartName, c.part, kTextSize},   {kVendor, c.vendor, kTextSize},
-        {kCalMatrix, c.matrix, 36},       {kCalOffset, c.offset, 12},
-        {kOrientation, c.orientation, 9}, {kSampleRates, c.rates, kListSize},
+        {kTalvexPropertySampleInterval, c.interval, 4}, {kTalvexPropertyDecimation, c.decimation, 4},
+        {kTalvexPropertyRawMode, c.raw, 4},             {kTalvexPropertyFactoryMode, c.factory, 4},
+        {kTalvexPropertyPartName, c.part, kTextSize},   {kTalvexPropertyVendor, c.vendor, kTextSize},
+        {kTalvexPropertyCalMatrix, c.matrix, 36},       {kTalvexPropertyCalOffset, c.offset, 12},
+        {kTalvexPropertyOrientation, c.orientation, 9}, {kTalvexPropertySampleRates, c.rates, kListSize},
     };
     for (const Read &r : reads) {
         uint32_t size = r.size;
         IOReturn result = TalvexGetProperty(talvex, device, r.property, r.value, &size);
         if (!TALVEX_CALL_OK_TEXT(result)) return result;
-        if (r.property == kSampleRates) c.rates_size = size;
+        if (r.property == kTalvexPropertySampleRates) c.rates_size = size;
     }
     uint32_t size = sizeof c.startup;
-    IOReturn result = TalvexReadProperty(talvex, device, kStartupTime, c.startup, &size);
+    IOReturn result = TalvexReadProperty(talvex, device, kTalvexPropertyStartupTime, c.startup, &size);
     // Parts without a start-up time say so with any code whose low 29 bits are unsupported's.
     if ((static_cast<uint32_t>(result) | 0xe0000000u) == static_cast<uint32_t>(kUnsupported)) {
         std::memset(c.startup, 0, sizeof c.startup);
@@ -97,7 +78,7 @@ IOReturn read_common(TalvexHandle *talvex, uint8_t device, Common &c) {
     }
     if (result == 0) {
         c.internal_cal_size = sizeof c.internal_cal;
-        result = TalvexReadProperty(talvex, device, kInternalCal, c.internal_cal, &c.internal_cal_size);
+        result = TalvexReadProperty(talvex, device, kTalvexPropertyInternalCal, c.internal_cal, &c.internal_cal_size);
     }
     TALVEX_CALL_OK_TEXT(result);
     return result;
@@ -141,13 +122,13 @@ int TalvexCmdSensorInfo(int argc, char *argv[]) {
     }
     print_common(common);
     if (device == kTalvexDeviceAccel) {
-        print_value(talvex, device, kRange, "fsr         ");
-        print_list(talvex, device, kRanges, "SupportedFSR: ");
-        print_value(talvex, device, kBandwidth, "bw          ");
-        print_list(talvex, device, kBandwidths, "SupportedBW : ");
+        print_value(talvex, device, kTalvexPropertyRange, "fsr         ");
+        print_list(talvex, device, kTalvexPropertyRanges, "SupportedFSR: ");
+        print_value(talvex, device, kTalvexPropertyBandwidth, "bw          ");
+        print_list(talvex, device, kTalvexPropertyBandwidths, "SupportedBW : ");
     } else if (device == kTalvexDeviceGyro) {
-        print_value(talvex, device, kRange, "range       ");
-        print_list(talvex, device, kRanges, "SupportedRanges: ");
+        print_value(talvex, device, kTalvexPropertyRange, "range       ");
+        print_list(talvex, device, kTalvexPropertyRanges, "SupportedRanges: ");
     }
     TalvexClose(talvex);
     return 0;

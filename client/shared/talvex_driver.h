@@ -57,6 +57,34 @@ enum TalvexMethod : uint32_t {
 
 inline constexpr uint32_t kTalvexMethodCount = 41;
 
+// Device properties, read and written with kTalvexMethodGetProperty and
+// kTalvexMethodSetProperty, by number.
+enum TalvexProperty : uint32_t {
+    kTalvexPropertySampleInterval = 0,
+    kTalvexPropertyBandwidth = 4,
+    kTalvexPropertyRange = 6,
+    kTalvexPropertyRawMode = 10,
+    kTalvexPropertyCalMatrix = 11,
+    kTalvexPropertyFactoryMode = 13,
+    kTalvexPropertyPartName = 15,
+    kTalvexPropertyVendor = 16,
+    kTalvexPropertyReportRate = 22,    // of the talvex device
+    kTalvexPropertyOrientation = 24,
+    kTalvexPropertyInternalCal = 25,
+    kTalvexPropertyCalOffset = 26,
+    kTalvexPropertySampleRates = 33,
+    kTalvexPropertyDecimation = 36,
+    kTalvexPropertyPerfmonMode = 38,   // the performance monitor's mode item
+    kTalvexPropertyStartupTime = 45,
+    kTalvexPropertyRanges = 56,
+    kTalvexPropertyBandwidths = 57,
+    kTalvexPropertyIrcStartup = 240,   // of the talvex device: the IRC's start-up timing
+};
+
+// Items of the performance monitor (kTalvexMethodPerfMonitor, second scalar).
+inline constexpr uint32_t kTalvexPerfmonItemMode = kTalvexPropertyPerfmonMode;
+inline constexpr uint32_t kTalvexPerfmonItemReport = 47;
+
 // ---------------------------------------------------------------------------
 // External methods of the report hub (IOReportHub).
 enum TalvexHubMethod : uint32_t {

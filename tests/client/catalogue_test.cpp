@@ -1,12 +1,13 @@
 // The driver catalogue's numbers are the wire's. They are written out here
-// once, so that the other tests can name selectors, messages, states and
-// devices and still catch a number that moved.
+// once, so that the other tests can name selectors, properties, messages,
+// states and devices and still catch a number that moved.
 #include "talvex_driver.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <iterator>
+#include <utility>
 
 TEST(DriverCatalogue, EveryNameKeepsItsNumber) {
     // The coprocessor driver's methods, in selector order from 0.
@@ -26,6 +27,17 @@ TEST(DriverCatalogue, EveryNameKeepsItsNumber) {
     ASSERT_EQ(std::size(methods), 41u);
     for (uint32_t i = 0; i < std::size(methods); ++i) EXPECT_EQ(methods[i], i);
     EXPECT_EQ(kTalvexMethodCount, 41u);
+
+    const std::pair<uint32_t, uint32_t> properties[] = {
+        {kTalvexPropertySampleInterval, 0}, {kTalvexPropertyBandwidth, 4},     {kTalvexPropertyRange, 6},
+        {kTalvexPropertyRawMode, 10},       {kTalvexPropertyCalMatrix, 11},    {kTalvexPropertyFactoryMode, 13},
+        {kTalvexPropertyPartName, 15},      {kTalvexPropertyVendor, 16},       {kTalvexPropertyReportRate, 22},
+        {kTalvexPropertyOrientation, 24},   {kTalvexPropertyInternalCal, 25},  {kTalvexPropertyCalOffset, 26},
+        {kTalvexPropertySampleRates, 33},   {kTalvexPropertyDecimation, 36},   {kTalvexPropertyPerfmonMode, 38},
+        {kTalvexPropertyStartupTime, 45},   {kTalvexPropertyRanges, 56},       {kTalvexPropertyBandwidths, 57},
+        {kTalvexPropertyIrcStartup, 240},   {kTalvexPerfmonItemMode, 38},      {kTalvexPerfmonItemReport, 47},
+    };
+    for (const auto &[name, number] : properties) EXPECT_EQ(name, number);
 
     EXPECT_EQ(kIOReportUserClientOpen, 0u);
     EXPECT_EQ(kIOReportUserClientConfigureInterests, 2u);
