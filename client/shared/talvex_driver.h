@@ -1,6 +1,7 @@
 // The driver interfaces that the client and the simulator both speak: the
-// coprocessor driver's external methods, the report hub's methods, the
-// driver's interest messages, the coprocessor states and the device numbers.
+// coprocessor driver's external methods and device properties, the report
+// hub's methods, the driver's interest messages, the coprocessor states and
+// the device numbers.
 // One catalogue, used by the tool, the client, the report library, the
 // simulator and the tests; it depends on nothing but the C++ library.
 #pragma once
