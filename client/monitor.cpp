@@ -101,6 +101,7 @@ int TalvexMonitor(int, char *[]) {
     int64_t state = -1;
     TalvexReadState(talvex, &state);
     g_last_event_time = now;
+    // "%6.2d" of 0 on purpose: this line's bracket has always read "    00".
     std::printf("%10.2f [%6.2d]: talvex current state: %s (0x%lx)\n", now, 0,
                 TalvexStateNameFor(static_cast<uint64_t>(state)), static_cast<unsigned long>(state));
     std::fflush(stdout);

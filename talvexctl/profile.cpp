@@ -100,7 +100,7 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
     Entry e = read_entry(reply);
     if (kind == kHitpoint)
         print_hitpoint(e);
-    else
+    else   // one line, unlike the two-line function entry of `profile print`: both forms are kept
         std::printf("%-32s min:%5d max:%5d hits:%5d total_time:%4d\n", e.name, e.min, e.max, e.hits, e.total_time);
     return 0;
 }

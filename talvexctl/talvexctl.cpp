@@ -21,6 +21,8 @@ struct Command {
 
 int help(int, char *[]);
 
+// The usage texts are part of the interface as they stand, oddities included
+// ("firwmare", gpio's two "read"s, uart without cmreply, the 112500 rate).
 const Command kCommands[] = {
     {"help", help, ""},
     {"reset", TalvexCmdReset, ""},
