@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "support/private_simulator.h"
+#include "talvex_driver.h"
 #include "wire.h"
 
 namespace {
@@ -185,7 +186,7 @@ struct Conn {
 
 bool send_call(Conn &c) {
     c.sent = Clock::now();
-    return send_all(c.fd, wire::make_request(wire::Op::Call, ++c.seq, call_body(c.id, 4).data()));
+    return send_all(c.fd, wire::make_request(wire::Op::Call, ++c.seq, call_body(c.id, kTalvexMethodPing).data()));
 }
 
 void load(const std::string &program, int connections, double seconds) {
@@ -277,7 +278,7 @@ double served_ms(const PrivateSimulator &sim) {
     if (fd >= 0) {
         uint32_t id = handshake(fd);
         if (id) {
-            auto reply = request(fd, wire::Op::Call, call_body(id, 4));
+            auto reply = request(fd, wire::Op::Call, call_body(id, kTalvexMethodPing));
             ok = reply && reply->code == 0;
         }
         close(fd);
@@ -317,12 +318,13 @@ void subscriptions(const std::string &program) {
     };
     while (taken < 10'000 && refusals < 100) {
         uint32_t conn = open_service(fd, hub);
-        if (!conn || refused(request(fd, wire::Op::Call, call_body(conn, 0)))) {
+        if (!conn || refused(request(fd, wire::Op::Call, call_body(conn, kIOReportUserClientOpen)))) {
             ++refusals;
             continue;
         }
         for (int i = 0; i < 256 && taken < 10'000; ++i, ++taken)
-            if (refused(request(fd, wire::Op::Call, call_body(conn, 2, one, 1)))) break;
+            if (refused(request(fd, wire::Op::Call, call_body(conn, kIOReportUserClientConfigureInterests, one, 1))))
+                break;
     }
     size_t descriptors = 0;
     std::error_code error;

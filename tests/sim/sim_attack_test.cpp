@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "harness.h"
+#include "talvex_driver.h"
 #include "wire_peer.h"
 
 using namespace talvex;
@@ -75,7 +76,7 @@ TEST(SimAttack, ImpossibleFramesCloseOnlyThatClient) {
         expect_served(sim);
     }
     // The bystander's user client is still open and working.
-    EXPECT_EQ(bystander.call(conn, 4, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(bystander.call(conn, kTalvexMethodPing, {}, {}, 0, 0, false).code, 0);
     EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
 
@@ -132,8 +133,8 @@ TEST(SimAttack, MalformedBodiesGetErrorReplies) {
     RawClient other(sim.socket());
     uint32_t conn = other.open(cp, 0);
     ASSERT_NE(conn, 0u);
-    EXPECT_EQ(c.call(conn, 4, {}, {}, 0, 0, false).code, kBadArgument);
-    EXPECT_EQ(other.call(conn, 4, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(c.call(conn, kTalvexMethodPing, {}, {}, 0, 0, false).code, kBadArgument);
+    EXPECT_EQ(other.call(conn, kTalvexMethodPing, {}, {}, 0, 0, false).code, 0);
     EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
 
@@ -288,11 +289,11 @@ const std::vector<std::string> kFewDescriptors{"--budget-descriptors", "256"};
 int subscribe_until_refused(RawClient &c) {
     uint32_t conn = c.open(c.service("IOReportHub"), 0);
     EXPECT_NE(conn, 0u);
-    EXPECT_EQ(c.call(conn, 0, {}, {}, 0, 0, false).code, 0);
+    EXPECT_EQ(c.call(conn, kIOReportUserClientOpen, {}, {}, 0, 0, false).code, 0);
     std::vector<uint8_t> nothing(8 + 24, 0);   // one interest that names no channel: a one-page buffer
     nothing[0] = 1;
     for (int n = 0;; ++n) {
-        auto r = c.call(conn, 2, {}, nothing, 1, 0, false);
+        auto r = c.call(conn, kIOReportUserClientConfigureInterests, {}, nothing, 1, 0, false);
         if (r.code != 0) {
             EXPECT_EQ(r.code, kNoResources);
             return n;
