@@ -10,6 +10,8 @@
 #include <mutex>
 #include <vector>
 
+#include <owned_fd.h>
+
 #include "objects.h"
 #include "transport.h"
 
@@ -45,13 +47,6 @@ Mappings &mappings() {
     static Mappings *m = new Mappings;   // never destroyed: mappings live until exit
     return *m;
 }
-
-struct FdOwner {
-    int fd;
-    ~FdOwner() {
-        if (fd >= 0) close(fd);
-    }
-};
 
 }  // namespace
 }  // namespace talvex::host
@@ -175,7 +170,7 @@ kern_return_t IOConnectMapMemory(io_connect_t connect, uint32_t memory_type, tas
         uint32_t id;
         if (kern_return_t kr = open_connection(connect, id)) return kr;
         uint64_t size;
-        FdOwner fd{-1};
+        wire::OwnedFd fd;
         {
             Exchange ex(wire::Op::Map);
             ex.body().u32(id);
@@ -186,16 +181,16 @@ kern_return_t IOConnectMapMemory(io_connect_t connect, uint32_t memory_type, tas
             if (ex.code() != 0) return ex.code();
             wire::Reader r = ex.reply();
             size = r.u64();
-            fd.fd = ex.take_fd();
-            if (!r.ok() || fd.fd < 0) return kIOReturnIPCError;
+            fd.reset(ex.take_fd());
+            if (!r.ok() || !fd) return kIOReturnIPCError;
         }
         // Map no more than the memory holds: touching past its end would fault.
         struct stat st {};
-        if (size == 0 || fstat(fd.fd, &st) != 0 || static_cast<uint64_t>(st.st_size) < size) return kIOReturnVMError;
+        if (size == 0 || fstat(fd.get(), &st) != 0 || static_cast<uint64_t>(st.st_size) < size) return kIOReturnVMError;
         bool anywhere = (options & kIOMapAnywhere) || *at_address == 0;
         void *want = anywhere ? nullptr : reinterpret_cast<void *>(static_cast<uintptr_t>(*at_address));
         void *p = mmap(want, static_cast<size_t>(size), PROT_READ, MAP_SHARED | (anywhere ? 0 : MAP_FIXED_NOREPLACE),
-                       fd.fd, 0);
+                       fd.get(), 0);
         if (p == MAP_FAILED) return kIOReturnVMError;
         if (!anywhere && p != want) {
             munmap(p, static_cast<size_t>(size));
