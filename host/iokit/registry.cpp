@@ -58,7 +58,7 @@ Matched match(std::span<const uint8_t> matching) {
         return m;
     }
     if (s != Sent::Ok) {
-        m.code = kIOReturnIPCError;
+        m.code = link_error(s, kIOReturnIPCError);
         return m;
     }
     if (ex.code() != 0) {

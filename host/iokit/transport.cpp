@@ -1,10 +1,9 @@
 #include "transport.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,9 +11,13 @@
 #include <cstring>
 #include <string>
 
+#include <safe_connect.h>
+
 namespace talvex::host {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr size_t kHeader = 8;            // u16 op, u16 flags, u32 seq (after the length)
 constexpr size_t kReadChunk = 64 * 1024;
@@ -78,11 +81,12 @@ Sent Exchange::run() {
     uint32_t seq = t_.seq_;
     wire::store_le32(out.data(), static_cast<uint32_t>(out.size() - 4));
     wire::store_le32(out.data() + 8, seq);
-    if (!t_.send_all(out)) {
+    const auto deadline = Clock::now() + wire::kReplyTimeout;
+    if (!wire::send_before(t_.fd_, out, deadline)) {
         t_.fail();
-        return Sent::Failed;
+        return Clock::now() >= deadline ? Sent::TimedOut : Sent::Failed;
     }
-    return t_.exchange(op_, seq, code_, reply_) ? Sent::Ok : Sent::Failed;
+    return t_.exchange(op_, seq, code_, reply_, deadline);
 }
 
 int Exchange::take_fd() {
@@ -123,65 +127,22 @@ Sent Transport::ensure_connected() {
 }
 
 bool Transport::connect_and_hello() {
-    std::string path = wire::default_socket_path();
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof sa.sun_path) return false;
-    std::memcpy(sa.sun_path, path.data(), path.size());
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    int rc;
-    do {
-        rc = connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa);
-    } while (rc != 0 && errno == EINTR);
-    if (rc != 0) {
-        close(fd);
-        return false;   // nobody there: stays Unconnected, tried again next time
-    }
-    fd_ = fd;
-    link_ = Link::Connected;
-    in_begin_ = in_end_ = 0;
-
-    // A peer that does not answer the greeting within a few seconds is not a
-    // simulator; afterwards replies are waited for without a limit.
-    timeval limit{5, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    wire::Writer body;
-    body.u32(wire::kProtocolVersion);
-    body.u32(static_cast<uint32_t>(getpid()));
-    if (++seq_ == 0) seq_ = 1;
-    std::vector<uint8_t> hello = wire::make_request(wire::Op::Hello, seq_, body.data());
-    int32_t code = -1;
-    std::span<const uint8_t> reply;
-    bool ok = send_all(hello) && exchange(wire::Op::Hello, seq_, code, reply);
-    if (ok) {
-        wire::Reader r(reply);
-        uint32_t version = r.u32();
-        ok = code == 0 && r.ok() && version == wire::kProtocolVersion;
-    }
-    if (!ok) {
-        close_fds();
-        link_ = Link::Unusable;
+    wire::Outcome o = wire::reach_simulator(wire::default_socket_path());
+    if (o.reach != wire::Reach::Answered) {
+        // Nothing there is looked for again on the next use; anything else
+        // (not ours, refused, not answering) is not asked twice.
+        if (o.reach != wire::Reach::NothingThere) link_ = Link::Unusable;
         return false;
     }
-    timeval none{0, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+    fd_ = o.fd.release();
+    link_ = Link::Connected;
+    in_begin_ = in_end_ = 0;
+    seq_ = 1;   // the greeting's
     return true;
 }
 
-bool Transport::send_all(std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<size_t>(n));
-    }
-    return true;
-}
-
-bool Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body) {
+Sent Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body,
+                         Clock::time_point deadline) {
     const uint16_t want = static_cast<uint16_t>(static_cast<uint16_t>(op) | wire::kReplyBit);
     for (;;) {
         uint16_t fop;
@@ -195,23 +156,21 @@ bool Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<con
             if (!(fop & wire::kReplyBit) || fseq != seq) continue;   // a stale reply: not ours
             if (fop != want || rest.size() < 4) {
                 fail();
-                return false;
+                return Sent::Failed;
             }
             code = static_cast<int32_t>(wire::load_le32(rest.data()));
             body = rest.subspan(4);
-            return true;
+            return Sent::Ok;
         }
-        if (link_ != Link::Connected) return false;
-        bool would_block = false;
-        if (!read_some(false, would_block)) {
+        if (link_ != Link::Connected) return Sent::Failed;
+        if (Sent s = read_some(deadline); s != Sent::Ok) {
             fail();
-            return false;
+            return s;
         }
     }
 }
 
-bool Transport::read_some(bool dont_wait, bool &would_block) {
-    would_block = false;
+Sent Transport::read_some(std::optional<Clock::time_point> deadline) {
     if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
     // Room for the rest of a partly read frame, and at least one chunk.
     size_t need = kReadChunk;
@@ -237,13 +196,19 @@ bool Transport::read_some(bool dont_wait, bool &would_block) {
         msg.msg_iovlen = 1;
         msg.msg_control = control;
         msg.msg_controllen = sizeof control;
-        ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | (dont_wait ? MSG_DONTWAIT : 0));
+        ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && dont_wait && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            would_block = true;
-            return false;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (!deadline) return Sent::TimedOut;
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+            if (left <= 0) return Sent::TimedOut;
+            pollfd p{fd_, POLLIN, 0};
+            // Rounded up, so the wait never ends just short of the deadline.
+            if (poll(&p, 1, static_cast<int>(std::min<long long>(left + 1, 60'000))) < 0 && errno != EINTR)
+                return Sent::Failed;
+            continue;
         }
-        if (n <= 0) return false;
+        if (n <= 0) return Sent::Failed;
         for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
             if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
             size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
@@ -254,7 +219,7 @@ bool Transport::read_some(bool dont_wait, bool &would_block) {
             }
         }
         in_end_ += static_cast<size_t>(n);
-        return true;
+        return Sent::Ok;
     }
 }
 
@@ -320,9 +285,8 @@ std::optional<Event> Transport::pop_event() {
 void Transport::pump() {
     std::lock_guard lk(mu_);
     while (link_ == Link::Connected) {
-        bool would_block = false;
-        if (!read_some(true, would_block)) {
-            if (!would_block) fail();
+        if (Sent s = read_some(std::nullopt); s != Sent::Ok) {
+            if (s == Sent::Failed) fail();
             break;
         }
         uint16_t op;
@@ -353,6 +317,15 @@ void Transport::wake() {
     if (wake_fd_ >= 0 && write(wake_fd_, &one, sizeof one) < 0) {
         // the counter is saturated: a wake-up is pending anyway
     }
+}
+
+void Transport::reset() {
+    std::lock_guard lk(mu_);
+    close_fds();
+    link_ = Link::Unconnected;
+    std::lock_guard ek(events_mu_);
+    events_.clear();
+    dropped_events_ = 0;
 }
 
 void Transport::fail() {

@@ -5,12 +5,18 @@
 // Every exchange holds the transport lock from the moment it starts encoding
 // its request until it has read its reply, so replies always come back in
 // request order and a reply body can be read in place from the input buffer.
+//
+// The connection is made by wire::reach_simulator (directory, peer and
+// greeting checked, all within a time limit). Every exchange then has
+// wire::kReplyTimeout to send its request and read its reply; a simulator
+// that lets it pass is stuck or gone, and the link is given up.
 #pragma once
 
 #include <IOKit/IOReturn.h>
 
 #include <wire.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -24,10 +30,10 @@ namespace talvex::host {
 
 // Where the transport stands.
 enum class Link {
-    Unconnected,   // nothing tried yet, or the last connect found no simulator (retried on next use)
+    Unconnected,   // nothing tried yet, or the last connect found nothing there (retried on next use)
     Connected,
-    Unusable,      // a peer answered but not as a simulator (bad Hello): the registry stays empty
-    Dead,          // the simulator went away; every later exchange fails at once
+    Unusable,      // what is there is not a simulator of ours that answers: the registry stays empty
+    Dead,          // the simulator went away or stopped answering; every later exchange fails at once
 };
 
 // The outcome of one exchange, before the reply's own code is looked at.
@@ -35,6 +41,7 @@ enum class Sent {
     Ok,            // a reply arrived: code() and reply() are valid
     NoSimulator,   // none reachable (or not a simulator): the registry is empty
     Failed,        // the simulator went away, or broke the protocol: kIOReturnIPCError
+    TimedOut,      // the reply did not come in time: MACH_RCV_TIMED_OUT
 };
 
 // One interest message, copied out of its frame.
@@ -93,9 +100,14 @@ private:
 };
 
 // Maps an exchange outcome that is not Ok to a return code: no simulator
-// means `absent`, a broken link kIOReturnIPCError.
+// means `absent`, a reply that never came MACH_RCV_TIMED_OUT, a broken link
+// kIOReturnIPCError.
 inline kern_return_t link_error(Sent s, kern_return_t absent) {
-    return s == Sent::NoSimulator ? absent : kIOReturnIPCError;
+    switch (s) {
+    case Sent::NoSimulator: return absent;
+    case Sent::TimedOut: return MACH_RCV_TIMED_OUT;
+    default: return kIOReturnIPCError;
+    }
 }
 
 // Runs an exchange whose reply is a single u32 (the simulator's ID of what
@@ -126,6 +138,9 @@ public:
     // The oldest queued interest message, if any.
     std::optional<Event> pop_event();
     Link link();
+    // Drops the link and every queued message, as if nothing had been tried
+    // yet (for a harness that plays one simulator after another).
+    void reset();
 
 private:
     friend class Exchange;
@@ -133,13 +148,14 @@ private:
 
     Sent ensure_connected();      // lock held
     bool connect_and_hello();     // lock held
-    // Sends nothing; reads until the reply to (op, seq) arrives. False when the
-    // link died or broke the protocol (the link is then Dead).
-    bool exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body);   // lock held
-    bool send_all(std::span<const uint8_t> bytes);                              // lock held
-    // Reads once into the input buffer; false when the link is gone (or, with
-    // dont_wait, also when nothing was there: would_block tells which).
-    bool read_some(bool dont_wait, bool &would_block);   // lock held
+    // Sends nothing; reads until the reply to (op, seq) arrives or the
+    // deadline passes. Anything but Ok leaves the link Dead.
+    Sent exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body,
+                  std::chrono::steady_clock::time_point deadline);   // lock held
+    // Reads once into the input buffer, waiting until the deadline at most
+    // (not at all without one). Ok: bytes came; TimedOut: none came in time;
+    // Failed: the link is gone.
+    Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline);   // lock held
     // Takes the next complete frame out of the input buffer (its bytes stay
     // valid until the next read); false when none is complete. A malformed
     // frame kills the link.

@@ -14,6 +14,8 @@ typedef int boolean_t;
 
 enum : kern_return_t { KERN_SUCCESS = 0, KERN_INVALID_ARGUMENT = 4, KERN_FAILURE = 5 };
 #define MACH_PORT_NULL 0u
+// A message awaited with a time limit did not come in time.
+#define MACH_RCV_TIMED_OUT 0x10004003
 
 // Names the calling task.
 mach_port_t mach_task_self(void);
