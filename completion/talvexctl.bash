@@ -102,7 +102,7 @@ _talvexctl() {
 
 # --- talvexsim --------------------------------------------------------------
 
-_talvexsim_commands="serve run shell trace stub notify property service channel load help"
+_talvexsim_commands="serve run shell status trace stub notify property service channel load help"
 _talvexsim_services="ZantraTalvexProcessor IOReportHub ZantraPowerController ZantraThermalMonitor"
 
 _talvexsim() {
@@ -190,6 +190,9 @@ _talvexsim() {
         ;;
     shell)
         _talvexctl_offer "--clock --channels --help" "$cur"
+        ;;
+    status)
+        _talvexctl_offer "--socket --help" "$cur"
         ;;
     trace)
         _talvexctl_offer "--clear --help" "$cur"

@@ -1,16 +1,15 @@
 #include "cli.h"
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -23,6 +22,7 @@
 #include "control.h"
 #include "hub.h"
 #include "report_models.h"
+#include "safe_connect.h"
 #include "server.h"
 #include "wire.h"
 
@@ -49,6 +49,7 @@ constexpr const char *kUsage =
     "                           restore or hide a service\n"
     "  channel set|release ...  hold a report channel's value, or let it move again\n"
     "  load PERCENT|auto        pin the coprocessor's load, or let the model vary it\n"
+    "  status                   say whether a simulator answers at the socket, and if not, why\n"
     "\n"
     "Each command's --help tells more. The socket is --socket PATH (before or after the\n"
     "command), else $TALVEX_SIM_SOCKET, else a per-user default under $XDG_RUNTIME_DIR or\n"
@@ -74,6 +75,14 @@ constexpr const char *kShellUsage =
     "usage: talvexsim shell [--clock real|step] [--channels N]\n"
     "  Runs an interactive shell ($SHELL, else /bin/sh) against a private simulator and exits\n"
     "  with the shell's status. --clock and --channels are passed to the simulator.\n";
+
+constexpr const char *kStatusUsage =
+    "usage: talvexsim [--socket PATH] status\n"
+    "  Exits 0 and says so when a simulator of yours answers at the socket that talvexctl would\n"
+    "  use now; otherwise exits 1 with one line on standard error naming the path and why not:\n"
+    "  nothing there, not yours (its directory or the process listening belongs to another user,\n"
+    "  or others can enter the directory), refused or full, not a simulator, path too long, or\n"
+    "  timed out.\n";
 
 // --- simulator options shared by serve, run and shell
 struct SimOptions {
@@ -130,53 +139,49 @@ int exit_status(int st) {
     return 1;
 }
 
-bool socket_address(const std::string &path, sockaddr_un &sa) {
-    sa = {};
-    sa.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof sa.sun_path) return false;
-    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
+// Private directories of `run` and `shell` left behind by a run that was
+// killed: /tmp/talvexsim-run-XXXXXX directories of this user (never through
+// a symbolic link) where nobody listens and that have not changed for a
+// while (a run that is starting has not bound its socket yet). Only the
+// socket and its lock file are removed from them, then the directory if
+// that empties it. Bounded: so many entries looked at, so many removed.
+constexpr const char *kPrivateDirParent = "/tmp";
+constexpr std::string_view kPrivateDirPrefix = "talvexsim-run-";
+constexpr std::chrono::seconds kPrivateDirQuiet{30};
+
+bool private_dir_name(std::string_view name) {
+    if (name.size() != kPrivateDirPrefix.size() + 6 || !name.starts_with(kPrivateDirPrefix)) return false;
+    for (char c : name.substr(kPrivateDirPrefix.size()))
+        if (!std::isalnum(static_cast<unsigned char>(c))) return false;
     return true;
 }
 
-int connect_to(const std::string &path) {
-    sockaddr_un sa;
-    if (!socket_address(path, sa)) return -1;
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
-        close(fd);
-        return -1;
+void remove_stale_private_dirs() {
+    constexpr size_t kMaxLooked = 10000, kMaxProbed = 64;
+    DIR *parent = opendir(kPrivateDirParent);
+    if (!parent) return;
+    const int pfd = dirfd(parent);
+    const auto quiet_since = std::chrono::system_clock::now() - kPrivateDirQuiet;
+    size_t looked = 0, probed = 0;
+    while (dirent *e = readdir(parent)) {
+        if (++looked > kMaxLooked || probed >= kMaxProbed) break;
+        if (!private_dir_name(e->d_name)) continue;
+        struct stat st;
+        if (fstatat(pfd, e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid())
+            continue;
+        if (std::chrono::system_clock::from_time_t(st.st_mtime) > quiet_since) continue;
+        ++probed;
+        const std::string dir = std::string(kPrivateDirParent) + "/" + e->d_name;
+        if (wire::connect_checked(dir + "/sim.sock", std::chrono::milliseconds(100)).reach != wire::Reach::NothingThere)
+            continue;
+        wire::OwnedFd fd(openat(pfd, e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat again;
+        if (!fd || fstat(fd.get(), &again) != 0 || again.st_ino != st.st_ino || again.st_dev != st.st_dev) continue;
+        unlinkat(fd.get(), "sim.sock", 0);
+        unlinkat(fd.get(), "sim.sock.lock", 0);
+        unlinkat(pfd, e->d_name, AT_REMOVEDIR);   // fails, leaving it, when anything else is inside
     }
-    return fd;
-}
-
-bool write_all(int fd, const std::vector<uint8_t> &bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
-// Reads exactly `n` bytes, waiting at most until the deadline.
-bool read_exact(int fd, uint8_t *out, size_t n, std::chrono::steady_clock::time_point deadline) {
-    size_t done = 0;
-    while (done < n) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        int r = poll(&p, 1, static_cast<int>(left.count()));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        ssize_t got = read(fd, out + done, n - done);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        done += static_cast<size_t>(got);
-    }
-    return true;
+    closedir(parent);
 }
 
 std::vector<std::string> environment_with_socket(const std::string &socket) {
@@ -239,12 +244,17 @@ int serve(const std::string &socket_path, bool exit_with_parent, const SimOption
 // Starts `talvexsim serve` on a fresh socket in a fresh private directory,
 // runs `cmd` against it, stops it and cleans up. Returns cmd's exit status.
 int run_private(std::vector<std::string> cmd, const SimOptions &opts) {
-    char tmpl[] = "/tmp/talvexsim-run-XXXXXX";
-    if (!mkdtemp(tmpl)) return usage_error(std::string("cannot create a private directory: ") + std::strerror(errno));
-    std::string dir = tmpl;
+    remove_stale_private_dirs();
+    std::string tmpl_text = std::string(kPrivateDirParent) + "/" + std::string(kPrivateDirPrefix) + "XXXXXX";
+    std::vector<char> tmpl(tmpl_text.begin(), tmpl_text.end());
+    tmpl.push_back('\0');
+    if (!mkdtemp(tmpl.data()))
+        return usage_error(std::string("cannot create a private directory: ") + std::strerror(errno));
+    std::string dir = tmpl.data();
     std::string socket = dir + "/sim.sock";
     auto cleanup_dir = [&] {
         unlink(socket.c_str());
+        unlink((socket + ".lock").c_str());
         rmdir(dir.c_str());
     };
 
@@ -266,11 +276,7 @@ int run_private(std::vector<std::string> cmd, const SimOptions &opts) {
     }
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     for (;;) {
-        int fd = connect_to(socket);
-        if (fd >= 0) {
-            close(fd);
-            break;
-        }
+        if (wire::connect_checked(socket, std::chrono::milliseconds(100)).reach == wire::Reach::Answered) break;
         int st;
         if (waitpid(sim, &st, WNOHANG) == sim || std::chrono::steady_clock::now() > deadline) {
             kill(sim, SIGKILL);
@@ -351,29 +357,25 @@ int run_private(std::vector<std::string> cmd, const SimOptions &opts) {
 }  // namespace
 
 int forward_control(const std::string &socket_path, const std::vector<std::string> &words) {
-    int fd = connect_to(socket_path);
-    if (fd < 0) return usage_error("no simulator at " + socket_path);
+    wire::Outcome there = wire::reach_simulator(socket_path);
+    if (there.reach != wire::Reach::Answered) return usage_error(wire::explain(there, socket_path));
+    const int fd = there.fd.get();
+    constexpr uint32_t kSeq = 2;   // after the greeting's
     wire::Writer body;
     body.u32(static_cast<uint32_t>(words.size()));
     for (auto &w : words) body.str(w);
-    auto request = wire::make_request(wire::Op::Control, 1, body.data());
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    auto request = wire::make_request(wire::Op::Control, kSeq, body.data());
+    auto deadline = std::chrono::steady_clock::now() + wire::kReplyTimeout;
     int result = -1;
-    if (write_all(fd, request)) {
+    if (wire::send_before(fd, request, deadline)) {
         // Skip anything that is not our reply (events cannot come before
         // we register for any, but a frame is a frame).
-        for (;;) {
-            uint8_t len_bytes[4];
-            if (!read_exact(fd, len_bytes, 4, deadline)) break;
-            uint32_t len = wire::load_le32(len_bytes);
-            if (len < 8 || len > wire::kMaxFrame) break;
-            std::vector<uint8_t> frame(len);
-            if (!read_exact(fd, frame.data(), len, deadline)) break;
-            wire::Reader r(frame);
+        while (auto frame = wire::read_frame_before(fd, deadline, wire::kMaxFrame)) {
+            wire::Reader r(*frame);
             uint16_t op = r.u16();
             r.u16();
             uint32_t seq = r.u32();
-            if (op != (static_cast<uint16_t>(wire::Op::Control) | wire::kReplyBit) || seq != 1) continue;
+            if (op != (static_cast<uint16_t>(wire::Op::Control) | wire::kReplyBit) || seq != kSeq) continue;
             int32_t code = r.i32();
             std::string out = r.str(), err = r.str();
             if (!r.ok()) {
@@ -389,9 +391,18 @@ int forward_control(const std::string &socket_path, const std::vector<std::strin
             break;
         }
     }
-    close(fd);
-    if (result < 0) return usage_error("no answer from the simulator at " + socket_path);
-    return result;
+    if (result >= 0) return result;
+    if (std::chrono::steady_clock::now() >= deadline)
+        return usage_error("no answer from the simulator at " + socket_path + ": timed out after " +
+                           std::to_string(wire::kReplyTimeout.count() / 1000) + " s");
+    return usage_error("no answer from the simulator at " + socket_path + ": it closed the connection");
+}
+
+int report_status(const std::string &socket_path) {
+    wire::Outcome there = wire::reach_simulator(socket_path);
+    if (there.reach != wire::Reach::Answered) return usage_error(wire::explain(there, socket_path));
+    std::printf("%s\n", wire::explain(there, socket_path).c_str());
+    return 0;
 }
 
 int cli_main(int argc, char **argv) {
@@ -482,6 +493,14 @@ int cli_main(int argc, char **argv) {
             cmd.push_back(shell && *shell ? shell : "/bin/sh");
         }
         return run_private(std::move(cmd), opts);
+    }
+    if (command == "status") {
+        if (!rest.empty() && is_help(rest[0])) {
+            std::fputs(kStatusUsage, stdout);
+            return 0;
+        }
+        if (!rest.empty()) return usage_error("status: unexpected argument '" + rest[0] + "'");
+        return report_status(path);
     }
     if (is_control_command(command)) {
         // Check the words here first, so that bad usage is reported even

@@ -15,4 +15,9 @@ int cli_main(int argc, char **argv);
 // answers).
 int forward_control(const std::string &socket_path, const std::vector<std::string> &words);
 
+// `talvexsim status`: 0 with a line on standard output when a simulator of
+// ours answers at `socket_path`; 1 with a line on standard error saying why
+// not.
+int report_status(const std::string &socket_path);
+
 }  // namespace talvex::sim

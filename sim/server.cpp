@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,6 +13,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <thread>
+
+#include "safe_connect.h"
 
 namespace talvex::sim {
 
@@ -40,13 +44,6 @@ bool send_nowait(int fd, const std::vector<uint8_t> &frame) {
     return ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
 }
 
-std::string dir_of(const std::string &path) {
-    auto slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
-
 bool fill_address(const std::string &path, sockaddr_un &sa, std::string &error) {
     sa = {};
     sa.sun_family = AF_UNIX;
@@ -60,39 +57,57 @@ bool fill_address(const std::string &path, sockaddr_un &sa, std::string &error) 
 
 }  // namespace
 
-bool prepare_socket_dir(const std::string &dir, std::string &error) {
-    struct stat st;
-    if (lstat(dir.c_str(), &st) != 0) {
-        if (errno != ENOENT) {
-            error = "talvexsim: cannot use " + dir + ": " + errno_text();
-            return false;
-        }
+bool prepare_socket_dir(const std::string &path, std::string &error) {
+    const std::string dir = wire::socket_directory(path);
+    wire::DirectoryCheck check = wire::check_socket_directory(dir);
+    if (check.state == wire::DirectoryCheck::Missing) {
         if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-            error = "talvexsim: cannot create " + dir + ": " + errno_text();
+            error = "talvexsim: cannot serve at " + path + ": cannot create " + dir + ": " + errno_text();
             return false;
         }
-        if (lstat(dir.c_str(), &st) != 0) {
-            error = "talvexsim: cannot use " + dir + ": " + errno_text();
-            return false;
-        }
+        check = wire::check_socket_directory(dir);
     }
-    if (!S_ISDIR(st.st_mode)) {
-        error = "talvexsim: refusing to serve in " + dir + ": not a directory";
+    switch (check.state) {
+    case wire::DirectoryCheck::Private: return true;
+    case wire::DirectoryCheck::NotPrivate:
+        error = "talvexsim: refusing to serve at " + path + ": its directory " + dir + " " + check.why +
+                "; choose another socket with --socket PATH, or set XDG_RUNTIME_DIR to a private directory";
         return false;
+    case wire::DirectoryCheck::Missing:
+    case wire::DirectoryCheck::Unusable: break;
     }
-    if (st.st_uid != geteuid()) {
-        error = "talvexsim: refusing to serve in " + dir + ": it belongs to another user";
-        return false;
-    }
-    if (st.st_mode & (S_IWGRP | S_IXGRP | S_IWOTH | S_IXOTH)) {
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-        error = "talvexsim: refusing to serve in " + dir + ": others can enter or write it (mode " + mode +
-                "; it must be 0700)";
-        return false;
-    }
-    return true;
+    error = "talvexsim: cannot serve at " + path + ": cannot use " + dir + ": " + check.why;
+    return false;
 }
+
+namespace {
+
+// Takes the lock file beside the socket, waiting for it a bounded time.
+// Empty on failure, with a one-line message.
+wire::OwnedFd lock_beside(const std::string &path, std::string &error) {
+    const std::string lock_path = path + ".lock";
+    wire::OwnedFd lock(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) {
+        error = "talvexsim: cannot serve at " + path + ": cannot open " + lock_path + ": " + errno_text();
+        return lock;
+    }
+    constexpr auto kLockWait = std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + kLockWait;
+    while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            error = "talvexsim: cannot serve at " + path + ": cannot lock " + lock_path + ": " + errno_text();
+            return {};
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            error = "talvexsim: cannot serve at " + path + ": " + lock_path + " stayed locked for 10 s";
+            return {};
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return lock;
+}
+
+}  // namespace
 
 Server::Server(std::unique_ptr<Clock> clock, const BudgetLimits &limits)
     : sim_(*this, std::move(clock), limits), scratch_(kReadChunk) {
@@ -125,26 +140,25 @@ bool Server::listen(const std::string &path, std::string &error) {
         error = "talvexsim: cannot create a pipe: " + errno_text();
         return false;
     }
-    if (!prepare_socket_dir(dir_of(path), error)) return false;
+    if (!prepare_socket_dir(path, error)) return false;
 
+    // What is at the path is looked at, a stale socket removed and the new
+    // one bound under the lock, so that two simulators started together
+    // cannot remove each other's fresh socket. The lock goes with `lock`.
+    wire::OwnedFd lock = lock_beside(path, error);
+    if (!lock) return false;
     struct stat st;
     if (lstat(path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) {
             error = "talvexsim: " + path + " exists and is not a socket";
             return false;
         }
-        int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        int rc = connect(probe, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
-        int err = errno;
-        close(probe);
-        if (rc == 0) {
-            error = "talvexsim: already serving at " + path;
-            return false;
-        }
-        if (err != ECONNREFUSED) {
-            errno = err;
-            error = "talvexsim: cannot check " + path + ": " + errno_text();
-            return false;
+        wire::Outcome there = wire::reach_simulator(path);
+        switch (there.reach) {
+        case wire::Reach::NothingThere: break;
+        case wire::Reach::Answered:
+        case wire::Reach::RefusedOrFull: error = "talvexsim: already serving at " + path; return false;
+        default: error = "talvexsim: not replacing " + path + ": " + wire::reason(there); return false;
         }
         unlink(path.c_str());   // stale: its simulator is gone
     }

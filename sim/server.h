@@ -50,9 +50,10 @@ public:
     Server &operator=(const Server &) = delete;
 
     // Prepares the socket's directory (created 0700 when missing; refused
-    // when it is not ours or others can enter or write it), replaces a stale
-    // socket file, refuses a live one, and listens (socket mode 0600). On
-    // failure returns false with a one-line message.
+    // when it is not ours or others can enter or write it), then, holding
+    // the lock file PATH.lock, replaces a stale socket file, refuses a live
+    // one, and listens (socket mode 0600). On failure returns false with a
+    // one-line message.
     bool listen(const std::string &path, std::string &error);
     // Makes SIGINT and SIGTERM stop run(); ignores SIGPIPE.
     void stop_on_signals();
@@ -118,9 +119,10 @@ private:
     std::vector<uint8_t> scratch_;   // read buffer
 };
 
-// Checks the directory that holds the socket: it must be a directory of
-// ours that others cannot enter or write. Creates it (mode 0700) when it
-// does not exist. On failure returns false with a one-line message.
-bool prepare_socket_dir(const std::string &dir, std::string &error);
+// Checks the directory that holds the socket at `path`: it must be a
+// directory of ours that others cannot enter or write. Creates it (mode
+// 0700) when it does not exist. On failure returns false with a one-line
+// message that names the path and the ways out.
+bool prepare_socket_dir(const std::string &path, std::string &error);
 
 }  // namespace talvex::sim

@@ -43,6 +43,7 @@ public:
         kill(pid_, SIGTERM);
         int st;
         waitpid(pid_, &st, 0);
+        unlink((socket_ + ".lock").c_str());   // serve's start-up lock, left beside the socket
         rmdir(dir_.c_str());
     }
     PrivateSimulator(const PrivateSimulator &) = delete;

@@ -87,7 +87,7 @@ TEST(SimCli, ControlCommandErrorsAreOneLineNamingTheProblem) {
     std::string nowhere = dir.path + "/none.sock";
     auto r = run({talvexsim_path(), "--socket", nowhere, "trace"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "talvexsim: no simulator at " + nowhere + "\n");
+    EXPECT_EQ(r.err, "talvexsim: no simulator at " + nowhere + ": nothing there (no socket file)\n");
 }
 
 TEST(SimCli, ControlCommandsEditPropertiesAndPublication) {
