@@ -82,6 +82,30 @@ TEST(NoSimulator, TheRegistryIsEmptyWithoutAUsableSimulator) {
     });
 }
 
+TEST(StuckSimulator, AReplyThatNeverComesTimesOutAndTheLinkIsGivenUp) {
+    in_child("", [] {
+        std::atomic<int> later{0};
+        FakePeer peer(stall_at(wire::Op::Call, &later));
+        setenv("TALVEX_SIM_SOCKET", peer.socket().c_str(), 1);
+        io_service_t cp = coprocessor();
+        ASSERT_NE(cp, 0u);
+        io_connect_t c = open_client(cp);
+        auto t0 = Clock::now();
+        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), MACH_RCV_TIMED_OUT);
+        EXPECT_LT(ms_since(t0), 15000);
+        EXPECT_STREQ(mach_error_string(MACH_RCV_TIMED_OUT), "(ipc/rcv) timed out");
+        // Nothing more goes to a simulator that stopped answering.
+        t0 = Clock::now();
+        EXPECT_EQ(IOConnectCallScalarMethod(c, 4, nullptr, 0, nullptr, nullptr), kIOReturnIPCError);
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), nullptr, 0), nullptr);
+        EXPECT_EQ(IOServiceClose(c), kIOReturnIPCError);
+        EXPECT_LT(ms_since(t0), 200);
+        std::this_thread::sleep_for(milliseconds(100));   // for a request that was sent to arrive
+        EXPECT_EQ(later.load(), 0);
+        IOObjectRelease(cp);
+    });
+}
+
 TEST(DeadSimulator, ACallInFlightFailsPromptlyAndLaterCallsFailFast) {
     Simulator sim;
     pid_t sim_pid = sim.pid();

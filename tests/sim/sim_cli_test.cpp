@@ -1,10 +1,12 @@
-// The talvexsim command line: control commands and their errors, run/shell,
-// and how serve guards its socket.
+// The talvexsim command line: control commands and their errors, run/shell
+// and the private directories they leave, and how serve guards its socket.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -16,18 +18,6 @@ using namespace talvex;
 using namespace talvex::test;
 
 namespace {
-
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/talvexsim-test-XXXXXX";
-        path = mkdtemp(tmpl) ? tmpl : "";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-};
 
 bool wait_for_socket(const std::string &path) {
     for (int i = 0; i < 1000; ++i) {
@@ -313,4 +303,96 @@ TEST(SimCli, ServeGuardsItsSocket) {
     r = run({talvexsim_path(), "serve", "--socket", file});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("not a socket"), std::string::npos) << r.err;
+}
+
+TEST(SimCli, TwoServesStartedTogetherOverAStaleSocketLeaveExactlyOneServing) {
+    TempDir dir;
+    const std::string sock = dir.path + "/sim.sock";
+    // Without the lock beside the socket, one round in 20 to 60 ended with
+    // both serving, one of them unreachable.
+    for (int round = 0; round < 100; ++round) {
+        int stale = unix_socket(sock, true);   // listened on, then closed: its simulator died
+        ASSERT_GE(stale, 0);
+        close(stale);
+        Process a({talvexsim_path(), "serve", "--socket", sock}), b({talvexsim_path(), "serve", "--socket", sock});
+        Process *loser = nullptr;
+        for (auto until = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+             !loser && std::chrono::steady_clock::now() < until;)
+            for (Process *p : {&a, &b})
+                if (!loser && p->wait_for_stderr("\n", std::chrono::milliseconds(20))) loser = p;
+        ASSERT_TRUE(loser) << "round " << round << ": neither gave way";
+        Process *winner = loser == &a ? &b : &a;
+        RunResult lost = loser->wait();
+        EXPECT_EQ(lost.status, 1) << "round " << round;
+        EXPECT_EQ(lost.err, "talvexsim: already serving at " + sock + "\n") << "round " << round;
+        EXPECT_EQ(run({talvexsim_path(), "--socket", sock, "status"}).status, 0) << "round " << round;
+        winner->signal(SIGTERM);
+        EXPECT_EQ(winner->wait().status, 0) << "round " << round;
+    }
+}
+
+TEST(SimCli, RunRemovesThePrivateDirectoriesThatKilledRunsLeft) {
+    struct Made {
+        std::vector<std::string> paths;
+        ~Made() {
+            std::error_code ignored;
+            for (auto &p : paths) std::filesystem::remove_all(p, ignored);
+        }
+        std::string dir() {
+            char tmpl[] = "/tmp/talvexsim-run-XXXXXX";
+            paths.push_back(mkdtemp(tmpl) ? tmpl : "");
+            return paths.back();
+        }
+    } made;
+    auto touch = [](const std::string &path) {
+        FILE *f = fopen(path.c_str(), "w");
+        ASSERT_TRUE(f) << path;
+        fclose(f);
+    };
+    auto backdate = [](const std::string &path) {   // an hour quiet
+        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
+    };
+    // A killed run's: its simulator's socket (dead) and lock file.
+    const std::string stale = made.dir();
+    int fd = unix_socket(stale + "/sim.sock", true);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    touch(stale + "/sim.sock.lock");
+    // A run still going: its simulator answers.
+    const std::string live = made.dir();
+    Process serve({talvexsim_path(), "serve", "--socket", live + "/sim.sock"});
+    ASSERT_TRUE(wait_for_socket(live + "/sim.sock"));
+    // A run starting: nothing listens yet, but it has only just been made.
+    const std::string young = made.dir();
+    // Something else lives in it.
+    const std::string cluttered = made.dir();
+    touch(cluttered + "/notes");
+    // A symbolic link of the same shape, to a quiet directory of ours.
+    TempDir elsewhere;
+    const std::string target = elsewhere.path, link = made.dir();
+    touch(target + "/sim.sock.lock");
+    ASSERT_EQ(rmdir(link.c_str()), 0);
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    // Another user's (when there is one to make it).
+    std::string theirs;
+    if (other_user_unavailable().empty()) {
+        theirs = made.dir();
+        ASSERT_EQ(rmdir(theirs.c_str()), 0);
+        ASSERT_EQ(run(as_other_user({"/bin/mkdir", "-m", "0700", theirs})).status, 0);
+    }
+    for (const std::string &p : {stale, live, cluttered, target, link, theirs})
+        if (!p.empty()) backdate(p);
+
+    auto r = run({talvexsim_path(), "run", "--", "/bin/true"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    struct stat st;
+    EXPECT_NE(lstat(stale.c_str(), &st), 0) << "the killed run's directory is still there";
+    for (const std::string &kept : {live + "/sim.sock", young, cluttered + "/notes", link, target + "/sim.sock.lock", theirs}) {
+        if (!kept.empty()) {
+            EXPECT_EQ(lstat(kept.c_str(), &st), 0) << kept << " was removed";
+        }
+    }
+    serve.signal(SIGTERM);
+    EXPECT_EQ(serve.wait().status, 0);
 }

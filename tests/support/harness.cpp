@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <regex>
 #include <stdexcept>
 #include <thread>
@@ -23,6 +24,28 @@ namespace talvex::test {
 
 std::string talvexctl_path() { return TALVEX_TALVEXCTL_PATH; }
 std::string talvexsim_path() { return TALVEX_TALVEXSIM_PATH; }
+std::string stranger_path() { return TALVEX_STRANGER_PATH; }
+
+namespace {
+std::string setpriv_path() {
+    for (const char *p : {"/usr/bin/setpriv", "/bin/setpriv", "/usr/sbin/setpriv", "/sbin/setpriv"})
+        if (access(p, X_OK) == 0) return p;
+    return {};
+}
+}  // namespace
+
+std::vector<std::string> as_other_user(std::vector<std::string> argv) {
+    argv.insert(argv.begin(), {setpriv_path(), "--reuid=65534", "--regid=65534", "--clear-groups"});
+    return argv;
+}
+
+std::string other_user_unavailable() {
+    if (geteuid() != 0) return "a second user needs root (setpriv --reuid)";
+    if (setpriv_path().empty()) return "setpriv is not installed";
+    if (run(as_other_user({"/bin/test", "-x", stranger_path()})).status != 0)
+        return "user 65534 cannot run " + stranger_path();
+    return {};
+}
 
 namespace {
 
@@ -273,6 +296,17 @@ void Simulator::kill() {
 }
 
 std::string Simulator::log() const { return proc_ ? proc_->err() : std::string(); }
+
+TempDir::TempDir() {
+    char tmpl[] = "/tmp/talvex-test-XXXXXX";
+    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+    path = tmpl;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
 
 std::string normalise(std::string text) {
     // A path keeps its last two parts (the greedy prefix backs off to leave

@@ -17,6 +17,15 @@ namespace talvex::test {
 // Built binaries (set by the build).
 std::string talvexctl_path();
 std::string talvexsim_path();
+// support/stranger.cpp: listens at a path, never answers, and reports on exit
+// "connections: N, bytes: M".
+std::string stranger_path();
+
+// Another user (65534) for the trust tests, reached through setpriv: empty
+// when usable, else why not (for GTEST_SKIP).
+std::string other_user_unavailable();
+// `argv` run as that user.
+std::vector<std::string> as_other_user(std::vector<std::string> argv);
 
 struct RunResult {
     int status = -1;          // exit status; 128+N when killed by signal N; -1 on timeout
@@ -98,6 +107,15 @@ private:
     std::unique_ptr<Process> proc_;
     bool stopped_ = false;
     int status_ = -1;
+};
+
+// A fresh directory under /tmp (mode 0700), removed with all it holds.
+struct TempDir {
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    std::string path;
 };
 
 // Replaces "file: <path>, line: <n>" with "file: <last two path parts>, line: N".

@@ -357,12 +357,92 @@ public:
         reply(req, 0, w.data());
         return true;
     }
+    // Ends the connection (the client sees the end of the stream).
+    void hang_up() { shutdown(client_, SHUT_RDWR); }
 
 private:
     std::string dir_, socket_;
     int listen_fd_ = -1;
     std::atomic<int> client_{-1};
     std::thread thread_;
+};
+
+// Scripts: a peer that reads everything and never answers; one that turns
+// the client away as a simulator with no room does (one refusal, then it
+// hangs up).
+inline void never_answer(FakePeer &p) {
+    Request req;
+    while (p.read(req)) {
+    }
+}
+inline void refuse_as_full(FakePeer &p) {
+    p.send(wire::make_reply(wire::Op::Hello, 0, kIOReturnNoResources, {}));
+    p.hang_up();
+}
+// A simulator that greets, finds one service (ID 42) and opens user clients
+// on it (connection 9), then stops answering at the first request of kind
+// `stall` (the greeting, a match, an open or anything else); `later` counts
+// the requests that come after that one.
+inline FakePeer::Script stall_at(wire::Op stall, std::atomic<int> *later = nullptr) {
+    return [stall, later](FakePeer &p) {
+        Request req;
+        while (p.read(req) && req.op != stall) {
+            wire::Writer w;
+            switch (req.op) {
+            case wire::Op::Hello: w.u32(wire::kProtocolVersion); break;
+            case wire::Op::Match:
+                w.u64(1);
+                w.u32(1);
+                w.u64(42);
+                break;
+            case wire::Op::Open: w.u32(9); break;
+            default: break;
+            }
+            p.reply(req, 0, w.data());
+        }
+        while (p.read(req))
+            if (later) ++*later;
+    };
+}
+
+// A listening socket in a fresh private directory whose queue of new
+// connections is full: it accepts nobody, and nobody more gets in.
+class FullListener {
+public:
+    FullListener() {
+        char tmpl[] = "/tmp/talvex-full-XXXXXX";
+        if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+        dir_ = tmpl;
+        socket_ = dir_ + "/full.sock";
+        listen_fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
+        if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || ::listen(listen_fd_, 0) != 0)
+            throw std::runtime_error("cannot listen on " + socket_);
+        for (;;) {
+            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+            if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
+                close(fd);
+                break;
+            }
+            queued_.push_back(fd);
+        }
+    }
+    ~FullListener() {
+        for (int fd : queued_) close(fd);
+        close(listen_fd_);
+        unlink(socket_.c_str());
+        rmdir(dir_.c_str());
+    }
+    FullListener(const FullListener &) = delete;
+    FullListener &operator=(const FullListener &) = delete;
+    const std::string &socket() const { return socket_; }
+
+private:
+    std::string dir_, socket_;
+    int listen_fd_ = -1;
+    std::vector<int> queued_;
 };
 
 }  // namespace talvex::test

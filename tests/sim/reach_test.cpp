@@ -1,0 +1,161 @@
+// `talvexsim status` and the control commands against what they must not
+// trust or that does not answer: one line naming the path and why, exit 1,
+// within a bounded time; and nothing sent where the socket is not ours.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "harness.h"
+#include "wire_peer.h"
+
+using namespace talvex;
+using namespace talvex::test;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The greeting is given 5 s and a reply 10 s.
+constexpr auto kBound = std::chrono::seconds(15);
+
+struct Row {
+    std::vector<std::string> args;   // after "talvexsim"
+    Env env;
+    std::string err;                 // the expected line, or its start when `prefix`
+    bool prefix = false;
+};
+
+// Runs every row at once; each must end within kBound with status 1 and its line.
+void expect_all(const std::vector<Row> &rows) {
+    const auto deadline = Clock::now() + kBound;
+    std::vector<std::unique_ptr<Process>> running;
+    for (const Row &row : rows) {
+        std::vector<std::string> argv{talvexsim_path()};
+        argv.insert(argv.end(), row.args.begin(), row.args.end());
+        running.push_back(std::make_unique<Process>(argv, row.env));
+    }
+    for (size_t i = 0; i < rows.size(); ++i) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        RunResult r = running[i]->wait(std::max(left, std::chrono::milliseconds(1)));
+        const std::string what = rows[i].args.back() + " " + rows[i].err;
+        EXPECT_FALSE(r.timed_out) << what;
+        EXPECT_EQ(r.status, 1) << what;
+        EXPECT_EQ(r.out, "") << what;
+        if (rows[i].prefix)
+            EXPECT_TRUE(r.err.starts_with(rows[i].err) && lines(r.err).size() == 1) << what << "\n" << r.err;
+        else
+            EXPECT_EQ(r.err, rows[i].err + "\n") << what;
+    }
+}
+
+std::vector<std::string> at(const std::string &socket, const char *command) { return {"--socket", socket, command}; }
+
+std::string none_at(const std::string &socket, const std::string &why) {
+    return "talvexsim: no simulator at " + socket + ": " + why;
+}
+
+TEST(Reach, StatusAndControlCommandsSayWhyNoSimulatorAnswers) {
+    Simulator live, stopped;
+    ASSERT_EQ(kill(stopped.pid(), SIGSTOP), 0);
+    FakePeer silent(never_answer), refusing(refuse_as_full), refusing_too(refuse_as_full),
+        stalls(stall_at(wire::Op::Control)), other_protocol([](FakePeer &p) {
+            Request req;
+            if (p.read(req)) p.reply(req, kIOReturnUnsupported, {});
+            never_answer(p);
+        });
+    FullListener full;
+    TempDir ours, open;
+    ASSERT_EQ(chmod(open.path.c_str(), 0755), 0);
+    const std::string link = ours.path + "/link", file = ours.path + "/file";
+    ASSERT_EQ(symlink(ours.path.c_str(), link.c_str()), 0);
+    FILE *f = fopen(file.c_str(), "w");
+    ASSERT_TRUE(f);
+    fclose(f);
+    const std::string stale = ours.path + "/stale.sock";
+    {
+        int fd = unix_socket(stale, true);   // bound and listening, then closed: a simulator that died
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+    const std::string nowhere = ours.path + "/none", too_long = "/tmp/" + std::string(120, 'x') + "/sim.sock";
+    const std::string timed_out = "timed out: no answer to the greeting within 5 s";
+    const std::string full_queue = "refused or full: its queue of new connections stayed full for 5 s";
+    const std::string no_room = "refused or full: the simulator has no room for another client";
+
+    auto r = run({talvexsim_path(), "--socket", live.socket(), "status"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "a simulator answers at " + live.socket() + "\n");
+    EXPECT_EQ(r.err, "");
+
+    expect_all({
+        {at(nowhere + "/sim.sock", "status"), {}, none_at(nowhere + "/sim.sock", "nothing there (no directory " + nowhere + ")")},
+        {at(ours.path + "/sim.sock", "status"), {}, none_at(ours.path + "/sim.sock", "nothing there (no socket file)")},
+        {at(stale, "status"), {}, none_at(stale, "nothing there (nobody listens on the socket)")},
+        {at(open.path + "/sim.sock", "status"), {},
+         none_at(open.path + "/sim.sock",
+                 "not yours: its directory " + open.path + " is open to other users (mode 0755; it must be 0700)")},
+        {at(link + "/sim.sock", "status"), {},
+         none_at(link + "/sim.sock", "not yours: its directory " + link + " is a symbolic link")},
+        {at(file + "/sim.sock", "status"), {},
+         none_at(file + "/sim.sock", "not yours: its directory " + file + " is not a directory")},
+        {at(too_long, "status"), {},
+         none_at(too_long, "path too long (" + std::to_string(too_long.size()) +
+                               " bytes; a socket path must be shorter than 108)")},
+        {at(other_protocol.socket(), "status"), {},
+         none_at(other_protocol.socket(), "not a simulator: it refused the greeting with code 0xe00002c7")},
+        {at(silent.socket(), "status"), {}, none_at(silent.socket(), timed_out)},
+        {at(refusing.socket(), "status"), {}, none_at(refusing.socket(), no_room)},
+        {at(refusing_too.socket(), "trace"), {}, none_at(refusing_too.socket(), no_room)},
+        {{"status"}, stopped.env(), none_at(stopped.socket(), timed_out)},
+        {{"trace"}, stopped.env(), none_at(stopped.socket(), timed_out)},
+        {at(full.socket(), "status"), {}, none_at(full.socket(), full_queue)},
+        {at(full.socket(), "trace"), {}, none_at(full.socket(), full_queue)},
+        {at(stalls.socket(), "trace"), {},
+         "talvexsim: no answer from the simulator at " + stalls.socket() + ": timed out after 10 s"},
+    });
+    kill(stopped.pid(), SIGCONT);
+}
+
+TEST(Reach, AnotherUsersSimulatorIsNeverTrusted) {
+    if (std::string why = other_user_unavailable(); !why.empty()) GTEST_SKIP() << why;
+    // The default place ($XDG_RUNTIME_DIR/talvexsim, as /tmp/talvexsim-UID),
+    // taken first by another user who serves there.
+    TempDir runtime;
+    ASSERT_EQ(chmod(runtime.path.c_str(), 01777), 0);
+    const std::string taken = runtime.path + "/talvexsim", their_socket = taken + "/sim.sock";
+    ASSERT_EQ(run(as_other_user({"/bin/mkdir", "-m", "0755", taken})).status, 0);
+    Process in_their_dir(as_other_user({stranger_path(), their_socket}));
+    // A directory of ours, with another user's process listening in it.
+    TempDir ours;
+    const std::string our_socket = ours.path + "/sim.sock";
+    ASSERT_EQ(chmod(ours.path.c_str(), 0777), 0);
+    Process in_our_dir(as_other_user({stranger_path(), our_socket}));
+    ASSERT_TRUE(in_their_dir.wait_for_stdout("ready\n") && in_our_dir.wait_for_stdout("ready\n"));
+    ASSERT_EQ(chmod(ours.path.c_str(), 0700), 0);
+
+    const Env their_default{{"XDG_RUNTIME_DIR", runtime.path}};
+    const std::string their_dir = none_at(their_socket, "not yours: its directory " + taken + " belongs to user 65534");
+    const std::string their_process =
+        none_at(our_socket, "not yours: the process listening there runs as user 65534");
+    expect_all({
+        {{"status"}, their_default, their_dir, true},
+        {{"stub", "--selector", "4", "--code", "1"}, their_default, their_dir, true},
+        {at(our_socket, "status"), {}, their_process, true},
+        {at(our_socket, "trace"), {}, their_process, true},
+        // serve keeps off their directory and says how to get out of the way.
+        {{"serve"}, their_default,
+         "talvexsim: refusing to serve at " + their_socket + ": its directory " + taken + " belongs to user 65534",
+         true},
+    });
+    RunResult serve = run({talvexsim_path(), "serve"}, their_default);
+    EXPECT_NE(serve.err.find("; choose another socket with --socket PATH, or set XDG_RUNTIME_DIR"), std::string::npos)
+        << serve.err;
+    // Nothing reached them: no connection to their directory, no byte to their process.
+    EXPECT_EQ(in_their_dir.wait().out, "ready\nconnections: 0, bytes: 0\n");
+    EXPECT_EQ(in_our_dir.wait().out, "ready\nconnections: 2, bytes: 0\n");
+}
+
+}  // namespace

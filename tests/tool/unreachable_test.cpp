@@ -1,0 +1,146 @@
+// The tool against simulators it must not trust or that stop answering:
+// each looks like no driver at all, or fails the request in progress with
+// the timed-out code, and every command ends within a bounded time.
+#include "tool_support.h"
+#include "wire_peer.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <memory>
+
+namespace {
+
+using namespace talvex::test;
+using Clock = std::chrono::steady_clock;
+
+// The tool waits 5 s for the greeting and 10 s for a reply.
+constexpr auto kBound = std::chrono::seconds(15);
+const std::string kTimedOut = "(ipc/rcv) timed out (0x10004003)";
+
+struct Case {
+    std::string what;
+    Env env;
+    Words args;
+    std::string out, err;   // err normalised
+};
+
+Env at(const std::string &socket) { return {{"TALVEX_SIM_SOCKET", socket}}; }
+
+// Runs every case at once; each must end within kBound, failing as expected.
+void expect_all(const std::vector<Case> &cases) {
+    const auto deadline = Clock::now() + kBound;
+    std::vector<std::unique_ptr<Process>> running;
+    for (const Case &c : cases) {
+        Words argv{talvexctl_path()};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        running.push_back(std::make_unique<Process>(argv, c.env));
+    }
+    for (size_t i = 0; i < cases.size(); ++i) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        RunResult r = running[i]->wait(std::max(left, std::chrono::milliseconds(1)));
+        EXPECT_FALSE(r.timed_out) << cases[i].what << ": still running after 15 s";
+        EXPECT_EQ(r.status, 1) << cases[i].what;
+        EXPECT_EQ(r.out, cases[i].out) << cases[i].what;
+        EXPECT_EQ(normalise(r.err), cases[i].err) << cases[i].what;
+    }
+}
+
+std::string dir_of(const std::string &socket) { return socket.substr(0, socket.rfind('/')); }
+
+TEST(Unreachable, SimulatorsThatCannotBeUsedLookLikeNoDriver) {
+    std::atomic<int> reached{0};
+    auto counted = [&](FakePeer &p) {
+        ++reached;
+        never_answer(p);
+    };
+    FakePeer silent(never_answer), refusing(refuse_as_full), open_dir(counted), linked(counted);
+    FullListener full;
+    Simulator stopped;
+    ASSERT_EQ(kill(stopped.pid(), SIGSTOP), 0);
+    ASSERT_EQ(chmod(dir_of(open_dir.socket()).c_str(), 0755), 0);
+    TempDir links;
+    const std::string link = links.path + "/link";
+    ASSERT_EQ(symlink(dir_of(linked.socket()).c_str(), link.c_str()), 0);
+
+    const std::string none = no_driver("lifecycle.cpp");
+    expect_all({
+        {"a peer that never answers the greeting", at(silent.socket()), {"ping"}, "", none},
+        {"a stopped simulator", stopped.env(), {"ping"}, "", none},
+        {"a full queue of new connections", at(full.socket()), {"ping"}, "", none},
+        {"a simulator with no room", at(refusing.socket()), {"ping"}, "", none},
+        {"a directory open to others", at(open_dir.socket()), {"ping"}, "", none},
+        {"a directory behind a symbolic link", at(link + "/peer.sock"), {"ping"}, "", none},
+    });
+    EXPECT_EQ(reached.load(), 0) << "connected where the directory is not private";
+    kill(stopped.pid(), SIGCONT);
+}
+
+TEST(Unreachable, ARequestWhoseReplyNeverComesFailsAsTimedOut) {
+    FakePeer at_call(stall_at(talvex::wire::Op::Call)), at_open(stall_at(talvex::wire::Op::Open)),
+        at_match(stall_at(talvex::wire::Op::Match));
+    expect_all({
+        {"no reply to the call", at(at_call.socket()), {"ping"}, "ping result: " + kTimedOut + "\n",
+         twice(kTimedOut, "lifecycle.cpp")},
+        {"no reply to the open", at(at_open.socket()), {"ping"}, "",
+         coded(kTimedOut, "client/handle.cpp") + check("talvex", "lifecycle.cpp")},
+        {"no reply to the match", at(at_match.socket()), {"ping"}, "", no_driver("lifecycle.cpp")},
+    });
+}
+
+TEST(Unreachable, AStoppedSimulatorEndsTheReportCommandsButNotTheMonitor) {
+    Simulator sim;
+    auto monitor = sim.start_tool({"monitor"});
+    auto cpuload = sim.start_tool({"cpuload"});
+    ASSERT_TRUE(monitor->wait_for_stdout("talvex current state: booted (0x10002)\n")) << monitor->err();
+    // Once it has sampled (its output is buffered), the simulator stops.
+    auto sampled = [&] {
+        for (const TraceCall &c : trace_calls(sim.trace()))
+            if (c.service == "IOReportHub" && c.selector == 3) return true;
+        return false;
+    };
+    for (auto until = Clock::now() + kBound; !sampled() && Clock::now() < until;) pause_ms(50);
+    ASSERT_TRUE(sampled());
+    ASSERT_EQ(kill(sim.pid(), SIGSTOP), 0);
+    // The next sample's reply never comes: the sample fails and the loop ends.
+    RunResult r = cpuload->wait(kBound);
+    EXPECT_FALSE(r.timed_out);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    ASSERT_EQ(kill(sim.pid(), SIGCONT), 0);
+    // The monitor waited for events all along, and still hears them.
+    control(sim, {"notify", "0xe0000130", "--value", "0x10004"});
+    EXPECT_TRUE(monitor->wait_for_stdout("talvex new state: panic (0x10004)\n")) << monitor->out();
+}
+
+TEST(Unreachable, AnotherUsersSimulatorIsNeverTrusted) {
+    if (std::string why = other_user_unavailable(); !why.empty()) GTEST_SKIP() << why;
+    // The default place ($XDG_RUNTIME_DIR/talvexsim, as /tmp/talvexsim-UID),
+    // taken first by another user who serves there.
+    TempDir runtime;
+    ASSERT_EQ(chmod(runtime.path.c_str(), 01777), 0);
+    const std::string taken = runtime.path + "/talvexsim";
+    ASSERT_EQ(run(as_other_user({"/bin/mkdir", "-m", "0755", taken})).status, 0);
+    Process in_their_dir(as_other_user({stranger_path(), taken + "/sim.sock"}));
+    // A directory of ours, with another user's process listening in it.
+    TempDir ours;
+    ASSERT_EQ(chmod(ours.path.c_str(), 0777), 0);
+    Process in_our_dir(as_other_user({stranger_path(), ours.path + "/sim.sock"}));
+    ASSERT_TRUE(in_their_dir.wait_for_stdout("ready\n") && in_our_dir.wait_for_stdout("ready\n"));
+    ASSERT_EQ(chmod(ours.path.c_str(), 0700), 0);
+
+    const Env their_default{{"XDG_RUNTIME_DIR", runtime.path}};
+    expect_all({
+        {"their directory", their_default, {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
+        {"their directory", their_default, {"writereg", "gyro", "10", "de", "ad", "be", "ef"}, "",
+         no_driver("registers.cpp")},
+        {"their process", at(ours.path + "/sim.sock"), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
+    });
+    // Nothing reached them: no connection to their directory, no byte to their process.
+    EXPECT_EQ(in_their_dir.wait().out, "ready\nconnections: 0, bytes: 0\n");
+    EXPECT_EQ(in_our_dir.wait().out, "ready\nconnections: 1, bytes: 0\n");
+}
+
+}  // namespace
