@@ -67,33 +67,37 @@ dispatch_queue_t dispatch_get_main_queue(void) { return &main_queue; }
 
 const char *dispatch_queue_get_label(dispatch_queue_t queue) { return queue ? queue->label : ""; }
 
-void dispatch_main(void) {
-    using talvex::host::Transport;
+namespace talvex::host {
+
+void serve_main_queue(int timeout_ms) {
     Transport &t = Transport::instance();
-    for (;;) {
-        // Messages that arrived during synchronous calls come first, in order.
-        while (auto ev = t.pop_event()) {
-            try {
-                talvex::host::deliver_event(*ev);
-            } catch (...) {
-                // a failing callback loses its own message only
-            }
+    // Messages that arrived during synchronous calls come first, in order.
+    while (auto ev = t.pop_event()) {
+        try {
+            deliver_event(*ev);
+        } catch (...) {
+            // a failing callback loses its own message only
         }
-        // Wait for the simulator or for a message queued by another thread.
-        // With no simulator left only the wake-up descriptor is watched, so
-        // the wait does not spin.
-        pollfd fds[2] = {{t.wake_fd(), POLLIN, 0}, {-1, POLLIN, 0}};
-        int sock = t.poll_fd();
-        nfds_t n = 1;
-        if (sock >= 0) {
-            fds[1].fd = sock;
-            n = 2;
-        }
-        int r = poll(fds, n, -1);
-        if (r < 0) continue;   // EINTR: look again
-        if (fds[0].revents) t.drain_wake();
-        if (n == 2 && fds[1].revents) t.pump();
     }
+    // Wait for the simulator or for a message queued by another thread.
+    // With no simulator left only the wake-up descriptor is watched, so
+    // the wait does not spin.
+    pollfd fds[2] = {{t.wake_fd(), POLLIN, 0}, {-1, POLLIN, 0}};
+    int sock = t.poll_fd();
+    nfds_t n = 1;
+    if (sock >= 0) {
+        fds[1].fd = sock;
+        n = 2;
+    }
+    if (poll(fds, n, timeout_ms) <= 0) return;   // nothing yet, or EINTR: look again
+    if (fds[0].revents) t.drain_wake();
+    if (n == 2 && fds[1].revents) t.pump();
+}
+
+}  // namespace talvex::host
+
+void dispatch_main(void) {
+    for (;;) talvex::host::serve_main_queue(-1);
 }
 
 void dispatch_once(dispatch_once_t *predicate, const std::function<void()> &fn) {

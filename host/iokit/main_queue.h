@@ -10,4 +10,9 @@ namespace talvex::host {
 // Runs on the thread that serves the main queue.
 void deliver_event(const Event &ev);
 
+// One turn of the main queue: delivers the queued interest messages, then
+// waits up to `timeout_ms` (-1: without a limit) for the simulator or a
+// wake-up and reads what came. dispatch_main runs it forever.
+void serve_main_queue(int timeout_ms);
+
 }  // namespace talvex::host
