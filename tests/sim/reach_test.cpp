@@ -6,8 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-
 #include "harness.h"
 #include "wire_peer.h"
 
@@ -15,8 +13,6 @@ using namespace talvex;
 using namespace talvex::test;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // The greeting is given 5 s and a reply 10 s.
 constexpr auto kBound = std::chrono::seconds(15);
@@ -30,16 +26,14 @@ struct Row {
 
 // Runs every row at once; each must end within kBound with status 1 and its line.
 void expect_all(const std::vector<Row> &rows) {
-    const auto deadline = Clock::now() + kBound;
-    std::vector<std::unique_ptr<Process>> running;
+    std::vector<std::pair<std::vector<std::string>, Env>> commands;
     for (const Row &row : rows) {
-        std::vector<std::string> argv{talvexsim_path()};
-        argv.insert(argv.end(), row.args.begin(), row.args.end());
-        running.push_back(std::make_unique<Process>(argv, row.env));
+        commands.push_back({{talvexsim_path()}, row.env});
+        commands.back().first.insert(commands.back().first.end(), row.args.begin(), row.args.end());
     }
+    auto results = run_together(commands, kBound);
     for (size_t i = 0; i < rows.size(); ++i) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        RunResult r = running[i]->wait(std::max(left, std::chrono::milliseconds(1)));
+        const RunResult &r = results[i];
         const std::string what = rows[i].args.back() + " " + rows[i].err;
         EXPECT_FALSE(r.timed_out) << what;
         EXPECT_EQ(r.status, 1) << what;
@@ -121,41 +115,28 @@ TEST(Reach, StatusAndControlCommandsSayWhyNoSimulatorAnswers) {
 
 TEST(Reach, AnotherUsersSimulatorIsNeverTrusted) {
     if (std::string why = other_user_unavailable(); !why.empty()) GTEST_SKIP() << why;
-    // The default place ($XDG_RUNTIME_DIR/talvexsim, as /tmp/talvexsim-UID),
-    // taken first by another user who serves there.
-    TempDir runtime;
-    ASSERT_EQ(chmod(runtime.path.c_str(), 01777), 0);
-    const std::string taken = runtime.path + "/talvexsim", their_socket = taken + "/sim.sock";
-    ASSERT_EQ(run(as_other_user({"/bin/mkdir", "-m", "0755", taken})).status, 0);
-    Process in_their_dir(as_other_user({stranger_path(), their_socket}));
-    // A directory of ours, with another user's process listening in it.
-    TempDir ours;
-    const std::string our_socket = ours.path + "/sim.sock";
-    ASSERT_EQ(chmod(ours.path.c_str(), 0777), 0);
-    Process in_our_dir(as_other_user({stranger_path(), our_socket}));
-    ASSERT_TRUE(in_their_dir.wait_for_stdout("ready\n") && in_our_dir.wait_for_stdout("ready\n"));
-    ASSERT_EQ(chmod(ours.path.c_str(), 0700), 0);
-
-    const Env their_default{{"XDG_RUNTIME_DIR", runtime.path}};
-    const std::string their_dir = none_at(their_socket, "not yours: its directory " + taken + " belongs to user 65534");
+    Strangers strangers;
+    const std::string their_dir = none_at(strangers.their_socket, "not yours: its directory " + strangers.their_dir +
+                                                                      " belongs to user 65534");
     const std::string their_process =
-        none_at(our_socket, "not yours: the process listening there runs as user 65534");
+        none_at(strangers.our_socket, "not yours: the process listening there runs as user 65534");
     expect_all({
-        {{"status"}, their_default, their_dir, true},
-        {{"stub", "--selector", "4", "--code", "1"}, their_default, their_dir, true},
-        {at(our_socket, "status"), {}, their_process, true},
-        {at(our_socket, "trace"), {}, their_process, true},
-        // serve keeps off their directory and says how to get out of the way.
-        {{"serve"}, their_default,
-         "talvexsim: refusing to serve at " + their_socket + ": its directory " + taken + " belongs to user 65534",
+        {{"status"}, strangers.their_default(), their_dir, true},
+        {{"stub", "--selector", "4", "--code", "1"}, strangers.their_default(), their_dir, true},
+        {at(strangers.our_socket, "status"), {}, their_process, true},
+        {at(strangers.our_socket, "trace"), {}, their_process, true},
+        // serve keeps off their directory, naming the path and the ways out.
+        {{"serve"}, strangers.their_default(),
+         "talvexsim: refusing to serve at " + strangers.their_socket + ": its directory " + strangers.their_dir +
+             " belongs to user 65534",
          true},
     });
-    RunResult serve = run({talvexsim_path(), "serve"}, their_default);
+    RunResult serve = run({talvexsim_path(), "serve"}, strangers.their_default());
     EXPECT_NE(serve.err.find("; choose another socket with --socket PATH, or set XDG_RUNTIME_DIR"), std::string::npos)
         << serve.err;
     // Nothing reached them: no connection to their directory, no byte to their process.
-    EXPECT_EQ(in_their_dir.wait().out, "ready\nconnections: 0, bytes: 0\n");
-    EXPECT_EQ(in_our_dir.wait().out, "ready\nconnections: 2, bytes: 0\n");
+    EXPECT_EQ(strangers.got_in_their_dir(), "connections: 0, bytes: 0");
+    EXPECT_EQ(strangers.got_in_our_dir(), "connections: 2, bytes: 0");
 }
 
 }  // namespace

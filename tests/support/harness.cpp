@@ -217,6 +217,41 @@ RunResult run(const std::vector<std::string> &argv, const Env &env, std::string_
     return p.wait(timeout);
 }
 
+std::vector<RunResult> run_together(const std::vector<std::pair<std::vector<std::string>, Env>> &commands,
+                                    std::chrono::milliseconds bound) {
+    const auto deadline = Clock::now() + bound;
+    std::vector<std::unique_ptr<Process>> running;
+    for (const auto &[argv, env] : commands) running.push_back(std::make_unique<Process>(argv, env));
+    std::vector<RunResult> results;
+    for (auto &p : running) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        results.push_back(p->wait(std::max(left, std::chrono::milliseconds(1))));
+    }
+    return results;
+}
+
+Strangers::Strangers() {
+    auto check = [](bool ok, const std::string &what) {
+        if (!ok) throw std::runtime_error("cannot set up another user's listener: " + what);
+    };
+    check(chmod(runtime.path.c_str(), 01777) == 0, "chmod");
+    their_dir = runtime.path + "/talvexsim";
+    their_socket = their_dir + "/sim.sock";
+    our_socket = ours.path + "/sim.sock";
+    check(run(as_other_user({"/bin/mkdir", "-m", "0755", their_dir})).status == 0, "mkdir " + their_dir);
+    in_their_dir = std::make_unique<Process>(as_other_user({stranger_path(), their_socket}));
+    // Ours is open while they bind in it, then closed: only their process stays.
+    check(chmod(ours.path.c_str(), 0777) == 0, "chmod");
+    in_our_dir = std::make_unique<Process>(as_other_user({stranger_path(), our_socket}));
+    check(in_their_dir->wait_for_stdout("ready\n") && in_our_dir->wait_for_stdout("ready\n"), "not ready");
+    check(chmod(ours.path.c_str(), 0700) == 0, "chmod");
+}
+
+std::string Strangers::last_line(Process &p) {
+    auto all = lines(p.wait().out);
+    return all.empty() ? std::string() : all.back();
+}
+
 Simulator::Simulator(const std::vector<std::string> &extra_serve_args) {
     char tmpl[] = "/tmp/talvex-test-XXXXXX";
     if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");

@@ -69,6 +69,9 @@ private:
 // Runs a command to completion with captured output.
 RunResult run(const std::vector<std::string> &argv, const Env &env = {}, std::string_view stdin_data = {},
               std::chrono::milliseconds timeout = std::chrono::seconds(20));
+// Runs the commands at once; any still running after `bound` is killed (timed_out).
+std::vector<RunResult> run_together(const std::vector<std::pair<std::vector<std::string>, Env>> &commands,
+                                    std::chrono::milliseconds bound);
 
 // A private simulator on a fresh socket in its own temporary directory,
 // started in the constructor (ready to accept when it returns) and stopped
@@ -116,6 +119,24 @@ struct TempDir {
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
     std::string path;
+};
+
+// Another user's listeners (support/stranger.cpp run as 65534; check
+// other_user_unavailable() first): one in the default place, which it took
+// first ($XDG_RUNTIME_DIR/talvexsim, XDG_RUNTIME_DIR being sticky and open
+// to all, as /tmp is), one in a directory of ours. Ready once made.
+struct Strangers {
+    Strangers();
+    TempDir runtime, ours;
+    std::string their_dir, their_socket, our_socket;
+    Env their_default() const { return {{"XDG_RUNTIME_DIR", runtime.path}}; }
+    // What each got: "connections: N, bytes: M" (ends them).
+    std::string got_in_their_dir() { return last_line(*in_their_dir); }
+    std::string got_in_our_dir() { return last_line(*in_our_dir); }
+
+private:
+    static std::string last_line(Process &p);
+    std::unique_ptr<Process> in_their_dir, in_our_dir;
 };
 
 // Replaces "file: <path>, line: <n>" with "file: <last two path parts>, line: N".

@@ -9,12 +9,10 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <memory>
 
 namespace {
 
 using namespace talvex::test;
-using Clock = std::chrono::steady_clock;
 
 // The tool waits 5 s for the greeting and 10 s for a reply.
 constexpr auto kBound = std::chrono::seconds(15);
@@ -31,20 +29,17 @@ Env at(const std::string &socket) { return {{"TALVEX_SIM_SOCKET", socket}}; }
 
 // Runs every case at once; each must end within kBound, failing as expected.
 void expect_all(const std::vector<Case> &cases) {
-    const auto deadline = Clock::now() + kBound;
-    std::vector<std::unique_ptr<Process>> running;
+    std::vector<std::pair<Words, Env>> commands;
     for (const Case &c : cases) {
-        Words argv{talvexctl_path()};
-        argv.insert(argv.end(), c.args.begin(), c.args.end());
-        running.push_back(std::make_unique<Process>(argv, c.env));
+        commands.push_back({{talvexctl_path()}, c.env});
+        commands.back().first.insert(commands.back().first.end(), c.args.begin(), c.args.end());
     }
+    auto results = run_together(commands, kBound);
     for (size_t i = 0; i < cases.size(); ++i) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        RunResult r = running[i]->wait(std::max(left, std::chrono::milliseconds(1)));
-        EXPECT_FALSE(r.timed_out) << cases[i].what << ": still running after 15 s";
-        EXPECT_EQ(r.status, 1) << cases[i].what;
-        EXPECT_EQ(r.out, cases[i].out) << cases[i].what;
-        EXPECT_EQ(normalise(r.err), cases[i].err) << cases[i].what;
+        EXPECT_FALSE(results[i].timed_out) << cases[i].what << ": still running after 15 s";
+        EXPECT_EQ(results[i].status, 1) << cases[i].what;
+        EXPECT_EQ(results[i].out, cases[i].out) << cases[i].what;
+        EXPECT_EQ(normalise(results[i].err), cases[i].err) << cases[i].what;
     }
 }
 
@@ -101,7 +96,8 @@ TEST(Unreachable, AStoppedSimulatorEndsTheReportCommandsButNotTheMonitor) {
             if (c.service == "IOReportHub" && c.selector == 3) return true;
         return false;
     };
-    for (auto until = Clock::now() + kBound; !sampled() && Clock::now() < until;) pause_ms(50);
+    for (auto until = std::chrono::steady_clock::now() + kBound; !sampled() && std::chrono::steady_clock::now() < until;)
+        pause_ms(50);
     ASSERT_TRUE(sampled());
     ASSERT_EQ(kill(sim.pid(), SIGSTOP), 0);
     // The next sample's reply never comes: the sample fails and the loop ends.
@@ -117,30 +113,16 @@ TEST(Unreachable, AStoppedSimulatorEndsTheReportCommandsButNotTheMonitor) {
 
 TEST(Unreachable, AnotherUsersSimulatorIsNeverTrusted) {
     if (std::string why = other_user_unavailable(); !why.empty()) GTEST_SKIP() << why;
-    // The default place ($XDG_RUNTIME_DIR/talvexsim, as /tmp/talvexsim-UID),
-    // taken first by another user who serves there.
-    TempDir runtime;
-    ASSERT_EQ(chmod(runtime.path.c_str(), 01777), 0);
-    const std::string taken = runtime.path + "/talvexsim";
-    ASSERT_EQ(run(as_other_user({"/bin/mkdir", "-m", "0755", taken})).status, 0);
-    Process in_their_dir(as_other_user({stranger_path(), taken + "/sim.sock"}));
-    // A directory of ours, with another user's process listening in it.
-    TempDir ours;
-    ASSERT_EQ(chmod(ours.path.c_str(), 0777), 0);
-    Process in_our_dir(as_other_user({stranger_path(), ours.path + "/sim.sock"}));
-    ASSERT_TRUE(in_their_dir.wait_for_stdout("ready\n") && in_our_dir.wait_for_stdout("ready\n"));
-    ASSERT_EQ(chmod(ours.path.c_str(), 0700), 0);
-
-    const Env their_default{{"XDG_RUNTIME_DIR", runtime.path}};
+    Strangers strangers;
     expect_all({
-        {"their directory", their_default, {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
-        {"their directory", their_default, {"writereg", "gyro", "10", "de", "ad", "be", "ef"}, "",
+        {"their directory", strangers.their_default(), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
+        {"their directory", strangers.their_default(), {"writereg", "gyro", "10", "de", "ad", "be", "ef"}, "",
          no_driver("registers.cpp")},
-        {"their process", at(ours.path + "/sim.sock"), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
+        {"their process", at(strangers.our_socket), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
     });
     // Nothing reached them: no connection to their directory, no byte to their process.
-    EXPECT_EQ(in_their_dir.wait().out, "ready\nconnections: 0, bytes: 0\n");
-    EXPECT_EQ(in_our_dir.wait().out, "ready\nconnections: 1, bytes: 0\n");
+    EXPECT_EQ(strangers.got_in_their_dir(), "connections: 0, bytes: 0");
+    EXPECT_EQ(strangers.got_in_our_dir(), "connections: 1, bytes: 0");
 }
 
 }  // namespace
