@@ -358,6 +358,14 @@ TEST(SimAttack, AFullSimulatorAnswersNewClientsWithOneRefusal) {
     EXPECT_EQ(refused->seq, 0u);
     EXPECT_EQ(refused->code, kNoResources);
     EXPECT_TRUE(refused->body.empty());
+    // talvexsim and the tool take the refusal for what it is.
+    auto status = sim.control({"status"});
+    EXPECT_EQ(status.status, 1);
+    EXPECT_EQ(status.err, "talvexsim: no simulator at " + sim.socket() +
+                              ": refused or full: the simulator has no room for another client\n");
+    auto ping = sim.tool({"ping"});
+    EXPECT_EQ(ping.status, 1);
+    EXPECT_NE(ping.err.find("AssertMacros: service, cannot find ZantraTalvexProcessor"), std::string::npos) << ping.err;
     // Room again once a client leaves.
     admitted.pop_back();
     bool served = false;
