@@ -17,7 +17,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "usage: stranger PATH\n");
         return 2;
     }
-    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     std::strncpy(sa.sun_path, argv[1], sizeof sa.sun_path - 1);
@@ -30,25 +30,25 @@ int main(int argc, char **argv) {
     std::vector<pollfd> fds{{0, POLLIN, 0}, {listener, POLLIN, 0}};
     size_t connections = 0, bytes = 0;
     const auto until = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (std::chrono::steady_clock::now() < until) {
-        if (poll(fds.data(), fds.size(), 1000) <= 0) continue;
-        if (fds[0].revents) break;   // standard input closed: time to report
+    for (bool ending = false; !ending;) {
+        ending = std::chrono::steady_clock::now() >= until;
+        if (poll(fds.data(), fds.size(), 1000) < 0) continue;
+        // Once standard input closes, take what is still queued, then report.
+        ending = ending || fds[0].revents;
+        for (int c; (c = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;) {
+            ++connections;
+            fds.push_back({c, POLLIN, 0});
+        }
         for (size_t i = 2; i < fds.size(); ++i) {
-            if (!fds[i].revents) continue;
             char buf[4096];
-            ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
+            ssize_t n = -1;
+            while (fds[i].fd >= 0 && (n = read(fds[i].fd, buf, sizeof buf)) != 0) {
+                if (n < 0) break;   // nothing more for now
                 bytes += static_cast<size_t>(n);
-            } else {
+            }
+            if (fds[i].fd >= 0 && n == 0) {
                 close(fds[i].fd);
                 fds[i].fd = -1;   // poll skips it from now on
-            }
-        }
-        if (fds[1].revents & POLLIN) {
-            int c = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (c >= 0) {
-                ++connections;
-                fds.push_back({c, POLLIN, 0});
             }
         }
     }
