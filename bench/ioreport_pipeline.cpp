@@ -10,6 +10,7 @@
 // reads the same mix. The counter "per_channel" is the (real) time per
 // channel; compare it across sizes to see how the cost grows.
 #include <IOReport.h>
+#include <internal.h>   // library routines called directly
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

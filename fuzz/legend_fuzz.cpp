@@ -13,6 +13,7 @@
 // options, cloned, compared with its clone and pruned, with walk results
 // taken from the input.
 #include <IOReport.h>
+#include <internal.h>   // library routines called directly
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>

@@ -13,10 +13,9 @@
 // caller owns it.
 //
 // Walkers take C++ callables in place of blocks. A callable's result drives
-// the walk: 0 goes on (and keeps the copy in a clone or compare); 16 removes
-// the channel in a prune; any other even value leaves the copy out of a clone
-// or compare; any odd value stops the walk and becomes its result. Even
-// results are OR-ed into the walk's result; callers test bit 0 for failure.
+// the walk: 0 goes on; 16 removes the channel in a prune; any odd value stops
+// the walk and becomes its result. Even results are OR-ed into the walk's
+// result; callers test bit 0 for failure.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -34,7 +33,7 @@ inline constexpr uint64_t kIOReportInvalidUnit = 0x8000000000000000ull;
 
 // Walk results.
 inline constexpr int kIOReportIterOk = 0;
-inline constexpr int kIOReportIterSkipped = 0x10;   // prune: remove; clone/compare: leave out
+inline constexpr int kIOReportIterSkipped = 0x10;   // prune: remove the channel
 inline constexpr int kIOReportIterFailed = 0x111;   // the library's own failure value
 
 // Report formats (byte 0 of the channel type).
@@ -58,9 +57,6 @@ inline constexpr uint64_t kIOReportUnitTime = 0x0100000000000000ull;
 // ---------------------------------------------------------------- callables
 
 using IOReportChannelIterationBlock = std::function<int(CFMutableDictionaryRef channel)>;
-using IOReportChannelCloneBlock = std::function<int(CFMutableDictionaryRef channel, CFMutableDictionaryRef copy)>;
-using IOReportChannelCompareBlock =
-    std::function<int(CFMutableDictionaryRef older, CFMutableDictionaryRef newer, CFMutableDictionaryRef copy)>;
 
 // ---------------------------------------------------------------- aggregates
 
@@ -178,34 +174,3 @@ CFMutableDictionaryRef IOReportCopyChannelsWithUnit(uint64_t unit, uint32_t opti
 
 CFStringRef IOReportCopyDriverName(io_registry_entry_t entry);
 CFStringRef IOReportCopyCurrentProcessName(void);
-
-// ---------------------------------------------------------------- library internals
-// Exposed for the report commands and the library's own tests.
-
-// A CFError in the Mach domain with the code sign-extended from 32 bits and the
-// message (ASCII) as its description; null when `message` is null.
-CFErrorRef createCFErr(IOReturn code, const char *message);
-
-uint32_t _getAggregateOpts(CFDictionaryRef aggregate);
-IOReturn getChannelType(CFDictionaryRef channel, uint64_t *type);
-IOReturn setChannelType(CFDictionaryRef channel, const uint64_t *type);
-CFDataRef getChannelConfig(CFDictionaryRef channel);
-// The printable text of an ID (non-zero bytes, most significant first), or null.
-CFStringRef _copyPrintableIDString(uint64_t value);
-
-// Clone: a new aggregate of the copies for which `block` returned 0, or null.
-CFMutableDictionaryRef cloneAggregate(CFDictionaryRef aggregate, const IOReportChannelCloneBlock &block);
-// Compare: walks `newer`, pairing each record with the one at the same place
-// in `older`; a new aggregate of the copies kept, or null.
-CFMutableDictionaryRef compareAggregates(CFDictionaryRef older, CFDictionaryRef newer,
-                                         const IOReportChannelCompareBlock &block);
-
-IOReturn updateKernelBuffer(IOReportSubscriptionRef subscription, CFErrorRef *error);
-// The record's writable raw elements when they are of `format`; null otherwise.
-uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format);
-// Sets a mutable copy of `source`'s elements as `destination`'s; flag bit 0
-// zeroes the value area (bytes 32-63) of every element.
-IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags);
-
-IOReturn getFactorsFromScale(uint64_t scale, uint64_t *numerator, uint64_t *denominator);
-CFStringRef copyUnitLabel(uint64_t unit);

@@ -1,11 +1,52 @@
-// Helpers shared by the library's sources: record keys, little-endian element
-// access, CoreFoundation ownership and number conversion.
+// Internals of the report-channel library, shared by its sources and its
+// tests (never installed): the routines the library is built from, record
+// keys, little-endian element access, CoreFoundation ownership and number
+// conversion.
 #pragma once
 
 #include "IOReport.h"
 
 #include <cstdint>
+#include <functional>
 #include <utility>
+
+// ---------------------------------------------------------------- library routines
+// The library's own building blocks, called across its sources and checked
+// directly by its tests; not part of the installed API (IOReport.h).
+
+// A CFError in the Mach domain with the code sign-extended from 32 bits and the
+// message (ASCII) as its description; null when `message` is null.
+CFErrorRef createCFErr(IOReturn code, const char *message);
+
+uint32_t _getAggregateOpts(CFDictionaryRef aggregate);
+IOReturn getChannelType(CFDictionaryRef channel, uint64_t *type);
+IOReturn setChannelType(CFDictionaryRef channel, const uint64_t *type);
+CFDataRef getChannelConfig(CFDictionaryRef channel);
+// The printable text of an ID (non-zero bytes, most significant first), or null.
+CFStringRef _copyPrintableIDString(uint64_t value);
+
+// Walker callables of clone and compare: 0 keeps the copy, another even value
+// leaves it out, an odd value stops the walk.
+using IOReportChannelCloneBlock = std::function<int(CFMutableDictionaryRef channel, CFMutableDictionaryRef copy)>;
+using IOReportChannelCompareBlock =
+    std::function<int(CFMutableDictionaryRef older, CFMutableDictionaryRef newer, CFMutableDictionaryRef copy)>;
+
+// Clone: a new aggregate of the copies for which `block` returned 0, or null.
+CFMutableDictionaryRef cloneAggregate(CFDictionaryRef aggregate, const IOReportChannelCloneBlock &block);
+// Compare: walks `newer`, pairing each record with the one at the same place
+// in `older`; a new aggregate of the copies kept, or null.
+CFMutableDictionaryRef compareAggregates(CFDictionaryRef older, CFDictionaryRef newer,
+                                         const IOReportChannelCompareBlock &block);
+
+IOReturn updateKernelBuffer(IOReportSubscriptionRef subscription, CFErrorRef *error);
+// The record's writable raw elements when they are of `format`; null otherwise.
+uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format);
+// Sets a mutable copy of `source`'s elements as `destination`'s; flag bit 0
+// zeroes the value area (bytes 32-63) of every element.
+IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags);
+
+IOReturn getFactorsFromScale(uint64_t scale, uint64_t *numerator, uint64_t *denominator);
+CFStringRef copyUnitLabel(uint64_t unit);
 
 namespace ioreport {
 

@@ -138,6 +138,13 @@ int TalvexCmdSetBaudRate(int argc, char *argv[]);
 // ---------------------------------------------------------------------------
 // Report commands.
 
-// report.cpp
+// report.cpp: they read the driver's report channels through the
+// report-channel library (IOReport.h), not through a connection handle.
 int TalvexCmdIoreport(int argc, char *argv[]);
 int TalvexCmdCpuload(int argc, char *argv[]);
+
+// cpuload's load over one pass, in percent: 100 x (1 - idle delta / total
+// delta), computed in wrapping unsigned 64-bit arithmetic, then in double,
+// rounded to single precision. A total that did not move divides by zero
+// (inf or nan).
+float TalvexCpuLoad(uint64_t previous_idle, uint64_t previous_total, uint64_t idle, uint64_t total);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <IOReport.h>
+#include <internal.h>   // the library routines checked directly
 
 #include "cf_support.h"
 

@@ -1,6 +1,6 @@
 // The report commands, ioreport and cpuload: their setup failures, the load
 // arithmetic, and both loops run against a private simulator.
-#include "report_commands.h"
+#include "talvexctl.h"
 #include "tool_support.h"
 
 #include <gtest/gtest.h>
@@ -96,22 +96,22 @@ private:
 };
 
 TEST(CpuLoad, ShareOfTheTotalThatWasNotIdle) {
-    EXPECT_EQ(IOReportCpuLoad(750, 1000, 1500, 2000), 25.0f);
-    EXPECT_EQ(IOReportCpuLoad(1, 1, 1, 2), 100.0f);
-    EXPECT_EQ(IOReportCpuLoad(5, 5, 10, 10), 0.0f);
+    EXPECT_EQ(TalvexCpuLoad(750, 1000, 1500, 2000), 25.0f);
+    EXPECT_EQ(TalvexCpuLoad(1, 1, 1, 2), 100.0f);
+    EXPECT_EQ(TalvexCpuLoad(5, 5, 10, 10), 0.0f);
 
     // Rounded to single precision before printing: the double quotient
     // 98.0549966... would print as 98.05.
-    EXPECT_EQ(percent(IOReportCpuLoad(1000, 10000, 1029, 11491)), "98.06");
-    EXPECT_EQ(percent(IOReportCpuLoad(0, 1, 467, 1542)), "69.69");
+    EXPECT_EQ(percent(TalvexCpuLoad(1000, 10000, 1029, 11491)), "98.06");
+    EXPECT_EQ(percent(TalvexCpuLoad(0, 1, 467, 1542)), "69.69");
 
     // Counters that wrapped around between passes give the same figure.
-    EXPECT_EQ(percent(IOReportCpuLoad(UINT64_MAX - 9, UINT64_MAX - 499, 19, 991)), "98.06");
+    EXPECT_EQ(percent(TalvexCpuLoad(UINT64_MAX - 9, UINT64_MAX - 499, 19, 991)), "98.06");
 
     // A total that did not move divides by zero.
-    EXPECT_EQ(IOReportCpuLoad(100, 1000, 90, 1000), INFINITY);
-    EXPECT_EQ(IOReportCpuLoad(100, 1000, 110, 1000), INFINITY);   // the idle step wraps to a huge number
-    EXPECT_TRUE(std::isnan(IOReportCpuLoad(100, 1000, 100, 1000)));
+    EXPECT_EQ(TalvexCpuLoad(100, 1000, 90, 1000), INFINITY);
+    EXPECT_EQ(TalvexCpuLoad(100, 1000, 110, 1000), INFINITY);   // the idle step wraps to a huge number
+    EXPECT_TRUE(std::isnan(TalvexCpuLoad(100, 1000, 100, 1000)));
 }
 
 TEST(ReportSetup, NoChannelsAnUnreadableLegendOrARefusingHubFailTheSubscription) {
