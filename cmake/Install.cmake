@@ -30,7 +30,13 @@ endforeach()
 
 # The tool links the static libraries; other programs get one shared library
 # made of the same objects (everything is built position-independent).
+# Those objects are compiled with hidden visibility: the library exports what
+# the installed headers declare (they mark their declarations visible) and
+# nothing else; tests/install/exported_symbols.txt lists it.
 if(TARGET talvex_ioreport AND TARGET talvex_host)
+  set_target_properties(talvex_ioreport talvex_host talvex_cf talvex_wire PROPERTIES
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
   add_library(talvexioreport SHARED
     $<TARGET_OBJECTS:talvex_ioreport>
     $<TARGET_OBJECTS:talvex_host>
@@ -41,7 +47,10 @@ if(TARGET talvex_ioreport AND TARGET talvex_host)
     EXPORT_NAME ioreport
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
-    LINKER_LANGUAGE CXX)
+    LINKER_LANGUAGE CXX
+    LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/talvexioreport.map)
+  target_link_options(talvexioreport PRIVATE
+    "LINKER:--version-script=${CMAKE_CURRENT_LIST_DIR}/talvexioreport.map")
   target_include_directories(talvexioreport INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/ioreport>
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/host/include>

@@ -25,6 +25,10 @@
 #include <cstdint>
 #include <functional>
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 // ---------------------------------------------------------------- constants
 
 // The no-value result of every 64-bit accessor.
@@ -174,3 +178,5 @@ CFMutableDictionaryRef IOReportCopyChannelsWithUnit(uint64_t unit, uint32_t opti
 
 CFStringRef IOReportCopyDriverName(io_registry_entry_t entry);
 CFStringRef IOReportCopyCurrentProcessName(void);
+
+#pragma GCC visibility pop

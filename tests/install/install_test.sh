@@ -5,6 +5,7 @@
 #   install_test.sh tree          BUILD PREFIX              install, check the layout, run the tools
 #   install_test.sh pkg-config    BUILD PREFIX SRC WORK     build and run the consumer with pkg-config
 #   install_test.sh find-package  BUILD PREFIX SRC WORK     ... with find_package(TalvexIOReport)
+#   install_test.sh exports       BUILD PREFIX SRC          the library exports exactly exported_symbols.txt
 #
 # The consumer is built with the compiler and flags of the build under test
 # (CXX, CXXFLAGS, LDFLAGS, CMAKE, GENERATOR from the environment), so a
@@ -114,6 +115,18 @@ find-package)
         >"$work/configure.log" 2>&1 || { cat "$work/configure.log"; fail "find_package(TalvexIOReport) fails"; }
     "$cmake" --build "$work" >"$work/build.log" 2>&1 || { cat "$work/build.log"; fail "the consumer does not build"; }
     expect_output "$(consumer_expected)" run_consumer "$work/consumer"
+    ;;
+
+exports)
+    command -v nm >/dev/null || { echo "nm is not installed: skipped"; exit 77; }
+    library=$prefix/lib/libtalvexioreport.so
+    listed=$(grep -v '^#' "$src/exported_symbols.txt")
+    exported=$(nm -DC --defined-only "$library" | cut -d' ' -f3- | LC_ALL=C sort) ||
+        fail "nm cannot read $library"
+    [ -n "$exported" ] || fail "$library exports nothing"
+    changes=$(diff <(echo "$listed") <(echo "$exported") | grep '^[<>]') || true
+    [ -z "$changes" ] || fail "the library's exports differ from exported_symbols.txt" \
+        "(< listed but not exported, > exported but not listed):"$'\n'"$changes"
     ;;
 
 *)

@@ -13,6 +13,10 @@
 
 
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 typedef unsigned char Boolean;
 typedef long CFIndex;
 typedef unsigned long CFTypeID;
@@ -297,4 +301,4 @@ CFTypeID _CFRuntimeRegisterClass(const CFRuntimeClass *cls);
 CFTypeRef _CFRuntimeCreateInstance(CFAllocatorRef allocator, CFTypeID type_id, CFIndex extra_bytes,
                                    unsigned char *category);
 
-
+#pragma GCC visibility pop

@@ -5,6 +5,10 @@
 
 #include <cstddef>
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 // Parses a NUL-terminated buffer. On failure returns null and, when
 // error_string is given, stores a new string describing the failure there.
 CFTypeRef IOCFUnserialize(const char *buffer, CFAllocatorRef allocator, CFOptionFlags options,
@@ -12,3 +16,5 @@ CFTypeRef IOCFUnserialize(const char *buffer, CFAllocatorRef allocator, CFOption
 // Parses exactly `size` bytes (a trailing NUL, if any, ends the text).
 CFTypeRef IOCFUnserializeWithSize(const char *buffer, size_t size, CFAllocatorRef allocator, CFOptionFlags options,
                                   CFStringRef *error_string);
+
+#pragma GCC visibility pop

@@ -16,6 +16,10 @@
 #include <cstddef>
 #include <cstdint>
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 typedef mach_port_t io_object_t;   // 32-bit handle; 0 is "none"
 typedef io_object_t io_service_t;
 typedef io_object_t io_connect_t;
@@ -89,3 +93,5 @@ void IONotificationPortSetDispatchQueue(IONotificationPortRef notify, dispatch_q
 kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notify_port, io_service_t service,
                                                const char *interest_type, IOServiceInterestCallback callback,
                                                void *ref_con, io_object_t *notification);
+
+#pragma GCC visibility pop

@@ -7,6 +7,10 @@
 #include <atomic>
 #include <functional>
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 typedef struct dispatch_queue_s *dispatch_queue_t;
 typedef long dispatch_once_t;
 
@@ -25,3 +29,5 @@ void dispatch_once(dispatch_once_t *predicate, const std::function<void()> &fn);
 // Registers a callable to run at normal process exit (exit() or return from
 // main), most recently registered first, like atexit(). Returns 0 on success.
 int atexit_b(std::function<void()> fn);
+
+#pragma GCC visibility pop

@@ -3,6 +3,10 @@
 
 #include <cstdint>
 
+// What this header declares is the shared library's exported interface; the
+// library is built with everything else hidden.
+#pragma GCC visibility push(default)
+
 typedef int kern_return_t;
 typedef kern_return_t mach_error_t;
 typedef uint32_t mach_port_t;
@@ -22,3 +26,5 @@ mach_port_t mach_task_self(void);
 
 // The text of a return code, or null for a system that has no texts.
 const char *mach_error_string(mach_error_t error_value);
+
+#pragma GCC visibility pop
