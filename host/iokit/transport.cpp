@@ -32,15 +32,15 @@ void Encoder::u16(uint16_t v) {
 }
 
 void Encoder::u32(uint32_t v) {
-    uint8_t b[4];
-    wire::store_le32(b, v);
-    buf_.insert(buf_.end(), b, b + 4);
+    size_t at = buf_.size();
+    buf_.resize(at + 4);
+    wire::store_le32(buf_.data() + at, v);
 }
 
 void Encoder::u64(uint64_t v) {
-    uint8_t b[8];
-    wire::store_le64(b, v);
-    buf_.insert(buf_.end(), b, b + 8);
+    size_t at = buf_.size();
+    buf_.resize(at + 8);
+    wire::store_le64(buf_.data() + at, v);
 }
 
 void Encoder::blob(std::span<const uint8_t> b) {

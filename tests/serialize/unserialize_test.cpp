@@ -269,7 +269,7 @@ TEST(Unserialize, PrefixesAndCorruptionsNeverCrash) {
             case 1: mutated.erase(pos, 1 + next() % 8); break;
             default: mutated.insert(pos, 1, alphabet[next() % (sizeof alphabet - 1)]); break;
             }
-            if (mutated.empty()) mutated = "<";
+            if (mutated.empty()) mutated.push_back('<');
         }
         const Parsed p = parse(mutated);
         EXPECT_NE(!p.obj, p.error.empty()) << mutated;  // an error string exactly when it fails

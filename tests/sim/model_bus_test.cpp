@@ -32,11 +32,12 @@ struct Rig : SimRig {
         return call(kTalvexMethodRegisterWrite, {}, request);
     }
     CallResult memory(uint32_t selector, uint32_t address, uint8_t block, uint8_t count, const Bytes &data = {}) {
-        Bytes request(selector == kTalvexMethodMemoryWrite ? 22 : 6, 0);
+        Bytes request(6, 0);
         wire::store_le32(request.data(), address);
         request[4] = block;
         request[5] = count;
-        std::copy(data.begin(), data.end(), request.begin() + 6);
+        request.insert(request.end(), data.begin(), data.end());
+        if (selector == kTalvexMethodMemoryWrite) request.resize(22, 0);
         return call(selector, {}, request, selector == kTalvexMethodMemoryWrite ? 0 : count);
     }
     CallResult memory_read(uint32_t address, uint8_t block, uint8_t count) {

@@ -3,6 +3,7 @@
 // follow the firmware's running time, restarts, and the numbers' shapes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <memory>
 #include <vector>
@@ -163,15 +164,20 @@ TEST(ModelDiag, ProfilerFiguresAreReproducibleAndSaturate) {
     EXPECT_EQ(a.call(22, {}, {}, 12).u32(8), 200'650u);
 
     // Names are looked up exactly, and the request must hold its terminator.
-    std::vector<uint8_t> by_name = le32({1, 0xffffffff});
+    // By-name requests: kind 1, index 0xffffffff, the rest of the 72 bytes `fill`.
+    auto by_name_request = [](uint8_t fill) {
+        std::vector<uint8_t> request(72, fill);
+        wire::store_le32(request.data(), 1);
+        wire::store_le32(request.data() + 4, 0xffffffff);
+        return request;
+    };
+    std::vector<uint8_t> by_name = by_name_request(0xee);
     const char name[] = "fusion_update";
-    by_name.insert(by_name.end(), name, name + sizeof name);
-    by_name.resize(72, 0xee);
+    std::copy(name, name + sizeof name, by_name.begin() + 8);
     Reply found = a.call(23, {}, by_name, 82);
     ASSERT_EQ(found.code, kOk);
     EXPECT_EQ(found.u32(0), 1u);
-    std::vector<uint8_t> unterminated = le32({1, 0xffffffff});
-    unterminated.resize(72, 'x');
+    std::vector<uint8_t> unterminated = by_name_request('x');
     EXPECT_EQ(a.call(23, {}, unterminated, 82).code, kIOReturnBadArgument);
     by_name[8] = 'F';
     EXPECT_EQ(a.call(23, {}, by_name, 82).code, kIOReturnNotFound);

@@ -126,7 +126,7 @@ std::string describe(const std::vector<std::string> &words) {
     std::string s;
     for (const auto &w : words) {
         s += s.empty() ? "\"" : " \"";
-        if (w.size() > 40) s += "<" + std::to_string(w.size()) + " bytes>";
+        if (w.size() > 40) s.append("<").append(std::to_string(w.size())).append(" bytes>");
         for (unsigned char c : w.size() > 40 ? std::string() : w) {
             char buf[8];
             std::snprintf(buf, sizeof buf, c >= 0x20 && c < 0x7f && c != '"' && c != '\\' ? "%c" : "\\x%02x", c);
