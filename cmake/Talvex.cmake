@@ -1,6 +1,7 @@
 # talvex_add_library(NAME SOURCES ... INCLUDE ... LINK ...)
-# A static library of our own code (warnings are errors). With no sources yet
-# it is an interface library, so the tree configures while parts are missing.
+# A static library of our own code, built with our warnings (talvex_warnings).
+# With no sources yet it is an interface library, so the tree configures while
+# parts are missing.
 function(talvex_add_library name)
   cmake_parse_arguments(A "" "" "SOURCES;INCLUDE;LINK" ${ARGN})
   if(A_SOURCES)
