@@ -40,7 +40,7 @@ void report_close(ReportSession *session) {
 // standard output, releases what was made and returns false.
 bool report_open(ReportSession *session) {
     *session = ReportSession{};
-    session->matching = IOServiceMatching("ZantraTalvexProcessor");
+    session->matching = IOServiceMatching(kTalvexServiceClass);
     if (!session->matching) {
         std::puts("ERROR: couldn't create matching dictionary");
         return false;
