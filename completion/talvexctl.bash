@@ -2,7 +2,8 @@
 #
 # Source it from ~/.bashrc, or install it as
 # share/bash-completion/completions/talvexctl (and .../talvexsim), where
-# bash-completion finds it by the command's name. It needs nothing but bash.
+# bash-completion finds it by the command's name. It needs nothing but bash
+# (and talvexsim, which lists its own words).
 
 # Every command word, hidden ones included, in the tool's table order.
 _talvexctl_commands="help reset ping start stop monitor gettalvexstate readreg writereg bb timesync
@@ -102,145 +103,20 @@ _talvexctl() {
 
 # --- talvexsim --------------------------------------------------------------
 
-_talvexsim_commands="serve run shell status trace stub notify property service channel load help"
-_talvexsim_services="ZantraTalvexProcessor IOReportHub ZantraPowerController ZantraThermalMonitor"
-
+# talvexsim knows its own words: `talvexsim --list-words WORD...` prints the
+# words that may stand for the last WORD (the one being typed), or @files or
+# @commands when a file or command name goes there.
 _talvexsim() {
-    local cur=${COMP_WORDS[COMP_CWORD]}
-    local prev=""
-    ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
+    local cur=${COMP_WORDS[COMP_CWORD]} words
     COMPREPLY=()
-
-    # The option before the word decides first.
-    case $prev in
-    --socket)
-        _talvexctl_files "$cur"
-        return 0
+    words=$("${COMP_WORDS[0]}" --list-words "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null) || return 0
+    case $words in
+    @files) _talvexctl_files "$cur" ;;
+    @commands)
+        local IFS=$'\n'
+        COMPREPLY=($(compgen -c -- "$cur"))
         ;;
-    --clock)
-        _talvexctl_offer "real step" "$cur"
-        return 0
-        ;;
-    --service)
-        _talvexctl_offer "$_talvexsim_services" "$cur"
-        return 0
-        ;;
-    --type)
-        _talvexctl_offer "number string bool data" "$cur"
-        return 0
-        ;;
-    --channels | --index | --selector | --scalars | --input-prefix | --code | --output | --output-size | \
-        --scalar-outputs | --times | --value | --data)
-        return 0
-        ;;
-    esac
-
-    # Find the command word (and, for run, where its command begins); the
-    # words of an option's value do not count.
-    local i word cmd="" cmd_at=0 sub="" run_at=0
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        word=${COMP_WORDS[i]}
-        if [[ -z $cmd ]]; then
-            case $word in
-            --socket) ((i++)) ;;
-            -*) ;;
-            *) cmd=$word cmd_at=$i ;;
-            esac
-        elif [[ $cmd == run ]] && ((run_at == 0)); then
-            case $word in
-            --clock | --channels) ((i++)) ;;
-            --) run_at=$((i + 1)) ;;
-            -*) ;;
-            *) run_at=$i ;;
-            esac
-        elif [[ -z $sub && $word != -* ]]; then
-            case $word in
-            set | delete | publish | unpublish) sub=$word ;;
-            esac
-        fi
-    done
-
-    if [[ -z $cmd ]]; then
-        if [[ $cur == -* ]]; then
-            _talvexctl_offer "--socket --help" "$cur"
-        else
-            _talvexctl_offer "$_talvexsim_commands" "$cur"
-        fi
-        return 0
-    fi
-
-    case $cmd in
-    serve)
-        _talvexctl_offer "--clock --channels --exit-with-parent --socket --help" "$cur"
-        ;;
-    run)
-        if ((run_at == 0)); then
-            if [[ $cur == -* ]]; then
-                _talvexctl_offer "--clock --channels -- --help" "$cur"
-            else
-                local IFS=$'\n'
-                COMPREPLY=($(compgen -c -- "$cur"))
-            fi
-        elif ((run_at == COMP_CWORD)); then
-            local IFS=$'\n'
-            COMPREPLY=($(compgen -c -- "$cur"))
-        else
-            _talvexctl_files "$cur"
-        fi
-        ;;
-    shell)
-        _talvexctl_offer "--clock --channels --help" "$cur"
-        ;;
-    status)
-        _talvexctl_offer "--socket --help" "$cur"
-        ;;
-    trace)
-        _talvexctl_offer "--clear --help" "$cur"
-        ;;
-    stub)
-        _talvexctl_offer "--selector --service --scalars --input-prefix --code --output --output-size
-            --scalar-outputs --times --open --clear --help" "$cur"
-        ;;
-    notify)
-        if [[ $cur == -* ]]; then
-            _talvexctl_offer "--service --value --data --help" "$cur"
-        else
-            # The coprocessor's messages: state changed, time synchronised.
-            _talvexctl_offer "0xe0000130 0xe3ff8100" "$cur"
-        fi
-        ;;
-    property)
-        if [[ -z $sub ]]; then
-            _talvexctl_offer "set delete --help" "$cur"
-        elif [[ $cur == -* ]]; then
-            if [[ $sub == set ]]; then
-                _talvexctl_offer "--service --type" "$cur"
-            else
-                _talvexctl_offer "--service" "$cur"
-            fi
-        else
-            _talvexctl_offer "talvex-state" "$cur"
-        fi
-        ;;
-    service)
-        if [[ -z $sub ]]; then
-            _talvexctl_offer "publish unpublish --help" "$cur"
-        else
-            _talvexctl_offer "$_talvexsim_services" "$cur"
-        fi
-        ;;
-    channel)
-        if ((COMP_CWORD == cmd_at + 1)); then
-            _talvexctl_offer "set release --help" "$cur"
-        elif [[ $cur == -* ]]; then
-            _talvexctl_offer "--service --index" "$cur"
-        fi
-        ;;
-    load)
-        if ((COMP_CWORD == cmd_at + 1)); then
-            _talvexctl_offer "auto --help" "$cur"
-        fi
-        ;;
+    ?*) mapfile -t COMPREPLY <<<"$words" ;;
     esac
     return 0
 }

@@ -1,23 +1,24 @@
-// The `talvexsim` command line: serve, run, shell, and the control commands
-// (which it forwards to a running simulator).
+// The `talvexsim` command line: --socket, the command table's lookup and
+// help, the commands talvexsim runs itself (serve, run, shell, status), and
+// the control commands, which it checks and forwards to a running simulator.
 #pragma once
 
 #include <string>
-#include <vector>
+
+#include "commands.h"
 
 namespace talvex::sim {
 
 // The whole program; returns the exit status.
 int cli_main(int argc, char **argv);
 
-// Sends a control command's words to the simulator at `socket_path`, prints
-// its output and returns the exit status (1 with a message when no simulator
-// answers).
-int forward_control(const std::string &socket_path, const std::vector<std::string> &words);
+// Prints "talvexsim: MESSAGE" on standard error and returns 1.
+int complain(const std::string &message);
 
-// `talvexsim status`: 0 with a line on standard output when a simulator of
-// ours answers at `socket_path`; 1 with a line on standard error saying why
-// not.
-int report_status(const std::string &socket_path);
+// The command table's handlers of the commands talvexsim runs itself.
+int serve_command(const Invocation &invocation);
+int run_command(const Invocation &invocation);
+int shell_command(const Invocation &invocation);
+int status_command(const Invocation &invocation);
 
 }  // namespace talvex::sim

@@ -1,7 +1,6 @@
 #include "control.h"
 
-#include <map>
-
+#include "commands.h"
 #include "wire.h"
 
 namespace talvex::sim {
@@ -11,76 +10,17 @@ namespace {
 // Largest output a stub may be told to report (well inside one frame).
 constexpr uint64_t kMaxStubOutput = 8u << 20;
 
-constexpr const char *kTraceUsage =
-    "usage: talvexsim trace [--clear]\n"
-    "  Prints what clients did, one JSON object per line, oldest first.\n"
-    "  --clear  empty the trace after printing it\n";
+const OptionSpec *find_option(std::span<const OptionSpec> known, std::string_view name) {
+    for (const OptionSpec &o : known)
+        if (o.name == name) return &o;
+    return nullptr;
+}
 
-constexpr const char *kStubUsage =
-    "usage: talvexsim stub --selector N [--service CLASS] [--scalars A,B,...] [--input-prefix HEX]\n"
-    "                      [--code C] [--output HEX] [--output-size N] [--scalar-outputs A,B,...] [--times N]\n"
-    "       talvexsim stub --open [--service CLASS] --code C [--times N]\n"
-    "       talvexsim stub --clear\n"
-    "  Makes matching calls (or user-client opens) answer as told instead of the model; the newest\n"
-    "  matching stub answers. --scalars and --input-prefix match prefixes of the call's scalar inputs\n"
-    "  and input structure. --output-size is the size reported back (default: the length of --output);\n"
-    "  both are cut to the caller's capacity. --times N retires the stub after N matches.\n"
-    "  Numbers are decimal or 0x hexadecimal. The default service is ZantraTalvexProcessor.\n";
-
-constexpr const char *kNotifyUsage =
-    "usage: talvexsim notify [--service CLASS] TYPE [--value V | --data HEX]\n"
-    "  Delivers interest message TYPE to every client registered on the service. Its argument is\n"
-    "  the value itself with --value, a copy of the bytes with --data, and null with neither.\n";
-
-constexpr const char *kPropertyUsage =
-    "usage: talvexsim property set [--service CLASS] KEY VALUE [--type number|string|bool|data]\n"
-    "       talvexsim property delete [--service CLASS] KEY\n"
-    "  Edits a service's registry properties. Numbers (the default type) are decimal or 0x\n"
-    "  hexadecimal, negative allowed; bool is true, false, 1 or 0; data is hex.\n";
-
-constexpr const char *kServiceUsage =
-    "usage: talvexsim service unpublish CLASS\n"
-    "       talvexsim service publish CLASS\n"
-    "  Hides a service from matching, or restores it.\n";
-
-// --- report channels
-constexpr const char *kChannelUsage =
-    "usage: talvexsim channel set [--service CLASS] [--index I] NAME VALUE\n"
-    "       talvexsim channel release [--service CLASS] [--index I] NAME\n"
-    "  set holds a report channel's value at VALUE (decimal or 0x hexadecimal, negative allowed)\n"
-    "  until released; release lets it move with the model again, onward from the held value.\n"
-    "  NAME is the channel's name exactly as published (\"IDLE MS \" ends in a blank) or its 0x\n"
-    "  channel ID. Simple channels have one value; array channels four per element, chosen\n"
-    "  with --index (default 0). The default service is ZantraTalvexProcessor.\n";
-
-constexpr const char *kLoadUsage =
-    "usage: talvexsim load PERCENT|auto\n"
-    "  Pins the coprocessor's load (0 to 100, at most two decimals): while it is booted, its\n"
-    "  IDLE MS counter then grows by (100 - PERCENT)% of the running time. auto lets the\n"
-    "  model vary the load again.\n";
-
-struct Options {
-    std::map<std::string, std::string, std::less<>> values;   // option name -> value ("" for a flag)
-    std::vector<std::string> positional;
-    bool help = false;
-
-    bool has(std::string_view name) const { return values.count(name) != 0; }
-    const std::string *get(std::string_view name) const {
-        auto it = values.find(name);
-        return it == values.end() ? nullptr : &it->second;
-    }
-};
-
-// Splits words into options and positional words. `with_value` and `flags`
-// list the options the command knows (without their dashes). "--" ends the
-// options; "--name=value" is accepted for options with a value.
-bool split_options(const std::vector<std::string> &words, size_t first, std::initializer_list<std::string_view> with_value,
-                   std::initializer_list<std::string_view> flags, Options &opts, std::string &problem) {
-    auto known = [](std::initializer_list<std::string_view> list, std::string_view name) {
-        for (auto n : list)
-            if (n == name) return true;
-        return false;
-    };
+// Splits words into options and positional words. `known` lists the
+// options the command takes. "--" ends the options; "--name=value" is
+// accepted for options with a value.
+bool split_options(const std::vector<std::string> &words, size_t first, std::span<const OptionSpec> known,
+                   Options &opts, std::string &problem) {
     bool options_done = false;
     for (size_t i = first; i < words.size(); ++i) {
         std::string_view w = words[i];
@@ -107,7 +47,12 @@ bool split_options(const std::vector<std::string> &words, size_t first, std::ini
             continue;
         }
         std::string value;
-        if (known(with_value, name)) {
+        const OptionSpec *spec = find_option(known, name);
+        if (!spec) {
+            problem = "unknown option '--" + std::string(name) + "'";
+            return false;
+        }
+        if (spec->takes_value) {
             if (inline_value) {
                 value = *inline_value;
             } else if (i + 1 < words.size()) {
@@ -116,13 +61,8 @@ bool split_options(const std::vector<std::string> &words, size_t first, std::ini
                 problem = "missing value for --" + std::string(name);
                 return false;
             }
-        } else if (known(flags, name)) {
-            if (inline_value) {
-                problem = "--" + std::string(name) + " takes no value";
-                return false;
-            }
-        } else {
-            problem = "unknown option '--" + std::string(name) + "'";
+        } else if (inline_value) {
+            problem = "--" + std::string(name) + " takes no value";
             return false;
         }
         if (!opts.values.emplace(std::string(name), std::move(value)).second) {
@@ -130,6 +70,12 @@ bool split_options(const std::vector<std::string> &words, size_t first, std::ini
             return false;
         }
     }
+    return true;
+}
+
+bool unexpected(const std::vector<std::string> &positional, size_t want, std::string &problem) {
+    if (positional.size() <= want) return false;
+    problem = "unexpected argument '" + positional[want] + "'";
     return true;
 }
 
@@ -184,11 +130,50 @@ bool hex_option(const Options &o, std::string_view name, std::vector<uint8_t> &o
     return true;
 }
 
-bool parse_stub(const Options &o, ControlCommand &c, std::string &problem) {
-    if (!o.positional.empty()) {
-        problem = "unexpected argument '" + o.positional.front() + "'";
-        return false;
+CFRef<CFTypeRef> make_value(std::string_view type, const std::string &text, std::string &problem) {
+    if (type == "number") {
+        auto v = parse_signed(text);
+        if (!v) {
+            problem = "bad number '" + text + "'";
+            return {};
+        }
+        auto n = static_cast<int64_t>(*v);
+        return CFRef<CFTypeRef>(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &n));
     }
+    if (type == "string") {
+        auto s = make_cf_string(text);
+        if (!s) problem = "the value is not UTF-8 text";
+        return CFRef<CFTypeRef>(s.release());
+    }
+    if (type == "bool") {
+        if (text == "true" || text == "1") return CFRef<CFTypeRef>::retain(kCFBooleanTrue);
+        if (text == "false" || text == "0") return CFRef<CFTypeRef>::retain(kCFBooleanFalse);
+        problem = "bad bool '" + text + "' (true, false, 1 or 0)";
+        return {};
+    }
+    if (type == "data") {
+        auto bytes = wire::from_hex(text);
+        if (!bytes) {
+            problem = "bad hex '" + text + "'";
+            return {};
+        }
+        return CFRef<CFTypeRef>(CFDataCreate(kCFAllocatorDefault, bytes->data(), static_cast<CFIndex>(bytes->size())));
+    }
+    problem = "unknown type '" + std::string(type) + "' (number, string, bool or data)";
+    return {};
+}
+
+}  // namespace
+
+bool parse_trace(std::string_view, const Options &o, ControlCommand &c, std::string &problem) {
+    if (unexpected(o.positional, 0, problem)) return false;
+    c.kind = ControlCommand::Kind::Trace;
+    c.clear = o.has("clear");
+    return true;
+}
+
+bool parse_stub(std::string_view, const Options &o, ControlCommand &c, std::string &problem) {
+    if (unexpected(o.positional, 0, problem)) return false;
     auto only = [&](std::string_view mode, std::initializer_list<std::string_view> allowed) {
         for (auto &[name, value] : o.values) {
             bool ok = false;
@@ -261,15 +246,12 @@ bool parse_stub(const Options &o, ControlCommand &c, std::string &problem) {
     return true;
 }
 
-bool parse_notify(const Options &o, ControlCommand &c, std::string &problem) {
+bool parse_notify(std::string_view, const Options &o, ControlCommand &c, std::string &problem) {
     if (o.positional.empty()) {
         problem = "missing message type";
         return false;
     }
-    if (o.positional.size() > 1) {
-        problem = "unexpected argument '" + o.positional[1] + "'";
-        return false;
-    }
+    if (unexpected(o.positional, 1, problem)) return false;
     auto type = parse_code(o.positional[0]);
     if (!type) {
         problem = "bad message type '" + o.positional[0] + "'";
@@ -296,49 +278,13 @@ bool parse_notify(const Options &o, ControlCommand &c, std::string &problem) {
     return true;
 }
 
-CFRef<CFTypeRef> make_value(std::string_view type, const std::string &text, std::string &problem) {
-    if (type == "number") {
-        auto v = parse_signed(text);
-        if (!v) {
-            problem = "bad number '" + text + "'";
-            return {};
-        }
-        auto n = static_cast<int64_t>(*v);
-        return CFRef<CFTypeRef>(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &n));
-    }
-    if (type == "string") {
-        auto s = make_cf_string(text);
-        if (!s) problem = "the value is not UTF-8 text";
-        return CFRef<CFTypeRef>(s.release());
-    }
-    if (type == "bool") {
-        if (text == "true" || text == "1") return CFRef<CFTypeRef>::retain(kCFBooleanTrue);
-        if (text == "false" || text == "0") return CFRef<CFTypeRef>::retain(kCFBooleanFalse);
-        problem = "bad bool '" + text + "' (true, false, 1 or 0)";
-        return {};
-    }
-    if (type == "data") {
-        auto bytes = wire::from_hex(text);
-        if (!bytes) {
-            problem = "bad hex '" + text + "'";
-            return {};
-        }
-        return CFRef<CFTypeRef>(CFDataCreate(kCFAllocatorDefault, bytes->data(), static_cast<CFIndex>(bytes->size())));
-    }
-    problem = "unknown type '" + std::string(type) + "' (number, string, bool or data)";
-    return {};
-}
-
 bool parse_property(std::string_view sub, const Options &o, ControlCommand &c, std::string &problem) {
     size_t want = sub == "set" ? 2 : 1;
     if (o.positional.size() < want) {
         problem = o.positional.empty() ? "missing key" : "missing value";
         return false;
     }
-    if (o.positional.size() > want) {
-        problem = "unexpected argument '" + o.positional[want] + "'";
-        return false;
-    }
+    if (unexpected(o.positional, want, problem)) return false;
     c.key = o.positional[0];
     if (c.key.empty() || !make_cf_string(c.key)) {
         problem = "the key must be non-empty UTF-8 text";
@@ -354,6 +300,17 @@ bool parse_property(std::string_view sub, const Options &o, ControlCommand &c, s
     return static_cast<bool>(c.value);
 }
 
+bool parse_service(std::string_view sub, const Options &o, ControlCommand &c, std::string &problem) {
+    if (o.positional.empty()) {
+        problem = "missing service class";
+        return false;
+    }
+    if (unexpected(o.positional, 1, problem)) return false;
+    c.kind = sub == "publish" ? ControlCommand::Kind::Publish : ControlCommand::Kind::Unpublish;
+    c.service = o.positional[0];
+    return true;
+}
+
 // --- report channels
 bool parse_channel(std::string_view sub, const Options &o, ControlCommand &c, std::string &problem) {
     size_t want = sub == "set" ? 2 : 1;
@@ -361,10 +318,7 @@ bool parse_channel(std::string_view sub, const Options &o, ControlCommand &c, st
         problem = o.positional.empty() ? "missing channel name" : "missing value";
         return false;
     }
-    if (o.positional.size() > want) {
-        problem = "unexpected argument '" + o.positional[want] + "'";
-        return false;
-    }
+    if (unexpected(o.positional, want, problem)) return false;
     c.kind = sub == "set" ? ControlCommand::Kind::ChannelSet : ControlCommand::Kind::ChannelRelease;
     c.channel = o.positional[0];
     if (!number_option(o, "index", UINT32_MAX, c.value_index, problem)) return false;
@@ -381,11 +335,12 @@ bool parse_channel(std::string_view sub, const Options &o, ControlCommand &c, st
 
 // "auto", or a percentage from 0 to 100 with at most two decimals, in
 // hundredths of a percent.
-bool parse_load(const Options &o, ControlCommand &c, std::string &problem) {
-    if (o.positional.size() != 1) {
-        problem = o.positional.empty() ? "missing percentage (or auto)" : "unexpected argument '" + o.positional[1] + "'";
+bool parse_load(std::string_view, const Options &o, ControlCommand &c, std::string &problem) {
+    if (o.positional.empty()) {
+        problem = "missing percentage (or auto)";
         return false;
     }
+    if (unexpected(o.positional, 1, problem)) return false;
     c.kind = ControlCommand::Kind::Load;
     const std::string &text = o.positional[0];
     if (text == "auto") return true;
@@ -406,115 +361,53 @@ bool parse_load(const Options &o, ControlCommand &c, std::string &problem) {
     return true;
 }
 
-}  // namespace
-
-bool is_control_command(std::string_view word) {
-    return word == "trace" || word == "stub" || word == "notify" || word == "property" || word == "service" ||
-           word == "channel" || word == "load";
-}
-
-std::string control_usage(std::string_view command) {
-    if (command == "trace") return kTraceUsage;
-    if (command == "stub") return kStubUsage;
-    if (command == "notify") return kNotifyUsage;
-    if (command == "property") return kPropertyUsage;
-    if (command == "service") return kServiceUsage;
-    if (command == "channel") return kChannelUsage;
-    if (command == "load") return kLoadUsage;
-    return {};
-}
-
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error) {
     if (words.empty()) {
         error = "talvexsim: missing control command";
         return std::nullopt;
     }
     const std::string &name = words[0];
-    if (!is_control_command(name)) {
+    const CommandSpec *spec = find_command(name);
+    if (!spec || !spec->parse) {
         error = "talvexsim: unknown command '" + name + "'";
         return std::nullopt;
     }
-    ControlCommand c;
-    c.service = kCoprocessorClass;
-    std::string problem;
     std::string where = name;
-    Options o;
-    bool ok = false;
-    if (name == "trace") {
-        ok = split_options(words, 1, {}, {"clear"}, o, problem);
-        if (ok && !o.help && !o.positional.empty()) {
-            problem = "unexpected argument '" + o.positional.front() + "'";
-            ok = false;
-        }
-        c.kind = ControlCommand::Kind::Trace;
-        c.clear = o.has("clear");
-    } else if (name == "stub") {
-        ok = split_options(words, 1, {"selector", "service", "scalars", "input-prefix", "code", "output", "output-size",
-                                      "scalar-outputs", "times"},
-                           {"open", "clear"}, o, problem) &&
-             (o.help || parse_stub(o, c, problem));
-    } else if (name == "notify") {
-        ok = split_options(words, 1, {"service", "value", "data"}, {}, o, problem) &&
-             (o.help || parse_notify(o, c, problem));
-    } else if (name == "property") {
-        std::string sub = words.size() > 1 ? words[1] : "";
-        if (sub == "--help" || sub == "-h") {
-            o.help = true;
-            ok = true;
-        } else if (sub != "set" && sub != "delete") {
-            problem = sub.empty() ? "missing subcommand (set or delete)" : "unknown subcommand '" + sub + "'";
-        } else {
-            where += " " + sub;
-            ok = split_options(words, 2, sub == "set" ? std::initializer_list<std::string_view>{"service", "type"}
-                                                      : std::initializer_list<std::string_view>{"service"},
-                               {}, o, problem) &&
-                 (o.help || parse_property(sub, o, c, problem));
-        }
-    } else if (name == "channel") {
-        std::string sub = words.size() > 1 ? words[1] : "";
-        if (sub == "--help" || sub == "-h") {
-            o.help = true;
-            ok = true;
-        } else if (sub != "set" && sub != "release") {
-            problem = sub.empty() ? "missing subcommand (set or release)" : "unknown subcommand '" + sub + "'";
-        } else {
-            where += " " + sub;
-            ok = split_options(words, 2, {"service", "index"}, {}, o, problem) &&
-                 (o.help || parse_channel(sub, o, c, problem));
-        }
-    } else if (name == "load") {
-        ok = split_options(words, 1, {}, {}, o, problem) && (o.help || parse_load(o, c, problem));
-    } else {   // service
-        std::string sub = words.size() > 1 ? words[1] : "";
-        if (sub == "--help" || sub == "-h") {
-            o.help = true;
-            ok = true;
-        } else if (sub != "publish" && sub != "unpublish") {
-            problem = sub.empty() ? "missing subcommand (publish or unpublish)" : "unknown subcommand '" + sub + "'";
-        } else {
-            where += " " + sub;
-            ok = split_options(words, 2, {}, {}, o, problem);
-            if (ok && !o.help) {
-                if (o.positional.size() != 1) {
-                    problem = o.positional.empty() ? "missing service class" : "unexpected argument '" + o.positional[1] + "'";
-                    ok = false;
-                } else {
-                    c.kind = sub == "publish" ? ControlCommand::Kind::Publish : ControlCommand::Kind::Unpublish;
-                    c.service = o.positional[0];
-                }
-            }
-        }
-    }
-    if (!ok) {
+    auto fail = [&](const std::string &problem) -> std::optional<ControlCommand> {
         error = "talvexsim: " + where + ": " + problem;
         return std::nullopt;
+    };
+    auto help = [&] {
+        ControlCommand c;
+        c.kind = ControlCommand::Kind::Help;
+        c.help = spec->usage;
+        return c;
+    };
+    size_t first = 1;
+    std::span<const OptionSpec> options = spec->options;
+    std::string_view sub;
+    if (!spec->subcommands.empty()) {
+        sub = words.size() > 1 ? std::string_view(words[1]) : "";
+        if (sub == "--help" || sub == "-h") return help();
+        const SubcommandSpec *s = find_subcommand(*spec, sub);
+        if (!s) {
+            if (!sub.empty()) return fail("unknown subcommand '" + std::string(sub) + "'");
+            std::string choices;
+            for (const SubcommandSpec &each : spec->subcommands)
+                choices += (choices.empty() ? "" : " or ") + std::string(each.name);
+            return fail("missing subcommand (" + choices + ")");
+        }
+        where += " " + std::string(sub);
+        first = 2;
+        options = s->options;
     }
-    if (o.help) {
-        ControlCommand help;
-        help.kind = ControlCommand::Kind::Help;
-        help.help = control_usage(name);
-        return help;
-    }
+    ControlCommand c;
+    c.service = kCoprocessorClass;
+    Options o;
+    std::string problem;
+    if (!split_options(words, first, options, o, problem)) return fail(problem);
+    if (o.help) return help();
+    if (!spec->parse(sub, o, c, problem)) return fail(problem);
     if (const std::string *svc = o.get("service")) c.service = *svc;
     c.call_stub.service = c.service;
     c.open_stub.service = c.service;

@@ -1,12 +1,15 @@
 // Control commands: how bring-up engineers and tests steer the simulator
 // (trace, stub, notify, property, service; channel and load for report
-// channels). The `talvexsim` command line
-// forwards a command's words; the simulator parses and runs them.
+// channels). The command table (commands.h) names them with their usage and
+// options; the `talvexsim` command line checks a command's words and
+// forwards them, and the simulator parses them again and runs them.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,6 +43,20 @@ struct ControlCommand {
     std::optional<uint32_t> load;     // Load: hundredths of a percent; nothing for "auto"
 };
 
+// A control command's words after its name (and subcommand), as
+// split_options leaves them.
+struct Options {
+    std::map<std::string, std::string, std::less<>> values;   // option name -> value ("" for a flag)
+    std::vector<std::string> positional;
+    bool help = false;
+
+    bool has(std::string_view name) const { return values.count(name) != 0; }
+    const std::string *get(std::string_view name) const {
+        auto it = values.find(name);
+        return it == values.end() ? nullptr : &it->second;
+    }
+};
+
 // The words of a control command, the first naming it. On failure returns
 // nothing and sets `error` to a one-line message (no newline) naming the problem.
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error);
@@ -50,10 +67,14 @@ ControlResult execute_control(Simulation &sim, const ControlCommand &command, Cl
 // Runs a ChannelSet, ChannelRelease or Load command on the service.
 ControlResult execute_report_control(Simulation &sim, Service &service, const ControlCommand &command);
 
-// Whether the word names a control command.
-bool is_control_command(std::string_view word);
-// Usage text of one control command (ends with a newline).
-std::string control_usage(std::string_view command);
+// The parsers of the command table's control commands (see ControlParser).
+bool parse_trace(std::string_view, const Options &, ControlCommand &, std::string &problem);
+bool parse_stub(std::string_view, const Options &, ControlCommand &, std::string &problem);
+bool parse_notify(std::string_view, const Options &, ControlCommand &, std::string &problem);
+bool parse_property(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
+bool parse_service(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
+bool parse_channel(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
+bool parse_load(std::string_view, const Options &, ControlCommand &, std::string &problem);
 
 // Numbers: 0x-prefixed hexadecimal or decimal, no sign, no blanks; nothing on
 // overflow or any other text.

@@ -7,6 +7,8 @@ set -uo pipefail
 
 script=$1 src=$2 ctl=$3 sim=$4
 failures=0
+# talvexsim's completion asks the talvexsim being completed for its words.
+PATH="$(dirname "$sim"):$PATH"
 
 fail() {
     echo "FAIL: $*" >&2
