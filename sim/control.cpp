@@ -1,6 +1,7 @@
 #include "control.h"
 
 #include "commands.h"
+#include "talvex_driver.h"
 #include "wire.h"
 
 namespace talvex::sim {
@@ -9,6 +10,11 @@ namespace {
 
 // Largest output a stub may be told to report (well inside one frame).
 constexpr uint64_t kMaxStubOutput = 8u << 20;
+
+// The time-synchronisation message's argument is a pointer to a record of
+// two little-endian 64-bit times (the application processor's, then the
+// coprocessor's), and clients read it as such.
+constexpr size_t kTimeSyncBytes = 16;
 
 const OptionSpec *find_option(std::span<const OptionSpec> known, std::string_view name) {
     for (const OptionSpec &o : known)
@@ -274,6 +280,14 @@ bool parse_notify(std::string_view, const Options &o, ControlCommand &c, std::st
         std::vector<uint8_t> bytes;
         if (!hex_option(o, "data", bytes, problem)) return false;
         c.arg = MessageArg::of_data(std::move(bytes));
+    }
+    if (c.message_type == kTalvexMessageTimeSync && c.arg.kind != wire::ArgKind::None) {
+        const size_t n = c.arg.data.size();
+        if (c.arg.kind == wire::ArgKind::Value || n != kTimeSyncBytes) {
+            problem = "the time-sync message carries --data (16 bytes: AP time, coprocessor time) or nothing, not " +
+                      (c.arg.kind == wire::ArgKind::Value ? "--value" : std::to_string(n) + (n == 1 ? " byte" : " bytes"));
+            return false;
+        }
     }
     return true;
 }

@@ -46,6 +46,10 @@ TEST(SimCli, ControlCommandErrorsAreOneLineNamingTheProblem) {
         {{"notify"}, "missing message type"},
         {{"notify", "1", "--value", "1", "--data", "00"}, "exclude"},
         {{"notify", "1", "--value", "x1"}, "'x1'"},
+        // The time-sync message's argument points to 16 bytes that clients read.
+        {{"notify", "0xe3ff8100", "--value", "0x1234"},
+         "carries --data (16 bytes: AP time, coprocessor time) or nothing, not --value"},
+        {{"notify", "0xe3ff8100", "--data", "0102"}, "or nothing, not 2 bytes"},
         {{"property", "set", "k"}, "missing value"},
         {{"property", "set", "k", "12x"}, "'12x'"},
         {{"property", "set", "k", "2", "--type", "bool"}, "'2'"},
