@@ -42,5 +42,7 @@ private:
 };
 
 inline constexpr uint64_t kNanosPerSecond = 1'000'000'000;
+inline constexpr uint64_t kNanosPerMilli = 1'000'000;
+inline constexpr uint64_t kNanosPerMicro = 1'000;
 
 }  // namespace talvex::sim

@@ -13,7 +13,8 @@
 // report, threshold, time limit.
 #include <algorithm>
 
-#include "model_diag.h"
+#include "model_clients.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

@@ -24,7 +24,9 @@
 #include <cmath>
 #include <numbers>
 
-#include "model_diag.h"
+#include "clock.h"
+#include "model_clocks.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

@@ -1,5 +1,23 @@
-// The firmware's diagnostics: running time, shared helpers, and the selectors
-// wired to their models (see model_diag.h for what each part keeps).
+// The coprocessor firmware's diagnostics, as the driver serves them: device
+// properties (13, 14), the profiler (19-23), the power log (24-27), clock
+// redirection and measurement (28, 32), the link baud rate (29), client lists
+// (30) and the performance monitor (39).
+//
+// Everything here lives in the firmware, so it needs running firmware: every
+// selector answers kIOReturnNotReady unless the coprocessor is booted, and
+// every figure moves with the firmware's running time only (the simulation's
+// clock while the state is booted; it stands still while the coprocessor is
+// off, stopped, booting, halted or in panic). A fresh boot (booted reached
+// from anything but notresponding) starts a new firmware run: properties go
+// back to their defaults, and the profiler, power log, perfmon and the link
+// rate start over. Waking from a halt continues the same run.
+//
+// Figures are made from the running time with deterministic noise, so a run
+// on a step clock gives the same numbers every time.
+//
+// Each part is a model of its own (model_properties.h, model_profiler.h,
+// model_powerlog.h, model_clocks.h, model_clients.h, model_perfmon.h); this
+// file wires the selectors to them.
 //
 // Selectors and their codes, beyond kIOReturnNotReady when the firmware is
 // not running:
@@ -11,83 +29,18 @@
 //                      kIOReturnBadArgument; the rate in force shows as the
 //                      registry property "talvex-baud-rate"
 //   30 client list, 32 clock measurement, 39 perfmon
-#include "model_diag.h"
-
 #include "cf_ref.h"
 #include "coprocessor.h"
+#include "firmware_run.h"
+#include "model_clients.h"
+#include "model_clocks.h"
+#include "model_perfmon.h"
+#include "model_powerlog.h"
+#include "model_profiler.h"
+#include "model_properties.h"
 #include "simulation.h"
 
 namespace talvex::sim {
-
-namespace diag {
-
-FirmwareRun::FirmwareRun(Coprocessor &cop) : cop_(cop), since_ns_(cop.simulation().clock().now_ns()) {}
-
-void FirmwareRun::state_changed(uint64_t from, uint64_t to) {
-    uint64_t now = cop_.simulation().clock().now_ns();
-    bool booted = to == kTalvexStateBooted;
-    if (counting_ && !booted) {
-        base_ns_ += now - since_ns_;
-        counting_ = false;
-    } else if (!counting_ && booted) {
-        // Waking from a halt continues the run; any other way up is a new one.
-        if (from != kTalvexStateNotResponding) {
-            ++run_;
-            base_ns_ = 0;
-        }
-        since_ns_ = now;
-        counting_ = true;
-    }
-}
-
-bool FirmwareRun::running() const { return cop_.state() == kTalvexStateBooted; }
-
-uint64_t FirmwareRun::now_ns() const {
-    return base_ns_ + (counting_ ? cop_.simulation().clock().now_ns() - since_ns_ : 0);
-}
-
-uint64_t mix64(uint64_t x) {
-    x += 0x9e3779b97f4a7c15ull;
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-    return x ^ (x >> 31);
-}
-
-double unit_noise(uint64_t key) { return static_cast<double>(mix64(key) >> 11) * 0x1.0p-53; }
-
-uint64_t noise_key(uint64_t a, uint64_t b, uint64_t c) { return mix64(mix64(mix64(a) ^ b) ^ c); }
-
-void RateCounter::advance(uint64_t elapsed_ns, uint64_t per_second) {
-    // Whole seconds first, so the product below stays within 64 bits for
-    // any rate up to 10^9 per second.
-    value_ += (elapsed_ns / kNanosPerSecond) * per_second;
-    uint64_t part = (elapsed_ns % kNanosPerSecond) * per_second + remainder_;
-    value_ += part / kNanosPerSecond;
-    remainder_ = part % kNanosPerSecond;
-}
-
-void put_le16(std::vector<uint8_t> &out, size_t at, uint16_t v) {
-    out[at] = static_cast<uint8_t>(v);
-    out[at + 1] = static_cast<uint8_t>(v >> 8);
-}
-
-void put_le32(std::vector<uint8_t> &out, size_t at, uint32_t v) {
-    for (size_t i = 0; i < 4; ++i) out[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-uint32_t get_le32(std::span<const uint8_t> in, size_t at) {
-    return static_cast<uint32_t>(in[at]) | static_cast<uint32_t>(in[at + 1]) << 8 |
-           static_cast<uint32_t>(in[at + 2]) << 16 | static_cast<uint32_t>(in[at + 3]) << 24;
-}
-
-void put_text(std::vector<uint8_t> &out, size_t at, size_t field, const std::string &text) {
-    size_t n = text.size() < field ? text.size() : field - 1;
-    for (size_t i = 0; i < field; ++i) out[at + i] = i < n ? static_cast<uint8_t>(text[i]) : 0;
-}
-
-uint32_t saturate32(uint64_t v) { return v > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(v); }
-
-}  // namespace diag
 
 namespace {
 

@@ -61,7 +61,6 @@ namespace talvex::sim {
 
 namespace {
 
-constexpr uint64_t kNanosPerMilli = 1'000'000;
 constexpr uint64_t kResetOffNs = 50 * kNanosPerMilli;   // a reset holds the coprocessor off this long
 constexpr uint64_t kBootNs = 300 * kNanosPerMilli;      // booting to booted
 constexpr uint64_t kApUptimeAtStartNs = 120 * kNanosPerSecond;

@@ -15,7 +15,8 @@
 // above 6 kIOReturnNoDevice.
 #include <algorithm>
 
-#include "model_diag.h"
+#include "model_perfmon.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

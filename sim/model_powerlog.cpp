@@ -13,7 +13,9 @@
 //
 // Devices deliver one event per sample at their current sample interval
 // (property 0), wake once per 8 samples and drop about one event in 25000.
-#include "model_diag.h"
+#include "clock.h"
+#include "model_powerlog.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

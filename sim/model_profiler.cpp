@@ -17,7 +17,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "model_diag.h"
+#include "clock.h"
+#include "model_profiler.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

@@ -36,7 +36,10 @@
 #include <algorithm>
 #include <map>
 
-#include "model_diag.h"
+#include "model_clocks.h"
+#include "model_perfmon.h"
+#include "model_properties.h"
+#include "model_support.h"
 
 namespace talvex::sim::diag {
 

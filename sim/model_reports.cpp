@@ -18,7 +18,6 @@ namespace talvex::sim {
 
 namespace {
 
-constexpr uint64_t kNanosPerMilli = 1'000'000;
 constexpr uint32_t kFullLoad = 10'000;   // basis points
 
 // The coprocessor came up 2.5 s into the application processor's uptime and

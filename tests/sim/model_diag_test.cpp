@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "model_diag.h"
+#include "model_support.h"
 #include "sim_rig.h"
 
 using namespace talvex;
@@ -126,12 +126,12 @@ TEST(ModelDiag, TimeCountsWhileBootedAndAFreshBootStartsOver) {
 }
 
 TEST(ModelDiag, RateCounterKeepsFractionsAcrossAdvances) {
-    diag::RateCounter once, often;
+    RateCounter once, often;
     once.advance(kNanosPerSecond, 800'123);
     for (int i = 0; i < 1000; ++i) often.advance(kMs, 800'123);
     EXPECT_EQ(once.value(), 800'123u);
     EXPECT_EQ(often.value(), once.value());
-    diag::RateCounter long_run;
+    RateCounter long_run;
     long_run.advance(400ull * 86'400 * kNanosPerSecond, 1'000'000'000);   // 400 days at 1e9 per second
     EXPECT_EQ(long_run.value(), 400ull * 86'400 * 1'000'000'000);
 }

@@ -1,0 +1,48 @@
+#include "model_support.h"
+
+#include "clock.h"
+
+namespace talvex::sim {
+
+uint64_t mix64(uint64_t x) {
+    x += 0x9e3779b97f4a7c15ull;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    return x ^ (x >> 31);
+}
+
+double unit_noise(uint64_t key) { return static_cast<double>(mix64(key) >> 11) * 0x1.0p-53; }
+
+uint64_t noise_key(uint64_t a, uint64_t b, uint64_t c) { return mix64(mix64(mix64(a) ^ b) ^ c); }
+
+void RateCounter::advance(uint64_t elapsed_ns, uint64_t per_second) {
+    // Whole seconds first, so the product below stays within 64 bits for
+    // any rate up to 10^9 per second.
+    value_ += (elapsed_ns / kNanosPerSecond) * per_second;
+    uint64_t part = (elapsed_ns % kNanosPerSecond) * per_second + remainder_;
+    value_ += part / kNanosPerSecond;
+    remainder_ = part % kNanosPerSecond;
+}
+
+void put_le16(std::vector<uint8_t> &out, size_t at, uint16_t v) {
+    out[at] = static_cast<uint8_t>(v);
+    out[at + 1] = static_cast<uint8_t>(v >> 8);
+}
+
+void put_le32(std::vector<uint8_t> &out, size_t at, uint32_t v) {
+    for (size_t i = 0; i < 4; ++i) out[at + i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+uint32_t get_le32(std::span<const uint8_t> in, size_t at) {
+    return static_cast<uint32_t>(in[at]) | static_cast<uint32_t>(in[at + 1]) << 8 |
+           static_cast<uint32_t>(in[at + 2]) << 16 | static_cast<uint32_t>(in[at + 3]) << 24;
+}
+
+void put_text(std::vector<uint8_t> &out, size_t at, size_t field, const std::string &text) {
+    size_t n = text.size() < field ? text.size() : field - 1;
+    for (size_t i = 0; i < field; ++i) out[at + i] = i < n ? static_cast<uint8_t>(text[i]) : 0;
+}
+
+uint32_t saturate32(uint64_t v) { return v > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(v); }
+
+}  // namespace talvex::sim
