@@ -17,6 +17,7 @@
 #include <memory>
 #include <vector>
 
+#include "clock.h"
 #include "methods.h"
 #include "registry.h"
 #include "talvex_driver.h"
@@ -25,6 +26,11 @@
 namespace talvex::sim {
 
 class Simulation;
+
+// The simulated application processor has been up this long when the
+// simulator starts; the coprocessor first came up this far into it.
+inline constexpr uint64_t kApUptimeAtStartNs = 120 * kNanosPerSecond;
+inline constexpr uint64_t kFirstBootApNs = 2'500 * kNanosPerMilli;
 
 // Declares selectors 0 to 40 with their argument shapes.
 void define_coprocessor_methods(MethodTable &table);

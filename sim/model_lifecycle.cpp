@@ -63,8 +63,6 @@ namespace {
 
 constexpr uint64_t kResetOffNs = 50 * kNanosPerMilli;   // a reset holds the coprocessor off this long
 constexpr uint64_t kBootNs = 300 * kNanosPerMilli;      // booting to booted
-constexpr uint64_t kApUptimeAtStartNs = 120 * kNanosPerSecond;
-constexpr uint64_t kFirstBootApNs = 2'500 * kNanosPerMilli;   // when the coprocessor first came up, AP time
 constexpr uint64_t kCoprocessorDriftPpm = 20;
 
 constexpr uint32_t kBootNoTimesync = 0x04;

@@ -11,6 +11,7 @@
 
 #include "coprocessor.h"
 #include "hub.h"
+#include "model_support.h"
 #include "simulation.h"
 #include "wire.h"
 
@@ -20,20 +21,9 @@ namespace {
 
 constexpr uint32_t kFullLoad = 10'000;   // basis points
 
-// The coprocessor came up 2.5 s into the application processor's uptime and
-// the simulator starts 120 s into it: the counters start with that much
-// running time behind them.
-constexpr uint64_t kRunningAtStartNs = 117'500 * kNanosPerMilli;
-constexpr uint64_t kApUptimeAtStartNs = 120 * kNanosPerSecond;
-
-uint64_t mix(uint64_t x) {
-    x += 0x9e3779b97f4a7c15ull;
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-    return x ^ (x >> 31);
-}
-// A number in [0, 1) for the key.
-double noise(uint64_t key) { return static_cast<double>(mix(key) >> 11) * 0x1.0p-53; }
+// The counters start with the running time since the coprocessor first
+// came up behind them.
+constexpr uint64_t kRunningAtStartNs = kApUptimeAtStartNs - kFirstBootApNs;
 
 // a * b / c without overflow for a up to 2^64 and b, c below 2^32.
 uint64_t mul_div(uint64_t a, uint64_t b, uint64_t c) { return a / c * b + a % c * b / c; }
@@ -243,7 +233,7 @@ private:
     uint32_t load(uint64_t k) const {
         if (pinned_load_) return *pinned_load_;
         double v = 0.30 + 0.15 * std::sin(2 * std::numbers::pi * static_cast<double>(k) / 97.0) +
-                   0.10 * (noise(k) - 0.5);
+                   0.10 * (unit_noise(k) - 0.5);
         return static_cast<uint32_t>(std::lround(std::clamp(v, 0.03, 0.95) * kFullLoad));
     }
 
@@ -271,8 +261,8 @@ private:
         // The state the firmware is in now: busy or idle by the load, then
         // by the states' shares.
         uint64_t slot = running_ns_ / (100 * kNanosPerMilli);
-        bool busy = noise(slot) * kFullLoad < load(running_ns_ / kNanosPerSecond);
-        double pick = noise(slot ^ 0x5a5a5a5a5a5a5a5aull) * 100;
+        bool busy = unit_noise(slot) * kFullLoad < load(running_ns_ / kNanosPerSecond);
+        double pick = unit_noise(slot ^ 0x5a5a5a5a5a5a5a5aull) * 100;
         size_t current = busy ? (pick < kStateShare[kRun12M] ? kRun12M : kRun100M)
                               : (pick < kStateShare[kDeepSleep] ? kDeepSleep : kSleep);
         stamps_[current] = seq_;
