@@ -157,6 +157,13 @@ private:
 
     I2CTarget *i2c_target(uint8_t port, uint8_t address);
     uint8_t i2c_value(const I2CTarget &t, uint8_t reg) const;
+    // The head that reads and writes share: port, address, register, count.
+    struct I2CRequest {
+        uint8_t port = 0, address = 0, count = 0;
+        uint16_t reg = 0;
+        I2CTarget *target = nullptr;
+    };
+    IOReturn i2c_request(const CallArgs &a, size_t size, I2CRequest &request);
 
     uint8_t memory_value(size_t block, uint32_t address) const;
 

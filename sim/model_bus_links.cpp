@@ -170,24 +170,33 @@ uint8_t BusModel::i2c_value(const I2CTarget &t, uint8_t reg) const {
     return t.regs[reg];
 }
 
-// Request: port, address, register (LE16, 0xffff none), count. Reply: count bytes.
-IOReturn BusModel::i2c_read(const CallArgs &a, CallReply &r) {
+// Request head: port, address, register (LE16, 0xffff none), count.
+IOReturn BusModel::i2c_request(const CallArgs &a, size_t size, I2CRequest &q) {
     if (!booted()) return kIOReturnNotReady;
-    if (a.input.size() != kI2CReadRequest) return kIOReturnBadArgument;
-    uint8_t port = a.input[0], address = a.input[1], count = a.input[4];
-    uint16_t reg = wire::load_le16(a.input.data() + 2);
-    if (port >= kI2CPorts || address > kI2CMaxAddress || count > kI2CMaxData) return kIOReturnBadArgument;
-    if (reg != kI2CNoRegister && reg > 0xff) return kIOReturnBadArgument;
-    I2CTarget *t = i2c_target(port, address);
-    if (!t) return kIOReturnNotResponding;
-    if (reg != kI2CNoRegister) {
+    if (a.input.size() != size) return kIOReturnBadArgument;
+    q.port = a.input[0];
+    q.address = a.input[1];
+    q.count = a.input[4];
+    q.reg = wire::load_le16(a.input.data() + 2);
+    if (q.port >= kI2CPorts || q.address > kI2CMaxAddress || q.count > kI2CMaxData) return kIOReturnBadArgument;
+    if (q.reg != kI2CNoRegister && q.reg > 0xff) return kIOReturnBadArgument;
+    q.target = i2c_target(q.port, q.address);
+    return q.target ? kIOReturnSuccess : kIOReturnNotResponding;
+}
+
+// Request: the head. Reply: count bytes.
+IOReturn BusModel::i2c_read(const CallArgs &a, CallReply &r) {
+    I2CRequest q;
+    if (IOReturn code = i2c_request(a, kI2CReadRequest, q); code != kIOReturnSuccess) return code;
+    I2CTarget *t = q.target;
+    if (q.reg != kI2CNoRegister) {
         if (t->has_pointer)
-            t->pointer = static_cast<uint8_t>(reg);
+            t->pointer = static_cast<uint8_t>(q.reg);
         else
-            t->regs[0] = static_cast<uint8_t>(reg);   // taken as data: it lands in the latch
+            t->regs[0] = static_cast<uint8_t>(q.reg);   // taken as data: it lands in the latch
     }
-    r.output.resize(count);
-    for (uint8_t i = 0; i < count; ++i) {
+    r.output.resize(q.count);
+    for (uint8_t i = 0; i < q.count; ++i) {
         if (t->has_pointer) {
             r.output[i] = i2c_value(*t, t->pointer);
             t->pointer = static_cast<uint8_t>(t->pointer + 1);
@@ -198,21 +207,16 @@ IOReturn BusModel::i2c_read(const CallArgs &a, CallReply &r) {
     return kIOReturnSuccess;
 }
 
-// Request: port, address, register (LE16, 0xffff none), count N (0-16), 16 data bytes.
+// Request: the head, then 16 data bytes of which the first count (0-16) go out.
 IOReturn BusModel::i2c_write(const CallArgs &a, CallReply &) {
-    if (!booted()) return kIOReturnNotReady;
-    if (a.input.size() != kI2CWriteRequest) return kIOReturnBadArgument;
-    uint8_t port = a.input[0], address = a.input[1], count = a.input[4];
-    uint16_t reg = wire::load_le16(a.input.data() + 2);
-    if (port >= kI2CPorts || address > kI2CMaxAddress || count > kI2CMaxData) return kIOReturnBadArgument;
-    if (reg != kI2CNoRegister && reg > 0xff) return kIOReturnBadArgument;
-    I2CTarget *t = i2c_target(port, address);
-    if (!t) return kIOReturnNotResponding;
+    I2CRequest q;
+    if (IOReturn code = i2c_request(a, kI2CWriteRequest, q); code != kIOReturnSuccess) return code;
+    I2CTarget *t = q.target;
 
     // What goes over the bus after the address byte.
     std::vector<uint8_t> bytes;
-    if (reg != kI2CNoRegister) bytes.push_back(static_cast<uint8_t>(reg));
-    bytes.insert(bytes.end(), a.input.begin() + 5, a.input.begin() + 5 + count);
+    if (q.reg != kI2CNoRegister) bytes.push_back(static_cast<uint8_t>(q.reg));
+    bytes.insert(bytes.end(), a.input.begin() + 5, a.input.begin() + 5 + q.count);
     if (!t->has_pointer) {
         if (!bytes.empty()) t->regs[0] = bytes.back();
         return kIOReturnSuccess;
@@ -220,7 +224,7 @@ IOReturn BusModel::i2c_write(const CallArgs &a, CallReply &) {
     if (bytes.empty()) return kIOReturnSuccess;   // an address probe
     t->pointer = bytes[0];
     for (size_t i = 1; i < bytes.size(); ++i) {
-        if (!i2c_read_only(port, address, t->pointer)) t->regs[t->pointer] = bytes[i];
+        if (!i2c_read_only(q.port, q.address, t->pointer)) t->regs[t->pointer] = bytes[i];
         t->pointer = static_cast<uint8_t>(t->pointer + 1);
     }
     return kIOReturnSuccess;
