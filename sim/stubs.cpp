@@ -11,12 +11,6 @@ bool starts_with(std::span<const T> have, const std::vector<T> &prefix) {
     return have.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), have.begin());
 }
 
-// Counts one match; true when the stub is now spent.
-bool spend(std::optional<uint64_t> &times) {
-    if (!times) return false;
-    return --*times == 0;
-}
-
 // What a stub holds, roughly: its bytes and a fixed cost for the rest.
 size_t footprint(const CallStub &s) {
     return 128 + s.service.size() + s.input_prefix.size() + s.output.size() +
@@ -26,21 +20,28 @@ size_t footprint(const OpenStub &s) { return 128 + s.service.size(); }
 
 }  // namespace
 
-bool StubTable::add(CallStub stub) {
+template <typename Stub>
+bool StubTable::keep(std::vector<Stub> &list, Stub stub) {
     size_t bytes = footprint(stub);
     if (size() >= kMaxStubs || bytes > kMaxBytes - bytes_) return false;
     bytes_ += bytes;
-    calls_.push_back(std::move(stub));
+    list.push_back(std::move(stub));
     return true;
 }
 
-bool StubTable::add(OpenStub stub) {
-    size_t bytes = footprint(stub);
-    if (size() >= kMaxStubs || bytes > kMaxBytes - bytes_) return false;
-    bytes_ += bytes;
-    opens_.push_back(std::move(stub));
-    return true;
+template <typename Stub>
+IOReturn StubTable::spend(std::vector<Stub> &list, size_t i) {
+    IOReturn code = list[i].code;
+    if (list[i].times && --*list[i].times == 0) {
+        bytes_ -= footprint(list[i]);
+        list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    return code;
 }
+
+bool StubTable::add(CallStub stub) { return keep(calls_, std::move(stub)); }
+
+bool StubTable::add(OpenStub stub) { return keep(opens_, std::move(stub)); }
 
 void StubTable::clear() {
     calls_.clear();
@@ -58,27 +59,14 @@ std::optional<IOReturn> StubTable::answer_call(std::string_view service, const C
         reply.output.assign(static_cast<size_t>(size), 0);
         std::copy_n(s.output.begin(), std::min<size_t>(s.output.size(), reply.output.size()), reply.output.begin());
         reply.scalars = s.scalar_outputs;
-        IOReturn code = s.code;
-        if (spend(s.times)) {
-            bytes_ -= footprint(s);
-            calls_.erase(calls_.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-        return code;
+        return spend(calls_, i);
     }
     return std::nullopt;
 }
 
 std::optional<IOReturn> StubTable::answer_open(std::string_view service) {
-    for (size_t i = opens_.size(); i-- > 0;) {
-        OpenStub &s = opens_[i];
-        if (s.service != service) continue;
-        IOReturn code = s.code;
-        if (spend(s.times)) {
-            bytes_ -= footprint(s);
-            opens_.erase(opens_.begin() + static_cast<std::ptrdiff_t>(i));
-        }
-        return code;
-    }
+    for (size_t i = opens_.size(); i-- > 0;)
+        if (opens_[i].service == service) return spend(opens_, i);
     return std::nullopt;
 }
 

@@ -53,6 +53,13 @@ public:
     std::optional<IOReturn> answer_open(std::string_view service);
 
 private:
+    // Takes the stub into list unless the table is full.
+    template <typename Stub>
+    bool keep(std::vector<Stub> &list, Stub stub);
+    // Counts a match of list[i] and returns its code; a spent stub retires.
+    template <typename Stub>
+    IOReturn spend(std::vector<Stub> &list, size_t i);
+
     std::vector<CallStub> calls_;   // oldest first
     std::vector<OpenStub> opens_;
     size_t bytes_ = 0;
