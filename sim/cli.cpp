@@ -55,9 +55,9 @@ int print_usage(std::string_view text) {
 }
 
 int run_or_shell(const Invocation &inv, bool run) {
-    const std::string command(inv.spec.name);
+    const std::string command(inv.row.name);
     std::vector<std::string> rest = inv.words;
-    if (!rest.empty() && is_help(rest[0])) return print_usage(inv.spec.usage);
+    if (!rest.empty() && is_help(rest[0])) return print_usage(inv.row.usage);
     if (inv.socket) return complain(command + ": --socket does not apply (a private simulator gets a fresh socket)");
     // The simulator's options come first; the command starts at the
     // first other word (or after "--").
@@ -89,7 +89,7 @@ int complain(const std::string &message) {
 int serve_command(const Invocation &inv) {
     const std::vector<std::string> &rest = inv.words;
     for (auto &w : rest)
-        if (is_help(w)) return print_usage(inv.spec.usage);
+        if (is_help(w)) return print_usage(inv.row.usage);
     bool exit_with_parent = false;
     SimOptions opts;
     BudgetOptions budget;
@@ -121,7 +121,7 @@ int shell_command(const Invocation &inv) { return run_or_shell(inv, false); }
 
 int status_command(const Invocation &inv) {
     const std::vector<std::string> &rest = inv.words;
-    if (!rest.empty() && is_help(rest[0])) return print_usage(inv.spec.usage);
+    if (!rest.empty() && is_help(rest[0])) return print_usage(inv.row.usage);
     if (!rest.empty()) return complain("status: unexpected argument '" + rest[0] + "'");
     return report_status(inv.socket_path);
 }
@@ -159,10 +159,10 @@ int cli_main(int argc, char **argv) {
     if (args.empty()) return complain("missing command (see talvexsim --help)");
     const std::string command = args[0];
     if (is_help(command) || command == "help") return print_usage(overall_usage());
-    const CommandSpec *spec = find_command(command);
-    if (!spec) return complain("unknown command '" + command + "' (see talvexsim --help)");
+    const CommandRow *row = find_command(command);
+    if (!row) return complain("unknown command '" + command + "' (see talvexsim --help)");
     std::string path = socket ? *socket : wire::default_socket_path();
-    if (spec->run) return spec->run({*spec, std::vector<std::string>(args.begin() + 1, args.end()), socket, path});
+    if (row->run) return row->run({*row, std::vector<std::string>(args.begin() + 1, args.end()), socket, path});
 
     // A control command: check the words here first, so that bad usage is
     // reported even without a simulator; the simulator checks them again.

@@ -128,42 +128,42 @@ const std::string_view kMessageTypes[] = {kMessageText[0], kMessageText[1]};
 
 // --- options
 
-constexpr OptionSpec kGlobalOptions[] = {with_value("socket", kFiles), flag("help")};
-constexpr OptionSpec kServeOptions[] = {with_value("clock", kClockModes), with_value("channels"),
+constexpr OptionRow kGlobalOptions[] = {with_value("socket", kFiles), flag("help")};
+constexpr OptionRow kServeOptions[] = {with_value("clock", kClockModes), with_value("channels"),
                                         flag("exit-with-parent"), with_value("socket", kFiles)};
-constexpr OptionSpec kPrivateOptions[] = {with_value("clock", kClockModes), with_value("channels")};
-constexpr OptionSpec kStatusOptions[] = {with_value("socket", kFiles)};
-constexpr OptionSpec kTraceOptions[] = {flag("clear")};
-constexpr OptionSpec kStubOptions[] = {
+constexpr OptionRow kPrivateOptions[] = {with_value("clock", kClockModes), with_value("channels")};
+constexpr OptionRow kStatusOptions[] = {with_value("socket", kFiles)};
+constexpr OptionRow kTraceOptions[] = {flag("clear")};
+constexpr OptionRow kStubOptions[] = {
     with_value("selector"), with_value("service", kServiceClasses), with_value("scalars"),
     with_value("input-prefix"), with_value("code"), with_value("output"), with_value("output-size"),
     with_value("scalar-outputs"), with_value("times"), flag("open"), flag("clear"),
 };
-constexpr OptionSpec kNotifyOptions[] = {with_value("service", kServiceClasses), with_value("value"),
+constexpr OptionRow kNotifyOptions[] = {with_value("service", kServiceClasses), with_value("value"),
                                          with_value("data")};
-constexpr OptionSpec kPropertySetOptions[] = {with_value("service", kServiceClasses),
+constexpr OptionRow kPropertySetOptions[] = {with_value("service", kServiceClasses),
                                               with_value("type", kPropertyTypes)};
-constexpr OptionSpec kServiceOption[] = {with_value("service", kServiceClasses)};
-constexpr OptionSpec kChannelOptions[] = {with_value("service", kServiceClasses), with_value("index")};
+constexpr OptionRow kServiceOption[] = {with_value("service", kServiceClasses)};
+constexpr OptionRow kChannelOptions[] = {with_value("service", kServiceClasses), with_value("index")};
 
 constexpr Arguments kKey{Arguments::Plain, kStateKey};
 constexpr Arguments kPlain{Arguments::Plain};
 
-constexpr SubcommandSpec kPropertySubcommands[] = {
+constexpr SubcommandRow kPropertySubcommands[] = {
     {"set", kPropertySetOptions, kKey},
     {"delete", kServiceOption, kKey},
 };
-constexpr SubcommandSpec kServiceSubcommands[] = {
+constexpr SubcommandRow kServiceSubcommands[] = {
     {"publish", {}, {Arguments::Plain, kServiceClasses}},
     {"unpublish", {}, {Arguments::Plain, kServiceClasses}},
 };
-constexpr SubcommandSpec kChannelSubcommands[] = {
+constexpr SubcommandRow kChannelSubcommands[] = {
     {"set", kChannelOptions, kPlain},
     {"release", kChannelOptions, kPlain},
 };
 
 // In the order of talvexsim --help.
-const CommandSpec kCommands[] = {
+const CommandRow kCommands[] = {
     {"serve", "serve", "serve in the foreground until SIGINT or SIGTERM", kServeUsage, kServeOptions, {}, {},
      nullptr, serve_command},
     {"run", "run [--] CMD [ARGS...]", "run CMD against a private simulator; exit with CMD's status", kRunUsage,
@@ -190,18 +190,18 @@ const CommandSpec kCommands[] = {
 
 }  // namespace
 
-std::span<const CommandSpec> command_table() { return kCommands; }
+std::span<const CommandRow> command_table() { return kCommands; }
 
-std::span<const OptionSpec> global_options() { return kGlobalOptions; }
+std::span<const OptionRow> global_options() { return kGlobalOptions; }
 
-const CommandSpec *find_command(std::string_view name) {
-    for (const CommandSpec &c : kCommands)
+const CommandRow *find_command(std::string_view name) {
+    for (const CommandRow &c : kCommands)
         if (c.name == name) return &c;
     return nullptr;
 }
 
-const SubcommandSpec *find_subcommand(const CommandSpec &command, std::string_view name) {
-    for (const SubcommandSpec &s : command.subcommands)
+const SubcommandRow *find_subcommand(const CommandRow &command, std::string_view name) {
+    for (const SubcommandRow &s : command.subcommands)
         if (s.name == name) return &s;
     return nullptr;
 }
@@ -209,7 +209,7 @@ const SubcommandSpec *find_subcommand(const CommandSpec &command, std::string_vi
 std::string overall_usage() {
     constexpr size_t kColumn = 25;   // where the summaries begin, after two blanks
     std::string text(kUsageHead);
-    for (const CommandSpec &c : kCommands) {
+    for (const CommandRow &c : kCommands) {
         text += "  ";
         text += c.synopsis;
         if (c.synopsis.size() + 2 <= kColumn)

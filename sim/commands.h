@@ -12,7 +12,7 @@
 
 namespace talvex::sim {
 
-struct CommandSpec;
+struct CommandRow;
 struct ControlCommand;
 struct Options;
 
@@ -22,14 +22,14 @@ using Words = std::span<const std::string_view>;
 inline constexpr std::string_view kFileNames = "@files";
 inline constexpr std::string_view kCommandNames = "@commands";
 
-struct OptionSpec {
+struct OptionRow {
     std::string_view name;      // without its dashes
     bool takes_value = false;
     Words values{};             // the values to offer, when there is a choice
 };
 
-constexpr OptionSpec flag(std::string_view name) { return {name, false, {}}; }
-constexpr OptionSpec with_value(std::string_view name, Words values = {}) { return {name, true, values}; }
+constexpr OptionRow flag(std::string_view name) { return {name, false, {}}; }
+constexpr OptionRow with_value(std::string_view name, Words values = {}) { return {name, true, values}; }
 
 // What a command's words other than its options are.
 struct Arguments {
@@ -42,15 +42,15 @@ struct Arguments {
     Words first{};
 };
 
-struct SubcommandSpec {
+struct SubcommandRow {
     std::string_view name;
-    std::span<const OptionSpec> options;
+    std::span<const OptionRow> options;
     Arguments arguments;
 };
 
 // A command line as a command that talvexsim runs itself gets it.
 struct Invocation {
-    const CommandSpec &spec;
+    const CommandRow &row;
     std::vector<std::string> words;      // after the command word, --socket taken out
     std::optional<std::string> socket;   // --socket, when given
     std::string socket_path;             // where to look for a simulator
@@ -63,12 +63,12 @@ using ControlParser = bool (*)(std::string_view subcommand, const Options &, Con
 // A command that talvexsim runs itself; returns the exit status.
 using LocalHandler = int (*)(const Invocation &);
 
-struct CommandSpec {
+struct CommandRow {
     std::string_view name;
     std::string_view synopsis, summary;   // its line in talvexsim --help
     std::string_view usage;               // its own --help, ending with a newline
-    std::span<const OptionSpec> options;
-    std::span<const SubcommandSpec> subcommands;
+    std::span<const OptionRow> options;
+    std::span<const SubcommandRow> subcommands;
     Arguments arguments;
     // One of the two: a control command, forwarded to the simulator (which
     // parses it again and runs it), or a command run here.
@@ -76,11 +76,11 @@ struct CommandSpec {
     LocalHandler run = nullptr;
 };
 
-std::span<const CommandSpec> command_table();
-const CommandSpec *find_command(std::string_view name);
-const SubcommandSpec *find_subcommand(const CommandSpec &command, std::string_view name);
+std::span<const CommandRow> command_table();
+const CommandRow *find_command(std::string_view name);
+const SubcommandRow *find_subcommand(const CommandRow &command, std::string_view name);
 // The options that talvexsim takes before any command.
-std::span<const OptionSpec> global_options();
+std::span<const OptionRow> global_options();
 
 // `talvexsim --help`.
 std::string overall_usage();

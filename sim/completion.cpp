@@ -16,27 +16,27 @@ namespace talvex::sim {
 
 namespace {
 
-const OptionSpec *option_named(std::span<const OptionSpec> options, std::string_view word) {
+const OptionRow *option_named(std::span<const OptionRow> options, std::string_view word) {
     if (!word.starts_with("--")) return nullptr;
-    for (const OptionSpec &o : options)
+    for (const OptionRow &o : options)
         if (word.substr(2) == o.name) return &o;
     return nullptr;
 }
 
 std::vector<std::string> listed(Words words) { return {words.begin(), words.end()}; }
 
-std::vector<std::string> options_of(std::span<const OptionSpec> options) {
+std::vector<std::string> options_of(std::span<const OptionRow> options) {
     std::vector<std::string> out;
-    for (const OptionSpec &o : options) out.push_back("--" + std::string(o.name));
+    for (const OptionRow &o : options) out.push_back("--" + std::string(o.name));
     return out;
 }
 
 // Everything that may stand at the word being typed, before filtering.
 std::vector<std::string> candidates(std::span<const std::string> before, bool dash) {
     size_t i = 0;
-    const CommandSpec *command = nullptr;
+    const CommandRow *command = nullptr;
     for (; i < before.size() && !command; ++i) {
-        if (const OptionSpec *o = option_named(global_options(), before[i]); o && o->takes_value) {
+        if (const OptionRow *o = option_named(global_options(), before[i]); o && o->takes_value) {
             if (++i == before.size()) return listed(o->values);
         } else if (!before[i].starts_with("-")) {
             command = find_command(before[i]);
@@ -46,22 +46,22 @@ std::vector<std::string> candidates(std::span<const std::string> before, bool da
     if (!command) {
         if (dash) return options_of(global_options());
         std::vector<std::string> out;
-        for (const CommandSpec &c : command_table()) out.emplace_back(c.name);
+        for (const CommandRow &c : command_table()) out.emplace_back(c.name);
         out.emplace_back("help");
         return out;
     }
 
-    std::span<const OptionSpec> options = command->options;
+    std::span<const OptionRow> options = command->options;
     Arguments arguments = command->arguments;
     const bool top = command->subcommands.empty();
     if (!top) {
         if (i == before.size()) {
             std::vector<std::string> out;
-            for (const SubcommandSpec &s : command->subcommands) out.emplace_back(s.name);
+            for (const SubcommandRow &s : command->subcommands) out.emplace_back(s.name);
             out.emplace_back("--help");
             return out;
         }
-        const SubcommandSpec *sub = find_subcommand(*command, before[i++]);
+        const SubcommandRow *sub = find_subcommand(*command, before[i++]);
         if (!sub) return {};
         options = sub->options;
         arguments = sub->arguments;
@@ -76,7 +76,7 @@ std::vector<std::string> candidates(std::span<const std::string> before, bool da
         } else if (!options_done && w == "--") {
             options_done = true;
         } else if (!options_done && w.starts_with("-")) {
-            const OptionSpec *o = option_named(options, w);
+            const OptionRow *o = option_named(options, w);
             if (!o) o = option_named(global_options(), w);   // --socket stands anywhere
             if (o && o->takes_value && ++i == before.size()) return listed(o->values);
         } else {

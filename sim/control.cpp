@@ -16,8 +16,8 @@ constexpr uint64_t kMaxStubOutput = 8u << 20;
 // coprocessor's), and clients read it as such.
 constexpr size_t kTimeSyncBytes = 16;
 
-const OptionSpec *find_option(std::span<const OptionSpec> known, std::string_view name) {
-    for (const OptionSpec &o : known)
+const OptionRow *find_option(std::span<const OptionRow> known, std::string_view name) {
+    for (const OptionRow &o : known)
         if (o.name == name) return &o;
     return nullptr;
 }
@@ -25,7 +25,7 @@ const OptionSpec *find_option(std::span<const OptionSpec> known, std::string_vie
 // Splits words into options and positional words. `known` lists the
 // options the command takes. "--" ends the options; "--name=value" is
 // accepted for options with a value.
-bool split_options(const std::vector<std::string> &words, size_t first, std::span<const OptionSpec> known,
+bool split_options(const std::vector<std::string> &words, size_t first, std::span<const OptionRow> known,
                    Options &opts, std::string &problem) {
     bool options_done = false;
     for (size_t i = first; i < words.size(); ++i) {
@@ -53,12 +53,12 @@ bool split_options(const std::vector<std::string> &words, size_t first, std::spa
             continue;
         }
         std::string value;
-        const OptionSpec *spec = find_option(known, name);
-        if (!spec) {
+        const OptionRow *row = find_option(known, name);
+        if (!row) {
             problem = "unknown option '--" + std::string(name) + "'";
             return false;
         }
-        if (spec->takes_value) {
+        if (row->takes_value) {
             if (inline_value) {
                 value = *inline_value;
             } else if (i + 1 < words.size()) {
@@ -381,8 +381,8 @@ std::optional<ControlCommand> parse_control(const std::vector<std::string> &word
         return std::nullopt;
     }
     const std::string &name = words[0];
-    const CommandSpec *spec = find_command(name);
-    if (!spec || !spec->parse) {
+    const CommandRow *row = find_command(name);
+    if (!row || !row->parse) {
         error = "talvexsim: unknown command '" + name + "'";
         return std::nullopt;
     }
@@ -394,20 +394,20 @@ std::optional<ControlCommand> parse_control(const std::vector<std::string> &word
     auto help = [&] {
         ControlCommand c;
         c.kind = ControlCommand::Kind::Help;
-        c.help = spec->usage;
+        c.help = row->usage;
         return c;
     };
     size_t first = 1;
-    std::span<const OptionSpec> options = spec->options;
+    std::span<const OptionRow> options = row->options;
     std::string_view sub;
-    if (!spec->subcommands.empty()) {
+    if (!row->subcommands.empty()) {
         sub = words.size() > 1 ? std::string_view(words[1]) : "";
         if (sub == "--help" || sub == "-h") return help();
-        const SubcommandSpec *s = find_subcommand(*spec, sub);
+        const SubcommandRow *s = find_subcommand(*row, sub);
         if (!s) {
             if (!sub.empty()) return fail("unknown subcommand '" + std::string(sub) + "'");
             std::string choices;
-            for (const SubcommandSpec &each : spec->subcommands)
+            for (const SubcommandRow &each : row->subcommands)
                 choices += (choices.empty() ? "" : " or ") + std::string(each.name);
             return fail("missing subcommand (" + choices + ")");
         }
@@ -421,7 +421,7 @@ std::optional<ControlCommand> parse_control(const std::vector<std::string> &word
     std::string problem;
     if (!split_options(words, first, options, o, problem)) return fail(problem);
     if (o.help) return help();
-    if (!spec->parse(sub, o, c, problem)) return fail(problem);
+    if (!row->parse(sub, o, c, problem)) return fail(problem);
     if (const std::string *svc = o.get("service")) c.service = *svc;
     c.call_stub.service = c.service;
     c.open_stub.service = c.service;
