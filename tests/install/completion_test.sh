@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Drives the bash completion of talvexctl and talvexsim as bash does on Tab
-# and checks the candidates, against the tools' own lists where they have one.
+# and checks the candidates: talvexctl's against its words written out in
+# talvexctl_words.sh, talvexsim's against its own help.
 #
-#   completion_test.sh SCRIPT SOURCE_DIR TALVEXCTL TALVEXSIM
+#   completion_test.sh SCRIPT TALVEXCTL TALVEXSIM
 set -uo pipefail
 
-script=$1 src=$2 ctl=$3 sim=$4
+script=$1 ctl=$2 sim=$3
 failures=0
 # talvexsim's completion asks the talvexsim being completed for its words.
 PATH="$(dirname "$sim"):$PATH"
@@ -63,10 +64,10 @@ expect_all_of() {
     done
 }
 
-# --- talvexctl: the command words are the command table's rows, hidden ones too.
-table=$(sed -n 's/^ *{"\([a-z0-9_]*\)", .*/\1/p' "$src/talvexctl/talvexctl.cpp")
-[ "$(wc -w <<<"$table")" -eq 44 ] || fail "expected 44 rows in the command table, read $(wc -w <<<"$table")"
-expect "talvexctl " "$table"
+# --- talvexctl: every command word, hidden ones too.
+# shellcheck source=talvexctl_words.sh
+source "$(dirname "$0")/talvexctl_words.sh"
+expect "talvexctl " "$talvexctl_commands"
 expect "talvexctl h" "halt halt_ms help"
 expect "talvexctl tym" "tymesync"
 expect "talvexctl cpu" "cpuload"
@@ -109,10 +110,8 @@ expect "talvexctl setbaudrate 1" "112500 1500000"
 expect "talvexctl setstate 0x8" "0x80 0x81 0x82 0x83"
 expect "talvexctl ping " ""
 
-# start: its long options (read from the tool's option table), then an image file.
-options=$(sed -n 's/^ *{{"\([a-z]*\)", no_argument.*/--\1/p' "$src/talvexctl/start.cpp")
-[ "$(wc -w <<<"$options")" -eq 7 ] || fail "expected 7 start options, read: $options"
-expect "talvexctl start --" "$options"
+# start: its boot options, then an image file.
+expect "talvexctl start --" "$talvexctl_start_options"
 expect "talvexctl start --nop" "--nopaniccheck"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

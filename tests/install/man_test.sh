@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Renders the manual pages with man and groff, failing on any warning, and
-# checks that they cover what the tools have: every command of talvexctl's
-# table, every boot option, every talvexsim command and every option its
-# own help names.
+# checks that they cover what the tools have: every talvexctl command and
+# boot option (talvexctl_words.sh), every talvexsim command and every option
+# its own help names.
 #
 #   man_test.sh SOURCE_DIR TALVEXSIM
 # Exit 77: neither man nor groff is installed.
@@ -55,13 +55,13 @@ has_entry() {
     grep -Eq "^ {7}([a-z0-9_]+, )*$2([ ,]|\$)" <<<"${text[$1]}"
 }
 
-# talvexctl: every command of the table, hidden ones included.
-table=$(sed -n 's/^ *{"\([a-z0-9_]*\)", .*/\1/p' "$src/talvexctl/talvexctl.cpp")
-[ "$(wc -w <<<"$table")" -eq 44 ] || fail "expected 44 rows in the command table, read $(wc -w <<<"$table")"
-for cmd in $table; do
+# talvexctl: every command, hidden ones included, and every boot option.
+# shellcheck source=talvexctl_words.sh
+source "$(dirname "$0")/talvexctl_words.sh"
+for cmd in $talvexctl_commands; do
     has_entry talvexctl.1 "$cmd" || fail "talvexctl.1 has no entry for the command $cmd"
 done
-for option in $(sed -n 's/^ *{{"\([a-z]*\)", no_argument.*/--\1/p' "$src/talvexctl/start.cpp"); do
+for option in $talvexctl_start_options; do
     grep -q -- "$option" <<<"${text[talvexctl.1]}" || fail "talvexctl.1 does not name start's option $option"
 done
 
