@@ -4,7 +4,9 @@
 //   === TITLE                a case; "=== TITLE [serve ARGS...]" starts the
 //                            simulator with those serve options
 //   $ talvexctl ARGS...      a command; talvexsim ARGS... runs a control
-//                            command against the case's simulator
+//                            command against the case's simulator; a last
+//                            word 2>&1 sends talvexctl's standard error to
+//                            its standard output
 //   | TEXT                   a line the command prints on standard output
 //   ! TEXT                   a line on standard error (file paths and line
 //                            numbers of diagnostics normalised)
@@ -16,6 +18,7 @@
 //
 // Standard output and error are compared whole: a command given no "|" lines
 // must print nothing there. Words are split at blanks; "..." and '...' quote.
+// The handle a failed property call prints (handle=0x...) reads handle=P.
 #include "harness.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +28,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,6 +40,7 @@ using namespace talvex::test;
 struct Command {
     int line = 0;
     std::vector<std::string> argv;   // argv[0] is talvexctl or talvexsim
+    bool merged = false;             // standard error goes to standard output
     std::string out, err;            // expected, whole
     int status = 0;
     bool check_trace = false;
@@ -115,6 +120,11 @@ std::vector<Case> read_cases(const std::filesystem::path &path, std::string &err
             if (!split_words(text.substr(2), command.argv, why)) return fail(line, why);
             if (command.argv.empty() || (command.argv[0] != "talvexctl" && command.argv[0] != "talvexsim"))
                 return fail(line, "a command runs talvexctl or talvexsim");
+            if (command.argv.back() == "2>&1") {
+                if (command.argv[0] != "talvexctl") return fail(line, "2>&1 is for talvexctl");
+                command.merged = true;
+                command.argv.pop_back();
+            }
             commands.push_back(std::move(command));
             continue;
         }
@@ -157,7 +167,16 @@ public:
             std::string where = case_.file + ":" + std::to_string(command.line);
             std::vector<std::string> args(command.argv.begin() + 1, command.argv.end());
             if (command.check_trace) sim.trace(true);
-            RunResult r = command.argv[0] == "talvexctl" ? sim.tool(args) : sim.control(args);
+            RunResult r;
+            if (command.merged) {
+                args.insert(args.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", talvexctl_path()});
+                r = run(args, sim.env());
+                r.out = normalise(r.out);
+            } else {
+                r = command.argv[0] == "talvexctl" ? sim.tool(args) : sim.control(args);
+            }
+            static const std::regex handle("handle=0x[0-9a-f]+");
+            r.out = std::regex_replace(r.out, handle, "handle=P");
             EXPECT_FALSE(r.timed_out) << where << ": the command did not finish";
             EXPECT_EQ(as_case_lines(r.out, "|"), as_case_lines(command.out, "|")) << where << ": standard output";
             EXPECT_EQ(as_case_lines(normalise(r.err), "!"), as_case_lines(command.err, "!"))
