@@ -14,18 +14,11 @@ std::string report(const char *condition, const char *message, long line, uint32
     return testing::internal::GetCapturedStderr();
 }
 
+// The whole path and the real line, which the case files normalise away, and
+// a code without a text.
 TEST(AssertReport, BothForms) {
-    EXPECT_EQ(report("argc == 2", "", 120, 0),
-              "AssertMacros: argc == 2,  file: /src/talvexctl/talvexctl.cpp, line: 120\n");
     EXPECT_EQ(report("service", "cannot find ZantraTalvexProcessor", 7, 0),
               "AssertMacros: service, cannot find ZantraTalvexProcessor file: /src/talvexctl/talvexctl.cpp, line: 7\n");
-    // A null message prints as empty: two blanks before "file:".
-    EXPECT_EQ(report("result == 0 ", nullptr, 99, 0xe00002c2),
-              "AssertMacros: result == 0 , (iokit/common) invalid argument (0xe00002c2)  file: "
-              "/src/talvexctl/talvexctl.cpp, line: 99\n");
-    EXPECT_EQ(report("result == 0 ", "msg", 1, 0xe00002c7),
-              "AssertMacros: result == 0 , (iokit/common) unsupported function (0xe00002c7) msg file: "
-              "/src/talvexctl/talvexctl.cpp, line: 1\n");
     EXPECT_EQ(report("x", nullptr, 2, 0xe3ff8100),
               "AssertMacros: x, unknown error code (0xe3ff8100)  file: /src/talvexctl/talvexctl.cpp, line: 2\n");
 }

@@ -1,7 +1,6 @@
-// Support for tests that drive the driver client or the tool against a
-// private simulator: the trace's call lines, a command's run with what
-// reached the driver, stubs, reply bytes built field by field, and the
-// diagnostic lines the tool prints (normalised).
+// Support for tests that drive the tool against a private simulator: the
+// trace's call lines, control commands, and the diagnostic lines the tool
+// prints (normalised).
 #pragma once
 
 #include "harness.h"
@@ -76,112 +75,14 @@ inline std::vector<TraceCall> trace_calls(const std::vector<std::string> &trace)
     return calls;
 }
 
-// How many user-client opens the trace shows.
-inline size_t trace_opens(const std::vector<std::string> &trace) {
-    size_t n = 0;
-    for (const auto &line : trace) n += trace_field(line, "open").has_value();
-    return n;
-}
-
 // ---------------------------------------------------------------------------
 // Running the tool.
-
-struct Outcome {
-    RunResult r;
-    std::string err;                  // normalised
-    size_t opens = 0;
-    std::vector<TraceCall> calls;
-    std::vector<std::string> events;  // the models' event lines
-    size_t lines = 0;                 // every trace line: opens, calls, events, registry writes
-};
-
-inline Outcome run(const Simulator &sim, const Words &args) {
-    sim.trace(true);
-    Outcome o;
-    o.r = sim.tool(args);
-    o.err = normalise(o.r.err);
-    auto trace = sim.trace();
-    o.opens = trace_opens(trace);
-    o.calls = trace_calls(trace);
-    for (const auto &line : trace)
-        if (trace_field(line, "event")) o.events.push_back(line);
-    o.lines = trace.size();
-    return o;
-}
 
 // A control command that must succeed.
 inline void control(const Simulator &sim, const Words &args) {
     RunResult r = sim.control(args);
     ASSERT_EQ(r.status, 0) << r.err;
 }
-
-// Stubs answering one call of `selector` with `output` (hex) or with `code`;
-// `match` narrows them (--scalars, --input-prefix, --service).
-inline void stub_once(const Simulator &sim, uint32_t selector, const std::string &output, const Words &match = {}) {
-    Words args{"stub", "--selector", std::to_string(selector), "--output", output, "--times", "1"};
-    args.insert(args.end(), match.begin(), match.end());
-    control(sim, args);
-}
-inline void stub_code(const Simulator &sim, uint32_t selector, const std::string &code, const Words &match = {}) {
-    Words args{"stub", "--selector", std::to_string(selector), "--code", code, "--times", "1"};
-    args.insert(args.end(), match.begin(), match.end());
-    control(sim, args);
-}
-
-// Runs a command that must succeed printing `out`, with one driver call; returns it.
-inline TraceCall one_call(const Simulator &sim, const Words &args, const std::string &out = "") {
-    Outcome o = run(sim, args);
-    EXPECT_EQ(o.r.status, 0) << args[0] << ": " << o.r.err;
-    EXPECT_EQ(o.r.out, out) << args[0];
-    EXPECT_EQ(o.r.err, "") << args[0];
-    EXPECT_EQ(o.calls.size(), 1u) << args[0];
-    return o.calls.empty() ? TraceCall{} : o.calls[0];
-}
-
-// ---------------------------------------------------------------------------
-// Bytes.
-
-// Request and reply bytes, little-endian, as the trace's hex text.
-class Hex {
-public:
-    Hex &u8(uint8_t v) { return byte(v); }
-    Hex &u16(uint16_t v) { return byte(v & 0xff).byte(v >> 8); }
-    Hex &u32(uint32_t v) {
-        for (int i = 0; i < 4; ++i) byte(static_cast<uint8_t>(v >> (8 * i)));
-        return *this;
-    }
-    Hex &i32(int32_t v) { return u32(static_cast<uint32_t>(v)); }
-    Hex &bytes(const std::vector<uint8_t> &v) {
-        for (uint8_t b : v) byte(b);
-        return *this;
-    }
-    // The text's bytes, then zeros up to `field` bytes (all of them and no more by default).
-    Hex &text(const std::string &s, size_t field = std::string::npos) {
-        if (field == std::string::npos) field = s.size();
-        for (size_t i = 0; i < field; ++i) byte(i < s.size() ? static_cast<uint8_t>(s[i]) : 0);
-        return *this;
-    }
-    Hex &zeros(size_t n) { return fill(n, 0); }
-    Hex &fill(size_t n, uint8_t b) {
-        for (size_t i = 0; i < n; ++i) byte(b);
-        return *this;
-    }
-    const std::string &str() const { return s_; }
-    operator const std::string &() const { return s_; }
-    size_t size() const { return s_.size() / 2; }
-
-private:
-    Hex &byte(uint8_t b) {
-        static const char digits[] = "0123456789abcdef";
-        s_ += digits[b >> 4];
-        s_ += digits[b & 15];
-        return *this;
-    }
-    std::string s_;
-};
-
-inline std::string hex(const std::vector<uint8_t> &bytes) { return Hex().bytes(bytes).str(); }
-inline std::string zeros(size_t n) { return std::string(2 * n, '0'); }
 
 // ---------------------------------------------------------------------------
 // Diagnostic lines, normalised. A file without a folder is the tool's.
@@ -206,12 +107,6 @@ inline std::string twice(const std::string &text, const std::string &file) {
 inline std::string no_driver(const std::string &file) {
     return check("service", "client/handle.cpp", "cannot find ZantraTalvexProcessor") + check("talvex", file);
 }
-
-inline const std::string kGeneralError = "(iokit/common) general error (0xe00002bc)";
-inline const std::string kNotReady = "(iokit/common) not ready (0xe00002d8)";
-inline const std::string kUnsupported = "(iokit/common) unsupported function (0xe00002c7)";
-inline const std::string kBadArgument = "(iokit/common) invalid argument (0xe00002c2)";
-inline const std::string kNotResponding = "(iokit/common) device not responding (0xe00002ed)";
 
 inline void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 

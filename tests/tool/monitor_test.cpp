@@ -118,7 +118,7 @@ TEST(Monitor, IntervalsCountFromThePreviousPrintedLine) {
 
 TEST(Monitor, StateWithoutANumericPropertyIsUnknownAndEventsStillArrive) {
     Simulator sim;
-    // (A deleted property reads the same: lifecycle_test.cpp.)
+    // (A deleted property reads the same: tests/cases/lifecycle.case.)
     RunResult edit = sim.control({"property", "set", "talvex-state", "booted", "--type", "string"});
     ASSERT_EQ(edit.status, 0) << edit.err;
     auto p = sim.start_tool({"monitor"});
