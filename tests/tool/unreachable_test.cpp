@@ -75,7 +75,10 @@ TEST(Unreachable, SimulatorsThatCannotBeUsedLookLikeNoDriver) {
 
 TEST(Unreachable, ARequestWhoseReplyNeverComesFailsAsTimedOut) {
     FakePeer at_call(stall_at(talvex::wire::Op::Call)), at_open(stall_at(talvex::wire::Op::Open)),
-        at_match(stall_at(talvex::wire::Op::Match));
+        at_match(stall_at(talvex::wire::Op::Match)), at_report(stall_at(talvex::wire::Op::Call));
+    // report announces itself before its call: the line is out while the call waits.
+    Process report({talvexctl_path(), "report"}, at(at_report.socket()));
+    EXPECT_TRUE(report.wait_for_stdout("calling test report\n", std::chrono::seconds(5))) << report.out();
     expect_all({
         {"no reply to the call", at(at_call.socket()), {"ping"}, "ping result: " + kTimedOut + "\n",
          twice(kTimedOut, "lifecycle.cpp")},
@@ -83,6 +86,7 @@ TEST(Unreachable, ARequestWhoseReplyNeverComesFailsAsTimedOut) {
          coded(kTimedOut, "client/handle.cpp") + check("talvex", "lifecycle.cpp")},
         {"no reply to the match", at(at_match.socket()), {"ping"}, "", no_driver("lifecycle.cpp")},
     });
+    EXPECT_EQ(report.wait(kBound).status, 1);
 }
 
 TEST(Unreachable, AStoppedSimulatorEndsTheReportCommandsButNotTheMonitor) {
