@@ -316,25 +316,3 @@ TEST(ReportHubFreshProcess, RefusedOpenAndRefusedSelector0) {
     EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "kIOReportUserClientOpen failed 0xe00002c7");
     control({"stub", "--clear"});
 }
-
-TEST(SimCli, ClockAndChannelOptions) {
-    using talvex::test::run;
-    using talvex::test::talvexsim_path;
-    const std::string sim_bin = talvexsim_path();
-    auto r = run({sim_bin, "serve", "--clock", "sometimes"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "talvexsim: serve: bad value for --clock: 'sometimes' (real or step)\n");
-    r = run({sim_bin, "run", "--channels", "100001", "--", "true"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "talvexsim: run: bad number for --channels: '100001' (0 to 100000)\n");
-    r = run({sim_bin, "run", "--channels"});
-    EXPECT_EQ(r.err, "talvexsim: run: missing value for --channels\n");
-
-    // The extra channels exist only when asked for; --clock=step is the same as --clock step.
-    r = run({sim_bin, "run", "--clock=step", "--channels", "4", "--", sim_bin, "channel", "set", "--index", "3",
-             "X0000004", "9"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    r = run({sim_bin, "run", "--", sim_bin, "channel", "set", "X0000004", "9"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "talvexsim: channel set: ZantraTalvexProcessor has no channel 'X0000004'\n");
-}

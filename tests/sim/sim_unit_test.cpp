@@ -85,11 +85,6 @@ TEST(SimUnit, TimersRunInDueOrderAndCanBeCancelled) {
     EXPECT_FALSE(step.real_wait_until(kNanosPerSecond));   // only a step moves it
     step.advance(kNanosPerSecond);
     EXPECT_EQ(step.real_wait_until(kNanosPerSecond), std::chrono::milliseconds(0));
-    RealClock real;
-    auto wait = real.real_wait_until(real.now_ns() + 50'000'000);
-    ASSERT_TRUE(wait);
-    EXPECT_GT(wait->count(), 40);
-    EXPECT_LE(wait->count(), 50);
 }
 
 // (Publication is checked through the control commands in sim_cli_test.cpp.)
@@ -219,12 +214,7 @@ TEST(SimUnit, StubsMatchNewestFirstAndRetire) {
 }
 
 TEST(SimUnit, TraceFormatsAndStaysBounded) {
-    const uint64_t scalars[] = {1, UINT64_MAX};
-    const uint8_t input[] = {0x00, 0xab};
-    EXPECT_EQ(Trace::call_line("S", args_for(3, scalars, input, 2, 16), kIOReturnBadArgument),
-              R"({"service":"S","selector":3,"scalars":[1,18446744073709551615],"input":"00ab","output_size":16,"scalar_output_count":2,"result":3758097090})");
-    EXPECT_EQ(Trace::open_line("S", 0, 0), R"({"service":"S","open":0,"result":0})");
-
+    // (Call and open lines are compared in every case of tests/cases.)
     EXPECT_EQ(json_string("a\"b\\c\n\x01\x7f"), R"("a\"b\\c\n\u0001\u007f")");
     EXPECT_EQ(json_string("\xc3\xa9"), "\"\xc3\xa9\"");            // valid UTF-8 passes
     EXPECT_EQ(json_string("\xc3(\xed\xa0\x80"), R"("\ufffd(\ufffd\ufffd\ufffd")");   // broken and surrogate
