@@ -5,15 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <IOKit/IOCFSerialize.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "cf_ref.h"
+#include "harness.h"
 #include "sim_rig.h"
 
 using namespace talvex;
@@ -52,16 +51,6 @@ std::pair<uint64_t, uint64_t> times_of(const SimEvent &e) {
     }
     return {wire::load_le64(e.data.data()), wire::load_le64(e.data.data() + 8)};
 }
-
-// An empty file of its own, removed at the end.
-struct TempFile {
-    std::string path = [] {
-        char name[] = "/tmp/talvex-image-XXXXXX";
-        if (int fd = mkstemp(name); fd >= 0) close(fd);
-        return std::string(name);
-    }();
-    ~TempFile() { std::remove(path.c_str()); }
-};
 
 TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     SimRig rig;
@@ -119,19 +108,21 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
 
 TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
     SimRig rig;
-    TempFile image;
+    TempDir dir;
+    const std::string image = dir.path + "/fw.bin";
+    std::fclose(std::fopen(image.c_str(), "w"));
     EXPECT_EQ(rig.code(kTalvexMethodStop), kOk);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateStopped});
     EXPECT_EQ(rig.code(kTalvexMethodStop), kOk);   // already stopped: no change, no message
     EXPECT_TRUE(rig.events().empty());
 
     // Requests the driver cannot take leave it stopped and log nothing.
-    auto request = image_request(image.path);
+    auto request = image_request(image);
     const std::string relative = "fw.bin";
-    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image.path + ".missing")), kNotFound);
+    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image + ".missing")), kNotFound);
     EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request("/")), kNotFound);   // not a file
     EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(relative)), kBadArgument);
-    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image.path, "image")), kBadArgument);
+    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image, "image")), kBadArgument);
     // Not a dictionary.
     EXPECT_EQ(rig.code_text(kTalvexMethodLoadFirmware, std::string("<string>x</string>", 19)), kBadArgument);
     EXPECT_EQ(rig.code_text(kTalvexMethodLoadFirmware, "<dict>"), kBadArgument);   // does not parse
@@ -152,7 +143,7 @@ TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
     // The boot's event line comes before its call line.
     ASSERT_GE(rig.sim->trace().lines(), 2u);
     EXPECT_EQ(rig.sim->trace().line(0), R"({"service":"ZantraTalvexProcessor","event":"boot","number":12,"flags":5,"image":")" +
-                                             image.path + "\"}");
+                                             image + "\"}");
     EXPECT_NE(rig.sim->trace().line(1).find("\"selector\":2,\"scalars\":[12,5]"), std::string::npos);
 
     // From off, in the middle of a reset: the reset's own boot step is dropped.
