@@ -38,8 +38,8 @@ void monitor_event(uint32_t message_type, void *message_argument) {
         uint64_t ap = ~0ull, talvex = ~0ull;
         if (message_argument) {
             const auto *times = static_cast<const uint8_t *>(message_argument);
-            ap = TalvexLoadLE64(times);
-            talvex = TalvexLoadLE64(times + 8);
+            ap = load_le64(times);
+            talvex = load_le64(times + 8);
         }
         std::printf("%10.2f [%6.2f]: timesync event: ap %llx, talvex %llx\n", now, interval,
                     static_cast<unsigned long long>(ap), static_cast<unsigned long long>(talvex));

@@ -57,8 +57,8 @@ IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t proper
 
 IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t second, void *reply) {
     uint8_t request[kTalvexProfileQueryInSize] = {};
-    TalvexStoreLE32(request + 0, first);
-    TalvexStoreLE32(request + 4, second);
+    store_le32(request + 0, first);
+    store_le32(request + 4, second);
     // bytes 8..71: a text field this operation leaves zero
     size_t reply_size = kTalvexProfileQueryOutSize;
     return TalvexCallStruct(talvex, kTalvexMethodProfileEntry, request, sizeof request, reply, &reply_size);
@@ -72,7 +72,7 @@ IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value) {
 IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply) {
     uint8_t request[kTalvexClientListInSize];
     request[0] = first;
-    TalvexStoreLE32(request + 1, second);
+    store_le32(request + 1, second);
     size_t reply_size = kTalvexClientListOutSize;
     return TalvexCallStruct(talvex, kTalvexMethodClientList, request, sizeof request, reply, &reply_size);
 }
@@ -82,7 +82,7 @@ IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, cons
     uint8_t request[kTalvexI2CReadInSize];
     request[0] = port;
     request[1] = address;
-    TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
+    store_le16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     size_t reply_size = length;
     return TalvexCallStruct(talvex, kTalvexMethodI2CRead, request, sizeof request, reply, &reply_size);
@@ -98,7 +98,7 @@ IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, con
     uint8_t request[kTalvexI2CWriteInSize] = {};
     request[0] = port;
     request[1] = address;
-    TalvexStoreLE16(request + 2, reg ? *reg : kTalvexNoRegister);
+    store_le16(request + 2, reg ? *reg : kTalvexNoRegister);
     request[4] = static_cast<uint8_t>(length);
     if (length) std::memcpy(request + 5, data, length);
     return TalvexCallStruct(talvex, kTalvexMethodI2CWrite, request, sizeof request, nullptr, nullptr);

@@ -4,14 +4,23 @@
 #pragma once
 
 #include "talvex_assert.h"
-#include "talvex_bytes.h"
 #include "talvex_driver.h"
 
 #include <IOKit/IOKitLib.h>
+#include <little_endian.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+
+// Driver structures are little-endian; their fields are read and written
+// with the platform layer's loads and stores.
+using talvex::wire::load_le16;
+using talvex::wire::load_le32;
+using talvex::wire::load_le64;
+using talvex::wire::store_le16;
+using talvex::wire::store_le32;
+using talvex::wire::store_le64;
 
 // The monitor's event callable: (message type, message argument).
 using TalvexEventBlock = std::function<void(uint32_t message_type, void *message_argument)>;

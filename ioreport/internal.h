@@ -6,6 +6,8 @@
 
 #include "IOReport.h"
 
+#include <little_endian.h>
+
 #include <cstdint>
 #include <functional>
 #include <utility>
@@ -131,22 +133,9 @@ inline constexpr size_t kElemCount = 20;
 inline constexpr size_t kElemStamp = 24;
 inline constexpr size_t kElemValues = 32;
 
-inline uint16_t load16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-inline uint64_t load64(const uint8_t *p) {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
-    return v;
-}
-inline void store64(uint8_t *p, uint64_t v) {
-    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-inline void store32(uint8_t *p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-inline uint32_t load32(const uint8_t *p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-           (static_cast<uint32_t>(p[3]) << 24);
-}
+// Elements and interest lists are little-endian: read and written with
+// wire::load_le64 and its kin.
+namespace wire = talvex::wire;
 
 // Channel type fields.
 inline uint8_t typeFormat(uint64_t type) { return static_cast<uint8_t>(type); }

@@ -69,7 +69,7 @@ constexpr int kMaxInterests = 89478478;   // 24 * N + 8 must fit in a signed 32-
 bool createInterestList(CFDictionaryRef channels, int count, std::vector<uint8_t> &list) {
     if (count < 0 || count >= kMaxInterests) return false;
     list.assign(24 * static_cast<size_t>(count) + 8, 0);
-    store32(list.data(), static_cast<uint32_t>(count));
+    wire::store_le32(list.data(), static_cast<uint32_t>(count));
     int written = 0;
     int r = IOReportIterate(channels, [&](CFMutableDictionaryRef channel) {
         uint64_t driver = IOReportChannelGetDriverID(channel);
@@ -78,9 +78,9 @@ bool createInterestList(CFDictionaryRef channels, int count, std::vector<uint8_t
         if (driver == kSentinel || id == kSentinel || getChannelType(channel, &type) != kIOReturnSuccess) return 1;
         if (written >= count) return 1;
         uint8_t *entry = list.data() + 8 + 24 * static_cast<size_t>(written);
-        store64(entry, driver);
-        store64(entry + 8, id);
-        store64(entry + 16, type);
+        wire::store_le64(entry, driver);
+        wire::store_le64(entry + 8, id);
+        wire::store_le64(entry + 16, type);
         ++written;
         return 0;
     });
@@ -197,7 +197,7 @@ public:
         size_t pos = 0;
         end_ = End::Exact;
         while (pos < elements) {
-            uint16_t count = load16(bytes + pos * kElementSize + kElemCount);
+            uint16_t count = wire::load_le16(bytes + pos * kElementSize + kElemCount);
             if (count == 0) {
                 end_ = End::ZeroCount;
                 break;
@@ -213,7 +213,7 @@ public:
         mask_ = capacity - 1;
         for (size_t r = 0; r < runs_.size(); ++r) {
             const uint8_t *e = element(runs_[r]);
-            if (!insert(load64(e + kElemDriverID), load64(e + kElemChannelID), r)) runs_[r] |= kRepeat;
+            if (!insert(wire::load_le64(e + kElemDriverID), wire::load_le64(e + kElemChannelID), r)) runs_[r] |= kRepeat;
         }
     }
 
@@ -244,7 +244,7 @@ private:
 
     bool matches(size_t run_start, uint64_t driver, uint64_t channel) const {
         const uint8_t *e = element(run_start & ~kRepeat);
-        return load64(e + kElemDriverID) == driver && load64(e + kElemChannelID) == channel;
+        return wire::load_le64(e + kElemDriverID) == driver && wire::load_le64(e + kElemChannelID) == channel;
     }
     static uint64_t hash(uint64_t driver, uint64_t channel) {
         uint64_t h = driver * 0x9E3779B97F4A7C15ull ^ (channel + 0x632BE59BD9B4E019ull + (driver << 6));
@@ -318,12 +318,12 @@ CFMutableDictionaryRef IOReportCreateSamplesRaw(CFMutableDictionaryRef subscribe
                 }
             }
             const uint8_t *run = index.element(static_cast<size_t>(pos));
-            size_t count = load16(run + kElemCount);
+            size_t count = wire::load_le16(run + kElemCount);
             // A matching run that claims more elements than the buffer holds
             // has nothing trustworthy to copy: keep the copy without elements.
             if (static_cast<size_t>(pos) + count > index.elements()) return 0;
             if (IOReportChannelGetFormat(channel) == kIOReportInvalidFormat) {
-                uint64_t type = load64(run + kElemType);
+                uint64_t type = wire::load_le64(run + kElemType);
                 setChannelType(channel, &type);
             }
             // Room for the whole run up front: the bytes then sit in the data

@@ -235,7 +235,7 @@ CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, 
     char idText[10];
     const char *name = nameText.get();
     if (!name) {
-        std::snprintf(idText, sizeof idText, "%llx", static_cast<unsigned long long>(load64(elements + kElemChannelID)));
+        std::snprintf(idText, sizeof idText, "%llx", static_cast<unsigned long long>(wire::load_le64(elements + kElemChannelID)));
         name = idText;
     }
     CFStringRef label = IOReportChannelGetUnitLabel(sample);

@@ -20,7 +20,7 @@ bool readElement(CFDictionaryRef sample, uint8_t format, int32_t index, uint64_t
     if (!bytes || count != typeCountOf(sample)) return false;
     if (index < 0 || index >= count) return false;
     const uint8_t *e = bytes + static_cast<size_t>(index) * kElementSize + kElemValues;
-    for (int k = 0; k < 4; ++k) out[k] = load64(e + 8 * k);
+    for (int k = 0; k < 4; ++k) out[k] = wire::load_le64(e + 8 * k);
     return true;
 }
 
@@ -43,7 +43,7 @@ int64_t IOReportSimpleGetIntegerValue(CFDictionaryRef sample) {
     uint16_t count = 0;
     const uint8_t *bytes = getRawElements(sample, &count, kIOReportFormatSimple);
     if (!bytes || count != 1) return kNoValue;
-    return static_cast<int64_t>(load64(bytes + kElemValues));
+    return static_cast<int64_t>(wire::load_le64(bytes + kElemValues));
 }
 
 int64_t IOReportArrayGetValueAtIndex(CFDictionaryRef sample, int32_t index) {
@@ -52,7 +52,7 @@ int64_t IOReportArrayGetValueAtIndex(CFDictionaryRef sample, int32_t index) {
     const uint8_t *bytes = getRawElements(sample, &count, kIOReportFormatSimpleArray);
     if (!bytes || index / 4 >= count) return kNoValue;
     return static_cast<int64_t>(
-        load64(bytes + static_cast<size_t>(index / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(index % 4)));
+        wire::load_le64(bytes + static_cast<size_t>(index / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(index % 4)));
 }
 
 // ---------------------------------------------------------------- histogram
@@ -107,9 +107,9 @@ CFMutableArrayRef buildBucketBounds(CFDictionaryRef sample) {
     uint64_t previous = 0;
     int written = 0;
     for (CFIndex s = 0; s < segments; ++s, seg += 16) {
-        uint32_t base = load32(seg);
-        bool exponential = load32(seg + 4) != 0;
-        int32_t n = static_cast<int32_t>(load32(seg + 12));
+        uint32_t base = wire::load_le32(seg);
+        bool exponential = wire::load_le32(seg + 4) != 0;
+        int32_t n = static_cast<int32_t>(wire::load_le32(seg + 12));
         uint64_t power = 1;
         for (int32_t j = 0; j < n; ++j) {
             if (written >= buckets) return nullptr;
@@ -226,7 +226,7 @@ int IOReportStateGetCurrent(CFDictionaryRef sample) {
     int current = -1;
     uint64_t best = 0;
     for (int i = 0; i < count; ++i) {
-        uint64_t stamp = load64(bytes + static_cast<size_t>(i) * kElementSize + kElemStamp);
+        uint64_t stamp = wire::load_le64(bytes + static_cast<size_t>(i) * kElementSize + kElemStamp);
         if (stamp > best) {
             best = stamp;
             current = i;
@@ -260,8 +260,8 @@ IOReturn deltaState(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
         for (int k : {1, 2})
             if (va[k] == kSentinel || vb[k] == kSentinel) return kDeltaFailed;
         uint8_t *e = tb + static_cast<size_t>(i) * kElementSize + kElemValues;
-        store64(e + 8, vb[1] - va[1]);
-        store64(e + 16, vb[2] - va[2]);
+        wire::store_le64(e + 8, vb[1] - va[1]);
+        wire::store_le64(e + 16, vb[2] - va[2]);
     }
     return kIOReturnSuccess;
 }
@@ -288,8 +288,8 @@ IOReturn deltaHistogram(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t)
             }
         }
         uint8_t *e = tb + static_cast<size_t>(i) * kElementSize + kElemValues;
-        store64(e, vb[0] - va[0]);
-        store64(e + 24, sum);
+        wire::store_le64(e, vb[0] - va[0]);
+        wire::store_le64(e + 24, sum);
     }
     return kIOReturnSuccess;
 }
@@ -304,7 +304,7 @@ IOReturn deltaArray(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
         uint64_t va = static_cast<uint64_t>(IOReportArrayGetValueAtIndex(a, i));
         uint64_t vb = static_cast<uint64_t>(IOReportArrayGetValueAtIndex(b, i));
         uint64_t d = va == kSentinel ? vb : vb == kSentinel ? va : vb - va;
-        store64(tb + static_cast<size_t>(i / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(i % 4), d);
+        wire::store_le64(tb + static_cast<size_t>(i / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(i % 4), d);
     }
     return kIOReturnSuccess;
 }
@@ -329,7 +329,7 @@ IOReturn deltaRecord(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t, CF
         uint16_t n = 0;
         uint8_t *tb = getRawElements(t, &n, kIOReportFormatSimple);
         if (!tb) return kIOReturnError;
-        store64(tb + kElemValues, static_cast<uint64_t>(vb) - static_cast<uint64_t>(va));
+        wire::store_le64(tb + kElemValues, static_cast<uint64_t>(vb) - static_cast<uint64_t>(va));
         break;
     }
     case kIOReportFormatState:

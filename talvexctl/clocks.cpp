@@ -55,14 +55,14 @@ int TalvexCmdClkMeasure(int argc, char *argv[]) {
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
     uint8_t request[4];
-    TalvexStoreLE32(request, selector);
+    store_le32(request, selector);
     uint8_t reply[8] = {};
     size_t size = sizeof reply;
     IOReturn result =
         IOConnectCallStructMethod(talvex->connection, kTalvexMethodClockMeasure, request, sizeof request, reply, &size);
     if (result == 0) {
-        uint32_t reference = TalvexLoadLE32(reply);
-        uint32_t measured = TalvexLoadLE32(reply + 4);
+        uint32_t reference = load_le32(reply);
+        uint32_t measured = load_le32(reply + 4);
         double percent = reference ? static_cast<double>(measured) * 100.0 / static_cast<double>(reference) : 0.0;
         // With no word the label reads as the C library prints a null text.
         std::printf("%s clock speed: %d Hz (%f%%)\n", label ? label : "(null)", static_cast<int32_t>(measured),
@@ -85,7 +85,7 @@ int TalvexCmdClkStartup(int, char *[]) {
     uint32_t size = sizeof reply;
     IOReturn result = TalvexGetProperty(talvex, kTalvexDeviceTalvex, kTalvexPropertyIrcStartup, reply, &size);
     if (TALVEX_CALL_OK_TEXT(result)) {
-        auto ns = [&](size_t index) { return static_cast<int32_t>(TalvexLoadLE32(reply + 4 * index)); };
+        auto ns = [&](size_t index) { return static_cast<int32_t>(load_le32(reply + 4 * index)); };
         std::printf("IRC startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(0), ns(1), ns(2));
         std::printf("IRC pre-startup speed - mean:%d ns min:%d ns max:%d ns\n", ns(3), ns(4), ns(5));
         std::printf("IRC total speed - mean:%d ns min:%d ns max:%d ns\n", ns(6), ns(7), ns(8));

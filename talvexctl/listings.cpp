@@ -12,8 +12,8 @@ constexpr int kNameField = 69;
 // One row: the name (bounded to its field) and the four figures.
 void print_client(const uint8_t *reply) {
     std::printf("%-32.*s: %8d %8d %8d %8d\n", kNameField, reinterpret_cast<const char *>(reply + 4),
-                static_cast<int32_t>(TalvexLoadLE32(reply + 73)), static_cast<int32_t>(TalvexLoadLE32(reply + 77)),
-                static_cast<int32_t>(TalvexLoadLE32(reply + 81)), static_cast<int32_t>(TalvexLoadLE32(reply + 85)));
+                static_cast<int32_t>(load_le32(reply + 73)), static_cast<int32_t>(load_le32(reply + 77)),
+                static_cast<int32_t>(load_le32(reply + 81)), static_cast<int32_t>(load_le32(reply + 85)));
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ int TalvexCmdListClients(int argc, char *argv[]) {
         std::printf("name                               polling   report threshold timeLimit\n");
         print_client(reply);
         // The count is read again from every reply.
-        for (uint32_t i = 0; i < TalvexLoadLE32(reply); ++i) {
+        for (uint32_t i = 0; i < load_le32(reply); ++i) {
             result = TalvexClientList(talvex, device, i, reply);
             if (result != 0) break;
             if (reply[4] != 0) print_client(reply);

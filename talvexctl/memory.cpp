@@ -21,7 +21,7 @@ int mem_read(char *argv[]) {
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
     uint8_t request[kMemReadRequestSize];
-    TalvexStoreLE32(request, address);
+    store_le32(request, address);
     request[4] = block;
     request[5] = len;
     size_t reply_size = len;
@@ -42,7 +42,7 @@ int mem_write(int argc, char *argv[]) {
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
     uint8_t request[kMemWriteRequestSize] = {};
-    TalvexStoreLE32(request, address);
+    store_le32(request, address);
     request[4] = block;
     request[5] = static_cast<uint8_t>(len);
     std::memcpy(request + 6, buffer, sizeof buffer);

@@ -29,7 +29,7 @@ const char *mode_name(uint32_t mode) {
 
 int set_mode(TalvexHandle *talvex, uint8_t device, uint32_t mode) {
     uint8_t input[4];
-    TalvexStoreLE32(input, mode);
+    store_le32(input, mode);
     IOReturn result = TalvexPerfmonCall(talvex, device, kTalvexPerfmonItemMode, input, sizeof input, nullptr, nullptr);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
     return 0;
@@ -40,7 +40,7 @@ int show_mode(TalvexHandle *talvex, uint8_t device, const char *word) {
     uint32_t size = sizeof value;
     IOReturn result = TalvexReadProperty(talvex, device, kTalvexPerfmonItemMode, value, &size);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
-    std::printf("perfmon is %s for %s\n", mode_name(TalvexLoadLE32(value)), word);
+    std::printf("perfmon is %s for %s\n", mode_name(load_le32(value)), word);
     return 0;
 }
 
@@ -50,13 +50,13 @@ int show_report(TalvexHandle *talvex, uint8_t device) {
     size_t size = sizeof report;
     IOReturn result = TalvexPerfmonCall(talvex, device, kTalvexPerfmonItemReport, nullptr, 0, report, &size);
     if (!TALVEX_CALL_OK_TEXT(result)) return 1;
-    uint32_t count = TalvexLoadLE32(report);
+    uint32_t count = load_le32(report);
     for (uint32_t i = 0; i < count && i < kMaxEntries; ++i) {
         const uint8_t *entry = report + 4 + 24 * i;
         // An 8-character name fills its field without a terminator.
         std::printf("%-8.8s: num_samples=%d latency=[min=%d;max=%d;avg=%d]\n", reinterpret_cast<const char *>(entry),
-                    static_cast<int32_t>(TalvexLoadLE32(entry + 8)), static_cast<int32_t>(TalvexLoadLE32(entry + 12)),
-                    static_cast<int32_t>(TalvexLoadLE32(entry + 16)), static_cast<int32_t>(TalvexLoadLE32(entry + 20)));
+                    static_cast<int32_t>(load_le32(entry + 8)), static_cast<int32_t>(load_le32(entry + 12)),
+                    static_cast<int32_t>(load_le32(entry + 16)), static_cast<int32_t>(load_le32(entry + 20)));
     }
     return 0;
 }

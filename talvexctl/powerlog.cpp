@@ -30,7 +30,7 @@ const char *const kStateLines[4] = {
 
 // Each pair is stored period first, entry count second.
 void print_pair(const char *format, const uint8_t *pair) {
-    std::printf(format, TalvexLoadLE32(pair + 4), TalvexLoadLE32(pair));
+    std::printf(format, load_le32(pair + 4), load_le32(pair));
 }
 
 void print_record(const uint8_t *record) {
@@ -40,15 +40,15 @@ void print_record(const uint8_t *record) {
     // The blocks follow the first five rows of the device table.
     for (int d = 0; d < 5; ++d) {
         const uint8_t *block = record + 56 + 28 * d;
-        std::printf("Device %s, events: %u, dropped: %u\n", kTalvexDevices[d].name, TalvexLoadLE32(block + 16),
-                    TalvexLoadLE32(block + 20));
+        std::printf("Device %s, events: %u, dropped: %u\n", kTalvexDevices[d].name, load_le32(block + 16),
+                    load_le32(block + 20));
         print_pair("    Sleep        Entry = %u, Period = %u\n", block);
         print_pair("    Active       Entry = %u, Period = %u\n", block + 8);
     }
     std::printf("\n");
     for (int t = 0; t < 3; ++t) {
         const uint8_t *pair = record + 32 + 8 * t;
-        std::printf("Thread %d, Entry = %u, Period = %u\n", t, TalvexLoadLE32(pair + 4), TalvexLoadLE32(pair));
+        std::printf("Thread %d, Entry = %u, Period = %u\n", t, load_le32(pair + 4), load_le32(pair));
     }
 }
 

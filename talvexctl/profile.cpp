@@ -31,12 +31,12 @@ Entry read_entry(uint8_t *reply) {
     reply[67] = 0;
     Entry e;
     e.name = reinterpret_cast<const char *>(reply + 4);
-    e.max = static_cast<int32_t>(TalvexLoadLE32(reply + 68));
-    e.min = static_cast<int32_t>(TalvexLoadLE32(reply + 72));
-    e.hits = TalvexLoadLE16(reply + 76);
+    e.max = static_cast<int32_t>(load_le32(reply + 68));
+    e.min = static_cast<int32_t>(load_le32(reply + 72));
+    e.hits = load_le16(reply + 76);
     // Saves and total time share offset 78 on purpose: replies have always been read so.
-    e.saves = TalvexLoadLE16(reply + 78);
-    e.total_time = static_cast<int32_t>(TalvexLoadLE32(reply + 78));
+    e.saves = load_le16(reply + 78);
+    e.total_time = static_cast<int32_t>(load_le32(reply + 78));
     return e;
 }
 
@@ -56,9 +56,9 @@ int print_profile(TalvexHandle *talvex) {
     size_t size = sizeof summary;
     IOReturn result = TalvexCallStruct(talvex, kTalvexMethodProfileSummary, nullptr, 0, summary, &size);
     if (!TALVEX_CALL_OK(result)) return 1;
-    uint32_t hitpoints = TalvexLoadLE32(summary);
-    uint32_t functions = TalvexLoadLE32(summary + 4);
-    std::printf("profile runtime: %d\n\n", static_cast<int32_t>(TalvexLoadLE32(summary + 8)));
+    uint32_t hitpoints = load_le32(summary);
+    uint32_t functions = load_le32(summary + 4);
+    std::printf("profile runtime: %d\n\n", static_cast<int32_t>(load_le32(summary + 8)));
     std::printf("profile hitpoints (%d):\n", static_cast<int32_t>(hitpoints));
     uint8_t reply[kTalvexProfileQueryOutSize];
     for (uint32_t i = 0; i < hitpoints; ++i) {
@@ -87,8 +87,8 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
         IOReturn result = kIOReturnBadArgument;
         if (length < kNameField) {
             uint8_t request[kTalvexProfileQueryInSize] = {};
-            TalvexStoreLE32(request, kind);
-            TalvexStoreLE32(request + 4, kByName);
+            store_le32(request, kind);
+            store_le32(request + 4, kByName);
             std::memcpy(request + 8, id, length + 1);
             size_t size = sizeof reply;
             result = IOConnectCallStructMethod(talvex->connection, kTalvexMethodProfileEntry, request, sizeof request,

@@ -14,7 +14,7 @@ constexpr IOReturn kUnsupported = static_cast<IOReturn>(0xe00002c7);
 constexpr uint32_t kTextSize = 32;
 constexpr uint32_t kListSize = 128;
 
-int32_t word_at(const uint8_t *bytes, uint32_t index) { return static_cast<int32_t>(TalvexLoadLE32(bytes + 4 * index)); }
+int32_t word_at(const uint8_t *bytes, uint32_t index) { return static_cast<int32_t>(load_le32(bytes + 4 * index)); }
 
 // "LABEL" then the value, or "LABEL" then "error CODE".
 void print_value(TalvexHandle *talvex, uint8_t device, uint32_t property, const char *label) {

@@ -108,7 +108,7 @@ int TalvexCmdUart(int argc, char *argv[]) {
     request[2] = static_cast<uint8_t>(input_length);
     request[3] = retry;
     request[4] = preamble != kUartNoPreamble ? 1 : 0;
-    TalvexStoreLE32(request + 5, preamble);
+    store_le32(request + 5, preamble);
     std::memcpy(request + 9, payload, sizeof payload);
     uint8_t reply[kUartReplySize];
     std::memset(reply, 0xff, sizeof reply);

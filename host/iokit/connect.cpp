@@ -120,7 +120,7 @@ kern_return_t IOConnectCallMethod(io_connect_t connection, uint32_t selector, co
         uint8_t flags = static_cast<uint8_t>((output_struct ? 1 : 0) | (input_struct ? 2 : 0));
 
         Exchange ex(wire::Op::Call);
-        Encoder &b = ex.body();
+        wire::Writer &b = ex.body();
         b.u32(id);
         b.u32(selector);
         b.u32(input_count);

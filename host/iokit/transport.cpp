@@ -26,50 +26,24 @@ constexpr int kMaxFdsPerRead = 8;
 
 }  // namespace
 
-void Encoder::u16(uint16_t v) {
-    buf_.push_back(static_cast<uint8_t>(v));
-    buf_.push_back(static_cast<uint8_t>(v >> 8));
-}
-
-void Encoder::u32(uint32_t v) {
-    size_t at = buf_.size();
-    buf_.resize(at + 4);
-    wire::store_le32(buf_.data() + at, v);
-}
-
-void Encoder::u64(uint64_t v) {
-    size_t at = buf_.size();
-    buf_.resize(at + 8);
-    wire::store_le64(buf_.data() + at, v);
-}
-
-void Encoder::blob(std::span<const uint8_t> b) {
-    u32(static_cast<uint32_t>(b.size()));
-    bytes(b);
-}
-
-void Encoder::str(std::string_view s) {
-    u32(static_cast<uint32_t>(s.size()));
-    buf_.insert(buf_.end(), s.begin(), s.end());
-}
-
 // ---------------------------------------------------------------- Exchange
 
-Exchange::Exchange(wire::Op op) : t_(Transport::instance()), lock_(t_.mu_), op_(op), enc_(t_.out_) {
-    t_.out_.clear();
-    enc_.u32(0);   // length, patched in run()
-    enc_.u16(static_cast<uint16_t>(op));
-    enc_.u16(0);
-    enc_.u32(0);   // seq, patched in run()
+Exchange::Exchange(wire::Op op)
+    : t_(Transport::instance()), lock_(t_.mu_), op_(op), out_(std::move(t_.out_)) {
+    out_.u32(0);   // length, patched in run()
+    out_.u16(static_cast<uint16_t>(op));
+    out_.u16(0);
+    out_.u32(0);   // seq, patched in run()
 }
 
 Exchange::~Exchange() {
+    t_.out_ = out_.take();
     for (int fd : t_.fds_) close(fd);
     t_.fds_.clear();
 }
 
 Sent Exchange::run() {
-    std::vector<uint8_t> &out = t_.out_;
+    const std::vector<uint8_t> &out = out_.data();
     if (out.size() - 4 > wire::kMaxFrame) {
         code_ = kIOReturnMessageTooLarge;
         reply_ = {};
@@ -79,8 +53,8 @@ Sent Exchange::run() {
     if (s != Sent::Ok) return s;
     if (++t_.seq_ == 0) t_.seq_ = 1;   // 0 is the events' sequence number
     uint32_t seq = t_.seq_;
-    wire::store_le32(out.data(), static_cast<uint32_t>(out.size() - 4));
-    wire::store_le32(out.data() + 8, seq);
+    out_.patch_u32(0, static_cast<uint32_t>(out.size() - 4));
+    out_.patch_u32(8, seq);
     const auto deadline = Clock::now() + wire::kReplyTimeout;
     if (!wire::send_before(t_.fd_, out, deadline)) {
         t_.fail();

@@ -54,26 +54,11 @@ struct Event {
     std::vector<uint8_t> data;
 };
 
-// Appends little-endian fields to a reused byte buffer.
-class Encoder {
-public:
-    explicit Encoder(std::vector<uint8_t> &buf) : buf_(buf) {}
-    void u8(uint8_t v) { buf_.push_back(v); }
-    void u16(uint16_t v);
-    void u32(uint32_t v);
-    void u64(uint64_t v);
-    void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
-    void blob(std::span<const uint8_t> b);
-    void str(std::string_view s);
-
-private:
-    std::vector<uint8_t> &buf_;
-};
-
 class Transport;
 
 // One request and its reply. Holds the transport lock for its whole life:
 // encode the body, run(), then read code() and reply() before it goes away.
+// The request is written into the transport's reused output buffer.
 class Exchange {
 public:
     explicit Exchange(wire::Op op);
@@ -81,7 +66,7 @@ public:
     Exchange(const Exchange &) = delete;
     Exchange &operator=(const Exchange &) = delete;
 
-    Encoder &body() { return enc_; }
+    wire::Writer &body() { return out_; }
     Sent run();
     int32_t code() const { return code_; }
     // The reply body after the code; valid until this exchange ends.
@@ -94,7 +79,7 @@ private:
     Transport &t_;
     std::unique_lock<std::mutex> lock_;
     wire::Op op_;
-    Encoder enc_;
+    wire::Writer out_;
     int32_t code_ = 0;
     std::span<const uint8_t> reply_;
 };

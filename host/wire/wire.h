@@ -55,7 +55,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include "little_endian.h"
 
 namespace talvex::wire {
 
@@ -87,19 +90,30 @@ enum class ArgKind : uint8_t { None = 0, Value = 1, Data = 2 };
 class Writer {
 public:
     Writer() = default;
+    // Starts empty in the storage of `reuse` (a buffer kept from message to
+    // message keeps its capacity; take() gives it back).
+    explicit Writer(std::vector<uint8_t> &&reuse) : buf_(std::move(reuse)) { buf_.clear(); }
     void u8(uint8_t v) { buf_.push_back(v); }
-    void u16(uint16_t v);
-    void u32(uint32_t v);
-    void u64(uint64_t v);
+    void u16(uint16_t v) { store_le16(grow(2), v); }
+    void u32(uint32_t v) { store_le32(grow(4), v); }
+    void u64(uint64_t v) { store_le64(grow(8), v); }
     void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
     void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
     void str(std::string_view s);
     void blob(std::span<const uint8_t> b);
+    // Overwrites the u32 written at byte `at` (a length or a number known
+    // only once the rest is written).
+    void patch_u32(size_t at, uint32_t v) { store_le32(std::span(buf_), at, v); }
     const std::vector<uint8_t> &data() const { return buf_; }
     std::vector<uint8_t> take() { return std::move(buf_); }
     size_t size() const { return buf_.size(); }
 
 private:
+    // Room for n more bytes at the end.
+    uint8_t *grow(size_t n) {
+        buf_.resize(buf_.size() + n);
+        return buf_.data() + buf_.size() - n;
+    }
     std::vector<uint8_t> buf_;
 };
 
@@ -126,26 +140,6 @@ private:
     size_t pos_ = 0;
     bool ok_ = true;
 };
-
-// Little-endian loads and stores on raw byte buffers (wire structures).
-inline uint16_t load_le16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-inline uint32_t load_le32(const uint8_t *p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
-           (static_cast<uint32_t>(p[3]) << 24);
-}
-inline uint64_t load_le64(const uint8_t *p) {
-    return static_cast<uint64_t>(load_le32(p)) | (static_cast<uint64_t>(load_le32(p + 4)) << 32);
-}
-inline void store_le16(uint8_t *p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-inline void store_le32(uint8_t *p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-inline void store_le64(uint8_t *p, uint64_t v) {
-    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
 
 // Builds a request frame (length prefix included).
 std::vector<uint8_t> make_request(Op op, uint32_t seq, std::span<const uint8_t> body);

@@ -23,6 +23,28 @@ TEST(Wire, FieldsAreLittleEndianAndReadBack) {
     EXPECT_TRUE(r.at_end());
 }
 
+TEST(Wire, AReusedBufferStartsEmptyAndFieldsArePatchedInPlace) {
+    std::vector<uint8_t> kept{9, 9, 9, 9, 9, 9};
+    kept.reserve(64);
+    const uint8_t *storage = kept.data();
+    Writer w(std::move(kept));
+    w.u32(0);
+    w.u16(0x0201);
+    w.patch_u32(0, 0xa1b2c3d4u);
+    const std::vector<uint8_t> expect{0xd4, 0xc3, 0xb2, 0xa1, 0x01, 0x02};
+    EXPECT_EQ(w.data(), expect);
+    EXPECT_EQ(w.take().data(), storage);   // no new allocation
+
+    // Loads and stores at an offset into a span.
+    std::vector<uint8_t> b(12, 0);
+    store_le16(b, 0, 0xbeef);
+    store_le64(b, 4, 0x0102030405060708ull);
+    const std::vector<uint8_t> fields{0xef, 0xbe, 0, 0, 8, 7, 6, 5, 4, 3, 2, 1};
+    EXPECT_EQ(b, fields);
+    EXPECT_EQ(load_le32(b, 4), 0x05060708u);
+    EXPECT_EQ(load_le16(b, 10), 0x0102u);
+}
+
 TEST(Wire, ShortAndLyingInputFailsWithoutReadingPastTheEnd) {
     const std::vector<uint8_t> truncated{0x01, 0x02, 0x03};
     Reader r(truncated);

@@ -1,0 +1,41 @@
+// Little-endian loads and stores: the one way every layer reads and writes
+// multi-byte fields of wire messages, driver structures and report elements.
+// One byte at a time, so alignment and the machine's own order never matter.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace talvex::wire {
+
+inline uint16_t load_le16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+inline uint32_t load_le32(const uint8_t *p) {
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) | (static_cast<uint32_t>(p[2]) << 16) |
+           (static_cast<uint32_t>(p[3]) << 24);
+}
+inline uint64_t load_le64(const uint8_t *p) {
+    return static_cast<uint64_t>(load_le32(p)) | (static_cast<uint64_t>(load_le32(p + 4)) << 32);
+}
+
+inline void store_le16(uint8_t *p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+}
+inline void store_le32(uint8_t *p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+inline void store_le64(uint8_t *p, uint64_t v) {
+    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+// The same at a byte offset into a span; the field lies inside the span, as
+// an index does with operator[].
+inline uint16_t load_le16(std::span<const uint8_t> in, size_t at) { return load_le16(in.subspan(at, 2).data()); }
+inline uint32_t load_le32(std::span<const uint8_t> in, size_t at) { return load_le32(in.subspan(at, 4).data()); }
+inline uint64_t load_le64(std::span<const uint8_t> in, size_t at) { return load_le64(in.subspan(at, 8).data()); }
+inline void store_le16(std::span<uint8_t> out, size_t at, uint16_t v) { store_le16(out.subspan(at, 2).data(), v); }
+inline void store_le32(std::span<uint8_t> out, size_t at, uint32_t v) { store_le32(out.subspan(at, 4).data(), v); }
+inline void store_le64(std::span<uint8_t> out, size_t at, uint64_t v) { store_le64(out.subspan(at, 8).data(), v); }
+
+}  // namespace talvex::wire
