@@ -24,7 +24,7 @@
 
 #include "plist_gen.h"
 
-using talvex::fuzz::Ref;
+using talvex::CFRef;
 
 namespace {
 
@@ -74,7 +74,7 @@ int64_t value_of(const void *v) {
 
 int key_of(const void *k) {
     if (k && CFGetTypeID(k) == CFStringGetTypeID()) {
-        std::string text = talvex::fuzz::utf8(static_cast<CFStringRef>(k));
+        std::string text = talvex::to_std_string(static_cast<CFStringRef>(k));
         if (text.size() < 2 || text[0] != 'k') fail("a key that is not one of ours");
         return std::stoi(text.substr(1));
     }
@@ -130,11 +130,11 @@ void check_array(CFArrayRef a, const std::vector<int64_t> &m) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
-    Ref<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 20),
+    CFRef<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 20),
                                                                &kCFTypeDictionaryKeyCallBacks,
                                                                &kCFTypeDictionaryValueCallBacks));
-    Ref<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
-    Ref<CFMutableDataRef> bytes(CFDataCreateMutable(nullptr, 0));
+    CFRef<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
+    CFRef<CFMutableDataRef> bytes(CFDataCreateMutable(nullptr, 0));
     DictModel dm;
     std::vector<int64_t> am;
     std::vector<uint8_t> bm;
@@ -144,16 +144,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         int k = in.ConsumeIntegralInRange(0, kKeyCount - 1);
         switch (in.ConsumeIntegralInRange(0, 20)) {
         case 0: {   // add: only when absent
-            Ref<CFTypeRef> key(make_key(in, k));
-            Ref<CFNumberRef> v(make_value(++next_value));
+            CFRef<CFTypeRef> key(make_key(in, k));
+            CFRef<CFNumberRef> v(make_value(++next_value));
             CFDictionaryAddValue(dict.get(), key.get(), v.get());
             if (find(dm, k) == dm.end()) dm.emplace_back(k, next_value);
             break;
         }
         case 1:
         case 2: {   // set: add, or replace in place
-            Ref<CFTypeRef> key(make_key(in, k));
-            Ref<CFNumberRef> v(make_value(++next_value));
+            CFRef<CFTypeRef> key(make_key(in, k));
+            CFRef<CFNumberRef> v(make_value(++next_value));
             CFDictionarySetValue(dict.get(), key.get(), v.get());
             auto it = find(dm, k);
             if (it == dm.end())
@@ -163,8 +163,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             break;
         }
         case 3: {   // replace: only when present
-            Ref<CFTypeRef> key(make_key(in, k));
-            Ref<CFNumberRef> v(make_value(++next_value));
+            CFRef<CFTypeRef> key(make_key(in, k));
+            CFRef<CFNumberRef> v(make_value(++next_value));
             CFDictionaryReplaceValue(dict.get(), key.get(), v.get());
             auto it = find(dm, k);
             if (it != dm.end()) it->second = next_value;
@@ -172,7 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         case 4:
         case 5: {   // remove
-            Ref<CFTypeRef> key(make_key(in, k));
+            CFRef<CFTypeRef> key(make_key(in, k));
             CFDictionaryRemoveValue(dict.get(), key.get());
             auto it = find(dm, k);
             if (it != dm.end()) dm.erase(it);
@@ -181,8 +181,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         case 6: {   // a run of keys added at once
             int last = in.ConsumeIntegralInRange(k, kKeyCount - 1);
             for (int j = k; j <= last; ++j) {
-                Ref<CFTypeRef> key(make_key(in, j));
-                Ref<CFNumberRef> v(make_value(++next_value));
+                CFRef<CFTypeRef> key(make_key(in, j));
+                CFRef<CFNumberRef> v(make_value(++next_value));
                 CFDictionarySetValue(dict.get(), key.get(), v.get());
                 auto it = find(dm, j);
                 if (it == dm.end())
@@ -199,7 +199,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             break;
         case 8: {   // lookups
-            Ref<CFTypeRef> key(make_key(in, k));
+            CFRef<CFTypeRef> key(make_key(in, k));
             auto it = find(dm, k);
             const void *v = CFDictionaryGetValue(dict.get(), key.get());
             const void *w = nullptr;
@@ -217,7 +217,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (in.ConsumeBool()) {
                 dict.reset(CFDictionaryCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 50), dict.get()));
             } else {
-                Ref<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, dict.get()));
+                CFRef<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, dict.get()));
                 check_dict(copy.get(), dm);
                 if (!CFEqual(copy.get(), dict.get()) || CFHash(copy.get()) != CFHash(dict.get()))
                     fail("an immutable copy is not equal to its original");
@@ -226,7 +226,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             break;
         }
         case 10: {   // array: append, insert, set (at the end appends), remove
-            Ref<CFNumberRef> v(make_value(++next_value));
+            CFRef<CFNumberRef> v(make_value(++next_value));
             auto at = in.ConsumeIntegralInRange<size_t>(0, am.size());
             switch (in.ConsumeIntegralInRange(0, 3)) {
             case 0:
@@ -260,7 +260,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             } else if (am.size() < 4096) {   // appending itself doubles it: keep it bounded
                 auto from = in.ConsumeIntegralInRange<size_t>(0, am.size());
                 auto n = in.ConsumeIntegralInRange<size_t>(0, am.size() - from);
-                Ref<CFArrayRef> copy(CFArrayCreateCopy(nullptr, array.get()));
+                CFRef<CFArrayRef> copy(CFArrayCreateCopy(nullptr, array.get()));
                 CFArrayAppendArray(array.get(), copy.get(), CFRangeMake(static_cast<CFIndex>(from), static_cast<CFIndex>(n)));
                 std::vector<int64_t> part(am.begin() + static_cast<long>(from), am.begin() + static_cast<long>(from + n));
                 am.insert(am.end(), part.begin(), part.end());
@@ -313,7 +313,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (in.ConsumeBool()) {
                 bytes.reset(CFDataCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 200), bytes.get()));
             } else {
-                Ref<CFDataRef> copy(CFDataCreateCopy(nullptr, bytes.get()));
+                CFRef<CFDataRef> copy(CFDataCreateCopy(nullptr, bytes.get()));
                 check_data(copy.get(), bm);
                 if (!CFEqual(copy.get(), bytes.get()) || CFHash(copy.get()) != CFHash(bytes.get()))
                     fail("a data copy is not equal to its original");

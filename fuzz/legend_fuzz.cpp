@@ -30,7 +30,7 @@ namespace {
 
 namespace sim = talvex::sim;
 using talvex::fuzz::PlistGen;
-using talvex::fuzz::Ref;
+using talvex::CFRef;
 using talvex::fuzz::SimHost;
 
 const std::vector<std::string_view> kWords = {
@@ -64,7 +64,7 @@ public:
         CFMutableArrayRef groups = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
         size_t n = in_.ConsumeIntegralInRange<size_t>(0, 4);
         for (size_t i = 0; i < n; ++i) {
-            Ref<CFTypeRef> g(group());
+            CFRef<CFTypeRef> g(group());
             CFArrayAppendValue(groups, g.get());
         }
         return groups;
@@ -88,7 +88,7 @@ private:
         CFMutableArrayRef channels = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
         size_t n = in_.ConsumeIntegralInRange<size_t>(0, 6);
         for (size_t i = 0; i < n; ++i) {
-            Ref<CFTypeRef> c(channel());
+            CFRef<CFTypeRef> c(channel());
             CFArrayAppendValue(channels, c.get());
         }
         if (odd()) {
@@ -117,7 +117,7 @@ private:
         CFMutableArrayRef c = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
         size_t n = in_.ConsumeIntegralInRange<size_t>(0, 4);
         for (size_t i = 0; i < n; ++i) {
-            Ref<CFTypeRef> v;
+            CFRef<CFTypeRef> v;
             if (odd()) {
                 v.reset(any_.value());
             } else if (i == 0) {
@@ -135,7 +135,7 @@ private:
     }
 
     static void set(CFMutableDictionaryRef d, const char *key, CFTypeRef value) {
-        Ref<CFStringRef> k(cfstr(key));
+        CFRef<CFStringRef> k(cfstr(key));
         CFDictionarySetValue(d, k.get(), value);
         CFRelease(value);
     }
@@ -154,7 +154,7 @@ void publish_legends(FuzzedDataProvider &in, sim::Simulation &s) {
     LegendGen gen(in);
     for (const auto &service : s.registry().services()) {
         if (in.ConsumeIntegralInRange(0, 3) == 0) continue;
-        Ref<CFTypeRef> legend(gen.legend());
+        CFRef<CFTypeRef> legend(gen.legend());
         service->set_property("IOReportLegend", legend.get());
         switch (in.ConsumeIntegralInRange(0, 7)) {
         case 0: break;   // not public
@@ -231,7 +231,7 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
 
     // Merges into aggregates of every filing option.
     for (uint32_t options = 0; options < 4; ++options) {
-        Ref<CFMutableDictionaryRef> merged(IOReportCreateAggregate(options));
+        CFRef<CFMutableDictionaryRef> merged(IOReportCreateAggregate(options));
         CFErrorRef error = nullptr;
         int r = IOReportMergeChannels(merged.get(), agg, &error);
         release(error);
@@ -245,7 +245,7 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
     // A clone keeps the copies its block returned 0 for.
     int kept = 0;
     bool stopped = false;
-    Ref<CFMutableDictionaryRef> clone(cloneAggregate(agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
+    CFRef<CFMutableDictionaryRef> clone(cloneAggregate(agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef) {
         int r = walk_result(in);
         kept += r == 0;
         stopped |= (r & 1) != 0;
@@ -256,16 +256,16 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
                      clone ? IOReportGetChannelCount(clone.get()) : -1, count, kept);
         std::abort();
     }
-    Ref<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
-    Ref<CFMutableDictionaryRef> compared(compareAggregates(
+    CFRef<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
+    CFRef<CFMutableDictionaryRef> compared(compareAggregates(
         whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) {
             return walk_result(in);
         }));
     if (clone) release(compareAggregates(clone.get(), agg, [](auto, auto, auto) { return 0; }));
 
-    Ref<CFStringRef> group(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
+    CFRef<CFStringRef> group(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
                                             : nullptr);
-    Ref<CFStringRef> subgroup(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
+    CFRef<CFStringRef> subgroup(in.ConsumeBool() ? cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)])
                                                : nullptr);
     if (whole) {
         CFErrorRef error = nullptr;
@@ -301,7 +301,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     host.reset([&](sim::Simulation &s) { publish_legends(in, s); });
 
     uint32_t options = in.ConsumeIntegralInRange<uint32_t>(0, 3);
-    std::vector<Ref<CFMutableDictionaryRef>> found;
+    std::vector<CFRef<CFMutableDictionaryRef>> found;
     CFErrorRef error = nullptr;
     found.emplace_back(IOReportCopyAllChannels(options, &error));
     release(error);
@@ -320,18 +320,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         break;
     }
     case 1: {
-        Ref<CFMutableDictionaryRef> matching(IOServiceMatching(in.ConsumeBool() ? sim::kReportHubClass : "TalvexSensorHub"));
+        CFRef<CFMutableDictionaryRef> matching(IOServiceMatching(in.ConsumeBool() ? sim::kReportHubClass : "TalvexSensorHub"));
         found.emplace_back(IOReportCopyChannelsForDrivers(matching.get(), options, &error));
         break;
     }
     case 2: {
-        Ref<CFMutableDictionaryRef> matching(IOServiceMatching(sim::kCoprocessorClass));
+        CFRef<CFMutableDictionaryRef> matching(IOServiceMatching(sim::kCoprocessorClass));
         uint64_t id = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint64_t>(1, 8) : in.ConsumeIntegral<uint64_t>();
         found.emplace_back(IOReportCopyChannelsWithID(matching.get(), id, &error));
         break;
     }
     case 3: {
-        Ref<CFStringRef> group(cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)]));
+        CFRef<CFStringRef> group(cfstr(kGroups[in.ConsumeIntegralInRange<size_t>(0, std::size(kGroups) - 1)]));
         found.emplace_back(IOReportCopyChannelsInGroup(group.get(), nullptr, options, &error));
         break;
     }

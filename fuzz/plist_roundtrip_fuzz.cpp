@@ -15,7 +15,7 @@
 #include "plist_gen.h"
 
 using talvex::fuzz::PlistGen;
-using talvex::fuzz::Ref;
+using talvex::CFRef;
 
 namespace {
 
@@ -30,16 +30,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     PlistGen gen(in, {"", "key", "IOReportLegend", "<", "&amp;", "]]>", "\xc3\xa9", "\xf0\x9f\x98\x80"});
     bool leaf_root = in.ConsumeIntegralInRange(0, 7) == 0;
-    Ref<CFTypeRef> root(leaf_root ? gen.value() : gen.container());
+    CFRef<CFTypeRef> root(leaf_root ? gen.value() : gen.container());
     bool carried = gen.dialect_can_carry(root.get());
 
-    Ref<CFDataRef> written(IOCFSerialize(root.get(), 0));
+    CFRef<CFDataRef> written(IOCFSerialize(root.get(), 0));
     if (!carried) {
         if (written) fail("a list the dialect cannot carry was written");
         return 0;
     }
     if (!written) fail("a list the dialect can carry was refused");
-    Ref<CFDataRef> with_options(IOCFSerialize(root.get(), 1));
+    CFRef<CFDataRef> with_options(IOCFSerialize(root.get(), 1));
     if (with_options) fail("options other than 0 were accepted");
 
     const auto *bytes = reinterpret_cast<const char *>(CFDataGetBytePtr(written.get()));
@@ -47,17 +47,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (length == 0 || bytes[length - 1] != '\0' || std::memchr(bytes, '\0', length - 1))
         fail("written text is not ended by exactly one NUL");
     CFStringRef message = nullptr;
-    Ref<CFTypeRef> back(IOCFUnserializeWithSize(bytes, length, nullptr, 0, &message));
-    Ref<CFStringRef> error(message);
+    CFRef<CFTypeRef> back(IOCFUnserializeWithSize(bytes, length, nullptr, 0, &message));
+    CFRef<CFStringRef> error(message);
     if (!back) {
-        std::fprintf(stderr, "parse error: %s\ntext: %s\n", talvex::fuzz::utf8(error.get()).c_str(), bytes);
+        std::fprintf(stderr, "parse error: %s\ntext: %s\n", talvex::to_std_string(error.get()).c_str(), bytes);
         fail("written text does not parse");
     }
     if (!CFEqual(root.get(), back.get())) {
         std::fprintf(stderr, "text: %s\n", bytes);
         fail("written text parses to a different list");
     }
-    Ref<CFTypeRef> terminated(IOCFUnserialize(bytes, nullptr, 0, nullptr));
+    CFRef<CFTypeRef> terminated(IOCFUnserialize(bytes, nullptr, 0, nullptr));
     if (!terminated || !CFEqual(root.get(), terminated.get())) fail("NUL-terminated parse differs");
     return 0;
 }

@@ -19,7 +19,7 @@
 
 #include "plist_gen.h"
 
-using talvex::fuzz::Ref;
+using talvex::CFRef;
 
 namespace {
 
@@ -66,7 +66,7 @@ CFMutableDictionaryRef subscribe(FuzzedDataProvider &in) {
     CFMutableDictionaryRef agg = IOReportCreateAggregate(options);
     for (size_t i = 0; i < kChannelCount; ++i) {
         const Channel &c = kChannels[i];
-        Ref<CFMutableDictionaryRef> info;
+        CFRef<CFMutableDictionaryRef> info;
         if (in.ConsumeBool()) {
             uint64_t unit = in.ConsumeBool() ? kUnits[in.ConsumeIntegralInRange<size_t>(0, std::size(kUnits) - 1)]
                                              : in.ConsumeIntegral<uint64_t>();
@@ -74,13 +74,13 @@ CFMutableDictionaryRef subscribe(FuzzedDataProvider &in) {
             if (static_cast<uint8_t>(c.type) == kIOReportFormatHistogram && info) {
                 // Segments: u32 base, u32 exponential flag, u32 unused, u32 bucket count.
                 std::vector<uint8_t> config = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 48));
-                Ref<CFDataRef> data(CFDataCreate(nullptr, config.data(), static_cast<CFIndex>(config.size())));
+                CFRef<CFDataRef> data(CFDataCreate(nullptr, config.data(), static_cast<CFIndex>(config.size())));
                 CFDictionarySetValue(info.get(), CFSTR("IOReportChannelConfig"), data.get());
             }
         }
-        Ref<CFStringRef> driver(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("drv <id %#llx>"),
+        CFRef<CFStringRef> driver(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("drv <id %#llx>"),
                                                          static_cast<unsigned long long>(c.driver)));
-        Ref<CFStringRef> name(cfstr(c.name)), group(cfstr(c.group)), subgroup(cfstr(c.subgroup));
+        CFRef<CFStringRef> name(cfstr(c.name)), group(cfstr(c.group)), subgroup(cfstr(c.subgroup));
         IOReportAddChannelDescription(agg, c.driver, driver.get(), c.id, c.type, name.get(), group.get(),
                                       subgroup.get(), info.get(), nullptr);
     }
@@ -194,7 +194,7 @@ void exercise_all(CFDictionaryRef agg) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
-    Ref<CFMutableDictionaryRef> subscribed(subscribe(in));
+    CFRef<CFMutableDictionaryRef> subscribed(subscribe(in));
     int subscribed_count = IOReportGetChannelCount(subscribed.get());
 
     std::vector<uint8_t> images[2];
@@ -205,9 +205,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         images[0] = laid_out(in);
         images[1] = laid_out(in);
     }
-    Ref<CFMutableDictionaryRef> samples[2];
+    CFRef<CFMutableDictionaryRef> samples[2];
     for (int k = 0; k < 2; ++k) {
-        Ref<CFDataRef> buffer(CFDataCreate(nullptr, images[k].data(), static_cast<CFIndex>(images[k].size())));
+        CFRef<CFDataRef> buffer(CFDataCreate(nullptr, images[k].data(), static_cast<CFIndex>(images[k].size())));
         CFErrorRef error = nullptr;
         samples[k].reset(IOReportCreateSamplesRaw(subscribed.get(), buffer.get(), &error));
         release(error);
@@ -219,14 +219,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
 
     CFErrorRef error = nullptr;
-    Ref<CFMutableDictionaryRef> delta(IOReportCreateSamplesDelta(samples[0].get(), samples[1].get(), &error));
+    CFRef<CFMutableDictionaryRef> delta(IOReportCreateSamplesDelta(samples[0].get(), samples[1].get(), &error));
     release(error);
     exercise_all(delta.get());
 
     std::vector<CFMutableDictionaryRef> older = records(samples[0].get()), newer = records(samples[1].get());
     for (size_t i = 0; i < older.size() && i < newer.size(); ++i) {
         error = nullptr;
-        Ref<CFMutableDictionaryRef> d(IOReportSampleCreateDelta(older[i], newer[i], &error));
+        CFRef<CFMutableDictionaryRef> d(IOReportSampleCreateDelta(older[i], newer[i], &error));
         release(error);
         if (d) exercise(d.get());
     }

@@ -30,7 +30,7 @@ namespace {
 namespace sim = talvex::sim;
 namespace wire = talvex::wire;
 using talvex::fuzz::PlistGen;
-using talvex::fuzz::Ref;
+using talvex::CFRef;
 
 [[noreturn]] void fail(const char *what, uint16_t op) {
     std::fprintf(stderr, "sim_fuzz: %s (op %u)\n", what, op);
@@ -91,7 +91,7 @@ std::string pick(FuzzedDataProvider &in, const std::string_view *words, size_t n
 // A property list in the registry's form: generated, or raw bytes.
 std::vector<uint8_t> plist_blob(FuzzedDataProvider &in, bool matching) {
     if (in.ConsumeIntegralInRange(0, 5) == 0) return in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 200));
-    Ref<CFTypeRef> value;
+    CFRef<CFTypeRef> value;
     if (matching) {
         CFMutableDictionaryRef d =
             CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
@@ -100,15 +100,15 @@ std::vector<uint8_t> plist_blob(FuzzedDataProvider &in, bool matching) {
                           "IOPropertyMatch", "talvex-state", "IOReportLegendPublic"});
         size_t n = in.ConsumeIntegralInRange<size_t>(0, 3);
         for (size_t i = 0; i < n; ++i) {
-            Ref<CFStringRef> k(gen.string());
-            Ref<CFTypeRef> v(in.ConsumeBool() ? static_cast<CFTypeRef>(gen.string()) : gen.value(1));
+            CFRef<CFStringRef> k(gen.string());
+            CFRef<CFTypeRef> v(in.ConsumeBool() ? static_cast<CFTypeRef>(gen.string()) : gen.value(1));
             CFDictionarySetValue(d, k.get(), v.get());
         }
     } else {
         PlistGen gen(in, {"booted", "talvex-state"});
         value.reset(gen.value());
     }
-    Ref<CFDataRef> data(IOCFSerialize(value.get(), 0));
+    CFRef<CFDataRef> data(IOCFSerialize(value.get(), 0));
     if (!data) return {};
     const uint8_t *p = CFDataGetBytePtr(data.get());
     return std::vector<uint8_t>(p, p + CFDataGetLength(data.get()));

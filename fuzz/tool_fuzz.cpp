@@ -270,7 +270,7 @@ void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
     switch (in.ConsumeIntegralInRange(0, 31)) {
     case 0: cp->remove_property("talvex-state"); break;
     case 1: {
-        auto text = sim::make_cf_string("booted");
+        auto text = talvex::make_cf_string("booted");
         cp->set_property("talvex-state", text.get());
         break;
     }

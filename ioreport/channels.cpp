@@ -14,11 +14,11 @@ using namespace ioreport;
 
 CFErrorRef createCFErr(IOReturn code, const char *message) {
     if (!message) return nullptr;
-    CFOwner<CFStringRef> text(CFStringCreateWithCString(nullptr, message, kCFStringEncodingASCII));
+    CFRef<CFStringRef> text(CFStringCreateWithCString(nullptr, message, kCFStringEncodingASCII));
     if (!text) return nullptr;
     const void *keys[] = {kCFErrorDescriptionKey};
     const void *values[] = {text.get()};
-    CFOwner<CFDictionaryRef> info(
+    CFRef<CFDictionaryRef> info(
         CFDictionaryCreate(nullptr, keys, values, 1, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
     if (!info) return nullptr;
     return CFErrorCreate(nullptr, kCFErrorDomainMach, static_cast<CFIndex>(static_cast<int32_t>(code)), info.get());
@@ -32,10 +32,10 @@ void ioreport::setError(CFErrorRef *slot, IOReturn code, const char *message) {
 // ---------------------------------------------------------------- aggregates
 
 CFMutableDictionaryRef IOReportCreateAggregate(uint32_t options) {
-    CFOwner<CFMutableDictionaryRef> agg(newDict());
+    CFRef<CFMutableDictionaryRef> agg(newDict());
     if (!agg) return nullptr;
     int32_t opts = static_cast<int32_t>(options);
-    CFOwner<CFNumberRef> n(CFNumberCreate(nullptr, kCFNumberIntType, &opts));
+    CFRef<CFNumberRef> n(CFNumberCreate(nullptr, kCFNumberIntType, &opts));
     if (!n) return nullptr;
     CFDictionarySetValue(agg.get(), kQueryOpts(), n.get());
     return agg.release();
@@ -58,8 +58,8 @@ CFMutableDictionaryRef ioreport::createChannel(uint64_t driver_id, CFStringRef d
         setError(error, kIOReturnError, "couldn't create channel");
         return nullptr;
     }
-    CFOwner<CFMutableDictionaryRef> rec(newDict());
-    CFOwner<CFNumberRef> id(driver_number ? static_cast<CFNumberRef>(CFRetain(driver_number)) : makeNumber(driver_id));
+    CFRef<CFMutableDictionaryRef> rec(newDict());
+    CFRef<CFNumberRef> id(driver_number ? static_cast<CFNumberRef>(CFRetain(driver_number)) : makeNumber(driver_id));
     if (!rec || !id) {
         setError(error, kIOReturnError, "couldn't create channel");
         return nullptr;
@@ -80,7 +80,7 @@ namespace {
 CFMutableDictionaryRef childOf(CFMutableDictionaryRef level, CFStringRef key) {
     CFTypeRef v = CFDictionaryGetValue(level, key);
     if (v) return isDict(v) ? mut(static_cast<CFDictionaryRef>(v)) : nullptr;
-    CFOwner<CFMutableDictionaryRef> child(newDict());
+    CFRef<CFMutableDictionaryRef> child(newDict());
     if (!child) return nullptr;
     CFDictionarySetValue(level, key, child.get());
     return child.get();   // held by `level`
@@ -109,7 +109,7 @@ IOReturn fileChannel(CFMutableDictionaryRef aggregate, CFMutableDictionaryRef ch
     }
     CFTypeRef list = CFDictionaryGetValue(level, kChannels());
     if (!list) {
-        CFOwner<CFMutableArrayRef> fresh(newArray());
+        CFRef<CFMutableArrayRef> fresh(newArray());
         if (!fresh) return kIOReturnError;
         CFDictionarySetValue(level, kChannels(), fresh.get());
         list = fresh.get();
@@ -133,14 +133,14 @@ IOReturn IOReportAddChannelDescription(CFMutableDictionaryRef aggregate, uint64_
                                        uint64_t channel_id, uint64_t channel_type, CFStringRef channel_name,
                                        CFStringRef group, CFStringRef subgroup, CFDictionaryRef channel_info,
                                        CFErrorRef *error) {
-    CFOwner<CFMutableArrayRef> legend(newArray());
-    CFOwner<CFNumberRef> id(makeNumber(channel_id));
-    CFOwner<CFNumberRef> type(makeNumber(channel_type));
+    CFRef<CFMutableArrayRef> legend(newArray());
+    CFRef<CFNumberRef> id(makeNumber(channel_id));
+    CFRef<CFNumberRef> type(makeNumber(channel_type));
     if (!legend || !id || !type) return kIOReturnError;
     CFArrayAppendValue(legend.get(), id.get());
     CFArrayAppendValue(legend.get(), type.get());
     if (channel_name) CFArrayAppendValue(legend.get(), channel_name);
-    CFOwner<CFMutableDictionaryRef> rec(
+    CFRef<CFMutableDictionaryRef> rec(
         createChannel(driver_id, driver_name, legend.get(), group, subgroup, channel_info, error));
     if (!rec) return kIOReturnError;
     return addChannel(aggregate, rec.get(), _getAggregateOpts(aggregate), error);
@@ -187,7 +187,7 @@ struct Walker {
     int records(CFMutableDictionaryRef here, CFDictionaryRef other, CFMutableDictionaryRef result, int &acc) {
         CFMutableArrayRef kept = nullptr;
         if (result) {
-            CFOwner<CFMutableArrayRef> fresh(newArray());
+            CFRef<CFMutableArrayRef> fresh(newArray());
             if (!fresh) return kIOReportIterFailed;
             CFDictionarySetValue(result, kChannels(), fresh.get());
             kept = fresh.get();
@@ -221,14 +221,14 @@ struct Walker {
                 }
                 break;
             case Walk::Clone: {
-                CFOwner<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, rec));
+                CFRef<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, rec));
                 if (!copy) return kIOReportIterFailed;
                 r = (*clone)(rec, copy.get());
                 if (r == 0) CFArrayAppendValue(kept, copy.get());
                 break;
             }
             case Walk::Compare: {
-                CFOwner<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, rec));
+                CFRef<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, rec));
                 if (!copy) return kIOReportIterFailed;
                 if (i >= CFArrayGetCount(older)) {
                     // No partner at this place: the plain copy goes in as it is.
@@ -270,7 +270,7 @@ struct Walker {
         }
         CFMutableDictionaryRef resultDict = nullptr;
         if (result) {
-            CFOwner<CFMutableDictionaryRef> fresh(newDict());
+            CFRef<CFMutableDictionaryRef> fresh(newDict());
             if (!fresh) return kIOReportIterFailed;
             CFDictionarySetValue(result, key, fresh.get());
             resultDict = fresh.get();
@@ -289,7 +289,7 @@ struct Walker {
                 if (!isDict(o)) return kIOReportIterFailed;
                 otherChild = static_cast<CFDictionaryRef>(o);
             }
-            CFOwner<CFMutableDictionaryRef> childResult;
+            CFRef<CFMutableDictionaryRef> childResult;
             if (result) {
                 childResult.reset(newDict());
                 if (!childResult) return kIOReportIterFailed;
@@ -309,7 +309,7 @@ struct Walker {
     int run(CFDictionaryRef aggregate, CFDictionaryRef older, CFMutableDictionaryRef *out) {
         if (!isDict(aggregate)) return kIOReportIterFailed;
         if (kind == Walk::Compare && !isDict(older)) return kIOReportIterFailed;
-        CFOwner<CFMutableDictionaryRef> result;
+        CFRef<CFMutableDictionaryRef> result;
         if (out) {
             result.reset(IOReportCreateAggregate(_getAggregateOpts(aggregate)));
             if (!result) return kIOReportIterFailed;
@@ -390,7 +390,7 @@ IOReturn getChannelType(CFDictionaryRef channel, uint64_t *type) {
 IOReturn setChannelType(CFDictionaryRef channel, const uint64_t *type) {
     CFArrayRef legend = legendOf(channel);
     if (!legend || !type || CFArrayGetCount(legend) < 2) return kIOReturnError;
-    CFOwner<CFNumberRef> n(makeNumber(*type));
+    CFRef<CFNumberRef> n(makeNumber(*type));
     if (!n) return kIOReturnError;
     CFArraySetValueAtIndex(const_cast<CFMutableArrayRef>(legend), 1, n.get());
     return kIOReturnSuccess;
@@ -466,7 +466,7 @@ CFStringRef IOReportChannelGetChannelName(CFDictionaryRef channel) {
         CFTypeRef name = CFArrayGetValueAtIndex(legend, 2);
         if (isString(name)) return cacheString(channel, kChannelName(), static_cast<CFStringRef>(name));
     }
-    CFOwner<CFStringRef> printable(_copyPrintableIDString(IOReportChannelGetChannelID(channel)));
+    CFRef<CFStringRef> printable(_copyPrintableIDString(IOReportChannelGetChannelID(channel)));
     if (!printable) return nullptr;
     return cacheString(channel, kChannelName(), printable.get());
 }

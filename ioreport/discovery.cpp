@@ -54,8 +54,8 @@ struct DriverIdentity {
     io_service_t service;
     bool known = false;
     uint64_t id = 0;
-    CFOwner<CFStringRef> name;
-    CFOwner<CFNumberRef> number;
+    CFRef<CFStringRef> name;
+    CFRef<CFNumberRef> number;
 
     IOReturn get(CFErrorRef *error) {
         if (known) return kIOReturnSuccess;
@@ -91,7 +91,7 @@ IOReturn addLegendChannels(CFMutableDictionaryRef aggregate, io_service_t servic
             CFTypeRef legendChannel = CFArrayGetValueAtIndex(channels, c);
             if (!isArray(legendChannel)) break;   // ends this group only
             if (driver.get(error) != kIOReturnSuccess) return kIOReturnError;
-            CFOwner<CFMutableDictionaryRef> record(createChannel(driver.id, driver.name.get(),
+            CFRef<CFMutableDictionaryRef> record(createChannel(driver.id, driver.name.get(),
                                                                  static_cast<CFArrayRef>(legendChannel), group,
                                                                  subgroup, info, error, driver.number.get()));
             if (!record) return kIOReturnError;
@@ -109,14 +109,14 @@ CFMutableDictionaryRef IOReportCopyChannelsForDriver(io_registry_entry_t service
         setError(error, kIOReturnBadArgument, "invalid driver");
         return nullptr;
     }
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
     if (!aggregate) {
         setError(error, kIOReturnNoMemory, "could not allocate collection");
         return nullptr;
     }
-    CFOwner<CFTypeRef> isPublic(IORegistryEntryCreateCFProperty(service, CFSTR("IOReportLegendPublic"), nullptr, 0));
+    CFRef<CFTypeRef> isPublic(IORegistryEntryCreateCFProperty(service, CFSTR("IOReportLegendPublic"), nullptr, 0));
     if (!isPublic) return aggregate.release();
-    CFOwner<CFTypeRef> legend(IORegistryEntryCreateCFProperty(service, CFSTR("IOReportLegend"), nullptr, 0));
+    CFRef<CFTypeRef> legend(IORegistryEntryCreateCFProperty(service, CFSTR("IOReportLegend"), nullptr, 0));
     if (!isArray(legend.get())) {
         setError(error, kIOReturnUnsupportedMode, "bad legend");
         return nullptr;
@@ -128,7 +128,7 @@ CFMutableDictionaryRef IOReportCopyChannelsForDriver(io_registry_entry_t service
 }
 
 CFMutableDictionaryRef IOReportCopyChannelsForDrivers(CFDictionaryRef matching, uint32_t options, CFErrorRef *error) {
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
     if (!aggregate) {
         setError(error, kIOReturnNoMemory, "couldn't make dict");
         return nullptr;
@@ -138,7 +138,7 @@ CFMutableDictionaryRef IOReportCopyChannelsForDrivers(CFDictionaryRef matching, 
         return nullptr;
     }
     IOReturn rc = forEachService(matching, [&](io_service_t service) -> IOReturn {
-        CFOwner<CFMutableDictionaryRef> channels(IOReportCopyChannelsForDriver(service, 0, error));
+        CFRef<CFMutableDictionaryRef> channels(IOReportCopyChannelsForDriver(service, 0, error));
         if (!channels) return kIOReturnError;
         return IOReportMergeChannels(aggregate.get(), channels.get(), error);
     });
@@ -148,7 +148,7 @@ CFMutableDictionaryRef IOReportCopyChannelsForDrivers(CFDictionaryRef matching, 
 CFMutableDictionaryRef IOReportCopyAllChannels(uint32_t options, CFErrorRef *error) {
     const void *propKeys[] = {CFSTR("IOReportLegendPublic")};
     const void *propValues[] = {kCFBooleanTrue};
-    CFOwner<CFDictionaryRef> property(CFDictionaryCreate(nullptr, propKeys, propValues, 1,
+    CFRef<CFDictionaryRef> property(CFDictionaryCreate(nullptr, propKeys, propValues, 1,
                                                          &kCFTypeDictionaryKeyCallBacks,
                                                          &kCFTypeDictionaryValueCallBacks));
     if (!property) {
@@ -157,14 +157,14 @@ CFMutableDictionaryRef IOReportCopyAllChannels(uint32_t options, CFErrorRef *err
     }
     const void *matchKeys[] = {CFSTR(kIOPropertyMatchKey)};
     const void *matchValues[] = {property.get()};
-    CFOwner<CFDictionaryRef> matching(CFDictionaryCreate(nullptr, matchKeys, matchValues, 1,
+    CFRef<CFDictionaryRef> matching(CFDictionaryCreate(nullptr, matchKeys, matchValues, 1,
                                                          &kCFTypeDictionaryKeyCallBacks,
                                                          &kCFTypeDictionaryValueCallBacks));
     if (!matching) {
         setError(error, kIOReturnNoMemory, "dict create failed");
         return nullptr;
     }
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(options));
     if (!aggregate) {
         setError(error, kIOReturnNoMemory, "couldn't make dict");
         return nullptr;
@@ -172,7 +172,7 @@ CFMutableDictionaryRef IOReportCopyAllChannels(uint32_t options, CFErrorRef *err
     IOReturn rc = forEachService(matching.get(), [&](io_service_t service) -> IOReturn {
         // A driver whose channels can't be read is left out; the rest still count.
         CFErrorRef ignored = nullptr;
-        CFOwner<CFMutableDictionaryRef> channels(
+        CFRef<CFMutableDictionaryRef> channels(
             IOReportCopyChannelsForDriver(service, _getAggregateOpts(aggregate.get()), &ignored));
         if (ignored) CFRelease(ignored);
         if (!channels) return kIOReturnSuccess;
@@ -183,15 +183,15 @@ CFMutableDictionaryRef IOReportCopyAllChannels(uint32_t options, CFErrorRef *err
 
 CFMutableDictionaryRef IOReportCopyChannelsWithID(CFDictionaryRef matching, uint64_t channel_id, CFErrorRef *error) {
     if (!matching || channel_id == 0) return nullptr;
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(0));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCreateAggregate(0));
     if (!aggregate) {
         setError(error, kIOReturnNoMemory, "couldn't make dict");
         return nullptr;
     }
     IOReturn rc = forEachService(matching, [&](io_service_t service) -> IOReturn {
-        CFOwner<CFMutableArrayRef> legend(newArray());
-        CFOwner<CFNumberRef> id(makeNumber(channel_id));
-        CFOwner<CFNumberRef> type(makeNumber(0));
+        CFRef<CFMutableArrayRef> legend(newArray());
+        CFRef<CFNumberRef> id(makeNumber(channel_id));
+        CFRef<CFNumberRef> type(makeNumber(0));
         if (!legend || !id || !type) {
             setError(error, kIOReturnNoMemory, "couldn't create channel legend");
             return kIOReturnNoMemory;
@@ -200,7 +200,7 @@ CFMutableDictionaryRef IOReportCopyChannelsWithID(CFDictionaryRef matching, uint
         CFArrayAppendValue(legend.get(), type.get());
         DriverIdentity driver(service);
         if (driver.get(error) != kIOReturnSuccess) return kIOReturnError;
-        CFOwner<CFMutableDictionaryRef> record(
+        CFRef<CFMutableDictionaryRef> record(
             createChannel(driver.id, driver.name.get(), legend.get(), nullptr, nullptr, nullptr, error));
         if (!record) return kIOReturnError;
         return addChannel(aggregate.get(), record.get(), 0, error);
@@ -215,7 +215,7 @@ namespace {
 // All channels, pruned to those `keep` accepts; null when the prune fails.
 CFMutableDictionaryRef copyAllMatching(uint32_t options, CFErrorRef *error,
                                        const std::function<bool(CFDictionaryRef)> &keep) {
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCopyAllChannels(options, error));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCopyAllChannels(options, error));
     if (!aggregate) return nullptr;
     int r = IOReportPrune(aggregate.get(), [&](CFMutableDictionaryRef channel) {
         return keep(channel) ? kIOReportIterOk : kIOReportIterSkipped;
@@ -252,7 +252,7 @@ int IOReportSelectChannelsInGroup(CFMutableDictionaryRef aggregate, CFStringRef 
 
 CFMutableDictionaryRef IOReportCopyChannelsInGroup(CFStringRef group, CFStringRef subgroup, uint32_t options,
                                                    CFErrorRef *error) {
-    CFOwner<CFMutableDictionaryRef> aggregate(IOReportCopyAllChannels(options, error));
+    CFRef<CFMutableDictionaryRef> aggregate(IOReportCopyAllChannels(options, error));
     if (!aggregate) return nullptr;
     if (IOReportSelectChannelsInGroup(aggregate.get(), group, subgroup, error) & 1) return nullptr;
     return aggregate.release();

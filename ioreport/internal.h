@@ -1,11 +1,11 @@
 // Internals of the report-channel library, shared by its sources and its
 // tests (never installed): the routines the library is built from, record
-// keys, little-endian element access, CoreFoundation ownership and number
-// conversion.
+// keys, element fields, CoreFoundation type checks and number conversion.
 #pragma once
 
 #include "IOReport.h"
 
+#include <cf_ref.h>
 #include <little_endian.h>
 
 #include <cstdint>
@@ -142,34 +142,8 @@ inline uint8_t typeFormat(uint64_t type) { return static_cast<uint8_t>(type); }
 inline uint16_t typeCategories(uint64_t type) { return static_cast<uint16_t>(type >> 16); }
 inline uint16_t typeElementCount(uint64_t type) { return static_cast<uint16_t>(type >> 32); }
 
-// Owns one reference to a CoreFoundation object.
-template <class T>
-class CFOwner {
-public:
-    CFOwner() = default;
-    explicit CFOwner(T ref) : ref_(ref) {}
-    ~CFOwner() { reset(); }
-    CFOwner(const CFOwner &) = delete;
-    CFOwner &operator=(const CFOwner &) = delete;
-    CFOwner(CFOwner &&o) noexcept : ref_(std::exchange(o.ref_, nullptr)) {}
-    CFOwner &operator=(CFOwner &&o) noexcept {
-        if (this != &o) {
-            reset();
-            ref_ = std::exchange(o.ref_, nullptr);
-        }
-        return *this;
-    }
-    T get() const { return ref_; }
-    explicit operator bool() const { return ref_ != nullptr; }
-    T release() { return std::exchange(ref_, nullptr); }
-    void reset(T ref = nullptr) {
-        if (ref_) CFRelease(ref_);
-        ref_ = ref;
-    }
-
-private:
-    T ref_ = nullptr;
-};
+// CoreFoundation references are owned by talvex::CFRef.
+using talvex::CFRef;
 
 inline bool isType(CFTypeRef v, CFTypeID type) { return v && CFGetTypeID(v) == type; }
 inline bool isDict(CFTypeRef v) { return isType(v, CFDictionaryGetTypeID()); }

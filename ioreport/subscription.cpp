@@ -109,7 +109,7 @@ IOReportSubscriptionRef IOReportCreateSubscription(CFAllocatorRef allocator, CFM
 
     dispatch_once(&gClassOnce, [] { gClassID = _CFRuntimeRegisterClass(&kSubscriptionClass); });
     if (gClassID == _kCFRuntimeNotATypeID) return nullptr;
-    CFOwner<IOReportSubscriptionRef> sub(static_cast<IOReportSubscriptionRef>(
+    CFRef<IOReportSubscriptionRef> sub(static_cast<IOReportSubscriptionRef>(
         const_cast<void *>(_CFRuntimeCreateInstance(allocator, gClassID, kSubscriptionFields, nullptr))));
     if (!sub) return nullptr;
 
@@ -161,7 +161,7 @@ CFMutableDictionaryRef IOReportCreateSamples(IOReportSubscriptionRef subscriptio
     if (!subscription || !subscribed) return nullptr;
     if (updateKernelBuffer(subscription, error) != kIOReturnSuccess) return nullptr;
     const SubscriptionObject *f = fieldsOf(subscription);
-    CFOwner<CFDataRef> wrapper(CFDataCreateWithBytesNoCopy(nullptr, reinterpret_cast<const uint8_t *>(f->address),
+    CFRef<CFDataRef> wrapper(CFDataCreateWithBytesNoCopy(nullptr, reinterpret_cast<const uint8_t *>(f->address),
                                                            static_cast<CFIndex>(f->size), kCFAllocatorNull));
     if (!wrapper) return nullptr;
     return IOReportCreateSamplesRaw(subscribed, wrapper.get(), error);
@@ -328,7 +328,7 @@ CFMutableDictionaryRef IOReportCreateSamplesRaw(CFMutableDictionaryRef subscribe
             }
             // Room for the whole run up front: the bytes then sit in the data
             // object's own allocation.
-            CFOwner<CFMutableDataRef> elements(CFDataCreateMutable(nullptr, static_cast<CFIndex>(count * kElementSize)));
+            CFRef<CFMutableDataRef> elements(CFDataCreateMutable(nullptr, static_cast<CFIndex>(count * kElementSize)));
             if (!elements) return 1;
             CFDataAppendBytes(elements.get(), run, static_cast<CFIndex>(count * kElementSize));
             CFDictionarySetValue(copy, kRawElements(), elements.get());
@@ -360,7 +360,7 @@ IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef sourc
     if (!destination || !source) return kIOReturnError;
     CFTypeRef v = CFDictionaryGetValue(source, kRawElements());
     if (!isData(v)) return kIOReturnError;
-    CFOwner<CFMutableDataRef> copy(CFDataCreateMutableCopy(nullptr, 0, static_cast<CFDataRef>(v)));
+    CFRef<CFMutableDataRef> copy(CFDataCreateMutableCopy(nullptr, 0, static_cast<CFDataRef>(v)));
     if (!copy) return kIOReturnError;
     CFDictionarySetValue(destination, kRawElements(), copy.get());
     if (flags & 1) {

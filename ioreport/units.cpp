@@ -69,8 +69,8 @@ double IOReportScaleValue(uint64_t value, uint64_t from_unit, uint64_t to_unit) 
 }
 
 CFMutableDictionaryRef IOReportCreateUnitInfo(uint64_t unit) {
-    CFOwner<CFMutableDictionaryRef> info(newDict());
-    CFOwner<CFNumberRef> n(makeNumber(unit));
+    CFRef<CFMutableDictionaryRef> info(newDict());
+    CFRef<CFNumberRef> n(makeNumber(unit));
     if (!info || !n) return nullptr;
     CFDictionarySetValue(info.get(), kUnitKey(), n.get());
     return info.release();
@@ -146,7 +146,7 @@ CFStringRef IOReportChannelGetUnitLabel(CFDictionaryRef channel) {
     if (CFStringRef cached = dictString(channel, kUnitLabel())) return cached;
     uint64_t unit = IOReportChannelGetUnit(channel);
     if (unit == kSentinel) return nullptr;
-    CFOwner<CFStringRef> label(copyUnitLabel(unit));
+    CFRef<CFStringRef> label(copyUnitLabel(unit));
     if (!label) return nullptr;
     CFDictionarySetValue(mut(channel), kUnitLabel(), label.get());
     return label.get();   // held by the record
@@ -225,7 +225,7 @@ bool describeBucket(CFMutableStringRef out, CFDictionaryRef sample, int i, const
 
 CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, const char *prefix) {
     if (!prefix) prefix = "";
-    CFOwner<CFMutableStringRef> out(CFStringCreateMutable(nullptr, 0));
+    CFRef<CFMutableStringRef> out(CFStringCreateMutable(nullptr, 0));
     if (!out) return nullptr;
     uint16_t count = 0;
     const uint8_t *elements = getRawElements(sample, &count, IOReportChannelGetFormat(sample));

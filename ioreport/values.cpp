@@ -100,7 +100,7 @@ CFMutableArrayRef buildBucketBounds(CFDictionaryRef sample) {
     int buckets = IOReportHistogramGetBucketCount(sample);
     CFDataRef config = getChannelConfig(sample);
     if (buckets < 0 || !config || CFDataGetLength(config) < 16) return nullptr;
-    CFOwner<CFMutableArrayRef> bounds(CFArrayCreateMutable(nullptr, buckets, &kCFTypeArrayCallBacks));
+    CFRef<CFMutableArrayRef> bounds(CFArrayCreateMutable(nullptr, buckets, &kCFTypeArrayCallBacks));
     if (!bounds) return nullptr;
     const uint8_t *seg = CFDataGetBytePtr(config);
     CFIndex segments = CFDataGetLength(config) / 16;
@@ -121,7 +121,7 @@ CFMutableArrayRef buildBucketBounds(CFDictionaryRef sample) {
                 bound = static_cast<uint32_t>(base * static_cast<uint32_t>(j + 1));
             }
             if (bound <= previous) return nullptr;
-            CFOwner<CFNumberRef> num(makeNumber(bound));
+            CFRef<CFNumberRef> num(makeNumber(bound));
             if (!num) return nullptr;
             CFArrayAppendValue(bounds.get(), num.get());
             previous = bound;
@@ -137,7 +137,7 @@ IOReturn IOReportHistogramGetBucketBounds(CFDictionaryRef sample, int32_t index,
     if (!sample) return kIOReturnError;
     CFTypeRef cached = CFDictionaryGetValue(sample, kProcessedConfig());
     if (!cached) {
-        CFOwner<CFMutableArrayRef> built(buildBucketBounds(sample));
+        CFRef<CFMutableArrayRef> built(buildBucketBounds(sample));
         if (!built) return kIOReturnError;
         CFDictionarySetValue(mut(sample), kProcessedConfig(), built.get());
         cached = built.get();
@@ -184,12 +184,12 @@ CFStringRef IOReportStateGetNameForIndex(CFDictionaryRef sample, int32_t index) 
     if (!cached) {
         int count = IOReportStateGetCount(sample);
         if (count < 0) return nullptr;
-        CFOwner<CFMutableArrayRef> names(CFArrayCreateMutable(nullptr, count, &kCFTypeArrayCallBacks));
+        CFRef<CFMutableArrayRef> names(CFArrayCreateMutable(nullptr, count, &kCFTypeArrayCallBacks));
         if (!names) return nullptr;
         for (int i = 0; i < count; ++i) {
             uint64_t v[4];
             if (!readElement(sample, kIOReportFormatState, i, v) || v[0] == kSentinel) return nullptr;
-            CFOwner<CFStringRef> name(_copyPrintableIDString(v[0]));
+            CFRef<CFStringRef> name(_copyPrintableIDString(v[0]));
             if (!name) return nullptr;
             CFArrayAppendValue(names.get(), name.get());
         }
@@ -363,7 +363,7 @@ CFMutableDictionaryRef IOReportCreateSamplesDelta(CFDictionaryRef older, CFDicti
 // IOReportCreateSamplesDelta, which gives each delta its own elements.
 CFMutableDictionaryRef IOReportSampleCreateDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error) {
     if (!older || !newer) return nullptr;
-    CFOwner<CFMutableDictionaryRef> target(CFDictionaryCreateMutableCopy(nullptr, 0, older));
+    CFRef<CFMutableDictionaryRef> target(CFDictionaryCreateMutableCopy(nullptr, 0, older));
     if (!target) return nullptr;
     if (deltaRecord(older, newer, target.get(), error) != kIOReturnSuccess) return nullptr;
     return target.release();

@@ -98,7 +98,7 @@ CFTypeRef PlistGen::container(int depth) {
     // A run of one-element arrays reaches the nesting limit quickly.
     if (depth < kMaxDepth && in_.ConsumeIntegralInRange(0, 15) == 0) {
         CFMutableArrayRef a = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
-        Ref<CFTypeRef> child(container(depth + 1));
+        CFRef<CFTypeRef> child(container(depth + 1));
         CFArrayAppendValue(a, child.get());
         return a;
     }
@@ -108,16 +108,16 @@ CFTypeRef PlistGen::container(int depth) {
             CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
         for (size_t i = 0; i < n && in_.remaining_bytes() > 0; ++i) {
             // Now and then a key that is not a string, which the dialect cannot carry.
-            Ref<CFTypeRef> key(in_.ConsumeIntegralInRange(0, 31) == 0 ? static_cast<CFTypeRef>(integer())
+            CFRef<CFTypeRef> key(in_.ConsumeIntegralInRange(0, 31) == 0 ? static_cast<CFTypeRef>(integer())
                                                                        : static_cast<CFTypeRef>(string()));
-            Ref<CFTypeRef> v(value(depth + 1));
+            CFRef<CFTypeRef> v(value(depth + 1));
             if (key && v) CFDictionarySetValue(d, key.get(), v.get());
         }
         return d;
     }
     CFMutableArrayRef a = CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks);
     for (size_t i = 0; i < n && in_.remaining_bytes() > 0; ++i) {
-        Ref<CFTypeRef> v(value(depth + 1));
+        CFRef<CFTypeRef> v(value(depth + 1));
         if (v) CFArrayAppendValue(a, v.get());
     }
     return a;
@@ -211,14 +211,5 @@ private:
 }  // namespace
 
 bool PlistGen::dialect_can_carry(CFTypeRef root) const { return CarryCheck(with_nul_).visit(root, 0); }
-
-std::string utf8(CFStringRef s) {
-    if (!s) return {};
-    CFIndex cap = CFStringGetMaximumSizeForEncoding(CFStringGetLength(s), kCFStringEncodingUTF8) + 1;
-    std::string out(static_cast<size_t>(cap), '\0');
-    if (!CFStringGetCString(s, out.data(), cap, kCFStringEncodingUTF8)) return {};
-    out.resize(std::char_traits<char>::length(out.c_str()));
-    return out;
-}
 
 }  // namespace talvex::fuzz

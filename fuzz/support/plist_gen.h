@@ -5,6 +5,8 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include "cf_ref.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -12,40 +14,6 @@
 #include <vector>
 
 namespace talvex::fuzz {
-
-// Owns one CoreFoundation reference.
-template <class T>
-class Ref {
-public:
-    Ref() = default;
-    explicit Ref(T r) : r_(r) {}
-    ~Ref() { reset(); }
-    Ref(const Ref &) = delete;
-    Ref &operator=(const Ref &) = delete;
-    Ref(Ref &&o) noexcept : r_(o.r_) { o.r_ = nullptr; }
-    Ref &operator=(Ref &&o) noexcept {
-        if (this != &o) {
-            reset();
-            r_ = o.r_;
-            o.r_ = nullptr;
-        }
-        return *this;
-    }
-    T get() const { return r_; }
-    T release() {
-        T r = r_;
-        r_ = nullptr;
-        return r;
-    }
-    void reset(T r = nullptr) {
-        if (r_) CFRelease(r_);
-        r_ = r;
-    }
-    explicit operator bool() const { return r_ != nullptr; }
-
-private:
-    T r_ = nullptr;
-};
 
 // Builds property lists: dictionaries, arrays, strings (UTF-8 or Latin-1
 // text from the input, or words of a vocabulary), integers of every width,
@@ -87,7 +55,5 @@ private:
     std::unordered_set<const void *> with_nul_;   // retained: strings with a NUL inside
 };
 
-// The UTF-8 text of a string ("" when it has none), for messages.
-std::string utf8(CFStringRef s);
 
 }  // namespace talvex::fuzz

@@ -34,9 +34,10 @@
 // its cost is linear in the length of the text.
 #include <IOKit/IOCFUnserialize.h>
 
+#include "cf_ref.h"
+
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -48,10 +49,7 @@ constexpr int kMaxNesting = 128;
 // Longest element or attribute name quoted in an error message.
 constexpr size_t kMaxQuotedName = 32;
 
-struct Releaser {
-    void operator()(const void *obj) const { CFRelease(obj); }
-};
-using Owned = std::unique_ptr<const void, Releaser>;
+using talvex::CFRef;
 
 enum class Elem { Dict, Key, Array, String, Integer, Data, True, False };
 
@@ -164,13 +162,13 @@ public:
         for (auto &entry : ids_) CFRelease(entry.second);
     }
 
-    Owned parse_document() {
+    CFRef<CFTypeRef> parse_document() {
         skip_space();
         if (pos_ == t_.size()) {
             fail(pos_, "no root element");
             return nullptr;
         }
-        Owned root = parse_value(0);
+        CFRef<CFTypeRef> root = parse_value(0);
         if (!root) return nullptr;
         skip_space();
         if (pos_ != t_.size()) {
@@ -343,21 +341,21 @@ private:
         return true;
     }
 
-    Owned make_string(const Tag &tag, const std::string &bytes) {
+    CFRef<CFTypeRef> make_string(const Tag &tag, const std::string &bytes) {
         CFStringRef s = CFStringCreateWithBytes(alloc_, reinterpret_cast<const uint8_t *>(bytes.data()),
                                                 static_cast<CFIndex>(bytes.size()), kCFStringEncodingUTF8, false);
         if (s == nullptr) fail(tag.at, "text of <" + quoted(tag.name) + "> is not UTF-8");
-        return Owned(s);
+        return CFRef<CFTypeRef>(s);
     }
 
     // The text of a <string> or <key> whose start tag has been read.
-    Owned string_body(const Tag &tag) {
+    CFRef<CFTypeRef> string_body(const Tag &tag) {
         std::string bytes;
         if (!tag.empty && (!decoded_text(tag, bytes) || !parse_end_tag(tag.name))) return nullptr;
         return make_string(tag, bytes);
     }
 
-    Owned integer_body(const Tag &tag) {
+    CFRef<CFTypeRef> integer_body(const Tag &tag) {
         if (tag.empty) {
             fail(tag.at, "empty <integer>");
             return nullptr;
@@ -408,10 +406,10 @@ private:
         }
         }
         if (n == nullptr) fail(tag.at, "out of memory");
-        return Owned(n);
+        return CFRef<CFTypeRef>(n);
     }
 
-    Owned data_body(const Tag &tag) {
+    CFRef<CFTypeRef> data_body(const Tag &tag) {
         std::string bytes;
         if (!tag.empty) {
             std::string_view text;
@@ -449,13 +447,13 @@ private:
         CFDataRef d = CFDataCreate(alloc_, reinterpret_cast<const uint8_t *>(bytes.data()),
                                    static_cast<CFIndex>(bytes.size()));
         if (d == nullptr) fail(tag.at, "out of memory");
-        return Owned(d);
+        return CFRef<CFTypeRef>(d);
     }
 
-    Owned dict_body(const Tag &tag, int depth) {
+    CFRef<CFTypeRef> dict_body(const Tag &tag, int depth) {
         CFMutableDictionaryRef d =
             CFDictionaryCreateMutable(alloc_, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
-        Owned dict(d);
+        CFRef<CFTypeRef> dict(d);
         if (d == nullptr) {
             fail(tag.at, "out of memory");
             return nullptr;
@@ -477,7 +475,7 @@ private:
                 fail(key_tag.at, "expected <key> in <dict>, found <" + quoted(key_tag.name) + ">");
                 return nullptr;
             }
-            Owned key = key_tag.has_idref ? reference(key_tag) : string_body(key_tag);
+            CFRef<CFTypeRef> key = key_tag.has_idref ? reference(key_tag) : string_body(key_tag);
             if (!key) return nullptr;
             if (CFGetTypeID(key.get()) != CFStringGetTypeID()) {
                 fail(key_tag.at, "key IDREF " + std::to_string(key_tag.idref) + " is not a string");
@@ -493,15 +491,15 @@ private:
                 fail(key_tag.at, "duplicate key in <dict>");
                 return nullptr;
             }
-            Owned value = parse_value(depth + 1);
+            CFRef<CFTypeRef> value = parse_value(depth + 1);
             if (!value) return nullptr;
             CFDictionarySetValue(d, key.get(), value.get());
         }
     }
 
-    Owned array_body(const Tag &tag, int depth) {
+    CFRef<CFTypeRef> array_body(const Tag &tag, int depth) {
         CFMutableArrayRef a = CFArrayCreateMutable(alloc_, 0, &kCFTypeArrayCallBacks);
-        Owned array(a);
+        CFRef<CFTypeRef> array(a);
         if (a == nullptr) {
             fail(tag.at, "out of memory");
             return nullptr;
@@ -513,27 +511,27 @@ private:
                 if (!parse_end_tag(tag.name)) return nullptr;
                 return array;
             }
-            Owned value = parse_value(depth + 1);
+            CFRef<CFTypeRef> value = parse_value(depth + 1);
             if (!value) return nullptr;
             CFArrayAppendValue(a, value.get());
         }
     }
 
-    Owned boolean_body(const Tag &tag) {
+    CFRef<CFTypeRef> boolean_body(const Tag &tag) {
         if (!tag.empty) {
             skip_space();
             if (!parse_end_tag(tag.name)) return nullptr;
         }
-        return Owned(CFRetain(tag.elem == Elem::True ? kCFBooleanTrue : kCFBooleanFalse));
+        return CFRef<CFTypeRef>(CFRetain(tag.elem == Elem::True ? kCFBooleanTrue : kCFBooleanFalse));
     }
 
-    Owned reference(const Tag &tag) {
+    CFRef<CFTypeRef> reference(const Tag &tag) {
         const auto it = ids_.find(tag.idref);
         if (it == ids_.end()) {
             fail(tag.at, "unknown IDREF " + std::to_string(tag.idref));
             return nullptr;
         }
-        return Owned(CFRetain(it->second));
+        return CFRef<CFTypeRef>(CFRetain(it->second));
     }
 
     // Registers a completed element's object under its ID, if it has one.
@@ -546,7 +544,7 @@ private:
 
     // A value element at the current position; depth counts the containers
     // around it.
-    Owned parse_value(int depth) {
+    CFRef<CFTypeRef> parse_value(int depth) {
         skip_space();
         if (at_end()) {
             fail(pos_, "unexpected end of input");
@@ -567,7 +565,7 @@ private:
             return nullptr;
         }
         if (tag.has_idref) return reference(tag);
-        Owned obj;
+        CFRef<CFTypeRef> obj;
         switch (tag.elem) {
         case Elem::Key:
             fail(tag.at, "<key> outside a dictionary");
@@ -620,7 +618,7 @@ CFTypeRef IOCFUnserializeWithSize(const char *buffer, size_t size, CFAllocatorRe
         const void *nul = size != 0 ? std::memchr(buffer, '\0', size) : nullptr;
         const size_t length = nul != nullptr ? static_cast<size_t>(static_cast<const char *>(nul) - buffer) : size;
         Parser parser(std::string_view(buffer, length), allocator);
-        Owned result = parser.parse_document();
+        CFRef<CFTypeRef> result = parser.parse_document();
         if (!result) {
             set_error(error_string, parser.message());
             return nullptr;

@@ -8,38 +8,30 @@
 #include <new>
 #include <string>
 
-#include "cf_owned.h"
+#include "cf_ref.h"
 #include "objects.h"
 #include "transport.h"
 
 namespace talvex::host {
 
-std::optional<std::string> utf8_of(CFTypeRef string) {
-    if (!string || CFGetTypeID(string) != CFStringGetTypeID()) return std::nullopt;
-    auto s = static_cast<CFStringRef>(string);
-    if (const char *p = CFStringGetCStringPtr(s, kCFStringEncodingUTF8)) return std::string(p);
-    CFIndex size = CFStringGetMaximumSizeForEncoding(CFStringGetLength(s), kCFStringEncodingUTF8) + 1;
-    std::string buf(static_cast<size_t>(size), '\0');
-    if (!CFStringGetCString(s, buf.data(), size, kCFStringEncodingUTF8)) return std::nullopt;
-    buf.resize(std::strlen(buf.c_str()));
-    return buf;
-}
+namespace {
 
+// The registry's serialised form of a property list (NUL included); nothing
+// when the object cannot be serialised.
 std::optional<std::vector<uint8_t>> serialise(CFTypeRef object) {
     if (!object) return std::nullopt;
-    CFOwned<CFDataRef> data(IOCFSerialize(object, 0));
+    CFRef<CFDataRef> data(IOCFSerialize(object, 0));
     if (!data) return std::nullopt;
     const uint8_t *p = CFDataGetBytePtr(data.get());
     return std::vector<uint8_t>(p, p + CFDataGetLength(data.get()));
 }
 
+// Parses a serialised property list; null when the bytes are not one.
 CFTypeRef unserialise(std::span<const uint8_t> bytes, CFAllocatorRef allocator) {
     if (bytes.empty()) return nullptr;
     return IOCFUnserializeWithSize(reinterpret_cast<const char *>(bytes.data()), bytes.size(), allocator, 0,
                                    nullptr);
 }
-
-namespace {
 
 struct Matched {
     kern_return_t code = KERN_SUCCESS;
@@ -184,7 +176,7 @@ kern_return_t IOObjectGetClass(io_object_t object, io_name_t class_name) {
 CFMutableDictionaryRef IOServiceMatching(const char *class_name) {
     return guarded<CFMutableDictionaryRef>(nullptr, [&]() -> CFMutableDictionaryRef {
         if (!class_name) return nullptr;
-        CFOwned<CFStringRef> name(CFStringCreateWithCString(kCFAllocatorDefault, class_name, kCFStringEncodingUTF8));
+        auto name = talvex::make_cf_string(class_name);
         if (!name) return nullptr;
         CFMutableDictionaryRef dict = CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
                                                                 &kCFTypeDictionaryValueCallBacks);
@@ -288,7 +280,7 @@ CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef
     return guarded<CFTypeRef>(nullptr, [&]() -> CFTypeRef {
         uint64_t id;
         if (entry_of(entry, id) != KERN_SUCCESS) return nullptr;
-        auto name = utf8_of(key);
+        auto name = talvex::utf8_text(key);
         if (!name) return nullptr;
         Exchange ex(wire::Op::GetProperty);
         ex.body().u64(id);
@@ -320,7 +312,7 @@ kern_return_t IORegistryEntryCreateCFProperties(io_registry_entry_t entry, CFMut
             if (!r.ok()) return kIOReturnIPCError;
             parsed = unserialise(blob, allocator);
         }
-        CFOwned<CFTypeRef> dict(parsed);
+        talvex::CFRef<CFTypeRef> dict(parsed);
         if (!dict || CFGetTypeID(dict.get()) != CFDictionaryGetTypeID()) return kIOReturnIPCError;
         *properties = CFDictionaryCreateMutableCopy(allocator, 0, static_cast<CFDictionaryRef>(dict.get()));
         if (!*properties) return kIOReturnNoMemory;
@@ -333,7 +325,7 @@ kern_return_t IORegistryEntrySetCFProperty(io_registry_entry_t entry, CFStringRe
     return guarded<kern_return_t>(kIOReturnNoMemory, [&]() -> kern_return_t {
         uint64_t id;
         if (kern_return_t kr = entry_of(entry, id)) return kr;
-        auto name = utf8_of(property_name);
+        auto name = talvex::utf8_text(property_name);
         if (!name) return kIOReturnBadArgument;
         auto blob = serialise(property);
         if (!blob) return kIOReturnBadArgument;

@@ -39,7 +39,7 @@ using Strings = std::vector<std::string>;
 }  // namespace
 
 TEST(CFArray, EditingKeepsOrderAndFindsByValue) {
-    Owned<CFMutableArrayRef> a(make_array());
+    CFRef<CFMutableArrayRef> a(make_array());
     CFArrayAppendValue(a, CFSTR("b"));
     CFArrayInsertValueAtIndex(a, 0, CFSTR("a"));
     CFArrayInsertValueAtIndex(a, 2, CFSTR("d"));
@@ -54,7 +54,7 @@ TEST(CFArray, EditingKeepsOrderAndFindsByValue) {
     EXPECT_EQ(values_of(a), (Strings{"B", "c", "d", "e", "c", "d"}));
 
     // Lookups compare with CFEqual: another string object with the same text is found.
-    Owned<CFStringRef> d(CFStringCreateWithCString(nullptr, "d", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> d(CFStringCreateWithCString(nullptr, "d", kCFStringEncodingUTF8));
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(a, CFRangeMake(0, 6), d), 2);
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(a, CFRangeMake(3, 3), d), 5);
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(a, CFRangeMake(0, 2), d), kCFNotFound);
@@ -71,28 +71,28 @@ TEST(CFArray, EditingKeepsOrderAndFindsByValue) {
 }
 
 TEST(CFArray, PlainPointerArraysNeitherRetainNorCompareByValue) {
-    Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
-    Owned<CFMutableArrayRef> plain(CFArrayCreateMutable(nullptr, 0, nullptr));
+    CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
+    CFRef<CFMutableArrayRef> plain(CFArrayCreateMutable(nullptr, 0, nullptr));
     CFArrayAppendValue(plain, s);
     CFArrayAppendValue(plain, reinterpret_cast<const void *>(uintptr_t{42}));
     EXPECT_EQ(CFGetRetainCount(s), 1);
-    Owned<CFStringRef> other(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> other(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(plain, CFRangeMake(0, 2), other), kCFNotFound);
     EXPECT_EQ(CFArrayGetFirstIndexOfValue(plain, CFRangeMake(0, 2), reinterpret_cast<const void *>(uintptr_t{42})), 1);
-    Owned<CFArrayRef> copy(CFArrayCreateCopy(nullptr, plain));
+    CFRef<CFArrayRef> copy(CFArrayCreateCopy(nullptr, plain));
     EXPECT_EQ(CFGetRetainCount(s), 1);
     EXPECT_EQ(CFArrayGetValueAtIndex(copy, 1), reinterpret_cast<const void *>(uintptr_t{42}));
 }
 
 TEST(CFArray, MutableCopiesAreIndependentAndEqualityIsDeep) {
-    Owned<CFMutableArrayRef> inner(make_array());
+    CFRef<CFMutableArrayRef> inner(make_array());
     CFArrayAppendValue(inner, CFSTR("x"));
-    Owned<CFMutableArrayRef> a(make_array());
+    CFRef<CFMutableArrayRef> a(make_array());
     CFArrayAppendValue(a, inner);
-    Owned<CFNumberRef> one(make_int(1));
+    CFRef<CFNumberRef> one(make_int(1));
     CFArrayAppendValue(a, one);
 
-    Owned<CFMutableArrayRef> copy(CFArrayCreateMutableCopy(nullptr, 0, a));
+    CFRef<CFMutableArrayRef> copy(CFArrayCreateMutableCopy(nullptr, 0, a));
     EXPECT_TRUE(CFEqual(a, copy));
     CFArrayAppendValue(copy, CFSTR("more"));
     EXPECT_EQ(CFArrayGetCount(a), 2);
@@ -100,13 +100,13 @@ TEST(CFArray, MutableCopiesAreIndependentAndEqualityIsDeep) {
     CFArrayRemoveValueAtIndex(copy, 2);
 
     // Deep: equal contents in distinct objects.
-    Owned<CFMutableArrayRef> inner2(make_array());
-    Owned<CFStringRef> x(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
+    CFRef<CFMutableArrayRef> inner2(make_array());
+    CFRef<CFStringRef> x(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
     CFArrayAppendValue(inner2, x);
     int32_t one32 = 1;
-    Owned<CFNumberRef> one_again(CFNumberCreate(nullptr, kCFNumberSInt32Type, &one32));
+    CFRef<CFNumberRef> one_again(CFNumberCreate(nullptr, kCFNumberSInt32Type, &one32));
     const void *values[] = {inner2.get(), one_again.get()};
-    Owned<CFArrayRef> built(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
+    CFRef<CFArrayRef> built(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
     EXPECT_TRUE(CFEqual(a, built));
     EXPECT_EQ(CFHash(a), CFHash(built));
     // The copy is shallow: changing the shared inner array shows in both.
@@ -116,22 +116,22 @@ TEST(CFArray, MutableCopiesAreIndependentAndEqualityIsDeep) {
 }
 
 TEST(CFArray, Description) {
-    Owned<CFMutableArrayRef> a(make_array());
+    CFRef<CFMutableArrayRef> a(make_array());
     EXPECT_EQ(describe(a), "(\n)");
-    Owned<CFNumberRef> n(make_int(7));
+    CFRef<CFNumberRef> n(make_int(7));
     CFArrayAppendValue(a, CFSTR("a"));
     CFArrayAppendValue(a, n);
     EXPECT_EQ(describe(a), "(\n    a,\n    7\n)");
-    Owned<CFMutableArrayRef> outer(make_array());
+    CFRef<CFMutableArrayRef> outer(make_array());
     CFArrayAppendValue(outer, a);
-    Owned<CFMutableDictionaryRef> d(make_dict());
+    CFRef<CFMutableDictionaryRef> d(make_dict());
     CFDictionarySetValue(d, CFSTR("k"), kCFBooleanTrue);
     CFArrayAppendValue(outer, d);
     EXPECT_EQ(describe(outer), "(\n    (\n        a,\n        7\n    ),\n    {\n        k = true;\n    }\n)");
 }
 
 TEST(CFDictionary, InsertionOrderSurvivesRemovalAndReplacement) {
-    Owned<CFMutableDictionaryRef> d(make_dict());
+    CFRef<CFMutableDictionaryRef> d(make_dict());
     for (const char *k : {"d", "a", "c", "b"}) CFDictionarySetValue(d, __CFStringMakeConstantString(k), CFSTR("1"));
     EXPECT_EQ(keys_in_order(d), (Strings{"d", "a", "c", "b"}));
 
@@ -159,9 +159,9 @@ TEST(CFDictionary, InsertionOrderSurvivesRemovalAndReplacement) {
     EXPECT_EQ(values[1], CFSTR("3"));
 
     // Copies keep the order, and so does the description.
-    Owned<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, d));
+    CFRef<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, d));
     EXPECT_EQ(keys_in_order(copy), (Strings{"d", "c", "b", "a", "e"}));
-    Owned<CFMutableDictionaryRef> mcopy(CFDictionaryCreateMutableCopy(nullptr, 0, copy));
+    CFRef<CFMutableDictionaryRef> mcopy(CFDictionaryCreateMutableCopy(nullptr, 0, copy));
     CFDictionaryRemoveValue(mcopy, CFSTR("d"));
     CFDictionarySetValue(mcopy, CFSTR("d"), CFSTR("6"));
     EXPECT_EQ(keys_in_order(mcopy), (Strings{"c", "b", "a", "e", "d"}));
@@ -181,12 +181,12 @@ TEST(CFDictionary, InsertionOrderSurvivesRemovalAndReplacement) {
 // and copy faithfully.
 TEST(CFDictionary, EverySizeAcrossTheScannedLimitFindsKeysByEquality) {
     auto key = [](int i) {
-        return Owned<CFStringRef>(
+        return CFRef<CFStringRef>(
             CFStringCreateWithCString(nullptr, ("key" + std::to_string(i)).c_str(), kCFStringEncodingUTF8));
     };
     for (int n = 1; n <= 40; ++n) {
         for (CFIndex capacity : {CFIndex{0}, CFIndex{3}, CFIndex{64}}) {
-            Owned<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, capacity, &kCFTypeDictionaryKeyCallBacks,
+            CFRef<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, capacity, &kCFTypeDictionaryKeyCallBacks,
                                                                       &kCFTypeDictionaryValueCallBacks));
             for (int i = 0; i < n; ++i) CFDictionarySetValue(d, key(i), key(i + 1000));
             ASSERT_EQ(CFDictionaryGetCount(d), n);
@@ -204,8 +204,8 @@ TEST(CFDictionary, EverySizeAcrossTheScannedLimitFindsKeysByEquality) {
             for (int i = 0; i < n; i += 2) expected.push_back("key" + std::to_string(i));
             EXPECT_EQ(keys_in_order(d), expected) << n;
 
-            Owned<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
-            Owned<CFDictionaryRef> frozen(CFDictionaryCreateCopy(nullptr, copy));
+            CFRef<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
+            CFRef<CFDictionaryRef> frozen(CFDictionaryCreateCopy(nullptr, copy));
             EXPECT_TRUE(CFEqual(copy, d));
             EXPECT_TRUE(CFEqual(frozen, d));
             EXPECT_EQ(keys_in_order(frozen), expected);
@@ -217,20 +217,20 @@ TEST(CFDictionary, EverySizeAcrossTheScannedLimitFindsKeysByEquality) {
 }
 
 TEST(CFDictionary, EqualityIsDeepAndIgnoresOrder) {
-    Owned<CFNumberRef> one(make_int(1));
-    Owned<CFMutableArrayRef> list(make_array());
+    CFRef<CFNumberRef> one(make_int(1));
+    CFRef<CFMutableArrayRef> list(make_array());
     CFArrayAppendValue(list, CFSTR("v"));
     const void *k1[] = {CFSTR("a"), CFSTR("b")};
     const void *v1[] = {one.get(), list.get()};
-    Owned<CFDictionaryRef> x(
+    CFRef<CFDictionaryRef> x(
         CFDictionaryCreate(nullptr, k1, v1, 2, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
 
-    Owned<CFMutableArrayRef> list2(make_array());
-    Owned<CFStringRef> v(CFStringCreateWithCString(nullptr, "v", kCFStringEncodingUTF8));
+    CFRef<CFMutableArrayRef> list2(make_array());
+    CFRef<CFStringRef> v(CFStringCreateWithCString(nullptr, "v", kCFStringEncodingUTF8));
     CFArrayAppendValue(list2, v);
     double one_d = 1.0;
-    Owned<CFNumberRef> one_real(CFNumberCreate(nullptr, kCFNumberDoubleType, &one_d));
-    Owned<CFMutableDictionaryRef> y(make_dict());
+    CFRef<CFNumberRef> one_real(CFNumberCreate(nullptr, kCFNumberDoubleType, &one_d));
+    CFRef<CFMutableDictionaryRef> y(make_dict());
     CFDictionarySetValue(y, CFSTR("b"), list2);
     CFDictionarySetValue(y, CFSTR("a"), one_real);
     EXPECT_TRUE(CFEqual(x, y));
@@ -249,7 +249,7 @@ TEST(CFDictionary, EqualityIsDeepAndIgnoresOrder) {
     // A key given twice to CFDictionaryCreate: first position, last value.
     const void *k2[] = {CFSTR("k"), CFSTR("j"), CFSTR("k")};
     const void *v2[] = {CFSTR("first"), CFSTR("j"), CFSTR("last")};
-    Owned<CFDictionaryRef> dup(
+    CFRef<CFDictionaryRef> dup(
         CFDictionaryCreate(nullptr, k2, v2, 3, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
     EXPECT_EQ(CFDictionaryGetCount(dup), 2);
     EXPECT_EQ(keys_in_order(dup), (Strings{"k", "j"}));
@@ -258,8 +258,8 @@ TEST(CFDictionary, EqualityIsDeepAndIgnoresOrder) {
 
 TEST(CFDictionary, KeyCallbacksCopyStringsOrHoldPlainPointers) {
     // Copy-string keys: changing the caller's mutable key later changes nothing.
-    Owned<CFMutableStringRef> key(CFStringCreateMutableCopy(nullptr, 0, CFSTR("name")));
-    Owned<CFMutableDictionaryRef> d(
+    CFRef<CFMutableStringRef> key(CFStringCreateMutableCopy(nullptr, 0, CFSTR("name")));
+    CFRef<CFMutableDictionaryRef> d(
         CFDictionaryCreateMutable(nullptr, 0, &kCFCopyStringDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
     CFDictionarySetValue(d, key, CFSTR("v"));
     CFStringAppend(key, CFSTR("-changed"));
@@ -268,9 +268,9 @@ TEST(CFDictionary, KeyCallbacksCopyStringsOrHoldPlainPointers) {
     EXPECT_EQ(CFGetRetainCount(key), 1);
 
     // Null callbacks: identity keys, nothing retained.
-    Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, "k", kCFStringEncodingUTF8));
-    Owned<CFStringRef> same_text(CFStringCreateWithCString(nullptr, "k", kCFStringEncodingUTF8));
-    Owned<CFMutableDictionaryRef> plain(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
+    CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, "k", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> same_text(CFStringCreateWithCString(nullptr, "k", kCFStringEncodingUTF8));
+    CFRef<CFMutableDictionaryRef> plain(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
     CFDictionarySetValue(plain, s, s);
     CFDictionarySetValue(plain, reinterpret_cast<const void *>(uintptr_t{1}), reinterpret_cast<const void *>(uintptr_t{2}));
     EXPECT_EQ(CFGetRetainCount(s), 1);
@@ -279,7 +279,7 @@ TEST(CFDictionary, KeyCallbacksCopyStringsOrHoldPlainPointers) {
     const void *value = nullptr;
     EXPECT_TRUE(CFDictionaryGetValueIfPresent(plain, reinterpret_cast<const void *>(uintptr_t{1}), &value));
     EXPECT_EQ(value, reinterpret_cast<const void *>(uintptr_t{2}));
-    Owned<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, plain));
+    CFRef<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, plain));
     EXPECT_EQ(CFGetRetainCount(s), 1);
     EXPECT_EQ(CFDictionaryGetValue(copy, s), s.get());
 }
@@ -302,13 +302,13 @@ const CFDictionaryKeyCallBacks kCountingKeys = {0, kCFTypeDictionaryKeyCallBacks
 // the dictionary and its copies still use them.
 TEST(CFDictionary, KeepsItsOwnCopyOfCallerCallbacks) {
     auto *callbacks = new CFDictionaryKeyCallBacks(kCountingKeys);
-    Owned<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, callbacks, &kCFTypeDictionaryValueCallBacks));
+    CFRef<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, callbacks, &kCFTypeDictionaryValueCallBacks));
     std::memset(static_cast<void *>(callbacks), 0, sizeof *callbacks);
     delete callbacks;
-    Owned<CFStringRef> key(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
-    Owned<CFStringRef> same(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> key(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> same(CFStringCreateWithCString(nullptr, "key", kCFStringEncodingUTF8));
     CFDictionarySetValue(d, key, kCFBooleanTrue);
-    Owned<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
+    CFRef<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, d));
     CFRelease(d.release());
     g_key_compares = 0;
     EXPECT_EQ(CFDictionaryGetValue(copy, same), kCFBooleanTrue);
@@ -320,7 +320,7 @@ TEST(CFDictionary, LargeDictionariesStayHashed) {
     auto start = std::chrono::steady_clock::now();
     std::vector<CFNumberRef> keys;
     for (int i = 0; i < kKeys; ++i) keys.push_back(make_int(i * 7919));
-    Owned<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, &kCountingKeys, &kCFTypeDictionaryValueCallBacks));
+    CFRef<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, &kCountingKeys, &kCFTypeDictionaryValueCallBacks));
     g_key_compares = 0;
     for (CFNumberRef k : keys) CFDictionarySetValue(d, k, k);
     for (int i = 0; i < kKeys; i += 2) CFDictionaryRemoveValue(d, keys[static_cast<size_t>(i)]);
@@ -341,7 +341,7 @@ TEST(CFDictionary, LargeDictionariesStayHashed) {
 
     // A small working set churning through many keys: removal must not leave
     // lookups or iteration paying for everything ever removed.
-    Owned<CFMutableDictionaryRef> churn(make_dict());
+    CFRef<CFMutableDictionaryRef> churn(make_dict());
     for (size_t i = 0; i < keys.size(); ++i) {
         CFDictionarySetValue(churn, keys[i], kCFBooleanTrue);
         if (i >= 8) CFDictionaryRemoveValue(churn, keys[i - 8]);
@@ -351,8 +351,8 @@ TEST(CFDictionary, LargeDictionariesStayHashed) {
     }
     // Emptied by removal alone (no insert to trigger a rebuild), a dictionary
     // must iterate as fast as a fresh one of the same size.
-    Owned<CFMutableDictionaryRef> emptied(make_dict());
-    Owned<CFMutableDictionaryRef> fresh(make_dict());
+    CFRef<CFMutableDictionaryRef> emptied(make_dict());
+    CFRef<CFMutableDictionaryRef> fresh(make_dict());
     for (CFNumberRef k : keys) CFDictionarySetValue(emptied, k, k);
     for (size_t i = 0; i + 10 < keys.size(); ++i) CFDictionaryRemoveValue(emptied, keys[i]);
     for (size_t i = keys.size() - 10; i < keys.size(); ++i) CFDictionarySetValue(fresh, keys[i], keys[i]);

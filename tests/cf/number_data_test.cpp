@@ -33,7 +33,7 @@ TEST(CFNumber, KeepsItsTypeAndSize) {
     };
     for (const Case &c : cases) {
         uint8_t zero[8] = {};
-        Owned<CFNumberRef> n(CFNumberCreate(nullptr, c.type, zero));
+        CFRef<CFNumberRef> n(CFNumberCreate(nullptr, c.type, zero));
         ASSERT_NE(n.get(), nullptr) << c.type;
         EXPECT_EQ(CFNumberGetType(n), c.type);
         EXPECT_EQ(CFNumberGetByteSize(n), c.size) << c.type;
@@ -46,13 +46,13 @@ TEST(CFNumber, KeepsItsTypeAndSize) {
 }
 
 TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
-    Owned<CFNumberRef> i8(number<int8_t>(kCFNumberSInt8Type, 5));
-    Owned<CFNumberRef> i32(number<int32_t>(kCFNumberSInt32Type, 5));
-    Owned<CFNumberRef> ll(number<long long>(kCFNumberLongLongType, 5));
-    Owned<CFNumberRef> d(number<double>(kCFNumberDoubleType, 5.0));
-    Owned<CFNumberRef> f(number<float>(kCFNumberFloat32Type, 5.0f));
-    Owned<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5));
-    Owned<CFNumberRef> six(number<int16_t>(kCFNumberSInt16Type, 6));
+    CFRef<CFNumberRef> i8(number<int8_t>(kCFNumberSInt8Type, 5));
+    CFRef<CFNumberRef> i32(number<int32_t>(kCFNumberSInt32Type, 5));
+    CFRef<CFNumberRef> ll(number<long long>(kCFNumberLongLongType, 5));
+    CFRef<CFNumberRef> d(number<double>(kCFNumberDoubleType, 5.0));
+    CFRef<CFNumberRef> f(number<float>(kCFNumberFloat32Type, 5.0f));
+    CFRef<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5));
+    CFRef<CFNumberRef> six(number<int16_t>(kCFNumberSInt16Type, 6));
     for (CFNumberRef a : {i8.get(), i32.get(), ll.get(), d.get(), f.get()}) {
         for (CFNumberRef b : {i8.get(), i32.get(), ll.get(), d.get(), f.get()}) {
             EXPECT_TRUE(CFEqual(a, b));
@@ -64,16 +64,16 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     }
     EXPECT_EQ(CFNumberCompare(six, half, nullptr), kCFCompareGreaterThan);
     // Values at the edge of the integer range compare exactly with doubles.
-    Owned<CFNumberRef> max64(number<int64_t>(kCFNumberSInt64Type, std::numeric_limits<int64_t>::max()));
-    Owned<CFNumberRef> two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
+    CFRef<CFNumberRef> max64(number<int64_t>(kCFNumberSInt64Type, std::numeric_limits<int64_t>::max()));
+    CFRef<CFNumberRef> two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
     EXPECT_FALSE(CFEqual(max64, two63));
     EXPECT_EQ(CFNumberCompare(max64, two63, nullptr), kCFCompareLessThan);
-    Owned<CFNumberRef> big(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
-    Owned<CFNumberRef> big_d(number<double>(kCFNumberDoubleType, 9007199254740992.0));
+    CFRef<CFNumberRef> big(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
+    CFRef<CFNumberRef> big_d(number<double>(kCFNumberDoubleType, 9007199254740992.0));
     EXPECT_FALSE(CFEqual(big, big_d));   // 2^53+1 is not the double 2^53
 
     // As dictionary keys: one key whatever the type of the number used to look it up.
-    Owned<CFMutableDictionaryRef> dict(make_dict());
+    CFRef<CFMutableDictionaryRef> dict(make_dict());
     CFDictionarySetValue(dict, ll, CFSTR("five"));
     EXPECT_EQ(CFDictionaryGetValue(dict, i8), CFSTR("five"));
     EXPECT_EQ(CFDictionaryGetValue(dict, d), CFSTR("five"));
@@ -81,7 +81,7 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
 }
 
 TEST(CFNumber, GetValueConvertsAndReportsLoss) {
-    Owned<CFNumberRef> n300(number<int32_t>(kCFNumberSInt32Type, 300));
+    CFRef<CFNumberRef> n300(number<int32_t>(kCFNumberSInt32Type, 300));
     int8_t i8 = 0;
     EXPECT_FALSE(CFNumberGetValue(n300, kCFNumberSInt8Type, &i8));
     EXPECT_EQ(i8, 44);   // truncated, still stored
@@ -92,43 +92,43 @@ TEST(CFNumber, GetValueConvertsAndReportsLoss) {
     EXPECT_TRUE(CFNumberGetValue(n300, kCFNumberDoubleType, &dv));
     EXPECT_EQ(dv, 300.0);
 
-    Owned<CFNumberRef> neg(number<int64_t>(kCFNumberSInt64Type, -1));
+    CFRef<CFNumberRef> neg(number<int64_t>(kCFNumberSInt64Type, -1));
     uint32_t u32 = 0;
     EXPECT_TRUE(CFNumberGetValue(neg, kCFNumberSInt32Type, &u32));
     EXPECT_EQ(u32, 0xffffffffu);
 
-    Owned<CFNumberRef> real(number<double>(kCFNumberDoubleType, -3.7));
+    CFRef<CFNumberRef> real(number<double>(kCFNumberDoubleType, -3.7));
     int iv = 0;
     EXPECT_FALSE(CFNumberGetValue(real, kCFNumberIntType, &iv));
     EXPECT_EQ(iv, -3);
-    Owned<CFNumberRef> whole(number<double>(kCFNumberDoubleType, 4.0));
+    CFRef<CFNumberRef> whole(number<double>(kCFNumberDoubleType, 4.0));
     EXPECT_TRUE(CFNumberGetValue(whole, kCFNumberIntType, &iv));
     EXPECT_EQ(iv, 4);
-    Owned<CFNumberRef> huge(number<double>(kCFNumberDoubleType, 1e300));
+    CFRef<CFNumberRef> huge(number<double>(kCFNumberDoubleType, 1e300));
     int64_t i64 = 0;
     EXPECT_FALSE(CFNumberGetValue(huge, kCFNumberSInt64Type, &i64));
     EXPECT_EQ(i64, std::numeric_limits<int64_t>::max());
     float fv = 0;
     EXPECT_FALSE(CFNumberGetValue(huge, kCFNumberFloatType, &fv));
     EXPECT_TRUE(std::isinf(fv));
-    Owned<CFNumberRef> tenth(number<double>(kCFNumberDoubleType, 0.1));
+    CFRef<CFNumberRef> tenth(number<double>(kCFNumberDoubleType, 0.1));
     EXPECT_FALSE(CFNumberGetValue(tenth, kCFNumberFloat32Type, &fv));
     EXPECT_EQ(fv, 0.1f);
-    Owned<CFNumberRef> tenth_f(number<float>(kCFNumberFloatType, 0.1f));
+    CFRef<CFNumberRef> tenth_f(number<float>(kCFNumberFloatType, 0.1f));
     EXPECT_TRUE(CFNumberGetValue(tenth_f, kCFNumberFloat64Type, &dv));
     EXPECT_EQ(dv, static_cast<double>(0.1f));
-    Owned<CFNumberRef> odd(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
+    CFRef<CFNumberRef> odd(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
     EXPECT_FALSE(CFNumberGetValue(odd, kCFNumberFloat64Type, &dv));
-    Owned<CFNumberRef> nan(number<double>(kCFNumberDoubleType, NAN));
+    CFRef<CFNumberRef> nan(number<double>(kCFNumberDoubleType, NAN));
     EXPECT_FALSE(CFNumberGetValue(nan, kCFNumberSInt32Type, &iv));
     EXPECT_FALSE(CFNumberGetValue(n300, 99, &iv));
 }
 
 TEST(CFNumber, DescriptionsAndBooleans) {
-    Owned<CFNumberRef> a(number<int8_t>(kCFNumberSInt8Type, -7));
-    Owned<CFNumberRef> b(number<int64_t>(kCFNumberSInt64Type, std::numeric_limits<int64_t>::min()));
-    Owned<CFNumberRef> c(number<double>(kCFNumberDoubleType, 2.5));
-    Owned<CFNumberRef> d(number<float>(kCFNumberFloat32Type, 0.1f));
+    CFRef<CFNumberRef> a(number<int8_t>(kCFNumberSInt8Type, -7));
+    CFRef<CFNumberRef> b(number<int64_t>(kCFNumberSInt64Type, std::numeric_limits<int64_t>::min()));
+    CFRef<CFNumberRef> c(number<double>(kCFNumberDoubleType, 2.5));
+    CFRef<CFNumberRef> d(number<float>(kCFNumberFloat32Type, 0.1f));
     EXPECT_EQ(describe(a), "-7");
     EXPECT_EQ(describe(b), "-9223372036854775808");
     EXPECT_EQ(describe(c), "2.5");
@@ -139,25 +139,25 @@ TEST(CFNumber, DescriptionsAndBooleans) {
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, kCFBooleanFalse));
     EXPECT_EQ(describe(kCFBooleanTrue), "true");
     EXPECT_EQ(describe(kCFBooleanFalse), "false");
-    Owned<CFNumberRef> one(make_int(1));
+    CFRef<CFNumberRef> one(make_int(1));
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, one));
 }
 
 TEST(CFData, CopiesOwnAndNoCopyBorrowsAsTold) {
     uint8_t source[] = {1, 2, 3, 4, 5};
-    Owned<CFDataRef> copied(CFDataCreate(nullptr, source, 5));
+    CFRef<CFDataRef> copied(CFDataCreate(nullptr, source, 5));
     source[0] = 99;
     EXPECT_EQ(CFDataGetBytePtr(copied)[0], 1);
     EXPECT_EQ(CFDataGetLength(copied), 5);
 
     // kCFAllocatorNull: the stack buffer must never be freed (the sanitizer would say so).
-    Owned<CFDataRef> borrowed(CFDataCreateWithBytesNoCopy(nullptr, source, 5, kCFAllocatorNull));
+    CFRef<CFDataRef> borrowed(CFDataCreateWithBytesNoCopy(nullptr, source, 5, kCFAllocatorNull));
     EXPECT_EQ(CFDataGetBytePtr(borrowed), source);
     // kCFAllocatorMalloc and the default: freed with the data (a leak would be reported).
     for (CFAllocatorRef deallocator : {kCFAllocatorMalloc, kCFAllocatorDefault}) {
         auto heap = static_cast<uint8_t *>(std::malloc(3));
         std::memcpy(heap, "abc", 3);
-        Owned<CFDataRef> adopted(CFDataCreateWithBytesNoCopy(nullptr, heap, 3, deallocator));
+        CFRef<CFDataRef> adopted(CFDataCreateWithBytesNoCopy(nullptr, heap, 3, deallocator));
         EXPECT_EQ(CFDataGetBytePtr(adopted), heap);
     }
 
@@ -165,18 +165,18 @@ TEST(CFData, CopiesOwnAndNoCopyBorrowsAsTold) {
     CFDataGetBytes(copied, CFRangeMake(2, 3), out);
     EXPECT_EQ(out[0], 3);
     EXPECT_EQ(out[2], 5);
-    Owned<CFDataRef> empty(CFDataCreate(nullptr, nullptr, 0));
+    CFRef<CFDataRef> empty(CFDataCreate(nullptr, nullptr, 0));
     EXPECT_EQ(CFDataGetLength(empty), 0);
     EXPECT_EQ(CFDataCreate(nullptr, nullptr, 4), nullptr);
     EXPECT_EQ(CFDataCreate(nullptr, source, -1), nullptr);
 
     // An immutable copy of immutable data is the same object.
-    Owned<CFDataRef> again(CFDataCreateCopy(nullptr, copied));
+    CFRef<CFDataRef> again(CFDataCreateCopy(nullptr, copied));
     EXPECT_EQ(again.get(), copied.get());
 }
 
 TEST(CFData, MutableDataGrowsReplacesAndStaysIndependentOfCopies) {
-    Owned<CFMutableDataRef> m(CFDataCreateMutable(nullptr, 0));
+    CFRef<CFMutableDataRef> m(CFDataCreateMutable(nullptr, 0));
     const uint8_t abc[] = {'a', 'b', 'c'};
     CFDataAppendBytes(m, abc, 3);
     CFDataIncreaseLength(m, 2);
@@ -185,8 +185,8 @@ TEST(CFData, MutableDataGrowsReplacesAndStaysIndependentOfCopies) {
     CFDataGetMutableBytePtr(m)[3] = 'd';
     EXPECT_EQ(CFDataGetBytePtr(m)[3], 'd');
 
-    Owned<CFDataRef> snapshot(CFDataCreateCopy(nullptr, m));
-    Owned<CFMutableDataRef> twin(CFDataCreateMutableCopy(nullptr, 0, m));
+    CFRef<CFDataRef> snapshot(CFDataCreateCopy(nullptr, m));
+    CFRef<CFMutableDataRef> twin(CFDataCreateMutableCopy(nullptr, 0, m));
     EXPECT_TRUE(CFEqual(snapshot, m));
     EXPECT_EQ(CFHash(snapshot), CFHash(m));
 
@@ -209,10 +209,10 @@ TEST(CFData, MutableDataGrowsReplacesAndStaysIndependentOfCopies) {
 
 TEST(CFData, Description) {
     const uint8_t bytes[] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0xab};
-    Owned<CFDataRef> d(CFDataCreate(nullptr, bytes, 9));
+    CFRef<CFDataRef> d(CFDataCreate(nullptr, bytes, 9));
     EXPECT_EQ(describe(d), "<00112233 44556677 ab>");
-    Owned<CFDataRef> four(CFDataCreate(nullptr, bytes, 4));
+    CFRef<CFDataRef> four(CFDataCreate(nullptr, bytes, 4));
     EXPECT_EQ(describe(four), "<00112233>");
-    Owned<CFDataRef> empty(CFDataCreate(nullptr, bytes, 0));
+    CFRef<CFDataRef> empty(CFDataCreate(nullptr, bytes, 0));
     EXPECT_EQ(describe(empty), "<>");
 }

@@ -80,7 +80,7 @@ TEST(CFRuntime, RegisteredClassInstancesHaveTheirFieldsAfterTheHeader) {
     std::memset(w->payload, 0xab, sizeof w->payload);
     EXPECT_EQ(w->id, 7);
 
-    Owned<CFStringRef> name(CFCopyTypeIDDescription(type));
+    CFRef<CFStringRef> name(CFCopyTypeIDDescription(type));
     EXPECT_EQ(text(name), "Widget");
 
     int finalized = g_widget_finalized;
@@ -112,12 +112,12 @@ TEST(CFRuntime, TypeIDsAreDistinctAndNamed) {
     for (auto [id, name] : types) {
         EXPECT_NE(id, _kCFRuntimeNotATypeID) << name;
         EXPECT_TRUE(seen.insert(id).second) << name << " shares its ID";
-        Owned<CFStringRef> desc(CFCopyTypeIDDescription(id));
+        CFRef<CFStringRef> desc(CFCopyTypeIDDescription(id));
         EXPECT_EQ(text(desc), name);
     }
     EXPECT_EQ(CFGetTypeID(CFSTR("x")), CFStringGetTypeID());
     EXPECT_EQ(CFGetTypeID(kCFBooleanTrue), CFBooleanGetTypeID());
-    Owned<CFNumberRef> n(make_int(1));
+    CFRef<CFNumberRef> n(make_int(1));
     EXPECT_EQ(CFGetTypeID(n), CFNumberGetTypeID());
 }
 
@@ -180,28 +180,28 @@ TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
 }
 
 TEST(CFRuntime, EqualityHashAndDescriptionUseTheClassOrIdentity) {
-    Owned<CFTypeRef> a(make_widget(5));
-    Owned<CFTypeRef> b(make_widget(5));
-    Owned<CFTypeRef> c(make_widget(6));
+    CFRef<CFTypeRef> a(make_widget(5));
+    CFRef<CFTypeRef> b(make_widget(5));
+    CFRef<CFTypeRef> c(make_widget(6));
     EXPECT_TRUE(CFEqual(a, b));
     EXPECT_FALSE(CFEqual(a, c));
     EXPECT_EQ(CFHash(a), CFHash(b));
     EXPECT_FALSE(CFEqual(a, CFSTR("w5")));   // different types never equal
     // CFCopyDescription prefers the debug description, %@ the formatting one.
     EXPECT_EQ(describe(a), "Widget#5");
-    Owned<CFStringRef> formatted(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("[%@]"), a.get()));
+    CFRef<CFStringRef> formatted(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("[%@]"), a.get()));
     EXPECT_EQ(text(formatted), "[w5]");
 
     // Equal widgets are one key in a dictionary.
-    Owned<CFMutableDictionaryRef> d(make_dict());
+    CFRef<CFMutableDictionaryRef> d(make_dict());
     CFDictionarySetValue(d, a, CFSTR("first"));
     CFDictionarySetValue(d, b, CFSTR("second"));
     EXPECT_EQ(CFDictionaryGetCount(d), 1);
     EXPECT_EQ(text(static_cast<CFStringRef>(CFDictionaryGetValue(d, a))), "second");
 
     CFTypeID bare = _CFRuntimeRegisterClass(&kBareClass);
-    Owned<CFTypeRef> x(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
-    Owned<CFTypeRef> y(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
+    CFRef<CFTypeRef> x(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
+    CFRef<CFTypeRef> y(_CFRuntimeCreateInstance(nullptr, bare, 8, nullptr));
     ASSERT_NE(x.get(), nullptr);
     EXPECT_TRUE(CFEqual(x, x));
     EXPECT_FALSE(CFEqual(x, y));
@@ -266,7 +266,7 @@ TEST(CFRuntimeDeathTest, MisuseAbortsWithAClearMessage) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(CFRetain(nullptr), "CFRetain: called with a null object");
     EXPECT_DEATH(CFRelease(nullptr), "CFRelease: called with a null object");
-    Owned<CFArrayRef> fixed(CFArrayCreate(nullptr, nullptr, 0, &kCFTypeArrayCallBacks));
+    CFRef<CFArrayRef> fixed(CFArrayCreate(nullptr, nullptr, 0, &kCFTypeArrayCallBacks));
     EXPECT_DEATH(CFArrayGetValueAtIndex(fixed, 0), "CFArrayGetValueAtIndex: index 0 is outside");
     EXPECT_DEATH(CFArrayAppendValue(const_cast<CFMutableArrayRef>(fixed.get()), CFSTR("x")), "immutable array");
     EXPECT_DEATH(CFStringGetLength(reinterpret_cast<CFStringRef>(fixed.get())), "is not a CFString");

@@ -45,26 +45,26 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
     auto start = std::chrono::steady_clock::now();
     for (bool dictionaries : {false, true}) {
-        Owned<CFStringRef> x1(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
-        Owned<CFStringRef> x2(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
-        Owned<CFStringRef> y(CFStringCreateWithCString(nullptr, "y", kCFStringEncodingUTF8));
-        Owned<CFTypeRef> a(chain(60, x1, dictionaries));
-        Owned<CFTypeRef> b(chain(60, x2, dictionaries));
-        Owned<CFTypeRef> c(chain(60, y, dictionaries));
+        CFRef<CFStringRef> x1(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
+        CFRef<CFStringRef> x2(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
+        CFRef<CFStringRef> y(CFStringCreateWithCString(nullptr, "y", kCFStringEncodingUTF8));
+        CFRef<CFTypeRef> a(chain(60, x1, dictionaries));
+        CFRef<CFTypeRef> b(chain(60, x2, dictionaries));
+        CFRef<CFTypeRef> c(chain(60, y, dictionaries));
         EXPECT_TRUE(CFEqual(a, b)) << dictionaries;
         EXPECT_FALSE(CFEqual(a, c)) << dictionaries;
 
         // One side differs in one of the two places the other shares.
-        Owned<CFTypeRef> half(chain(59, x2, dictionaries));
-        Owned<CFTypeRef> other(chain(59, y, dictionaries));
-        Owned<CFMutableArrayRef> mixed(make_array());
+        CFRef<CFTypeRef> half(chain(59, x2, dictionaries));
+        CFRef<CFTypeRef> other(chain(59, y, dictionaries));
+        CFRef<CFMutableArrayRef> mixed(make_array());
         CFArrayAppendValue(mixed, half);
         CFArrayAppendValue(mixed, other);
-        Owned<CFMutableArrayRef> same(make_array());
+        CFRef<CFMutableArrayRef> same(make_array());
         CFArrayAppendValue(same, half);
         CFArrayAppendValue(same, half);
-        Owned<CFTypeRef> top(chain(59, x1, dictionaries));
-        Owned<CFMutableArrayRef> shared(make_array());
+        CFRef<CFTypeRef> top(chain(59, x1, dictionaries));
+        CFRef<CFMutableArrayRef> shared(make_array());
         CFArrayAppendValue(shared, top);
         CFArrayAppendValue(shared, top);
         EXPECT_FALSE(CFEqual(shared, mixed)) << dictionaries;
@@ -76,10 +76,10 @@ TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
 
 TEST(CFEqual, PairsFoundEqualAreForgottenAfterTheComparison) {
     // Enough containers to use the table of equal pairs.
-    Owned<CFMutableArrayRef> a(make_array()), b(make_array());
+    CFRef<CFMutableArrayRef> a(make_array()), b(make_array());
     for (int i = 0; i < 1000; ++i) {
-        Owned<CFNumberRef> n1(make_int(i)), n2(make_int(i));
-        Owned<CFMutableArrayRef> ia(make_array()), ib(make_array());
+        CFRef<CFNumberRef> n1(make_int(i)), n2(make_int(i));
+        CFRef<CFMutableArrayRef> ia(make_array()), ib(make_array());
         CFArrayAppendValue(ia, n1);
         CFArrayAppendValue(ib, n2);
         CFArrayAppendValue(a, ia);
@@ -94,7 +94,7 @@ TEST(CFEqual, PairsFoundEqualAreForgottenAfterTheComparison) {
     CFArrayRemoveValueAtIndex(inner, 1);
     EXPECT_TRUE(CFEqual(a, b));
     // The last pair differs: everything before it was equal.
-    Owned<CFNumberRef> other(make_int(-1));
+    CFRef<CFNumberRef> other(make_int(-1));
     auto last = const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(CFArrayGetValueAtIndex(a, 999)));
     CFArraySetValueAtIndex(last, 0, other);
     EXPECT_FALSE(CFEqual(a, b));

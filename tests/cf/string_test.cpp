@@ -19,7 +19,7 @@ namespace {
 std::string format(CFStringRef fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    Owned<CFStringRef> s(CFStringCreateWithFormatAndArguments(nullptr, nullptr, fmt, args));
+    CFRef<CFStringRef> s(CFStringCreateWithFormatAndArguments(nullptr, nullptr, fmt, args));
     va_end(args);
     return text(s);
 }
@@ -63,12 +63,12 @@ TEST(CFStringFormat, OrdinaryConversionsMatchTheCLibrary) {
 }
 
 TEST(CFStringFormat, ObjectsNullsAndText) {
-    Owned<CFNumberRef> n(make_int(42));
+    CFRef<CFNumberRef> n(make_int(42));
     EXPECT_EQ(format(CFSTR("%@ and %@ and %@"), CFSTR("text"), n.get(), kCFBooleanFalse), "text and 42 and false");
     EXPECT_EQ(format(CFSTR("[%@]"), nullptr), "[(null)]");
     EXPECT_EQ(format(CFSTR("[%8@|%-6@|%.2@]"), CFSTR("héllo"), CFSTR("ab"), CFSTR("日本語")), "[   héllo|ab    |日本]");
     // A mutable string's %@ is its text at the time of formatting.
-    Owned<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
+    CFRef<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
     CFStringAppendCString(m, "grown", kCFStringEncodingUTF8);
     EXPECT_EQ(format(CFSTR("%@!"), m.get()), "grown!");
 
@@ -85,7 +85,7 @@ TEST(CFStringFormat, ObjectsNullsAndText) {
     EXPECT_EQ(format(CFSTR("a%nb%d"), &ignored, 9), "ab9");
     EXPECT_EQ(ignored, 0);
 
-    Owned<CFMutableStringRef> out(CFStringCreateMutableCopy(nullptr, 0, CFSTR("log: ")));
+    CFRef<CFMutableStringRef> out(CFStringCreateMutableCopy(nullptr, 0, CFSTR("log: ")));
     CFStringAppendFormat(out, nullptr, CFSTR("%s=%#06x %@"), "reg", 0x2a, CFSTR("ok"));
     EXPECT_EQ(text(out), "log: reg=0x002a ok");
     EXPECT_EQ(CFStringGetLength(out), 18);
@@ -97,7 +97,7 @@ TEST(CFString, LengthIsInUTF16UnitsAndBadBytesAreRefused) {
         CFIndex units;
     } cases[] = {{"", 0}, {"plain", 5}, {"h\u00e9llo", 5}, {"\u65e5\u672c", 2}, {"\U0001F600", 2}, {"a\U0001F600b\u00e9", 5}};
     for (const Case &c : cases) {
-        Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, c.utf8, kCFStringEncodingUTF8));
+        CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, c.utf8, kCFStringEncodingUTF8));
         ASSERT_NE(s.get(), nullptr) << c.utf8;
         EXPECT_EQ(CFStringGetLength(s), c.units) << c.utf8;
         EXPECT_EQ(text(s), c.utf8);
@@ -108,9 +108,9 @@ TEST(CFString, LengthIsInUTF16UnitsAndBadBytesAreRefused) {
     EXPECT_EQ(CFStringCreateWithCString(nullptr, "x", 0x0500), nullptr);   // unsupported encoding
 
     const uint8_t bytes[] = {0xef, 0xbb, 0xbf, 'a', 0, 'b'};
-    Owned<CFStringRef> with_bom(CFStringCreateWithBytes(nullptr, bytes, 6, kCFStringEncodingUTF8, true));
+    CFRef<CFStringRef> with_bom(CFStringCreateWithBytes(nullptr, bytes, 6, kCFStringEncodingUTF8, true));
     EXPECT_EQ(CFStringGetLength(with_bom), 3);   // BOM dropped, NUL kept
-    Owned<CFStringRef> raw(CFStringCreateWithBytes(nullptr, bytes + 3, 1, kCFStringEncodingASCII, false));
+    CFRef<CFStringRef> raw(CFStringCreateWithBytes(nullptr, bytes + 3, 1, kCFStringEncodingASCII, false));
     EXPECT_EQ(text(raw), "a");
 
     EXPECT_EQ(CFStringGetMaximumSizeForEncoding(5, kCFStringEncodingUTF8), 15);
@@ -134,7 +134,7 @@ TEST(CFString, CStringAccessRespectsBufferAndEncoding) {
 }
 
 TEST(CFString, MutableStringsAndCopiesAreIndependent) {
-    Owned<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
+    CFRef<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
     CFStringAppend(m, CFSTR("ab"));
     CFStringAppendCString(m, "\u00e9", kCFStringEncodingUTF8);
     CFStringAppendCString(m, "\xff", kCFStringEncodingUTF8);   // invalid: nothing appended
@@ -143,18 +143,18 @@ TEST(CFString, MutableStringsAndCopiesAreIndependent) {
     EXPECT_EQ(CFStringGetLength(m), 3);
     EXPECT_EQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), nullptr);
 
-    Owned<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
+    CFRef<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
     for (int i = 0; i < 6; ++i) CFStringAppend(m, m);   // appending itself, across reallocations
     EXPECT_EQ(CFStringGetLength(m), 3 * 64);
     EXPECT_EQ(text(frozen), "ab\u00e9");
     EXPECT_NE(static_cast<CFTypeRef>(frozen.get()), static_cast<CFTypeRef>(m.get()));
 
-    Owned<CFMutableStringRef> copy(CFStringCreateMutableCopy(nullptr, 0, frozen));
+    CFRef<CFMutableStringRef> copy(CFStringCreateMutableCopy(nullptr, 0, frozen));
     CFStringAppend(copy, CFSTR("!"));
     EXPECT_EQ(text(frozen), "ab\u00e9");
     EXPECT_EQ(text(copy), "ab\u00e9!");
     EXPECT_FALSE(CFEqual(copy, frozen));
-    Owned<CFStringRef> same(CFStringCreateWithCString(nullptr, "ab\u00e9!", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> same(CFStringCreateWithCString(nullptr, "ab\u00e9!", kCFStringEncodingUTF8));
     EXPECT_TRUE(CFEqual(copy, same));
     EXPECT_EQ(CFHash(copy), CFHash(same));
     EXPECT_EQ(describe(copy), "ab\u00e9!");

@@ -14,17 +14,17 @@ using namespace talvex::test;
 namespace {
 
 std::string path_of(CFURLRef url) {
-    Owned<CFStringRef> p(CFURLCopyFileSystemPath(url, kCFURLPOSIXPathStyle));
+    CFRef<CFStringRef> p(CFURLCopyFileSystemPath(url, kCFURLPOSIXPathStyle));
     return text(p);
 }
 
 CFURLRef file_url(const char *path, bool is_directory = false) {
-    Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, path, kCFStringEncodingUTF8));
+    CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, path, kCFStringEncodingUTF8));
     return CFURLCreateWithFileSystemPath(nullptr, s, kCFURLPOSIXPathStyle, is_directory);
 }
 
 std::string absolute_path_of(CFURLRef url) {
-    Owned<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
+    CFRef<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
     return path_of(abs);
 }
 
@@ -51,18 +51,18 @@ protected:
 }  // namespace
 
 TEST_F(CFURLTest, RelativePathsResolveAgainstTheDirectoryAtCreation) {
-    Owned<CFURLRef> rel(file_url("fw/./v2/../image.bin"));
+    CFRef<CFURLRef> rel(file_url("fw/./v2/../image.bin"));
     ASSERT_NE(rel.get(), nullptr);
     EXPECT_EQ(path_of(rel), "fw/image.bin");
     std::filesystem::current_path(dir_);   // later changes of directory do not matter
     EXPECT_EQ(absolute_path_of(rel), dir_ + "/sub/fw/image.bin");
 
-    Owned<CFURLRef> up(file_url("../x"));   // made in dir_ now
+    CFRef<CFURLRef> up(file_url("../x"));   // made in dir_ now
     EXPECT_EQ(path_of(up), "../x");
     EXPECT_EQ(absolute_path_of(up), std::filesystem::path(dir_).parent_path().string() + "/x");
-    Owned<CFURLRef> here(file_url("."));
+    CFRef<CFURLRef> here(file_url("."));
     EXPECT_EQ(absolute_path_of(here), dir_);
-    Owned<CFURLRef> name(file_url("image.bin"));
+    CFRef<CFURLRef> name(file_url("image.bin"));
     EXPECT_EQ(absolute_path_of(name), dir_ + "/image.bin");
     EXPECT_EQ(describe(name), "image.bin -- file://" + dir_ + "/");
 }
@@ -74,34 +74,34 @@ TEST_F(CFURLTest, AbsolutePathsAreKeptAsGivenLessTrailingSlashes) {
     } cases[] = {{"/fw/image.bin", "/fw/image.bin"}, {"//fw///a/./b/../c/", "//fw///a/./b/../c"}, {"/", "/"},
                  {"///", "/"},                         {"/..", "/.."},       {"/a/b/..", "/a/b/.."}};
     for (const Case &c : cases) {
-        Owned<CFURLRef> url(file_url(c.in));
+        CFRef<CFURLRef> url(file_url(c.in));
         ASSERT_NE(url.get(), nullptr) << c.in;
         EXPECT_EQ(path_of(url), c.out) << c.in;
-        Owned<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
+        CFRef<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
         EXPECT_EQ(abs.get(), url.get()) << "an absolute URL is its own absolute URL";
     }
-    Owned<CFURLRef> dir(file_url("/var/lib/", true));
+    CFRef<CFURLRef> dir(file_url("/var/lib/", true));
     EXPECT_EQ(path_of(dir), "/var/lib");
     EXPECT_EQ(describe(dir), "file:///var/lib/");
-    Owned<CFURLRef> file(file_url("/var/lib/x"));
+    CFRef<CFURLRef> file(file_url("/var/lib/x"));
     EXPECT_EQ(describe(file), "file:///var/lib/x");
-    Owned<CFURLRef> same(file_url("/var/lib/x"));
+    CFRef<CFURLRef> same(file_url("/var/lib/x"));
     EXPECT_TRUE(CFEqual(file, same));
     EXPECT_EQ(CFHash(file), CFHash(same));
-    Owned<CFURLRef> dotted(file_url("/var/./lib/x"));
+    CFRef<CFURLRef> dotted(file_url("/var/./lib/x"));
     EXPECT_FALSE(CFEqual(file, dotted));
 
     EXPECT_EQ(file_url(""), nullptr);
-    Owned<CFStringRef> s(CFStringCreateWithCString(nullptr, "/x", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, "/x", kCFStringEncodingUTF8));
     EXPECT_EQ(CFURLCreateWithFileSystemPath(nullptr, s, 1, false), nullptr);   // not a POSIX path style
 }
 
 TEST(CFError, CarriesDomainCodeAndUserInfo) {
-    Owned<CFMutableDictionaryRef> info(make_dict());
-    Owned<CFStringRef> message(CFStringCreateWithCString(nullptr, "couldn't create channel", kCFStringEncodingASCII));
+    CFRef<CFMutableDictionaryRef> info(make_dict());
+    CFRef<CFStringRef> message(CFStringCreateWithCString(nullptr, "couldn't create channel", kCFStringEncodingASCII));
     CFDictionarySetValue(info, kCFErrorDescriptionKey, message);
     const CFIndex code = static_cast<int32_t>(0xe00002bc);   // sign-extended from 32 bits
-    Owned<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, code, info));
+    CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, code, info));
     ASSERT_NE(err.get(), nullptr);
     EXPECT_EQ(CFGetTypeID(err), CFErrorGetTypeID());
     EXPECT_EQ(CFErrorGetCode(err), -536870212);
@@ -109,21 +109,21 @@ TEST(CFError, CarriesDomainCodeAndUserInfo) {
 
     // The user info was copied: later changes to the caller's dictionary don't show.
     CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("changed"));
-    Owned<CFStringRef> desc(CFErrorCopyDescription(err));
+    CFRef<CFStringRef> desc(CFErrorCopyDescription(err));
     EXPECT_EQ(text(desc), "couldn't create channel");
-    Owned<CFDictionaryRef> copied(CFErrorCopyUserInfo(err));
+    CFRef<CFDictionaryRef> copied(CFErrorCopyUserInfo(err));
     EXPECT_EQ(CFDictionaryGetCount(copied), 1);
     EXPECT_EQ(describe(err), "Error Domain=NSMachErrorDomain Code=-536870212 \"couldn't create channel\"");
 
     // Without user info: an empty dictionary and a generic description.
-    Owned<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    Owned<CFDictionaryRef> none(CFErrorCopyUserInfo(bare));
+    CFRef<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
+    CFRef<CFDictionaryRef> none(CFErrorCopyUserInfo(bare));
     ASSERT_NE(none.get(), nullptr);
     EXPECT_EQ(CFDictionaryGetCount(none), 0);
-    Owned<CFStringRef> generic(CFErrorCopyDescription(bare));
+    CFRef<CFStringRef> generic(CFErrorCopyDescription(bare));
     EXPECT_EQ(text(generic), "The operation couldn\u2019t be completed. (NSPOSIXErrorDomain error 2.)");
 
-    Owned<CFErrorRef> twin(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
+    CFRef<CFErrorRef> twin(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
     EXPECT_TRUE(CFEqual(bare, twin));
     EXPECT_FALSE(CFEqual(bare, err));
     EXPECT_EQ(CFErrorCreate(nullptr, nullptr, 1, nullptr), nullptr);

@@ -25,16 +25,16 @@ CFIndex channelCount(CFDictionaryRef level) {
 
 IOReturn add(CFMutableDictionaryRef agg, const char *driver, uint64_t id, const char *group = nullptr,
              const char *subgroup = nullptr, CFErrorRef *error = nullptr, uint64_t channel_type = type(1, 0, 1)) {
-    Ref<CFStringRef> d(driver ? str(driver) : nullptr);
-    Ref<CFStringRef> g(group ? str(group) : nullptr);
-    Ref<CFStringRef> s(subgroup ? str(subgroup) : nullptr);
+    CFRef<CFStringRef> d(driver ? str(driver) : nullptr);
+    CFRef<CFStringRef> g(group ? str(group) : nullptr);
+    CFRef<CFStringRef> s(subgroup ? str(subgroup) : nullptr);
     return IOReportAddChannelDescription(agg, 7, d.get(), id, channel_type, nullptr, g.get(), s.get(), nullptr, error);
 }
 
 }  // namespace
 
 TEST(Aggregates, FileChannelsByDriverThenGroupThenSubgroup) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
     CFTypeRef opts = getValue(agg.get(), "QueryOpts");
     ASSERT_TRUE(opts);
     EXPECT_EQ(CFNumberGetType(static_cast<CFNumberRef>(opts)), kCFNumberIntType);
@@ -55,7 +55,7 @@ TEST(Aggregates, FileChannelsByDriverThenGroupThenSubgroup) {
     EXPECT_EQ(IOReportGetChannelCount(agg.get()), 4);
 
     // Other option bits are kept but file nothing.
-    Ref<CFMutableDictionaryRef> flat(IOReportCreateAggregate(8));
+    CFRef<CFMutableDictionaryRef> flat(IOReportCreateAggregate(8));
     EXPECT_EQ(_getAggregateOpts(flat.get()), 8u);
     ASSERT_EQ(add(flat.get(), "A", 1, "G", "S"), 0);
     EXPECT_EQ(channelCount(flat.get()), 1);
@@ -63,36 +63,36 @@ TEST(Aggregates, FileChannelsByDriverThenGroupThenSubgroup) {
 }
 
 TEST(Aggregates, FilingFailuresReportTheirCodes) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver));
-    Ref<CFErrorRef> e1;
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver));
+    CFRef<CFErrorRef> e1;
     EXPECT_EQ(add(agg.get(), nullptr, 1, nullptr, nullptr, e1.slot()), mach(0xe00002bc));
     EXPECT_EQ(errorText(e1.get()), "_addChannel() failed");
     EXPECT_EQ(errorCode(e1.get()), mach(0xe00002bc));
     EXPECT_TRUE(CFEqual(CFErrorGetDomain(e1.get()), kCFErrorDomainMach));
 
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_EQ(add(agg.get(), "A", kNone, nullptr, nullptr, e2.slot()), mach(0xe00002bc));
     EXPECT_EQ(errorText(e2.get()), "couldn't create channel");
 
-    Ref<CFErrorRef> e3;
+    CFRef<CFErrorRef> e3;
     EXPECT_EQ(add(nullptr, "A", 1, nullptr, nullptr, e3.slot()), mach(0xe00002c2));
     EXPECT_EQ(errorText(e3.get()), "_addChannel() failed");
 
     // An existing non-dictionary where a level should be, or a non-array list.
-    Ref<CFStringRef> junk(str("junk"));
+    CFRef<CFStringRef> junk(str("junk"));
     setValue(agg.get(), "IOReportDrivers", junk.get());
     EXPECT_EQ(add(agg.get(), "A", 1), mach(0xe00002bc));
-    Ref<CFMutableDictionaryRef> flat(IOReportCreateAggregate(0));
+    CFRef<CFMutableDictionaryRef> flat(IOReportCreateAggregate(0));
     setValue(flat.get(), "IOReportChannels", junk.get());
     EXPECT_EQ(add(flat.get(), "A", 1), mach(0xe00002bc));
     EXPECT_FALSE(createCFErr(static_cast<IOReturn>(0xe00002c2u), nullptr));   // no message, no error object
 }
 
 TEST(Aggregates, MergeSharesRecordsAndRefusesItself) {
-    Ref<CFMutableDictionaryRef> src(IOReportCreateAggregate(0));
+    CFRef<CFMutableDictionaryRef> src(IOReportCreateAggregate(0));
     ASSERT_EQ(add(src.get(), "A", 1), 0);
     ASSERT_EQ(add(src.get(), "B", 2), 0);
-    Ref<CFMutableDictionaryRef> dst(IOReportCreateAggregate(kIOReportOptionByDriver));
+    CFRef<CFMutableDictionaryRef> dst(IOReportCreateAggregate(kIOReportOptionByDriver));
     EXPECT_EQ(IOReportMergeChannels(dst.get(), src.get(), nullptr), 0);
     EXPECT_EQ(IOReportGetChannelCount(dst.get()), 2);
     auto before = channelsOf(src.get());
@@ -100,22 +100,22 @@ TEST(Aggregates, MergeSharesRecordsAndRefusesItself) {
     ASSERT_TRUE(b);
     EXPECT_EQ(CFArrayGetValueAtIndex(static_cast<CFArrayRef>(getValue(b, "IOReportChannels")), 0), before[1]);
 
-    Ref<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     EXPECT_EQ(IOReportMergeChannels(dst.get(), dst.get(), e.slot()), kIOReportIterFailed);
     EXPECT_EQ(errorText(e.get()), "bad argument");
     EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
     EXPECT_EQ(IOReportMergeChannels(nullptr, src.get(), nullptr), kIOReportIterFailed);
 
     // A record that can't be filed stops the merge with the block's failure.
-    Ref<CFMutableDictionaryRef> nameless(IOReportCreateAggregate(0));
+    CFRef<CFMutableDictionaryRef> nameless(IOReportCreateAggregate(0));
     ASSERT_EQ(add(nameless.get(), nullptr, 3), 0);
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_EQ(IOReportMergeChannels(dst.get(), nameless.get(), e2.slot()), 1);
     EXPECT_EQ(errorText(e2.get()), "_addChannel() failed");
 }
 
 TEST(Walker, IterateCombinesEvenResultsAndStopsOnOdd) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
     ASSERT_EQ(add(agg.get(), "A", 1, "G"), 0);
     ASSERT_EQ(add(agg.get(), "A", 2), 0);
     ASSERT_EQ(add(agg.get(), "B", 3), 0);
@@ -134,9 +134,9 @@ TEST(Walker, IterateCombinesEvenResultsAndStopsOnOdd) {
     EXPECT_EQ(calls, 2);
 
     EXPECT_EQ(IOReportIterate(nullptr, [](CFMutableDictionaryRef) { return 0; }), kIOReportIterFailed);
-    Ref<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
-    Ref<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
-    Ref<CFStringRef> junk(str("junk"));
+    CFRef<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
+    CFRef<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
+    CFRef<CFStringRef> junk(str("junk"));
     CFArrayAppendValue(list.get(), junk.get());
     setValue(bad.get(), "IOReportChannels", list.get());
     EXPECT_EQ(IOReportIterate(bad.get(), [](CFMutableDictionaryRef) { return 0; }), kIOReportIterFailed);
@@ -144,7 +144,7 @@ TEST(Walker, IterateCombinesEvenResultsAndStopsOnOdd) {
 }
 
 TEST(Walker, PruneRemovesChannelsAndEmptiedLevels) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
     ASSERT_EQ(add(agg.get(), "A", 1, "G", "S"), 0);
     ASSERT_EQ(add(agg.get(), "A", 2), 0);
     ASSERT_EQ(add(agg.get(), "B", 3, "G"), 0);
@@ -170,12 +170,12 @@ TEST(Walker, PruneRemovesChannelsAndEmptiedLevels) {
 }
 
 TEST(Walker, CloneKeepsCopiesForZeroResults) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver));
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver));
     ASSERT_EQ(add(agg.get(), "A", 1), 0);
     ASSERT_EQ(add(agg.get(), "A", 2), 0);
     ASSERT_EQ(add(agg.get(), "B", 3), 0);
 
-    Ref<CFMutableDictionaryRef> clone(cloneAggregate(agg.get(), [](CFMutableDictionaryRef c, CFMutableDictionaryRef) {
+    CFRef<CFMutableDictionaryRef> clone(cloneAggregate(agg.get(), [](CFMutableDictionaryRef c, CFMutableDictionaryRef) {
         return IOReportChannelGetChannelID(c) == 2 ? 2 : 0;
     }));
     ASSERT_TRUE(clone);
@@ -201,16 +201,16 @@ TEST(Walker, ComparePairsRecordsByPlace) {
         for (int i = 0; i < n; ++i) {
             EXPECT_EQ(add(agg, "A", 10 + i, nullptr, nullptr, nullptr, t), 0);
             auto recs = channelsOf(agg);
-            Ref<CFMutableDataRef> d(mutableData(run(7, 10 + i, t, {{base + i, 0, 0, 0}}, {99})));
+            CFRef<CFMutableDataRef> d(mutableData(run(7, 10 + i, t, {{base + i, 0, 0, 0}}, {99})));
             setValue(recs.back(), "RawElements", d.get());
         }
         return agg;
     };
-    Ref<CFMutableDictionaryRef> older(build(1, 100));
-    Ref<CFMutableDictionaryRef> newer(build(2, 500));
+    CFRef<CFMutableDictionaryRef> older(build(1, 100));
+    CFRef<CFMutableDictionaryRef> newer(build(2, 500));
 
     std::vector<std::pair<uint64_t, uint64_t>> pairs;
-    Ref<CFMutableDictionaryRef> out(compareAggregates(
+    CFRef<CFMutableDictionaryRef> out(compareAggregates(
         older.get(), newer.get(), [&](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef c) {
             pairs.emplace_back(IOReportSimpleGetIntegerValue(a), IOReportSimpleGetIntegerValue(b));
             // The copy starts from the older elements with the values zeroed.
@@ -234,7 +234,7 @@ TEST(Walker, ComparePairsRecordsByPlace) {
     auto keep = [](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; };
     EXPECT_FALSE(compareAggregates(nullptr, newer.get(), keep));
     // A driver the older sample lacks.
-    Ref<CFMutableDictionaryRef> other(build(1, 0));
+    CFRef<CFMutableDictionaryRef> other(build(1, 0));
     EXPECT_EQ(add(other.get(), "Z", 1, nullptr, nullptr, nullptr, t), 0);
     EXPECT_FALSE(compareAggregates(older.get(), other.get(), keep));
     // Channel types must agree.
@@ -245,7 +245,7 @@ TEST(Walker, ComparePairsRecordsByPlace) {
 }
 
 TEST(Channels, AccessorsReadTheRecordOrReportNoValue) {
-    Ref<CFMutableDictionaryRef> rec(record(0x55, 0x41, type(3, 0x0102, 5), "name", 0x0100007C00000000ull, "G", "S"));
+    CFRef<CFMutableDictionaryRef> rec(record(0x55, 0x41, type(3, 0x0102, 5), "name", 0x0100007C00000000ull, "G", "S"));
     EXPECT_EQ(IOReportChannelGetChannelID(rec.get()), 0x41u);
     EXPECT_EQ(IOReportChannelGetDriverID(rec.get()), 0x55u);
     EXPECT_EQ(text(IOReportChannelGetDriverName(rec.get())), "drv");
@@ -263,7 +263,7 @@ TEST(Channels, AccessorsReadTheRecordOrReportNoValue) {
     EXPECT_EQ(setChannelType(rec.get(), &nt), 0);
     EXPECT_EQ(IOReportChannelGetFormat(rec.get()), 1);
 
-    Ref<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
+    CFRef<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
                                                                 &kCFTypeDictionaryValueCallBacks));
     EXPECT_EQ(IOReportChannelGetChannelID(empty.get()), kNone);
     EXPECT_EQ(IOReportChannelGetDriverID(empty.get()), kNone);
@@ -276,53 +276,53 @@ TEST(Channels, AccessorsReadTheRecordOrReportNoValue) {
     EXPECT_EQ(IOReportChannelGetUnit(nullptr), kNone);
 
     // A stored sentinel reads as missing; a non-number too.
-    Ref<CFNumberRef> sentinel(num(kNone));
+    CFRef<CFNumberRef> sentinel(num(kNone));
     setValue(empty.get(), "DriverID", sentinel.get());
     EXPECT_EQ(IOReportChannelGetDriverID(empty.get()), kNone);
-    Ref<CFStringRef> s(str("12"));
+    CFRef<CFStringRef> s(str("12"));
     setValue(empty.get(), "DriverID", s.get());
     EXPECT_EQ(IOReportChannelGetDriverID(empty.get()), kNone);
 }
 
 TEST(Channels, NamesComeFromTheLegendOrThePrintableID) {
-    Ref<CFStringRef> idle(_copyPrintableIDString(0x49444C45204D5320ull));
+    CFRef<CFStringRef> idle(_copyPrintableIDString(0x49444C45204D5320ull));
     EXPECT_EQ(text(idle.get()), "IDLE MS ");
-    Ref<CFStringRef> gaps(_copyPrintableIDString(0x0041004200000043ull));
+    CFRef<CFStringRef> gaps(_copyPrintableIDString(0x0041004200000043ull));
     EXPECT_EQ(text(gaps.get()), "ABC");
     EXPECT_FALSE(_copyPrintableIDString(0));
     EXPECT_FALSE(_copyPrintableIDString(0x4142014300000000ull));
 
-    Ref<CFMutableDictionaryRef> a(record(1, 0x544F54414C204D53ull, type(1, 0, 1)));
+    CFRef<CFMutableDictionaryRef> a(record(1, 0x544F54414C204D53ull, type(1, 0, 1)));
     EXPECT_EQ(text(IOReportChannelGetChannelName(a.get())), "TOTAL MS");
     EXPECT_EQ(text(static_cast<CFStringRef>(getValue(a.get(), "ChannelName"))), "TOTAL MS");
 
-    Ref<CFMutableDictionaryRef> b(record(1, 0x4101, type(1, 0, 1)));
+    CFRef<CFMutableDictionaryRef> b(record(1, 0x4101, type(1, 0, 1)));
     EXPECT_FALSE(IOReportChannelGetChannelName(b.get()));
     EXPECT_FALSE(getValue(b.get(), "ChannelName"));
 
-    Ref<CFMutableDictionaryRef> c(record(1, 0x4101, type(1, 0, 1), "legend name"));
+    CFRef<CFMutableDictionaryRef> c(record(1, 0x4101, type(1, 0, 1), "legend name"));
     EXPECT_EQ(text(IOReportChannelGetChannelName(c.get())), "legend name");
 
     // A cached name wins over everything else.
-    Ref<CFStringRef> cached(str("cached"));
+    CFRef<CFStringRef> cached(str("cached"));
     setValue(c.get(), "ChannelName", cached.get());
     EXPECT_EQ(text(IOReportChannelGetChannelName(c.get())), "cached");
     EXPECT_FALSE(IOReportChannelGetChannelName(nullptr));
 }
 
 TEST(Channels, OneLineDescription) {
-    Ref<CFMutableDictionaryRef> rec(
+    CFRef<CFMutableDictionaryRef> rec(
         record(0x10, 0x6F6E65, type(1, 0x12, 1), nullptr, 0x0100007C00000000ull, "G"));
-    Ref<CFStringRef> d(IOReportChannelCopyDescription(rec.get(), nullptr, "> "));
+    CFRef<CFStringRef> d(IOReportChannelCopyDescription(rec.get(), nullptr, "> "));
     EXPECT_EQ(text(d.get()), "> drv one < 0x6f6e65 (ms) | G/g G/(none) | cat 0x12 | format 0x01 | elts 1 >\n");
 
-    Ref<CFMutableDictionaryRef> bare(record(0x10, 0x4101, type(3, 0, 16)));
-    Ref<CFStringRef> d2(IOReportChannelCopyDescription(bare.get(), nullptr, nullptr));
+    CFRef<CFMutableDictionaryRef> bare(record(0x10, 0x4101, type(3, 0, 16)));
+    CFRef<CFStringRef> d2(IOReportChannelCopyDescription(bare.get(), nullptr, nullptr));
     EXPECT_EQ(text(d2.get()),
               "drv (null) < 0x4101 ((null)) | G/g (none)/(none) | cat 0000 | format 0x03 | elts 16 >\n");
 
     EXPECT_FALSE(IOReportChannelCopyDescription(nullptr, nullptr, nullptr));
-    Ref<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
+    CFRef<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
                                                                 &kCFTypeDictionaryValueCallBacks));
     EXPECT_FALSE(IOReportChannelCopyDescription(empty.get(), nullptr, nullptr));
 }

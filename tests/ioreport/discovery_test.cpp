@@ -47,8 +47,8 @@ CFArrayRef channel(uint64_t id, uint64_t channel_type, const char *name = nullpt
 }
 CFDictionaryRef group(const char *name, const char *subgroup, CFDictionaryRef info, std::vector<CFTypeRef> channels) {
     CFMutableDictionaryRef g = talvex::test::make_dict();
-    if (name) setValue(g, "IOReportGroupName", Ref<CFStringRef>(str(name)).get());
-    if (subgroup) setValue(g, "IOReportSubGroupName", Ref<CFStringRef>(str(subgroup)).get());
+    if (name) setValue(g, "IOReportGroupName", CFRef<CFStringRef>(str(name)).get());
+    if (subgroup) setValue(g, "IOReportSubGroupName", CFRef<CFStringRef>(str(subgroup)).get());
     if (info) setValue(g, "IOReportChannelInfo", info);
     CFMutableArrayRef list = make_array();
     for (CFTypeRef c : channels) push(list, c);
@@ -59,7 +59,7 @@ CFDictionaryRef group(const char *name, const char *subgroup, CFDictionaryRef in
 
 void setProperty(const char *cls, const char *key, CFTypeRef value) {
     io_service_t s = service(cls);
-    Ref<CFStringRef> k(str(key));
+    CFRef<CFStringRef> k(str(key));
     EXPECT_EQ(IORegistryEntrySetCFProperty(s, k.get(), value), 0);
     IOObjectRelease(s);
 }
@@ -70,7 +70,7 @@ void deleteProperty(const char *cls, const char *key) {
 // The coprocessor's legend: four readable channels, then a group with a
 // subgroup but no group name, which ends the legend before the last group.
 void publishTalvexLegend() {
-    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    CFRef<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
     CFMutableArrayRef legend = make_array();
     push(legend, group("Power", "Rails", info.get(),
                        {channel(0x52414931, type(1, 0x0001, 1), "rail1"), channel(0x50535441, type(2, 0x0002, 3))}));
@@ -122,8 +122,8 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     publishTalvexLegend();
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
-    Ref<CFErrorRef> e;
-    Ref<CFMutableDictionaryRef> agg(
+    CFRef<CFErrorRef> e;
+    CFRef<CFMutableDictionaryRef> agg(
         IOReportCopyChannelsForDriver(s, kIOReportOptionByDriver | kIOReportOptionByGroup, e.slot()));
     ASSERT_TRUE(agg) << errorText(e.get());
     EXPECT_EQ(ids(agg.get()), (std::vector<uint64_t>{0x48495354, 0x52414931, 0x50535441, kTotal}));
@@ -131,7 +131,7 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     uint64_t id = entryID(kTalvex);
     char expected[128];
     snprintf(expected, sizeof expected, "ZantraTalvexProcessor <id %#llx>", static_cast<unsigned long long>(id));
-    Ref<CFStringRef> name(IOReportCopyDriverName(s));
+    CFRef<CFStringRef> name(IOReportCopyDriverName(s));
     EXPECT_EQ(text(name.get()), expected);
 
     CFDictionaryRef drivers = static_cast<CFDictionaryRef>(getValue(agg.get(), "IOReportDrivers"));
@@ -161,16 +161,16 @@ TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
     ASSERT_NE(s, 0u);
     publishTalvexLegend();
     deleteProperty(kTalvex, "IOReportLegendPublic");
-    Ref<CFErrorRef> e;
-    Ref<CFMutableDictionaryRef> hidden(IOReportCopyChannelsForDriver(s, 0, e.slot()));
+    CFRef<CFErrorRef> e;
+    CFRef<CFMutableDictionaryRef> hidden(IOReportCopyChannelsForDriver(s, 0, e.slot()));
     ASSERT_TRUE(hidden);
     EXPECT_EQ(IOReportGetChannelCount(hidden.get()), 0);
     EXPECT_FALSE(e);
 
     setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
-    Ref<CFStringRef> notArray(str("legend"));
+    CFRef<CFStringRef> notArray(str("legend"));
     setProperty(kTalvex, "IOReportLegend", notArray.get());
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "bad legend");
     EXPECT_EQ(errorCode(e2.get()), mach(0xe00002e6));
@@ -180,11 +180,11 @@ TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
     push(legend, group("G", nullptr, nullptr, {channel(1, type(1, 0, 1)), channel(kNone, type(1, 0, 1))}));
     setProperty(kTalvex, "IOReportLegend", legend);
     CFRelease(legend);
-    Ref<CFErrorRef> e3;
+    CFRef<CFErrorRef> e3;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e3.slot()));
     EXPECT_EQ(errorText(e3.get()), "couldn't create channel");
 
-    Ref<CFErrorRef> e4;
+    CFRef<CFErrorRef> e4;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(0, 0, e4.slot()));
     EXPECT_EQ(errorText(e4.get()), "invalid driver");
     EXPECT_EQ(errorCode(e4.get()), mach(0xe00002c2));
@@ -195,24 +195,24 @@ TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
 TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
     publishTalvexLegend();
     publishHubLegend();
-    Ref<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
+    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
     CFIndex refs = CFGetRetainCount(matching.get());
-    Ref<CFMutableDictionaryRef> agg(IOReportCopyChannelsForDrivers(matching.get(), kIOReportOptionByDriver, nullptr));
+    CFRef<CFMutableDictionaryRef> agg(IOReportCopyChannelsForDrivers(matching.get(), kIOReportOptionByDriver, nullptr));
     ASSERT_TRUE(agg);
     EXPECT_EQ(CFGetRetainCount(matching.get()), refs);   // the caller keeps its reference
     EXPECT_EQ(IOReportGetChannelCount(agg.get()), 4);
     EXPECT_EQ(_getAggregateOpts(agg.get()), 1u);
     EXPECT_TRUE(getValue(agg.get(), "IOReportDrivers"));
 
-    Ref<CFMutableDictionaryRef> nothing(IOReportCopyChannelsForDrivers(
-        Ref<CFMutableDictionaryRef>(IOServiceMatching("NoSuchClass")).get(), 0, nullptr));
+    CFRef<CFMutableDictionaryRef> nothing(IOReportCopyChannelsForDrivers(
+        CFRef<CFMutableDictionaryRef>(IOServiceMatching("NoSuchClass")).get(), 0, nullptr));
     ASSERT_TRUE(nothing);
     EXPECT_EQ(IOReportGetChannelCount(nothing.get()), 0);
-    Ref<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(nullptr, 0, e.slot()));
     EXPECT_EQ(errorText(e.get()), "no matching dict");
 
-    Ref<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
+    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
     ASSERT_TRUE(all);
     std::vector<uint64_t> found = ids(all.get());
     std::sort(found.begin(), found.end());
@@ -220,56 +220,56 @@ TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
 
     // A public driver whose legend is unusable is left out of all channels,
     // but fails a lookup that names it.
-    Ref<CFStringRef> bad(str("bad"));
+    CFRef<CFStringRef> bad(str("bad"));
     setProperty(kHub, "IOReportLegend", bad.get());
-    Ref<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
+    CFRef<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
     ASSERT_TRUE(rest);
     EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
-    Ref<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
+    CFRef<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
 }
 
 TEST_F(Discovery, Filters) {
     publishTalvexLegend();
     publishHubLegend();
-    Ref<CFStringRef> power(str("Power")), rails(str("Rails")), load(str("Load"));
+    CFRef<CFStringRef> power(str("Power")), rails(str("Rails")), load(str("Load"));
 
-    Ref<CFMutableDictionaryRef> g(IOReportCopyChannelsInGroup(power.get(), nullptr, 0, nullptr));
+    CFRef<CFMutableDictionaryRef> g(IOReportCopyChannelsInGroup(power.get(), nullptr, 0, nullptr));
     ASSERT_TRUE(g);
     EXPECT_EQ(ids(g.get()), (std::vector<uint64_t>{0x52414931, 0x50535441}));
-    Ref<CFMutableDictionaryRef> sg(IOReportCopyChannelsInGroup(nullptr, rails.get(), 0, nullptr));
+    CFRef<CFMutableDictionaryRef> sg(IOReportCopyChannelsInGroup(nullptr, rails.get(), 0, nullptr));
     ASSERT_TRUE(sg);
     EXPECT_EQ(IOReportGetChannelCount(sg.get()), 2);
-    Ref<CFMutableDictionaryRef> none(IOReportCopyChannelsInGroup(load.get(), rails.get(), 0, nullptr));
+    CFRef<CFMutableDictionaryRef> none(IOReportCopyChannelsInGroup(load.get(), rails.get(), 0, nullptr));
     ASSERT_TRUE(none);
     EXPECT_EQ(IOReportGetChannelCount(none.get()), 0);
-    Ref<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCopyChannelsInGroup(nullptr, nullptr, 0, e.slot()));
     EXPECT_EQ(errorText(e.get()), "no group or subgroup!");
 
-    Ref<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
+    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
     EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), nullptr, nullptr, nullptr), 1);
     EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), load.get(), nullptr, nullptr), kIOReportIterSkipped);
     EXPECT_EQ(ids(all.get()), (std::vector<uint64_t>{kTotal}));
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_EQ(IOReportSelectChannelsInGroup(nullptr, load.get(), nullptr, e2.slot()), 1);
     EXPECT_EQ(errorText(e2.get()), "channel pruning failed");
 
-    Ref<CFMutableDictionaryRef> cats(IOReportCopyChannelsInCategories(0x0006, 0, nullptr));
+    CFRef<CFMutableDictionaryRef> cats(IOReportCopyChannelsInCategories(0x0006, 0, nullptr));
     ASSERT_TRUE(cats);
     std::vector<uint64_t> c = ids(cats.get());
     std::sort(c.begin(), c.end());
     EXPECT_EQ(c, (std::vector<uint64_t>{0x48554231, 0x50535441, kTotal}));
-    Ref<CFMutableDictionaryRef> hist(IOReportCopyChannelsOfFormat(kIOReportFormatHistogram, 0, nullptr));
+    CFRef<CFMutableDictionaryRef> hist(IOReportCopyChannelsOfFormat(kIOReportFormatHistogram, 0, nullptr));
     ASSERT_TRUE(hist);
     EXPECT_EQ(ids(hist.get()), (std::vector<uint64_t>{0x48495354}));
-    Ref<CFMutableDictionaryRef> ms(IOReportCopyChannelsWithUnit(kMs, 0, nullptr));
+    CFRef<CFMutableDictionaryRef> ms(IOReportCopyChannelsWithUnit(kMs, 0, nullptr));
     ASSERT_TRUE(ms);
     EXPECT_EQ(IOReportGetChannelCount(ms.get()), 2);
 }
 
 TEST(Names, CurrentProcess) {
-    Ref<CFStringRef> n(IOReportCopyCurrentProcessName());
+    CFRef<CFStringRef> n(IOReportCopyCurrentProcessName());
     EXPECT_EQ(text(n.get()), "test_ioreport <pid " + std::to_string(getpid()) + ">");
     EXPECT_FALSE(IOReportCopyDriverName(0));
 }

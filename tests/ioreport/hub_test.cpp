@@ -49,8 +49,8 @@ std::string hex64(uint64_t v) {
 TEST(Hub, SubscribeMapAndSample) {
     simulator().control({"trace", "--clear"});
     const uint64_t t1 = type(kIOReportFormatSimple, 4, 1), t2 = type(kIOReportFormatState, 2, 3);
-    Ref<CFMutableDictionaryRef> desired(IOReportCreateAggregate(kIOReportOptionByDriver));
-    Ref<CFStringRef> name(str("drv"));
+    CFRef<CFMutableDictionaryRef> desired(IOReportCreateAggregate(kIOReportOptionByDriver));
+    CFRef<CFStringRef> name(str("drv"));
     ASSERT_EQ(IOReportAddChannelDescription(desired.get(), 0x11, name.get(), 0xA1, t1, nullptr, nullptr, nullptr,
                                             nullptr, nullptr),
               0);
@@ -64,7 +64,7 @@ TEST(Hub, SubscribeMapAndSample) {
     CFMutableDictionaryRef subscribed = nullptr;
     stub({"--selector", std::to_string(kIOReportUserClientConfigureInterests), "--scalar-outputs", "7", "--times",
           "1"});
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, desired.get(), &subscribed, 0, e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "IOConnectMapMemory() failed");
     EXPECT_NE(errorCode(e2.get()), 0);
@@ -72,10 +72,10 @@ TEST(Hub, SubscribeMapAndSample) {
     // Token 0 names the hub buffer.
     stub({"--selector", std::to_string(kIOReportUserClientConfigureInterests), "--scalar-outputs", "0"});
     stub({"--selector", std::to_string(kIOReportUserClientUpdateKernelBuffer), "--code", "0"});
-    Ref<CFErrorRef> e3;
-    Ref<IOReportSubscriptionRef> sub(IOReportCreateSubscription(nullptr, desired.get(), &subscribed, 0, e3.slot()));
+    CFRef<CFErrorRef> e3;
+    CFRef<IOReportSubscriptionRef> sub(IOReportCreateSubscription(nullptr, desired.get(), &subscribed, 0, e3.slot()));
     ASSERT_TRUE(sub) << errorText(e3.get());
-    Ref<CFMutableDictionaryRef> owned(subscribed);
+    CFRef<CFMutableDictionaryRef> owned(subscribed);
     ASSERT_TRUE(subscribed);
     EXPECT_NE(subscribed, desired.get());
     EXPECT_EQ(IOReportGetChannelCount(subscribed), 2);
@@ -96,7 +96,7 @@ TEST(Hub, SubscribeMapAndSample) {
 
     // The hub buffer is all zeros here: its first run has no elements, which
     // fails the sample after the update call.
-    Ref<CFErrorRef> e4;
+    CFRef<CFErrorRef> e4;
     EXPECT_FALSE(IOReportCreateSamples(sub.get(), subscribed, e4.slot()));
     EXPECT_EQ(errorText(e4.get()), "couldn't create samples");
     auto update = calls(kIOReportUserClientUpdateKernelBuffer);

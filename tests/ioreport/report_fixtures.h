@@ -16,8 +16,7 @@
 
 namespace rt {
 
-template <class T>
-using Ref = talvex::test::Owned<T>;
+using talvex::CFRef;
 using talvex::test::text;
 
 inline constexpr uint64_t kNone = 0x8000000000000000ull;
@@ -99,12 +98,12 @@ inline CFStringRef str(const char *s) { return CFStringCreateWithCString(nullptr
 inline CFMutableDictionaryRef record(uint64_t driver, uint64_t channel, uint64_t channel_type,
                                     const char *name = nullptr, uint64_t unit = kNone,
                                     const char *group = nullptr, const char *subgroup = nullptr) {
-    Ref<CFMutableDictionaryRef> agg(IOReportCreateAggregate(0));
-    Ref<CFStringRef> driver_name(str("drv"));
-    Ref<CFStringRef> n(name ? str(name) : nullptr);
-    Ref<CFStringRef> g(group ? str(group) : nullptr);
-    Ref<CFStringRef> s(subgroup ? str(subgroup) : nullptr);
-    Ref<CFMutableDictionaryRef> info(unit != kNone ? IOReportCreateUnitInfo(unit) : nullptr);
+    CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(0));
+    CFRef<CFStringRef> driver_name(str("drv"));
+    CFRef<CFStringRef> n(name ? str(name) : nullptr);
+    CFRef<CFStringRef> g(group ? str(group) : nullptr);
+    CFRef<CFStringRef> s(subgroup ? str(subgroup) : nullptr);
+    CFRef<CFMutableDictionaryRef> info(unit != kNone ? IOReportCreateUnitInfo(unit) : nullptr);
     EXPECT_EQ(IOReportAddChannelDescription(agg.get(), driver, driver_name.get(), channel, channel_type, n.get(),
                                             g.get(), s.get(), info.get(), nullptr),
               0);
@@ -118,7 +117,7 @@ inline CFMutableDictionaryRef record(uint64_t driver, uint64_t channel, uint64_t
 inline CFMutableDictionaryRef sample(uint64_t channel_type, const std::vector<uint8_t> &elements,
                                      uint64_t unit = kNone, const char *name = nullptr) {
     CFMutableDictionaryRef rec = record(1, 0x4142, channel_type, name, unit);
-    Ref<CFMutableDataRef> d(mutableData(elements));
+    CFRef<CFMutableDataRef> d(mutableData(elements));
     setValue(rec, "RawElements", d.get());
     return rec;
 }
@@ -136,7 +135,7 @@ inline std::vector<CFMutableDictionaryRef> channelsOf(CFDictionaryRef agg) {
 inline int64_t errorCode(CFErrorRef e) { return e ? CFErrorGetCode(e) : 0; }
 inline std::string errorText(CFErrorRef e) {
     if (!e) return "<none>";
-    Ref<CFStringRef> d(CFErrorCopyDescription(e));
+    CFRef<CFStringRef> d(CFErrorCopyDescription(e));
     return text(d.get());
 }
 inline int64_t mach(uint32_t code) { return static_cast<int32_t>(code); }

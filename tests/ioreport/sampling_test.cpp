@@ -18,7 +18,7 @@ const uint64_t kState2 = type(kIOReportFormatState, 0, 2);
 // A subscribed-channels aggregate holding the given (driver, channel, type) records.
 CFMutableDictionaryRef subscribed(const std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> &channels) {
     CFMutableDictionaryRef agg = IOReportCreateAggregate(0);
-    Ref<CFStringRef> name(str("drv"));
+    CFRef<CFStringRef> name(str("drv"));
     for (auto [driver, id, t] : channels)
         EXPECT_EQ(IOReportAddChannelDescription(agg, driver, name.get(), id, t, nullptr, nullptr, nullptr, nullptr,
                                                 nullptr),
@@ -28,7 +28,7 @@ CFMutableDictionaryRef subscribed(const std::vector<std::tuple<uint64_t, uint64_
 
 CFMutableDictionaryRef samplesOf(CFMutableDictionaryRef channels, const std::vector<uint8_t> &image,
                                  CFErrorRef *error = nullptr) {
-    Ref<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
+    CFRef<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
     return IOReportCreateSamplesRaw(channels, data.get(), error);
 }
 
@@ -37,10 +37,10 @@ CFDataRef rawOf(CFDictionaryRef rec) { return static_cast<CFDataRef>(getValue(re
 }  // namespace
 
 TEST(SamplesRaw, EveryChannelGetsItsOwnRun) {
-    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xB, kState2}, {2, 0xA, kSimple}}));
+    CFRef<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xB, kState2}, {2, 0xA, kSimple}}));
     auto image = concat({run(2, 0xA, kSimple, {{static_cast<uint64_t>(-5)}}), run(1, 0xB, kState2, {{1, 2, 3}, {4, 5, 6}}),
                          run(1, 0xA, kSimple, {{42}})});
-    Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+    CFRef<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
     ASSERT_TRUE(s);
     auto recs = channelsOf(s.get());
     ASSERT_EQ(recs.size(), 3u);
@@ -55,12 +55,12 @@ TEST(SamplesRaw, EveryChannelGetsItsOwnRun) {
 // or kept without elements) is compared with the walk from the start on
 // random buffers below. These are the refusals, with their errors.
 TEST(SamplesRaw, RefusesShortMissingOrZeroCountBuffers) {
-    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xC, kSimple}}));
-    Ref<CFErrorRef> e;
+    CFRef<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, kSimple}, {1, 0xC, kSimple}}));
+    CFRef<CFErrorRef> e;
     EXPECT_FALSE(samplesOf(subs.get(), std::vector<uint8_t>(63, 0), e.slot()));
     EXPECT_EQ(errorText(e.get()), "couldn't create samples");
     EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCreateSamplesRaw(subs.get(), nullptr, e2.slot()));
     EXPECT_EQ(errorCode(e2.get()), mach(0xe00002c2));
     EXPECT_FALSE(samplesOf(nullptr, run(1, 0xA, kSimple, {{7}})));
@@ -68,17 +68,17 @@ TEST(SamplesRaw, RefusesShortMissingOrZeroCountBuffers) {
     // A zero-count run fails the sample when the walk for 0xC reaches it.
     auto image = run(1, 0xA, kSimple, {{7}});
     append(image, Element{5, 5, type(1, 0, 0), 0, {}});
-    Ref<CFErrorRef> e3;
+    CFRef<CFErrorRef> e3;
     EXPECT_FALSE(samplesOf(subs.get(), image, e3.slot()));
     EXPECT_EQ(errorText(e3.get()), "couldn't create samples");
     EXPECT_EQ(errorCode(e3.get()), mach(0xe00002bc));
 }
 
 TEST(SamplesRaw, UnknownTypeIsLearntFromTheFirstSample) {
-    Ref<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, 0}}));
+    CFRef<CFMutableDictionaryRef> subs(subscribed({{1, 0xA, 0}}));
     EXPECT_EQ(IOReportChannelGetFormat(channelsOf(subs.get())[0]), 0);
     auto image = concat({run(1, 0xA, kState2, {{1, 1, 1}, {2, 2, 2}}), run(1, 0xA, kSimple, {{9}})});
-    Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+    CFRef<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
     ASSERT_TRUE(s);
     // The first run with the IDs wins; its type is kept by the subscribed record and the sample.
     EXPECT_EQ(IOReportChannelGetFormat(channelsOf(subs.get())[0]), kIOReportFormatState);
@@ -86,8 +86,8 @@ TEST(SamplesRaw, UnknownTypeIsLearntFromTheFirstSample) {
     EXPECT_EQ(IOReportStateGetResidency(channelsOf(s.get())[0], 1), 2);
 
     // A known type is not overwritten, and a format mismatch reads as no value.
-    Ref<CFMutableDictionaryRef> known(subscribed({{1, 0xA, kSimple}}));
-    Ref<CFMutableDictionaryRef> s2(samplesOf(known.get(), image));
+    CFRef<CFMutableDictionaryRef> known(subscribed({{1, 0xA, kSimple}}));
+    CFRef<CFMutableDictionaryRef> s2(samplesOf(known.get(), image));
     ASSERT_TRUE(s2);
     EXPECT_EQ(IOReportChannelGetFormat(channelsOf(known.get())[0]), kIOReportFormatSimple);
     EXPECT_EQ(IOReportSimpleGetIntegerValue(channelsOf(s2.get())[0]), kIOReportInvalidValue);
@@ -150,7 +150,7 @@ TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
             wanted.resize(1 + rng() % wanted.size());
             if (rng() % 4 == 0) wanted.push_back(wanted[rng() % wanted.size()]);
         }
-        Ref<CFMutableDictionaryRef> subs(subscribed(wanted));
+        CFRef<CFMutableDictionaryRef> subs(subscribed(wanted));
 
         bool fails = false;
         std::map<std::pair<uint64_t, uint64_t>, std::tuple<Outcome, size_t, size_t>> expect;
@@ -160,7 +160,7 @@ TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
             fails |= o == Outcome::Fails;
             expect[{d, id}] = {o, start, count};
         }
-        Ref<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
+        CFRef<CFMutableDictionaryRef> s(samplesOf(subs.get(), image));
         ASSERT_EQ(!s, fails) << "round " << round;
         if (!s) continue;
         std::map<std::pair<uint64_t, uint64_t>, CFMutableDictionaryRef> got;
@@ -187,18 +187,18 @@ TEST(SamplesRaw, MatchesTheWalkFromTheStartOnRandomBuffers) {
 }
 
 TEST(RawElements, AccessChecksFormatAndSize) {
-    Ref<CFMutableDictionaryRef> s(sample(kState2, run(1, 2, kState2, {{1}, {2}})));
+    CFRef<CFMutableDictionaryRef> s(sample(kState2, run(1, 2, kState2, {{1}, {2}})));
     uint16_t n = 0;
     EXPECT_TRUE(getRawElements(s.get(), &n, kIOReportFormatState));
     EXPECT_EQ(n, 2);
     EXPECT_FALSE(getRawElements(s.get(), &n, kIOReportFormatSimple));
     EXPECT_FALSE(getRawElements(s.get(), nullptr, kIOReportFormatState));
     EXPECT_FALSE(getRawElements(nullptr, &n, kIOReportFormatState));
-    Ref<CFMutableDictionaryRef> tiny(sample(kState2, std::vector<uint8_t>(63, 2)));
+    CFRef<CFMutableDictionaryRef> tiny(sample(kState2, std::vector<uint8_t>(63, 2)));
     EXPECT_FALSE(getRawElements(tiny.get(), &n, kIOReportFormatState));
 
     // cloneElements: a private copy, with the value area zeroed on request.
-    Ref<CFMutableDictionaryRef> dst(record(1, 2, kState2));
+    CFRef<CFMutableDictionaryRef> dst(record(1, 2, kState2));
     ASSERT_EQ(cloneElements(dst.get(), s.get(), 1), 0);
     const uint8_t *e = getRawElements(dst.get(), &n, kIOReportFormatState);
     ASSERT_TRUE(e);
@@ -210,40 +210,40 @@ TEST(RawElements, AccessChecksFormatAndSize) {
     ASSERT_EQ(cloneElements(dst.get(), s.get(), 0), 0);
     EXPECT_EQ(IOReportStateGetIDForIndex(dst.get(), 1), 2u);
 
-    Ref<CFMutableDictionaryRef> none(record(1, 2, kState2));
+    CFRef<CFMutableDictionaryRef> none(record(1, 2, kState2));
     EXPECT_EQ(cloneElements(dst.get(), none.get(), 0), mach(0xe00002bc));
-    Ref<CFMutableDictionaryRef> wrongFormat(record(1, 2, kSimple));
+    CFRef<CFMutableDictionaryRef> wrongFormat(record(1, 2, kSimple));
     EXPECT_EQ(cloneElements(wrongFormat.get(), s.get(), 1), mach(0xe00002bc));
     EXPECT_EQ(cloneElements(nullptr, s.get(), 0), mach(0xe00002bc));
 }
 
 TEST(Subscription, ArgumentChecksFailBeforeTheHub) {
     CFMutableDictionaryRef out = nullptr;
-    Ref<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, nullptr, &out, 0, e.slot()));
     EXPECT_FALSE(e);
 
-    Ref<CFMutableDictionaryRef> empty(IOReportCreateAggregate(0));
+    CFRef<CFMutableDictionaryRef> empty(IOReportCreateAggregate(0));
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, empty.get(), nullptr, 0, e.slot()));
     EXPECT_FALSE(e);
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, empty.get(), &out, 0, e.slot()));
     EXPECT_EQ(errorText(e.get()), "no channels");
     EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
 
-    Ref<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
-    Ref<CFStringRef> junk(str("junk"));
-    Ref<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
+    CFRef<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
+    CFRef<CFStringRef> junk(str("junk"));
+    CFRef<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
     CFArrayAppendValue(list.get(), junk.get());
     setValue(bad.get(), "IOReportChannels", list.get());
-    Ref<CFErrorRef> e2;
+    CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, bad.get(), &out, 0, e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "iteration error");
 
     // A record whose driver ID is missing can't go into the interest list.
-    Ref<CFMutableDictionaryRef> nodriver(subscribed({{1, 0xA, kSimple}}));
-    Ref<CFNumberRef> sentinel(num(kNone));
+    CFRef<CFMutableDictionaryRef> nodriver(subscribed({{1, 0xA, kSimple}}));
+    CFRef<CFNumberRef> sentinel(num(kNone));
     setValue(channelsOf(nodriver.get())[0], "DriverID", sentinel.get());
-    Ref<CFErrorRef> e3;
+    CFRef<CFErrorRef> e3;
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, nodriver.get(), &out, 0, e3.slot()));
     EXPECT_EQ(errorText(e3.get()), "createInterestList() failed");
     EXPECT_EQ(errorCode(e3.get()), mach(0xe00002bd));

@@ -14,12 +14,12 @@ using namespace rt;
 namespace {
 
 std::string label(uint64_t unit) {
-    Ref<CFStringRef> s(copyUnitLabel(unit));
+    CFRef<CFStringRef> s(copyUnitLabel(unit));
     return text(s.get());
 }
 
 std::string describe(CFDictionaryRef sample, const char *prefix = nullptr) {
-    Ref<CFStringRef> s(IOReportSampleCopyDescription(sample, nullptr, prefix));
+    CFRef<CFStringRef> s(IOReportSampleCopyDescription(sample, nullptr, prefix));
     return text(s.get());
 }
 
@@ -73,13 +73,13 @@ TEST(Units, Labels) {
     EXPECT_EQ(label(0x0502000000000000ull), "hwpage?");
     EXPECT_FALSE(copyUnitLabel(kIOReportInvalidUnit));
 
-    Ref<CFMutableDictionaryRef> rec(record(1, 2, type(1, 0, 1), nullptr, kMs));
+    CFRef<CFMutableDictionaryRef> rec(record(1, 2, type(1, 0, 1), nullptr, kMs));
     EXPECT_EQ(text(IOReportChannelGetUnitLabel(rec.get())), "ms");
     EXPECT_EQ(text(static_cast<CFStringRef>(getValue(rec.get(), "UnitLabel"))), "ms");
-    Ref<CFMutableDictionaryRef> bare(record(1, 2, type(1, 0, 1)));
+    CFRef<CFMutableDictionaryRef> bare(record(1, 2, type(1, 0, 1)));
     EXPECT_FALSE(IOReportChannelGetUnitLabel(bare.get()));
 
-    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    CFRef<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
     EXPECT_EQ(CFDictionaryGetCount(info.get()), 1);
     long long v = 0;
     ASSERT_TRUE(CFNumberGetValue(static_cast<CFNumberRef>(getValue(info.get(), "IOReportChannelUnit")),
@@ -89,23 +89,23 @@ TEST(Units, Labels) {
 
 TEST(Descriptions, SimpleAndArray) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
-    Ref<CFMutableDictionaryRef> s(sample(simple, run(1, 2, simple, {{1234}}), kMs, "TOTAL MS"));
+    CFRef<CFMutableDictionaryRef> s(sample(simple, run(1, 2, simple, {{1234}}), kMs, "TOTAL MS"));
     EXPECT_EQ(describe(s.get(), "  "), "                          TOTAL MS = {         1234 ms }\n");
 
     // No name: the first element's channel ID in hex, at most nine digits.
-    Ref<CFMutableDictionaryRef> anon(record(1, 0x0101, simple));
-    Ref<CFMutableDataRef> d(mutableData(run(1, 0x0123456789ABCDEFull, simple, {{static_cast<uint64_t>(-1)}})));
+    CFRef<CFMutableDictionaryRef> anon(record(1, 0x0101, simple));
+    CFRef<CFMutableDataRef> d(mutableData(run(1, 0x0123456789ABCDEFull, simple, {{static_cast<uint64_t>(-1)}})));
     setValue(anon.get(), "RawElements", d.get());
     EXPECT_EQ(describe(anon.get()), "                       123456789 = {           -1 (null) }\n");
 
     const uint64_t array = type(kIOReportFormatSimpleArray, 0, 2);
-    Ref<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{1}, {2}})));
+    CFRef<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{1}, {2}})));
     EXPECT_EQ(describe(a.get()), "arrays unsupported?arrays unsupported?");
 }
 
 TEST(Descriptions, StateLines) {
     const uint64_t t = type(kIOReportFormatState, 0, 2);
-    Ref<CFMutableDictionaryRef> s(
+    CFRef<CFMutableDictionaryRef> s(
         sample(t, run(1, 2, t, {{0x49444C45, 3, 1500}, {0x52554E, 12, 500}}), kMs, "pstate"));
     EXPECT_EQ(describe(s.get()),
               "              pstate[    IDLE] = { # 3        1.500e+00 s / 75.0% }\n"
@@ -113,7 +113,7 @@ TEST(Descriptions, StateLines) {
 
     // Unprintable state IDs name every state by its hex ID; a unit that is not
     // a time unit gives no residency in seconds.
-    Ref<CFMutableDictionaryRef> w(
+    CFRef<CFMutableDictionaryRef> w(
         sample(t, run(1, 2, t, {{0x4101, 3, 1500}, {0x52554E, 12, 500}}), 0x0200000000000000ull, "pstate"));
     EXPECT_EQ(describe(w.get()),
               "              pstate[    4101] = { # 3              nan s / 75.0% }\n"
@@ -122,12 +122,12 @@ TEST(Descriptions, StateLines) {
 
 TEST(Descriptions, HistogramLines) {
     const uint64_t t = type(kIOReportFormatHistogram, 0, 2);
-    Ref<CFMutableDictionaryRef> h(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0, 0, 0, 0}}), kMs, "lat"));
-    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
+    CFRef<CFMutableDictionaryRef> h(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0, 0, 0, 0}}), kMs, "lat"));
+    CFRef<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
     std::vector<uint8_t> cfg(16, 0);
     cfg[0] = 10;
     cfg[12] = 2;
-    Ref<CFDataRef> c(CFDataCreate(nullptr, cfg.data(), 16));
+    CFRef<CFDataRef> c(CFDataCreate(nullptr, cfg.data(), 16));
     setValue(info.get(), "IOReportChannelConfig", c.get());
     setValue(h.get(), "IOReportChannelInfo", info.get());
     EXPECT_EQ(describe(h.get(), "> "),
@@ -137,12 +137,12 @@ TEST(Descriptions, HistogramLines) {
 
     // No line can be made without a bucket configuration, without elements,
     // or for a format the library doesn't know.
-    Ref<CFMutableDictionaryRef> nocfg(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0}}), kMs, "lat"));
-    Ref<CFMutableDictionaryRef> bare(record(1, 2, t));
+    CFRef<CFMutableDictionaryRef> nocfg(sample(t, run(1, 2, t, {{3, 1, 9, 15}, {0}}), kMs, "lat"));
+    CFRef<CFMutableDictionaryRef> bare(record(1, 2, t));
     const uint64_t five = type(5, 0, 1);
-    Ref<CFMutableDictionaryRef> f(sample(five, run(1, 2, five, {{1}})));
+    CFRef<CFMutableDictionaryRef> f(sample(five, run(1, 2, five, {{1}})));
     for (CFDictionaryRef none : {nocfg.get(), bare.get(), f.get()}) {
-        Ref<CFStringRef> d(IOReportSampleCopyDescription(none, nullptr, nullptr));
+        CFRef<CFStringRef> d(IOReportSampleCopyDescription(none, nullptr, nullptr));
         EXPECT_FALSE(d) << text(d.get());
     }
 }
@@ -150,7 +150,7 @@ TEST(Descriptions, HistogramLines) {
 TEST(WriteString, WritesAllOrReportsHowItFailed) {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
-    Ref<CFStringRef> s(str("h\xC3\xA9llo\n"));
+    CFRef<CFStringRef> s(str("h\xC3\xA9llo\n"));
     EXPECT_EQ(IOReportWriteStringUTF8(p[1], s.get()), 0);
     char buf[16] = {};
     ASSERT_EQ(read(p[0], buf, sizeof buf), 7);
@@ -165,7 +165,7 @@ TEST(WriteString, WritesAllOrReportsHowItFailed) {
     }
     ASSERT_EQ(read(p[0], fill.data(), fill.size()), 4096);
     std::string big(100000, 'y');
-    Ref<CFStringRef> bigs(str(big.c_str()));
+    CFRef<CFStringRef> bigs(str(big.c_str()));
     EXPECT_EQ(IOReportWriteStringUTF8(p[1], bigs.get()), mach(0xe00002e7));
     close(p[0]);
     close(p[1]);

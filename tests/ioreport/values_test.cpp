@@ -30,8 +30,8 @@ CFMutableDictionaryRef histogram(uint16_t buckets, const std::vector<std::vector
         }
     }
     CFMutableDictionaryRef rec = sample(t, run(1, 0x4142, t, values));
-    Ref<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(0x0100007C00000000ull));
-    Ref<CFDataRef> cfg(CFDataCreate(nullptr, config.data(), static_cast<CFIndex>(config.size())));
+    CFRef<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(0x0100007C00000000ull));
+    CFRef<CFDataRef> cfg(CFDataCreate(nullptr, config.data(), static_cast<CFIndex>(config.size())));
     setValue(info.get(), "IOReportChannelConfig", cfg.get());
     setValue(rec, "IOReportChannelInfo", info.get());
     return rec;
@@ -53,14 +53,14 @@ const uint64_t kState3 = type(kIOReportFormatState, 0, 3);
 
 TEST(Values, SimpleAndArray) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
-    Ref<CFMutableDictionaryRef> one(sample(simple, run(1, 2, simple, {{static_cast<uint64_t>(-42), 1, 2, 3}})));
+    CFRef<CFMutableDictionaryRef> one(sample(simple, run(1, 2, simple, {{static_cast<uint64_t>(-42), 1, 2, 3}})));
     EXPECT_EQ(IOReportSimpleGetIntegerValue(one.get()), -42);
-    Ref<CFMutableDictionaryRef> two(sample(simple, run(1, 2, simple, {{1}, {2}})));
+    CFRef<CFMutableDictionaryRef> two(sample(simple, run(1, 2, simple, {{1}, {2}})));
     EXPECT_EQ(IOReportSimpleGetIntegerValue(two.get()), kIOReportInvalidValue);
     EXPECT_EQ(IOReportSimpleGetIntegerValue(nullptr), kIOReportInvalidValue);
 
     const uint64_t array = type(kIOReportFormatSimpleArray, 0, 3);
-    Ref<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{0, 1, 2, 3}, {4, 5, 6, 7}, {8, 9, 10, 11}})));
+    CFRef<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{0, 1, 2, 3}, {4, 5, 6, 7}, {8, 9, 10, 11}})));
     EXPECT_EQ(IOReportArrayGetValueAtIndex(a.get(), 5), 5);
     EXPECT_EQ(IOReportArrayGetValueAtIndex(a.get(), 11), 11);
     EXPECT_EQ(IOReportArrayGetValueAtIndex(a.get(), 12), kIOReportInvalidValue);
@@ -72,7 +72,7 @@ TEST(Values, SimpleAndArray) {
 }
 
 TEST(Values, HistogramBucketsAndExtremes) {
-    Ref<CFMutableDictionaryRef> h(histogram(4, {{0, 1, 2, 3}, {3, 10, 19, 45}, {0, 7, 7, 7}, {2, 31, 39, 70}},
+    CFRef<CFMutableDictionaryRef> h(histogram(4, {{0, 1, 2, 3}, {3, 10, 19, 45}, {0, 7, 7, 7}, {2, 31, 39, 70}},
                                             {{10, 0, 4}}));
     EXPECT_EQ(IOReportHistogramGetBucketCount(h.get()), 4);
     EXPECT_EQ(IOReportHistogramGetBucketHits(h.get(), 1), 3);
@@ -85,18 +85,18 @@ TEST(Values, HistogramBucketsAndExtremes) {
     EXPECT_EQ(IOReportHistogramGetBucketHits(h.get(), 4), kIOReportInvalidValue);
     EXPECT_EQ(IOReportHistogramGetBucketHits(h.get(), -1), kIOReportInvalidValue);
 
-    Ref<CFMutableDictionaryRef> empty(histogram(2, {{0, 1, 2, 3}, {0, 4, 5, 6}}, {{10, 0, 2}}));
+    CFRef<CFMutableDictionaryRef> empty(histogram(2, {{0, 1, 2, 3}, {0, 4, 5, 6}}, {{10, 0, 2}}));
     EXPECT_EQ(IOReportHistogramGetMinValue(empty.get()), kIOReportInvalidValue);
     EXPECT_EQ(IOReportHistogramGetMaxValue(empty.get()), kIOReportInvalidValue);
 
     // Element data whose count differs from the channel type's has no buckets to read.
-    Ref<CFMutableDictionaryRef> short_(histogram(3, {{1, 1, 1, 1}, {1, 2, 2, 2}}, {{10, 0, 3}}));
+    CFRef<CFMutableDictionaryRef> short_(histogram(3, {{1, 1, 1, 1}, {1, 2, 2, 2}}, {{10, 0, 3}}));
     EXPECT_EQ(IOReportHistogramGetBucketHits(short_.get(), 0), kIOReportInvalidValue);
     EXPECT_EQ(IOReportHistogramGetMinValue(short_.get()), kIOReportInvalidValue);
 }
 
 TEST(Values, HistogramBucketBounds) {
-    Ref<CFMutableDictionaryRef> lin(histogram(4, {{0}, {0}, {0}, {0}}, {{10, 0, 4}}));
+    CFRef<CFMutableDictionaryRef> lin(histogram(4, {{0}, {0}, {0}, {0}}, {{10, 0, 4}}));
     uint64_t lo = 99, hi = 99;
     ASSERT_EQ(IOReportHistogramGetBucketBounds(lin.get(), 0, &lo, &hi), 0);
     EXPECT_EQ(lo, 0u);
@@ -109,30 +109,30 @@ TEST(Values, HistogramBucketBounds) {
     EXPECT_TRUE(getValue(lin.get(), "ProcessedChannelConfig"));
 
     // Segments continue from the previous bound: exponential 2,4,8 then linear 10,20.
-    Ref<CFMutableDictionaryRef> mixed(histogram(5, {{0}, {0}, {0}, {0}, {0}}, {{2, 1, 3}, {10, 0, 2}}));
+    CFRef<CFMutableDictionaryRef> mixed(histogram(5, {{0}, {0}, {0}, {0}, {0}}, {{2, 1, 3}, {10, 0, 2}}));
     EXPECT_EQ(uppers(mixed.get(), 5), (std::vector<uint64_t>{2, 4, 8, 10, 20}));
 
     // A bound not above the previous one fails and caches nothing.
-    Ref<CFMutableDictionaryRef> falling(histogram(4, {{0}, {0}, {0}, {0}}, {{2, 1, 3}, {3, 0, 1}}));
+    CFRef<CFMutableDictionaryRef> falling(histogram(4, {{0}, {0}, {0}, {0}}, {{2, 1, 3}, {3, 0, 1}}));
     EXPECT_EQ(IOReportHistogramGetBucketBounds(falling.get(), 0, &lo, &hi), mach(0xe00002bc));
     EXPECT_FALSE(getValue(falling.get(), "ProcessedChannelConfig"));
     // More configured buckets than the channel has.
-    Ref<CFMutableDictionaryRef> over(histogram(2, {{0}, {0}}, {{10, 0, 3}}));
+    CFRef<CFMutableDictionaryRef> over(histogram(2, {{0}, {0}}, {{10, 0, 3}}));
     EXPECT_EQ(IOReportHistogramGetBucketBounds(over.get(), 0, &lo, &hi), mach(0xe00002bc));
     // The linear product wraps in 32 bits: 0x80000000, then 0 is not above it.
-    Ref<CFMutableDictionaryRef> wraps(histogram(2, {{0}, {0}}, {{0x80000000u, 0, 2}}));
+    CFRef<CFMutableDictionaryRef> wraps(histogram(2, {{0}, {0}}, {{0x80000000u, 0, 2}}));
     EXPECT_EQ(IOReportHistogramGetBucketBounds(wraps.get(), 0, &lo, &hi), mach(0xe00002bc));
     // The exponential product is taken in 64 bits.
-    Ref<CFMutableDictionaryRef> big(histogram(2, {{0}, {0}}, {{0xFFFFFFFFu, 1, 2}}));
+    CFRef<CFMutableDictionaryRef> big(histogram(2, {{0}, {0}}, {{0xFFFFFFFFu, 1, 2}}));
     EXPECT_EQ(uppers(big.get(), 2), (std::vector<uint64_t>{0xFFFFFFFFull, 0xFFFFFFFE00000001ull}));
     // Fewer configured buckets than the channel has: the rest have no bounds.
-    Ref<CFMutableDictionaryRef> fewer(histogram(3, {{0}, {0}, {0}}, {{5, 0, 2}}));
+    CFRef<CFMutableDictionaryRef> fewer(histogram(3, {{0}, {0}, {0}}, {{5, 0, 2}}));
     EXPECT_EQ(uppers(fewer.get(), 3), (std::vector<uint64_t>{5, 10}));
 }
 
 TEST(Values, StateAccessorsNamesDutyAndCurrent) {
     // IDs "IDLE", "RUN", "IDLE" (a repeated ID), residencies 1, 2, 5, stamps 5, 9, 9.
-    Ref<CFMutableDictionaryRef> s(sample(
+    CFRef<CFMutableDictionaryRef> s(sample(
         kState3, run(1, 2, kState3, {{0x49444C45, 3, 1, 77}, {0x52554E, 4, 2}, {0x49444C45, 5, 5}}, {5, 9, 9})));
     EXPECT_EQ(IOReportStateGetCount(s.get()), 3);
     EXPECT_EQ(IOReportStateGetIDForIndex(s.get(), 1), 0x52554Eu);
@@ -156,7 +156,7 @@ TEST(Values, StateAccessorsNamesDutyAndCurrent) {
     EXPECT_EQ(IOReportStateGetCurrent(s.get()), 1);   // first of the largest stamps
 
     // A state ID with an unprintable byte fails the whole name table.
-    Ref<CFMutableDictionaryRef> odd(sample(kState3, run(1, 2, kState3, {{0x41}, {0x4101}, {0x42}})));
+    CFRef<CFMutableDictionaryRef> odd(sample(kState3, run(1, 2, kState3, {{0x41}, {0x4101}, {0x42}})));
     EXPECT_FALSE(IOReportStateGetNameForIndex(odd.get(), 0));
     EXPECT_FALSE(getValue(odd.get(), "StateNames"));
     // All residencies zero, all stamps zero.
@@ -168,20 +168,20 @@ namespace {
 
 // Two one-record samples of the same channel, as two sample calls give them.
 struct Pair {
-    Ref<CFMutableDictionaryRef> older, newer;
+    CFRef<CFMutableDictionaryRef> older, newer;
 };
 
 Pair samples(uint64_t t, const std::vector<uint8_t> &a, const std::vector<uint8_t> &b) {
-    Ref<CFMutableDictionaryRef> channels(IOReportCreateAggregate(0));
-    Ref<CFStringRef> name(str("drv"));
+    CFRef<CFMutableDictionaryRef> channels(IOReportCreateAggregate(0));
+    CFRef<CFStringRef> name(str("drv"));
     EXPECT_EQ(IOReportAddChannelDescription(channels.get(), 1, name.get(), 0x4142, t, nullptr, nullptr, nullptr,
                                             nullptr, nullptr),
               0);
-    Ref<CFDataRef> da(CFDataCreate(nullptr, a.data(), static_cast<CFIndex>(a.size())));
-    Ref<CFDataRef> db(CFDataCreate(nullptr, b.data(), static_cast<CFIndex>(b.size())));
+    CFRef<CFDataRef> da(CFDataCreate(nullptr, a.data(), static_cast<CFIndex>(a.size())));
+    CFRef<CFDataRef> db(CFDataCreate(nullptr, b.data(), static_cast<CFIndex>(b.size())));
     Pair p;
-    p.older = Ref<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), da.get(), nullptr));
-    p.newer = Ref<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), db.get(), nullptr));
+    p.older = CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), da.get(), nullptr));
+    p.newer = CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), db.get(), nullptr));
     EXPECT_TRUE(p.older && p.newer);
     return p;
 }
@@ -194,7 +194,7 @@ TEST(Deltas, EachFormatDifferencesItsValues) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
     {
         Pair p = samples(simple, run(1, 0x4142, simple, {{100}}), run(1, 0x4142, simple, {{250}}));
-        Ref<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
+        CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
         ASSERT_TRUE(d);
         EXPECT_EQ(IOReportSimpleGetIntegerValue(first(d.get())), 150);
         EXPECT_EQ(IOReportSimpleGetIntegerValue(first(p.older.get())), 100);
@@ -202,7 +202,7 @@ TEST(Deltas, EachFormatDifferencesItsValues) {
     {
         Pair p = samples(kState3, run(1, 0x4142, kState3, {{7, 1, 10, 1}, {8, 2, 20, 2}, {9, 3, 30, 3}}, {1, 2, 3}),
                          run(1, 0x4142, kState3, {{7, 4, 15, 4}, {8, 2, 20, 5}, {9, 1, 40, 6}}, {4, 2, 3}));
-        Ref<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
+        CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
         ASSERT_TRUE(d);
         auto *r = first(d.get());
         EXPECT_EQ(IOReportStateGetInTransitions(r, 0), 3);
@@ -218,7 +218,7 @@ TEST(Deltas, EachFormatDifferencesItsValues) {
         const uint64_t h = type(kIOReportFormatHistogram, 0, 3);
         Pair p = samples(h, run(1, 0x4142, h, {{2, 1, 5, 6}, {0, 0, 0, 0}, {4, 3, 9, 20}}),
                          run(1, 0x4142, h, {{5, 1, 8, 20}, {1, 11, 11, 11}, {4, 2, 9, 20}}));
-        Ref<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
+        CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
         ASSERT_TRUE(d);
         auto *r = first(d.get());
         EXPECT_EQ(IOReportHistogramGetBucketHits(r, 0), 3);
@@ -233,7 +233,7 @@ TEST(Deltas, EachFormatDifferencesItsValues) {
         const uint64_t a = type(kIOReportFormatSimpleArray, 0, 2);
         Pair p = samples(a, run(1, 0x4142, a, {{1, kNone, 5, 9}, {10, 20, 30, kNone}}),
                          run(1, 0x4142, a, {{4, 6, kNone, 19}, {10, 25, 31, kNone}}));
-        Ref<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
+        CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
         ASSERT_TRUE(d);
         auto *r = first(d.get());
         std::vector<int64_t> got;
@@ -246,17 +246,17 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
     // A channel without elements in one sample fails the whole delta.
     Pair p = samples(simple, run(1, 0x4142, simple, {{1}}), run(1, 0x4142, type(1, 0, 3), {{2}}));
-    Ref<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), e.slot()));
     EXPECT_FALSE(e);   // the routine's codes carry no message here
 
     // A newer record with no partner is copied as it is.
     Pair q = samples(simple, run(1, 0x4142, simple, {{1}}), run(1, 0x4142, simple, {{5}}));
-    Ref<CFStringRef> name(str("drv"));
+    CFRef<CFStringRef> name(str("drv"));
     ASSERT_EQ(IOReportAddChannelDescription(q.newer.get(), 1, name.get(), 0x99, simple, nullptr, nullptr, nullptr,
                                             nullptr, nullptr),
               0);
-    Ref<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(q.older.get(), q.newer.get(), nullptr));
+    CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(q.older.get(), q.newer.get(), nullptr));
     ASSERT_TRUE(d);
     auto recs = channelsOf(d.get());
     ASSERT_EQ(recs.size(), 2u);
@@ -264,21 +264,21 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
     EXPECT_EQ(IOReportChannelGetChannelID(recs[1]), 0x99u);
 
     // Record-level format checks.
-    Ref<CFMutableDictionaryRef> s1(sample(simple, run(1, 2, simple, {{1}})));
-    Ref<CFMutableDictionaryRef> s3(sample(kState3, run(1, 2, kState3, {{1}, {2}, {3}})));
-    Ref<CFErrorRef> e2;
+    CFRef<CFMutableDictionaryRef> s1(sample(simple, run(1, 2, simple, {{1}})));
+    CFRef<CFMutableDictionaryRef> s3(sample(kState3, run(1, 2, kState3, {{1}, {2}, {3}})));
+    CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportSampleCreateDelta(s1.get(), s3.get(), e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "mismatched formats");
     EXPECT_EQ(errorCode(e2.get()), mach(0xe00002c2));
     const uint64_t five = type(5, 0, 1);
-    Ref<CFMutableDictionaryRef> f5a(sample(five, run(1, 2, five, {{1}})));
-    Ref<CFMutableDictionaryRef> f5b(sample(five, run(1, 2, five, {{2}})));
-    Ref<CFErrorRef> e3;
+    CFRef<CFMutableDictionaryRef> f5a(sample(five, run(1, 2, five, {{1}})));
+    CFRef<CFMutableDictionaryRef> f5b(sample(five, run(1, 2, five, {{2}})));
+    CFRef<CFErrorRef> e3;
     EXPECT_FALSE(IOReportSampleCreateDelta(f5a.get(), f5b.get(), e3.slot()));
     EXPECT_EQ(errorText(e3.get()), "unknown report format");
     EXPECT_EQ(errorCode(e3.get()), mach(0xe00002e6));
-    Ref<CFMutableDictionaryRef> untyped(record(1, 2, 0));
-    Ref<CFErrorRef> e4;
+    CFRef<CFMutableDictionaryRef> untyped(record(1, 2, 0));
+    CFRef<CFErrorRef> e4;
     EXPECT_FALSE(IOReportSampleCreateDelta(untyped.get(), s1.get(), e4.slot()));
     EXPECT_FALSE(e4);
 }
@@ -286,7 +286,7 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
 TEST(Deltas, SingleRecordDeltaWritesIntoTheOlderElements) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
     Pair p = samples(simple, run(1, 0x4142, simple, {{100}}), run(1, 0x4142, simple, {{250}}));
-    Ref<CFMutableDictionaryRef> d(IOReportSampleCreateDelta(first(p.older.get()), first(p.newer.get()), nullptr));
+    CFRef<CFMutableDictionaryRef> d(IOReportSampleCreateDelta(first(p.older.get()), first(p.newer.get()), nullptr));
     ASSERT_TRUE(d);
     EXPECT_EQ(IOReportSimpleGetIntegerValue(d.get()), 150);
     EXPECT_EQ(IOReportSimpleGetIntegerValue(first(p.older.get())), 150);
@@ -294,7 +294,7 @@ TEST(Deltas, SingleRecordDeltaWritesIntoTheOlderElements) {
     // Other formats copy the newer elements over the shared data first.
     Pair s = samples(kState3, run(1, 0x4142, kState3, {{7, 1, 10}, {8, 2, 20}, {9, 3, 30}}),
                      run(1, 0x4142, kState3, {{7, 4, 15}, {8, 6, 20}, {9, 9, 40}}));
-    Ref<CFMutableDictionaryRef> ds(IOReportSampleCreateDelta(first(s.older.get()), first(s.newer.get()), nullptr));
+    CFRef<CFMutableDictionaryRef> ds(IOReportSampleCreateDelta(first(s.older.get()), first(s.newer.get()), nullptr));
     ASSERT_TRUE(ds);
     EXPECT_EQ(IOReportStateGetInTransitions(ds.get(), 2), 0);
     EXPECT_EQ(IOReportStateGetResidency(ds.get(), 0), 0);
@@ -302,7 +302,7 @@ TEST(Deltas, SingleRecordDeltaWritesIntoTheOlderElements) {
 
     const uint64_t h = type(kIOReportFormatHistogram, 0, 1);
     Pair hp = samples(h, run(1, 0x4142, h, {{2, 1, 5, 6}}), run(1, 0x4142, h, {{5, 1, 8, 20}}));
-    Ref<CFMutableDictionaryRef> dh(IOReportSampleCreateDelta(first(hp.older.get()), first(hp.newer.get()), nullptr));
+    CFRef<CFMutableDictionaryRef> dh(IOReportSampleCreateDelta(first(hp.older.get()), first(hp.newer.get()), nullptr));
     ASSERT_TRUE(dh);
     EXPECT_EQ(IOReportHistogramGetBucketHits(dh.get(), 0), 0);
     EXPECT_EQ(IOReportHistogramGetBucketSum(dh.get(), 0), kIOReportInvalidValue);

@@ -15,7 +15,7 @@
 
 namespace talvex::test {
 
-using CF = Owned<CFTypeRef>;
+using CF = CFRef<CFTypeRef>;
 
 inline CF str(std::string_view text) {
     return CF(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(text.data()),

@@ -3,6 +3,7 @@
 // The library opens the hub once per process, so one simulator serves every
 // test here; refusals of the open itself run in a fresh process each.
 #include <IOReport.h>
+#include <cf_ref.h>
 #include <harness.h>
 #include <talvex_driver.h>
 
@@ -17,26 +18,10 @@
 #include <utility>
 #include <vector>
 
+using talvex::CFRef;
 using talvex::test::Simulator;
 
 namespace {
-
-template <class T>
-class Own {
-public:
-    explicit Own(T r = nullptr) : r_(r) {}
-    ~Own() {
-        if (r_) CFRelease(r_);
-    }
-    Own(const Own &) = delete;
-    Own &operator=(const Own &) = delete;
-    T get() const { return r_; }
-    T *slot() { return &r_; }
-    explicit operator bool() const { return r_ != nullptr; }
-
-private:
-    T r_;
-};
 
 constexpr uint64_t kStates = 0x5057525354415445ull;   // "PWRSTATE"
 constexpr uint64_t kTempSoc = 0x54454D5020534F43ull;  // "TEMP SOC"
@@ -69,7 +54,7 @@ std::string text(CFStringRef s) {
 
 std::string error_text(CFErrorRef e) {
     if (!e) return "no error";
-    Own<CFStringRef> d(CFErrorCopyDescription(e));
+    CFRef<CFStringRef> d(CFErrorCopyDescription(e));
     char code[16];
     std::snprintf(code, sizeof code, "%#x", static_cast<uint32_t>(CFErrorGetCode(e)));
     return text(d.get()) + " " + code;
@@ -91,9 +76,9 @@ std::map<std::string, CFMutableDictionaryRef> by_name(CFDictionaryRef aggregate)
 }
 
 struct Subscription {
-    Own<CFMutableDictionaryRef> channels;
-    Own<CFMutableDictionaryRef> subscribed;
-    Own<IOReportSubscriptionRef> handle;
+    CFRef<CFMutableDictionaryRef> channels;
+    CFRef<CFMutableDictionaryRef> subscribed;
+    CFRef<IOReportSubscriptionRef> handle;
     std::string error;
 };
 
@@ -101,7 +86,7 @@ struct Subscription {
 std::unique_ptr<Subscription> subscribe(CFMutableDictionaryRef channels) {
     auto s = std::make_unique<Subscription>();
     *s->channels.slot() = channels;
-    Own<CFErrorRef> e;
+    CFRef<CFErrorRef> e;
     *s->handle.slot() = IOReportCreateSubscription(nullptr, channels, s->subscribed.slot(), 0, e.slot());
     s->error = error_text(e.get());
     return s;
@@ -112,7 +97,7 @@ CFMutableDictionaryRef sample(Subscription &s) { return IOReportCreateSamples(s.
 // In a fresh process: one subscription to the coprocessor's channels; what
 // failed, on standard error.
 [[noreturn]] void subscribe_in_child() {
-    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
     auto s = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
     std::fprintf(stderr, "%s\n", s->handle ? "subscribed" : s->error.c_str());
     std::exit(0);
@@ -140,7 +125,7 @@ public:
 }  // namespace
 
 TEST_F(ReportHub, DiscoveryFindsTheDriversWithPublicLegends) {
-    Own<CFMutableDictionaryRef> all(IOReportCopyAllChannels(kIOReportOptionByDriver, nullptr));
+    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(kIOReportOptionByDriver, nullptr));
     ASSERT_TRUE(all);
     std::map<std::string, std::string> driver_of;
     IOReportIterate(all.get(), [&](CFMutableDictionaryRef r) {
@@ -175,8 +160,8 @@ TEST_F(ReportHub, DiscoveryFindsTheDriversWithPublicLegends) {
 
     io_service_t thermal = service("ZantraThermalMonitor");
     ASSERT_NE(thermal, 0u);
-    Own<CFErrorRef> e;
-    Own<CFMutableDictionaryRef> none(IOReportCopyChannelsForDriver(thermal, 0, e.slot()));
+    CFRef<CFErrorRef> e;
+    CFRef<CFMutableDictionaryRef> none(IOReportCopyChannelsForDriver(thermal, 0, e.slot()));
     ASSERT_TRUE(none);
     EXPECT_EQ(IOReportGetChannelCount(none.get()), 0);
     EXPECT_FALSE(e);
@@ -187,10 +172,10 @@ TEST_F(ReportHub, SamplesAndDeltasOfEveryFormat) {
     control({"load", "25"});
     auto s = subscribe(IOReportCopyAllChannels(0, nullptr));
     ASSERT_TRUE(s->handle) << s->error;
-    Own<CFMutableDictionaryRef> older(sample(*s)), newer(sample(*s));
+    CFRef<CFMutableDictionaryRef> older(sample(*s)), newer(sample(*s));
     ASSERT_TRUE(older && newer);
-    Own<CFErrorRef> e;
-    Own<CFMutableDictionaryRef> delta(IOReportCreateSamplesDelta(older.get(), newer.get(), e.slot()));
+    CFRef<CFErrorRef> e;
+    CFRef<CFMutableDictionaryRef> delta(IOReportCreateSamplesDelta(older.get(), newer.get(), e.slot()));
     ASSERT_TRUE(delta) << error_text(e.get());
     auto d = by_name(delta.get());
     auto now = by_name(newer.get());
@@ -243,7 +228,7 @@ TEST_F(ReportHub, SamplesAndDeltasOfEveryFormat) {
 
     for (auto *agg : {newer.get(), delta.get()})
         IOReportIterate(agg, [](CFMutableDictionaryRef r) {
-            Own<CFStringRef> text_of(IOReportSampleCopyDescription(r, nullptr, nullptr));
+            CFRef<CFStringRef> text_of(IOReportSampleCopyDescription(r, nullptr, nullptr));
             EXPECT_TRUE(text_of) << text(IOReportChannelGetChannelName(r));
             return 0;
         });
@@ -253,9 +238,9 @@ TEST_F(ReportHub, ChannelsLeaveTheSampleWithTheirDriver) {
     auto s = subscribe(IOReportCopyAllChannels(0, nullptr));
     ASSERT_TRUE(s->handle) << s->error;
     control({"service", "unpublish", "ZantraPowerController"});
-    Own<CFMutableDictionaryRef> without(sample(*s));
+    CFRef<CFMutableDictionaryRef> without(sample(*s));
     control({"service", "publish", "ZantraPowerController"});
-    Own<CFMutableDictionaryRef> with(sample(*s));
+    CFRef<CFMutableDictionaryRef> with(sample(*s));
     ASSERT_TRUE(without && with);
     auto missing = by_name(without.get()), back = by_name(with.get());
     EXPECT_EQ(missing.size(), 5u);
@@ -266,20 +251,20 @@ TEST_F(ReportHub, ChannelsLeaveTheSampleWithTheirDriver) {
 }
 
 TEST_F(ReportHub, AChannelByIDLearnsItsTypeAndHiddenLegendsAreServed) {
-    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
     CFMutableDictionaryRef channels = IOReportCopyChannelsWithID(matching.get(), kStates, nullptr);
     ASSERT_TRUE(channels);
     io_service_t thermal = service("ZantraThermalMonitor");
     uint64_t thermal_id = 0;
     ASSERT_EQ(IORegistryEntryGetRegistryEntryID(thermal, &thermal_id), KERN_SUCCESS);
     IOObjectRelease(thermal);
-    Own<CFStringRef> driver(CFStringCreateWithCString(nullptr, "thermal", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> driver(CFStringCreateWithCString(nullptr, "thermal", kCFStringEncodingUTF8));
     ASSERT_EQ(IOReportAddChannelDescription(channels, thermal_id, driver.get(), kTempSoc, 0, nullptr, nullptr, nullptr,
                                             nullptr, nullptr),
               kIOReturnSuccess);
     auto s = subscribe(channels);
     ASSERT_TRUE(s->handle) << s->error;
-    Own<CFMutableDictionaryRef> first(sample(*s));
+    CFRef<CFMutableDictionaryRef> first(sample(*s));
     ASSERT_TRUE(first);
     auto got = by_name(first.get());
     ASSERT_EQ(got.size(), 2u);
@@ -290,7 +275,7 @@ TEST_F(ReportHub, AChannelByIDLearnsItsTypeAndHiddenLegendsAreServed) {
 }
 
 TEST_F(ReportHub, RefusalsOfTheInterestListAndOfAnUpdate) {
-    Own<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
+    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching("ZantraTalvexProcessor"));
     control({"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientConfigureInterests),
              "--code", "0xe00002c7", "--times", "1"});
     auto refused = subscribe(IOReportCopyChannelsForDrivers(matching.get(), 0, nullptr));
@@ -301,7 +286,7 @@ TEST_F(ReportHub, RefusalsOfTheInterestListAndOfAnUpdate) {
     ASSERT_TRUE(s->handle) << s->error;
     control({"stub", "--service", "IOReportHub", "--selector", std::to_string(kIOReportUserClientUpdateKernelBuffer),
              "--code", "0xe00002d8", "--times", "1"});
-    Own<CFMutableDictionaryRef> failed(sample(*s)), next(sample(*s));
+    CFRef<CFMutableDictionaryRef> failed(sample(*s)), next(sample(*s));
     EXPECT_FALSE(failed);
     EXPECT_TRUE(next);
 }

@@ -42,7 +42,7 @@ TEST(SimCli, ControlCommandsEditPropertiesAndPublication) {
     // after the command); control edits are not client writes.
     EXPECT_EQ(run({talvexsim_path(), "property", "set", "--type=bool", "on", "true", "--socket", sim.socket()}).status, 0);
     EXPECT_EQ(sim.control({"property", "set", "blob", "00ff", "--type", "data"}).status, 0);
-    sim::CFRef<CFTypeRef> on(c.property(cp, "on")), blob(c.property(cp, "blob"));
+    CFRef<CFTypeRef> on(c.property(cp, "on")), blob(c.property(cp, "blob"));
     EXPECT_EQ(on.get(), static_cast<CFTypeRef>(kCFBooleanTrue));
     ASSERT_TRUE(blob && CFGetTypeID(blob.get()) == CFDataGetTypeID());
     EXPECT_EQ(CFDataGetLength(static_cast<CFDataRef>(blob.get())), 2);

@@ -1,8 +1,10 @@
-// CoreFoundation helpers for tests: an owner for Create/Copy results, the
-// text of a string or of any object's description, and the usual makers.
+// CoreFoundation helpers for tests: the text of a string or of any object's
+// description, and the usual makers. References are owned by talvex::CFRef.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
+
+#include "cf_ref.h"
 
 #include <cstdint>
 #include <string>
@@ -11,33 +13,7 @@
 
 namespace talvex::test {
 
-// Holds one reference and releases it at scope exit.
-template <class T>
-class Owned {
-public:
-    explicit Owned(T ref = nullptr) : ref_(ref) {}
-    ~Owned() {
-        if (ref_) CFRelease(ref_);
-    }
-    Owned(const Owned &) = delete;
-    Owned &operator=(const Owned &) = delete;
-    Owned(Owned &&o) noexcept : ref_(std::exchange(o.ref_, nullptr)) {}
-    Owned &operator=(Owned &&o) noexcept {
-        if (this != &o) {
-            if (ref_) CFRelease(ref_);
-            ref_ = std::exchange(o.ref_, nullptr);
-        }
-        return *this;
-    }
-    T get() const { return ref_; }
-    operator T() const { return ref_; }
-    explicit operator bool() const { return ref_ != nullptr; }
-    T *slot() { return &ref_; }   // for out-parameters
-    T release() { return std::exchange(ref_, nullptr); }
-
-private:
-    T ref_;
-};
+using talvex::CFRef;
 
 // A string's UTF-8 text; "<null>" for none.
 inline std::string text(CFStringRef s) {
@@ -50,7 +26,7 @@ inline std::string text(CFStringRef s) {
 
 // The description of any object, as text.
 inline std::string describe(CFTypeRef cf) {
-    Owned<CFStringRef> d(CFCopyDescription(cf));
+    CFRef<CFStringRef> d(CFCopyDescription(cf));
     return text(d);
 }
 
