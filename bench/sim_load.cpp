@@ -12,11 +12,8 @@
 // (Hello, Match, Open, then Calls); one epoll loop drives them all.
 #include <IOKit/IOCFSerialize.h>
 #include <IOKit/IOKitLib.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +31,7 @@
 #include <vector>
 
 #include "support/private_simulator.h"
+#include "socket_io.h"
 #include "talvex_driver.h"
 #include "wire.h"
 
@@ -52,49 +50,18 @@ struct Reply {
     std::vector<uint8_t> body;
 };
 
-int connect_to(const std::string &path) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0) return fd;
-    if (fd >= 0) close(fd);
-    return -1;
-}
-
+// Sends all of `bytes` within 5 s: a simulator that stops reading fails the
+// send, not the benchmark.
 bool send_all(int fd, std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes = bytes.subspan(static_cast<size_t>(n));
-    }
-    return true;
-}
-
-bool read_exact(int fd, uint8_t *p, size_t n, Clock::time_point deadline) {
-    while (n) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd pfd{fd, POLLIN, 0};
-        if (left <= 0 || poll(&pfd, 1, static_cast<int>(left)) <= 0) return false;
-        ssize_t got = read(fd, p, n);
-        if (got <= 0) return false;
-        p += got;
-        n -= static_cast<size_t>(got);
-    }
-    return true;
+    return wire::send_before(fd, bytes, Clock::now() + std::chrono::seconds(5));
 }
 
 // One reply (events are skipped), or nothing after the timeout or at the end of the stream.
 std::optional<Reply> read_reply(int fd, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
     auto deadline = Clock::now() + timeout;
-    for (;;) {
-        uint8_t len_bytes[4];
-        if (!read_exact(fd, len_bytes, 4, deadline)) return std::nullopt;
-        uint32_t len = wire::load_le32(len_bytes);
-        if (len < 12 || len > wire::kMaxFrame) return std::nullopt;
-        std::vector<uint8_t> msg(len);
-        if (!read_exact(fd, msg.data(), len, deadline)) return std::nullopt;
+    for (std::vector<uint8_t> msg;;) {
+        if (wire::read_frame_before(fd, deadline, wire::kMaxFrame, msg) != wire::FrameRead::Ok || msg.size() < 12)
+            return std::nullopt;
         wire::Reader r(msg);
         Reply reply;
         reply.op = r.u16();
@@ -193,7 +160,7 @@ void load(const std::string &program, int connections, double seconds) {
     PrivateSimulator sim({}, program);
     std::vector<Conn> conns(static_cast<size_t>(connections));
     for (auto &c : conns) {
-        c.fd = connect_to(sim.socket());
+        c.fd = wire::connect_to(sim.socket()).release();
         c.id = c.fd < 0 ? 0 : handshake(c.fd);
         if (!c.id) {
             std::printf("%6d  (connection refused or not answered)\n", connections);
@@ -273,7 +240,7 @@ size_t peak_kib(pid_t pid) {
 // and first call; negative when it is not served within 5 s.
 double served_ms(const PrivateSimulator &sim) {
     auto t0 = Clock::now();
-    int fd = connect_to(sim.socket());
+    int fd = wire::connect_to(sim.socket()).release();
     bool ok = false;
     if (fd >= 0) {
         uint32_t id = handshake(fd);
@@ -301,7 +268,7 @@ void report(const char *attack, const PrivateSimulator &sim, const std::string &
 // after refusals until 10,000 subscriptions or 100 refusals in a row.
 void subscriptions(const std::string &program) {
     PrivateSimulator sim({}, program);
-    int fd = connect_to(sim.socket());
+    int fd = wire::connect_to(sim.socket()).release();
     uint64_t hub = match(fd, "IOReportHub");
     std::vector<uint8_t> one(8 + 24, 0);   // one interest that names no channel: a one-page buffer
     one[0] = 1;
@@ -347,10 +314,8 @@ void incomplete_frames(const std::string &program) {
     std::vector<int> fds;
     int complete = 0;
     for (int i = 0; i < 25; ++i) {
-        int fd = connect_to(sim.socket());
+        int fd = wire::connect_to(sim.socket()).release();
         fds.push_back(fd);
-        timeval limit{5, 0};   // a simulator that stops reading fails the send, not the benchmark
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
         if (fd >= 0 && send_all(fd, frame)) ++complete;
     }
     report("incomplete frames", sim, std::to_string(complete) + " of 25 sent 16 MiB");
@@ -361,7 +326,7 @@ void incomplete_frames(const std::string &program) {
 // The trace filled to its bound, then 60 clients ask for it and never read.
 void unread_replies(const std::string &program) {
     PrivateSimulator sim({}, program);
-    int fd = connect_to(sim.socket());
+    int fd = wire::connect_to(sim.socket()).release();
     uint32_t conn = handshake(fd);
     std::vector<uint8_t> big(256u << 10, 0xab);   // traced as 512 KiB of hex, whatever the answer
     for (int i = 0; i < 32; ++i) request(fd, wire::Op::Call, call_body(conn, 99, big));
@@ -371,7 +336,7 @@ void unread_replies(const std::string &program) {
     auto request_frame = wire::make_request(wire::Op::Control, 1, trace.data());
     std::vector<int> fds;
     for (int i = 0; i < 60; ++i) {
-        fds.push_back(connect_to(sim.socket()));
+        fds.push_back(wire::connect_to(sim.socket()).release());
         send_all(fds.back(), request_frame);
     }
     std::this_thread::sleep_for(std::chrono::seconds(2));   // let the simulator answer them all
@@ -392,7 +357,7 @@ void large_properties(const std::string &program) {
     std::vector<int> fds;
     uint64_t cp = 0;
     for (int i = 0; i < 40; ++i) {
-        int fd = connect_to(sim.socket());
+        int fd = wire::connect_to(sim.socket()).release();
         fds.push_back(fd);
         if (!cp) cp = match(fd, "ZantraTalvexProcessor");
         wire::Writer w;

@@ -13,7 +13,6 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -47,12 +46,8 @@ int listener() {
         char dir[] = "/tmp/talvex-fuzz-client-XXXXXX";
         if (!mkdtemp(dir)) fail("mkdtemp");
         std::string path = std::string(dir) + "/sim.sock";
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
-        int l = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (l < 0 || bind(l, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0 || listen(l, 4) != 0)
-            fail("cannot listen");
+        int l = wire::listen_at(path, 4).release();
+        if (l < 0) fail("cannot listen");
         setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
         return l;
     }();

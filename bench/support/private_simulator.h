@@ -4,8 +4,6 @@
 
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +13,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "socket_io.h"
 
 extern char **environ;
 
@@ -54,13 +54,7 @@ public:
 
 private:
     bool reachable() const {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
-        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
-        close(fd);
-        return ok;
+        return static_cast<bool>(wire::connect_to(socket_));
     }
     std::string dir_, socket_;
     pid_t pid_ = -1;

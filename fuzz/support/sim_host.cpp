@@ -2,11 +2,11 @@
 
 #include <IOKit/IOKitLib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "clock.h"
+#include "socket_io.h"
 #include "wire.h"
 
 namespace talvex::fuzz {
@@ -28,17 +29,6 @@ constexpr sim::ClientId kClient = 1;
 [[noreturn]] void die(const char *what) {
     std::fprintf(stderr, "sim_host: %s: %s\n", what, std::strerror(errno));
     std::abort();
-}
-
-bool read_exact(int fd, uint8_t *p, size_t n) {
-    while (n > 0) {
-        ssize_t got = read(fd, p, n);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        p += got;
-        n -= static_cast<size_t>(got);
-    }
-    return true;
 }
 
 // Writes one frame, with a descriptor riding on its first byte when given.
@@ -96,12 +86,10 @@ struct SimHost::State : sim::Outbox {
                 client_fd = c;
             }
             for (;;) {
-                uint8_t prefix[4];
-                if (!read_exact(c, prefix, 4)) break;
-                uint32_t len = wire::load_le32(prefix);
-                if (len < 8 || len > wire::kMaxFrame) break;
-                message.resize(len);
-                if (!read_exact(c, message.data(), len)) break;
+                // The host is served as long as it stays connected, however long it idles.
+                if (wire::read_frame_before(c, std::chrono::steady_clock::time_point::max(), wire::kMaxFrame,
+                                            message) != wire::FrameRead::Ok)
+                    break;
                 std::lock_guard lk(mu);
                 served.fetch_add(1);   // before the reply leaves, so check_link sees it
                 if (step_ns) {
@@ -129,13 +117,8 @@ SimHost::SimHost() : s_(new State) {
     char dir[] = "/tmp/talvex-fuzz-XXXXXX";
     if (!mkdtemp(dir)) die("mkdtemp");
     std::string path = std::string(dir) + "/sim.sock";
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
-    s_->listen_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s_->listen_fd < 0) die("socket");
-    if (bind(s_->listen_fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0) die("bind");
-    if (listen(s_->listen_fd, 4) != 0) die("listen");
+    s_->listen_fd = wire::listen_at(path, 4).release();
+    if (s_->listen_fd < 0) die("listen");
     setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
     std::thread([st = s_] { st->serve(); }).detach();
     // The socket file and its directory are not needed once the host has

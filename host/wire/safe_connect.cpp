@@ -1,7 +1,6 @@
 #include "safe_connect.h"
 
 #include <IOKit/IOReturn.h>
-#include <poll.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -53,33 +52,6 @@ int ms_left(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
-enum class Read { Ok, TimedOut, Closed, BadLength };
-
-// Reads exactly `n` bytes before the deadline.
-Read read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline) {
-    for (size_t done = 0; done < n;) {
-        pollfd p{fd, POLLIN, 0};
-        int r = poll(&p, 1, ms_left(deadline));
-        if (r < 0 && errno == EINTR) continue;
-        if (r < 0) return Read::Closed;
-        if (r == 0) return Read::TimedOut;
-        ssize_t got = recv(fd, out + done, n - done, MSG_DONTWAIT);
-        if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
-        if (got <= 0) return Read::Closed;
-        done += static_cast<size_t>(got);
-    }
-    return Read::Ok;
-}
-
-Read read_frame(int fd, Clock::time_point deadline, uint32_t max_length, std::vector<uint8_t> &message) {
-    uint8_t prefix[4];
-    if (Read r = read_exact(fd, prefix, sizeof prefix, deadline); r != Read::Ok) return r;
-    uint32_t len = load_le32(prefix);
-    if (len < 8 || len > max_length) return Read::BadLength;
-    message.resize(len);
-    return read_exact(fd, message.data(), len, deadline);
-}
-
 }  // namespace
 
 std::string socket_directory(const std::string &path) {
@@ -117,13 +89,11 @@ DirectoryCheck check_socket_directory(const std::string &dir) {
 
 Outcome connect_checked(const std::string &path, std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
     if (path.empty()) return outcome(Reach::NothingThere, "no socket path");
-    if (path.size() >= sizeof sa.sun_path)
+    const std::optional<sockaddr_un> sa = socket_address(path);
+    if (!sa)
         return outcome(Reach::PathTooLong, std::to_string(path.size()) + " bytes; a socket path must be shorter than " +
-                                               std::to_string(sizeof sa.sun_path));
-    std::memcpy(sa.sun_path, path.data(), path.size());
+                                               std::to_string(kMaxSocketPath + 1));
 
     const std::string dir = socket_directory(path);
     DirectoryCheck check = check_socket_directory(dir);
@@ -143,7 +113,7 @@ Outcome connect_checked(const std::string &path, std::chrono::milliseconds timeo
         int left = std::max(ms_left(deadline), 1);
         timeval limit{left / 1000, (left % 1000) * 1000};
         setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&sa), sizeof sa) == 0) break;
+        if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&*sa), sizeof *sa) == 0) break;
         int err = errno;
         if (err == EINTR && ms_left(deadline) > 0) continue;
         switch (err) {
@@ -179,12 +149,12 @@ Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeo
     // perhaps before the greeting is through: the answer is read either way.
     send_before(o.fd.get(), make_request(Op::Hello, 1, hello.data()), deadline);
     std::vector<uint8_t> frame;
-    switch (read_frame(o.fd.get(), deadline, kMaxGreetingFrame, frame)) {
-    case Read::Ok: break;
-    case Read::TimedOut: return outcome(Reach::TimedOut, "no answer to the greeting within " + duration_text(timeout));
-    case Read::Closed:
+    switch (read_frame_before(o.fd.get(), deadline, kMaxGreetingFrame, frame)) {
+    case FrameRead::Ok: break;
+    case FrameRead::TimedOut: return outcome(Reach::TimedOut, "no answer to the greeting within " + duration_text(timeout));
+    case FrameRead::Closed:
         return outcome(Reach::RefusedOrFull, "it closed the connection without answering the greeting");
-    case Read::BadLength: return outcome(Reach::NotASimulator, "its answer to the greeting is not a frame");
+    case FrameRead::BadLength: return outcome(Reach::NotASimulator, "its answer to the greeting is not a frame");
     }
     Reader r(frame);
     uint16_t op = r.u16();
@@ -229,32 +199,6 @@ std::string reason(const Outcome &o) {
 std::string explain(const Outcome &o, std::string_view path) {
     if (o.reach == Reach::Answered) return "a simulator answers at " + std::string(path);
     return "no simulator at " + std::string(path) + ": " + reason(o);
-}
-
-bool send_before(int fd, std::span<const uint8_t> bytes, Clock::time_point deadline) {
-    while (!bytes.empty()) {
-        ssize_t n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0) {
-            bytes = bytes.subspan(static_cast<size_t>(n));
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd p{fd, POLLOUT, 0};
-            int r = poll(&p, 1, ms_left(deadline));
-            if (r == 0) return false;
-            if (r < 0 && errno != EINTR) return false;
-            continue;
-        }
-        return false;
-    }
-    return true;
-}
-
-std::optional<std::vector<uint8_t>> read_frame_before(int fd, Clock::time_point deadline, uint32_t max_length) {
-    std::vector<uint8_t> message;
-    if (read_frame(fd, deadline, max_length, message) != Read::Ok) return std::nullopt;
-    return message;
 }
 
 }  // namespace talvex::wire

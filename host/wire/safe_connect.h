@@ -14,13 +14,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "owned_fd.h"
+#include "socket_io.h"
 
 namespace talvex::wire {
 
@@ -77,13 +75,5 @@ std::string reason(const Outcome &outcome);
 // The one-line explanation: "a simulator answers at PATH", or "no simulator
 // at PATH: " followed by the reason.
 std::string explain(const Outcome &outcome, std::string_view path);
-
-// Sends all of `bytes` before the deadline.
-bool send_before(int fd, std::span<const uint8_t> bytes, std::chrono::steady_clock::time_point deadline);
-// Reads one frame (length prefix and message) before the deadline; nothing
-// when the time runs out, the stream ends or fails, or the length is below 8
-// or above `max_length`. The message comes back without its length prefix.
-std::optional<std::vector<uint8_t>> read_frame_before(int fd, std::chrono::steady_clock::time_point deadline,
-                                                      uint32_t max_length);
 
 }  // namespace talvex::wire

@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -51,12 +50,7 @@ TEST(NoSimulator, TheRegistryIsEmptyWithoutAUsableSimulator) {
     char tmpl[] = "/tmp/talvex-stale-XXXXXX";
     ASSERT_TRUE(mkdtemp(tmpl));
     std::string path = std::string(tmpl) + "/sim.sock";
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
-    close(fd);
+    ASSERT_TRUE(wire::listen_at(path, 1));   // closed at once
     in_child(path, [] { expect_empty_registry(); });
     unlink(path.c_str());
     rmdir(tmpl);

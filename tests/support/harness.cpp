@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "socket_io.h"
+
 extern char **environ;
 
 namespace talvex::test {
@@ -262,13 +264,7 @@ Simulator::Simulator(const std::vector<std::string> &extra_serve_args) {
     proc_ = std::make_unique<Process>(argv, Env{{"TALVEX_SIM_SOCKET", socket_}});
     auto deadline = Clock::now() + std::chrono::seconds(15);
     for (;;) {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
-        bool ok = connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0;
-        close(fd);
-        if (ok) break;
+        if (wire::connect_to(socket_)) break;
         int st;
         if (waitpid(proc_->pid(), &st, WNOHANG) == proc_->pid()) {
             auto r = proc_->wait(std::chrono::milliseconds(100));

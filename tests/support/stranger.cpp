@@ -4,7 +4,6 @@
 // bytes: M". Gives up after a minute.
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -12,16 +11,15 @@
 #include <cstring>
 #include <vector>
 
+#include "socket_io.h"
+
 int main(int argc, char **argv) {
     if (argc != 2) {
         std::fprintf(stderr, "usage: stranger PATH\n");
         return 2;
     }
-    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::strncpy(sa.sun_path, argv[1], sizeof sa.sun_path - 1);
-    if (bind(listener, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || listen(listener, 16) != 0) {
+    const int listener = talvex::wire::listen_at(argv[1], 16, SOCK_NONBLOCK).release();
+    if (listener < 0) {
         std::perror("stranger");
         return 1;
     }

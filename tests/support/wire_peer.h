@@ -4,6 +4,7 @@
 // are built and read with talvex::wire.
 #pragma once
 
+#include "socket_io.h"
 #include "wire.h"
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -13,7 +14,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -40,59 +40,29 @@ struct Frame {
     int fd = -1;                     // a descriptor that came with the frame (owned by the reader)
 };
 
+// Sends all of `bytes` within ten seconds.
 inline bool send_all(int fd, std::span<const uint8_t> bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        bytes = bytes.subspan(static_cast<size_t>(n));
-    }
-    return true;
-}
-
-// Reads exactly n bytes before the deadline, keeping a descriptor that travels with them.
-inline bool read_exact(int fd, uint8_t *out, size_t n, std::chrono::steady_clock::time_point deadline, int *received) {
-    for (size_t done = 0; done < n;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-        iovec iov{out + done, n - done};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)];
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        ssize_t got = recvmsg(fd, &msg, MSG_CMSG_CLOEXEC);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        for (cmsghdr *cm = CMSG_FIRSTHDR(&msg); cm; cm = CMSG_NXTHDR(&msg, cm)) {
-            if (cm->cmsg_level != SOL_SOCKET || cm->cmsg_type != SCM_RIGHTS) continue;
-            if (*received >= 0) close(*received);
-            std::memcpy(received, CMSG_DATA(cm), sizeof(int));
-        }
-        done += static_cast<size_t>(got);
-    }
-    return true;
+    return wire::send_before(fd, bytes, std::chrono::steady_clock::now() + std::chrono::seconds(10));
 }
 
 // One frame (request, reply or event); nothing on timeout, error, end of
 // stream or a length no frame may have.
 inline std::optional<Frame> read_frame(int fd, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::vector<uint8_t> msg;
+    wire::OwnedFd descriptor;
+    if (wire::read_frame_before(fd, std::chrono::steady_clock::now() + timeout, wire::kMaxFrame, msg, &descriptor) !=
+        wire::FrameRead::Ok)
+        return std::nullopt;
     Frame f;
-    uint8_t len_bytes[4];
-    if (!read_exact(fd, len_bytes, 4, deadline, &f.fd)) return std::nullopt;
-    uint32_t len = wire::load_le32(len_bytes);
-    if (len < 8 || len > wire::kMaxFrame) return std::nullopt;
-    std::vector<uint8_t> msg(len);
-    if (!read_exact(fd, msg.data(), len, deadline, &f.fd)) return std::nullopt;
+    f.fd = descriptor.release();
     f.op = wire::load_le16(msg.data());
     f.seq = wire::load_le32(msg.data() + 4);
     size_t body_at = 8;
     if (f.op & wire::kReplyBit) {
-        if (len < 12) return std::nullopt;
+        if (msg.size() < 12) {
+            if (f.fd >= 0) close(f.fd);
+            return std::nullopt;
+        }
         f.code = static_cast<int32_t>(wire::load_le32(msg.data() + 8));
         body_at = 12;
     }
@@ -100,18 +70,9 @@ inline std::optional<Frame> read_frame(int fd, std::chrono::milliseconds timeout
     return f;
 }
 
+// A socket listening at `path`, or connected to it; -1 when that fails.
 inline int unix_socket(const std::string &path, bool listening) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::strncpy(sa.sun_path, path.c_str(), sizeof sa.sun_path - 1);
-    auto *addr = reinterpret_cast<sockaddr *>(&sa);
-    bool ok = listening ? bind(fd, addr, sizeof sa) == 0 && listen(fd, 4) == 0 : connect(fd, addr, sizeof sa) == 0;
-    if (!ok) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    return (listening ? wire::listen_at(path, 4) : wire::connect_to(path)).release();
 }
 
 struct CallOut {
@@ -414,24 +375,13 @@ public:
         if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
         dir_ = tmpl;
         socket_ = dir_ + "/full.sock";
-        listen_fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        std::strncpy(sa.sun_path, socket_.c_str(), sizeof sa.sun_path - 1);
-        if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 || ::listen(listen_fd_, 0) != 0)
-            throw std::runtime_error("cannot listen on " + socket_);
-        for (;;) {
-            int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
-                close(fd);
-                break;
-            }
-            queued_.push_back(fd);
-        }
+        listen_fd_ = wire::listen_at(socket_, 0);
+        if (!listen_fd_) throw std::runtime_error("cannot listen on " + socket_);
+        while (wire::OwnedFd fd = wire::connect_to(socket_, SOCK_NONBLOCK)) queued_.push_back(std::move(fd));
     }
     ~FullListener() {
-        for (int fd : queued_) close(fd);
-        close(listen_fd_);
+        queued_.clear();
+        listen_fd_.reset();
         unlink(socket_.c_str());
         rmdir(dir_.c_str());
     }
@@ -441,8 +391,8 @@ public:
 
 private:
     std::string dir_, socket_;
-    int listen_fd_ = -1;
-    std::vector<int> queued_;
+    wire::OwnedFd listen_fd_;
+    std::vector<wire::OwnedFd> queued_;
 };
 
 }  // namespace talvex::test
