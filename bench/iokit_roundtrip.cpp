@@ -10,13 +10,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
-#include "support/private_simulator.h"
+#include "harness.h"
 #include "talvex_driver.h"
 
 namespace {
 
-using talvex::bench::PrivateSimulator;
+using talvex::test::Simulator;
+using talvex::test::SimulatorOptions;
 
 // A scalar call with no scalars or structures: 4-byte length, 8-byte header,
 // connection, selector, scalar count, empty structure, scalar capacity (all
@@ -26,7 +28,12 @@ constexpr size_t kRequestFrame = 4 + 8 + 4 * 5 + 8 + 1;
 constexpr size_t kReplyFrame = 4 + 8 + 4 + 4 + 4;
 
 void BM_IOKitScalarCall(benchmark::State &state) {
-    static PrivateSimulator sim;
+    static Simulator sim([] {
+        SimulatorOptions options;
+        options.capture_log = false;
+        return options;
+    }());
+    setenv("TALVEX_SIM_SOCKET", sim.socket().c_str(), 1);
     io_service_t service =
         IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("ZantraTalvexProcessor"));
     io_connect_t connect = 0;

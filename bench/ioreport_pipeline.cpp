@@ -21,17 +21,26 @@
 #include <map>
 #include <string>
 
-#include "support/private_simulator.h"
+#include "harness.h"
 
 namespace {
 
-using talvex::bench::PrivateSimulator;
+using talvex::test::Simulator;
+using talvex::test::SimulatorOptions;
 
 constexpr int kExtraChannels = 100'000;
 
 // Every channel of the coprocessor driver, discovered once.
 CFMutableDictionaryRef all_channels() {
-    static PrivateSimulator sim({"--channels", std::to_string(kExtraChannels)});
+    // A large legend takes a few seconds to build.
+    static Simulator sim([] {
+        SimulatorOptions options;
+        options.serve_args = {"--channels", std::to_string(kExtraChannels)};
+        options.start_limit = std::chrono::seconds(30);
+        options.capture_log = false;
+        return options;
+    }());
+    setenv("TALVEX_SIM_SOCKET", sim.socket().c_str(), 1);
     static CFMutableDictionaryRef all = [] {
         CFMutableDictionaryRef matching = IOServiceMatching("ZantraTalvexProcessor");
         CFMutableDictionaryRef channels = IOReportCopyChannelsForDrivers(matching, 0, nullptr);

@@ -30,18 +30,27 @@
 #include <thread>
 #include <vector>
 
-#include "support/private_simulator.h"
+#include "harness.h"
 #include "socket_io.h"
 #include "talvex_driver.h"
 #include "wire.h"
 
 namespace {
 
-using talvex::bench::PrivateSimulator;
+using talvex::test::Simulator;
+using talvex::test::SimulatorOptions;
 using Clock = std::chrono::steady_clock;
 namespace wire = talvex::wire;
 
 constexpr int32_t kNoResources = static_cast<int32_t>(0xe00002be);
+
+// A private simulator running `program`, its messages going to our standard error.
+SimulatorOptions quiet(const std::string &program) {
+    SimulatorOptions options;
+    options.program = program;
+    options.capture_log = false;
+    return options;
+}
 
 struct Reply {
     uint16_t op = 0;
@@ -157,7 +166,7 @@ bool send_call(Conn &c) {
 }
 
 void load(const std::string &program, int connections, double seconds) {
-    PrivateSimulator sim({}, program);
+    Simulator sim(quiet(program));
     std::vector<Conn> conns(static_cast<size_t>(connections));
     for (auto &c : conns) {
         c.fd = wire::connect_to(sim.socket()).release();
@@ -238,7 +247,7 @@ size_t peak_kib(pid_t pid) {
 
 // How long a fresh client waits for its connection, greeting, match, open
 // and first call; negative when it is not served within 5 s.
-double served_ms(const PrivateSimulator &sim) {
+double served_ms(const Simulator &sim) {
     auto t0 = Clock::now();
     int fd = wire::connect_to(sim.socket()).release();
     bool ok = false;
@@ -253,7 +262,7 @@ double served_ms(const PrivateSimulator &sim) {
     return ok ? std::chrono::duration<double, std::milli>(Clock::now() - t0).count() : -1;
 }
 
-void report(const char *attack, const PrivateSimulator &sim, const std::string &outcome) {
+void report(const char *attack, const Simulator &sim, const std::string &outcome) {
     double ms = served_ms(sim);
     char served[32];
     if (ms < 0)
@@ -267,7 +276,7 @@ void report(const char *attack, const PrivateSimulator &sim, const std::string &
 // One client opens report hub connections and subscribes on each, going on
 // after refusals until 10,000 subscriptions or 100 refusals in a row.
 void subscriptions(const std::string &program) {
-    PrivateSimulator sim({}, program);
+    Simulator sim(quiet(program));
     int fd = wire::connect_to(sim.socket()).release();
     uint64_t hub = match(fd, "IOReportHub");
     std::vector<uint8_t> one(8 + 24, 0);   // one interest that names no channel: a one-page buffer
@@ -307,7 +316,7 @@ void subscriptions(const std::string &program) {
 
 // 25 clients each send all but the last byte of a largest frame.
 void incomplete_frames(const std::string &program) {
-    PrivateSimulator sim({}, program);
+    Simulator sim(quiet(program));
     std::vector<uint8_t> frame(4 + wire::kMaxFrame - 1, 0);
     wire::store_le32(frame.data(), wire::kMaxFrame);
     wire::store_le16(frame.data() + 4, static_cast<uint16_t>(wire::Op::Generation));
@@ -325,7 +334,7 @@ void incomplete_frames(const std::string &program) {
 
 // The trace filled to its bound, then 60 clients ask for it and never read.
 void unread_replies(const std::string &program) {
-    PrivateSimulator sim({}, program);
+    Simulator sim(quiet(program));
     int fd = wire::connect_to(sim.socket()).release();
     uint32_t conn = handshake(fd);
     std::vector<uint8_t> big(256u << 10, 0xab);   // traced as 512 KiB of hex, whatever the answer
@@ -348,7 +357,7 @@ void unread_replies(const std::string &program) {
 
 // 40 clients each set an 8 MiB property.
 void large_properties(const std::string &program) {
-    PrivateSimulator sim({}, program);
+    Simulator sim(quiet(program));
     std::vector<uint8_t> bytes(8u << 20, 0x5a);
     CFDataRef value = CFDataCreate(nullptr, bytes.data(), static_cast<CFIndex>(bytes.size()));
     CFDataRef serialised = IOCFSerialize(value, 0);
@@ -382,7 +391,7 @@ void large_properties(const std::string &program) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    std::string program = TALVEX_TALVEXSIM_PATH;
+    std::string program = talvex::test::talvexsim_path();
     double seconds = 3;
     bool run_load = true, run_hostile = true;
     for (int i = 1; i < argc; ++i) {

@@ -76,15 +76,17 @@ int decode_status(int st) {
 
 }  // namespace
 
-Process::Process(const std::vector<std::string> &argv, const Env &env) {
-    int pin[2], pout[2], perr[2];
-    if (pipe2(pin, O_CLOEXEC) || pipe2(pout, O_CLOEXEC) || pipe2(perr, O_CLOEXEC))
+Process::Process(const std::vector<std::string> &argv, const Env &env, bool capture_output) {
+    int pin[2], pout[2] = {-1, -1}, perr[2] = {-1, -1};
+    if (pipe2(pin, O_CLOEXEC) || (capture_output && (pipe2(pout, O_CLOEXEC) || pipe2(perr, O_CLOEXEC))))
         throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_adddup2(&fa, pin[0], 0);
-    posix_spawn_file_actions_adddup2(&fa, pout[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, perr[1], 2);
+    if (capture_output) {
+        posix_spawn_file_actions_adddup2(&fa, pout[1], 1);
+        posix_spawn_file_actions_adddup2(&fa, perr[1], 2);
+    }
     std::vector<char *> args;
     for (auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
@@ -94,9 +96,8 @@ Process::Process(const std::vector<std::string> &argv, const Env &env) {
     envp.push_back(nullptr);
     int rc = posix_spawn(&pid_, argv.at(0).c_str(), &fa, nullptr, args.data(), envp.data());
     posix_spawn_file_actions_destroy(&fa);
-    close(pin[0]);
-    close(pout[1]);
-    close(perr[1]);
+    for (int fd : {pin[0], pout[1], perr[1]})
+        if (fd >= 0) close(fd);
     in_ = pin[1];
     out_fd_ = pout[0];
     err_fd_ = perr[0];
@@ -254,15 +255,21 @@ std::string Strangers::last_line(Process &p) {
     return all.empty() ? std::string() : all.back();
 }
 
-Simulator::Simulator(const std::vector<std::string> &extra_serve_args) {
+Simulator::Simulator(const std::vector<std::string> &extra_serve_args) : Simulator([&] {
+    SimulatorOptions options;
+    options.serve_args = extra_serve_args;
+    return options;
+}()) {}
+
+Simulator::Simulator(SimulatorOptions options) {
     char tmpl[] = "/tmp/talvex-test-XXXXXX";
     if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
     socket_ = dir_ + "/sim.sock";
-    std::vector<std::string> argv{talvexsim_path(), "serve", "--socket", socket_};
-    argv.insert(argv.end(), extra_serve_args.begin(), extra_serve_args.end());
-    proc_ = std::make_unique<Process>(argv, Env{{"TALVEX_SIM_SOCKET", socket_}});
-    auto deadline = Clock::now() + std::chrono::seconds(15);
+    std::vector<std::string> argv{options.program, "serve", "--socket", socket_};
+    argv.insert(argv.end(), options.serve_args.begin(), options.serve_args.end());
+    proc_ = std::make_unique<Process>(argv, Env{{"TALVEX_SIM_SOCKET", socket_}}, options.capture_log);
+    auto deadline = Clock::now() + options.start_limit;
     for (;;) {
         if (wire::connect_to(socket_)) break;
         int st;

@@ -1,6 +1,7 @@
-// Test support: private simulators, child processes with captured output, and
-// normalisation of diagnostics so tests depend on neither line numbers nor
-// absolute paths.
+// Test and benchmark support: private simulators, child processes with
+// captured output, and normalisation of diagnostics so tests depend on
+// neither line numbers nor absolute paths. Free of any test framework, so
+// benchmarks use the same private simulator as the tests.
 #pragma once
 
 #include <sys/types.h>
@@ -36,10 +37,11 @@ struct RunResult {
 
 using Env = std::vector<std::pair<std::string, std::string>>;
 
-// A child process with piped standard input, output and error.
+// A child process with piped standard input, output and error (or, without
+// `capture_output`, its output and error going where ours go).
 class Process {
 public:
-    Process(const std::vector<std::string> &argv, const Env &env = {});
+    Process(const std::vector<std::string> &argv, const Env &env = {}, bool capture_output = true);
     ~Process();   // kills (SIGKILL) and reaps the child if still running
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
@@ -73,12 +75,21 @@ RunResult run(const std::vector<std::string> &argv, const Env &env = {}, std::st
 std::vector<RunResult> run_together(const std::vector<std::pair<std::vector<std::string>, Env>> &commands,
                                     std::chrono::milliseconds bound);
 
+// How a private simulator is started.
+struct SimulatorOptions {
+    std::vector<std::string> serve_args;          // appended to `serve --socket PATH`
+    std::string program = talvexsim_path();       // another build's talvexsim, to compare two builds
+    std::chrono::seconds start_limit{15};         // how long it may take to listen
+    bool capture_log = true;                      // false: its output and error go where ours go
+};
+
 // A private simulator on a fresh socket in its own temporary directory,
-// started in the constructor (ready to accept when it returns) and stopped
-// in the destructor.
+// started in the constructor (ready to accept when it returns; throws when
+// it is not) and stopped in the destructor.
 class Simulator {
 public:
     explicit Simulator(const std::vector<std::string> &extra_serve_args = {});
+    explicit Simulator(SimulatorOptions options);
     ~Simulator();
     Simulator(const Simulator &) = delete;
     Simulator &operator=(const Simulator &) = delete;
