@@ -60,12 +60,12 @@ const std::vector<Client> &clients_of(uint32_t device) {
 void put_record(std::vector<uint8_t> &out, uint32_t count, const std::string &name, int32_t polling,
                 int32_t report, int32_t threshold, int32_t time_limit) {
     out.assign(kReplySize, 0);
-    put_le32(out, 0, count);
+    wire::store_le32(out, 0, count);
     put_text(out, 4, kNameField, name);
-    put_le32(out, 73, static_cast<uint32_t>(polling));
-    put_le32(out, 77, static_cast<uint32_t>(report));
-    put_le32(out, 81, static_cast<uint32_t>(threshold));
-    put_le32(out, 85, static_cast<uint32_t>(time_limit));
+    wire::store_le32(out, 73, static_cast<uint32_t>(polling));
+    wire::store_le32(out, 77, static_cast<uint32_t>(report));
+    wire::store_le32(out, 81, static_cast<uint32_t>(threshold));
+    wire::store_le32(out, 85, static_cast<uint32_t>(time_limit));
 }
 
 }  // namespace
@@ -73,7 +73,7 @@ void put_record(std::vector<uint8_t> &out, uint32_t count, const std::string &na
 IOReturn ClientList::query(const CallArgs &args, CallReply &reply) {
     if (args.input.size() != 5) return kIOReturnBadArgument;
     uint32_t device = args.input[0];
-    uint32_t index = get_le32(args.input, 1);
+    uint32_t index = wire::load_le32(args.input, 1);
     if (!props_.exists(device)) return kIOReturnNoDevice;
     const auto &clients = clients_of(device);
     auto count = static_cast<uint32_t>(clients.size());

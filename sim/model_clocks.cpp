@@ -116,7 +116,7 @@ IOReturn ClockUnit::redirect(uint64_t value) {
 IOReturn ClockUnit::measure(const CallArgs &args, CallReply &reply) {
     follow();
     if (args.input.size() != 4) return kIOReturnBadArgument;
-    uint32_t selector = get_le32(args.input, 0);
+    uint32_t selector = wire::load_le32(args.input, 0);
     if (selector >= std::size(kClocks)) return kIOReturnBadArgument;
     uint32_t clock = selector == 0 ? (redirected_ ? 1 : 2) : selector;
     const Oscillator &osc = kClocks[clock];
@@ -127,8 +127,8 @@ IOReturn ClockUnit::measure(const CallArgs &args, CallReply &reply) {
     double jitter = osc.jitter * (2 * unit_noise(noise_key(run_.now_ns(), 32, selector)) - 1);
     auto measured = static_cast<uint32_t>(std::lround(osc.nominal_hz * (1 + drift + jitter)));
     reply.output.assign(8, 0);
-    put_le32(reply.output, 0, osc.nominal_hz);
-    put_le32(reply.output, 4, measured);
+    wire::store_le32(reply.output, 0, osc.nominal_hz);
+    wire::store_le32(reply.output, 4, measured);
     return kIOReturnSuccess;
 }
 
@@ -139,9 +139,9 @@ std::vector<uint8_t> ClockUnit::irc_startup() {
     for (size_t i = 0; i < 3; ++i) {
         const Stat &s = *stats[i];
         auto mean = static_cast<int32_t>(s.count ? s.sum / static_cast<int64_t>(s.count) : 0);
-        put_le32(out, 12 * i, static_cast<uint32_t>(mean));
-        put_le32(out, 12 * i + 4, static_cast<uint32_t>(s.min));
-        put_le32(out, 12 * i + 8, static_cast<uint32_t>(s.max));
+        wire::store_le32(out, 12 * i, static_cast<uint32_t>(mean));
+        wire::store_le32(out, 12 * i + 4, static_cast<uint32_t>(s.min));
+        wire::store_le32(out, 12 * i + 8, static_cast<uint32_t>(s.max));
     }
     return out;
 }

@@ -123,7 +123,7 @@ IOReturn PerfMonitor::call(const CallArgs &args, CallReply &reply) {
     if (!props_.exists(device)) return kIOReturnNoDevice;
     if (item == kTalvexPerfmonItemMode) {
         if (args.input.size() != 4) return kIOReturnBadArgument;
-        modes_[device] = get_le32(args.input, 0);
+        modes_[device] = wire::load_le32(args.input, 0);
         return kIOReturnSuccess;
     }
     if (item != kTalvexPerfmonItemReport) return kIOReturnUnsupported;
@@ -132,17 +132,17 @@ IOReturn PerfMonitor::call(const CallArgs &args, CallReply &reply) {
     size_t count = std::min(stages.size(), kMaxStages);
     auto &out = reply.output;
     out.assign(kReportSize, 0);
-    put_le32(out, 0, static_cast<uint32_t>(count));
+    wire::store_le32(out, 0, static_cast<uint32_t>(count));
     for (size_t i = 0; i < count; ++i) {
         const Stage &s = stages[i];
         size_t at = 4 + 24 * i;
         // The name field is 8 bytes; an 8-character name fills it.
         for (size_t k = 0; k < 8 && s.name[k]; ++k) out[at + k] = static_cast<uint8_t>(s.name[k]);
         uint64_t samples = s.samples.value() / 1000;
-        put_le32(out, at + 8, saturate32(samples));
-        put_le32(out, at + 12, s.min_us);
-        put_le32(out, at + 16, s.max_us);
-        put_le32(out, at + 20, samples ? static_cast<uint32_t>(s.sum_us / samples) : 0);
+        wire::store_le32(out, at + 8, saturate32(samples));
+        wire::store_le32(out, at + 12, s.min_us);
+        wire::store_le32(out, at + 16, s.max_us);
+        wire::store_le32(out, at + 20, samples ? static_cast<uint32_t>(s.sum_us / samples) : 0);
     }
     return kIOReturnSuccess;
 }

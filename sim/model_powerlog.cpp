@@ -120,8 +120,8 @@ IOReturn PowerLog::read(CallReply &reply) {
     auto &out = reply.output;
     out.assign(kRecordSize, 0);
     auto put_pair = [&](size_t at, const Pair &p) {
-        put_le32(out, at, saturate32(p.period_ns.value() / kNanosPerMilli));
-        put_le32(out, at + 4, saturate32(p.entries.value() / 1000));
+        wire::store_le32(out, at, saturate32(p.period_ns.value() / kNanosPerMilli));
+        wire::store_le32(out, at + 4, saturate32(p.entries.value() / 1000));
     };
     for (size_t i = 0; i < 4; ++i) put_pair(8 * i, states_[i]);
     for (size_t t = 0; t < 3; ++t) put_pair(32 + 8 * t, threads_[t]);
@@ -130,9 +130,9 @@ IOReturn PowerLog::read(CallReply &reply) {
         const DeviceBlock &b = devices_[d];
         put_pair(at, b.sleep);
         put_pair(at + 8, b.active);
-        put_le32(out, at + 16, saturate32(b.events.value() / 1000));
-        put_le32(out, at + 20, saturate32(b.dropped.value() / 1000));
-        put_le32(out, at + 24, kDevices[d].device);
+        wire::store_le32(out, at + 16, saturate32(b.events.value() / 1000));
+        wire::store_le32(out, at + 20, saturate32(b.dropped.value() / 1000));
+        wire::store_le32(out, at + 24, kDevices[d].device);
     }
     return kIOReturnSuccess;
 }

@@ -129,17 +129,17 @@ IOReturn Profiler::reset() {
 IOReturn Profiler::summary(CallReply &reply) {
     follow();
     reply.output.assign(12, 0);
-    put_le32(reply.output, 0, static_cast<uint32_t>(hitpoints_.size()));
-    put_le32(reply.output, 4, static_cast<uint32_t>(functions_.size()));
-    put_le32(reply.output, 8, saturate32(runtime_ns_ / kNanosPerMilli));
+    wire::store_le32(reply.output, 0, static_cast<uint32_t>(hitpoints_.size()));
+    wire::store_le32(reply.output, 4, static_cast<uint32_t>(functions_.size()));
+    wire::store_le32(reply.output, 8, saturate32(runtime_ns_ / kNanosPerMilli));
     return kIOReturnSuccess;
 }
 
 IOReturn Profiler::entry(const CallArgs &args, CallReply &reply) {
     follow();
     if (args.input.size() != kEntryRequest) return kIOReturnBadArgument;
-    uint32_t kind = get_le32(args.input, 0);
-    uint32_t index = get_le32(args.input, 4);
+    uint32_t kind = wire::load_le32(args.input, 0);
+    uint32_t index = wire::load_le32(args.input, 4);
     if (kind > 1) return kIOReturnBadArgument;
     const std::vector<Point> &points = kind == 0 ? hitpoints_ : functions_;
     if (index == kByName) {
@@ -156,15 +156,15 @@ IOReturn Profiler::entry(const CallArgs &args, CallReply &reply) {
     const Point &p = points[index];
     uint64_t hits = p.hits.value() / 1000;
     reply.output.assign(kEntryReply, 0);
-    put_le32(reply.output, 0, index);
+    wire::store_le32(reply.output, 0, index);
     put_text(reply.output, 4, kNameField, p.name);
-    put_le32(reply.output, 68, p.max_us);
-    put_le32(reply.output, 72, p.min_us);
-    put_le16(reply.output, 76, counter16(hits));
+    wire::store_le32(reply.output, 68, p.max_us);
+    wire::store_le32(reply.output, 72, p.min_us);
+    wire::store_le16(reply.output, 76, counter16(hits));
     if (kind == 0)
-        put_le16(reply.output, 78, counter16(hits / p.save_every));
+        wire::store_le16(reply.output, 78, counter16(hits / p.save_every));
     else
-        put_le32(reply.output, 78, saturate32(p.total_us));
+        wire::store_le32(reply.output, 78, saturate32(p.total_us));
     return kIOReturnSuccess;
 }
 

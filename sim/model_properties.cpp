@@ -59,7 +59,7 @@ std::vector<uint8_t> words(std::initializer_list<int32_t> values) {
     std::vector<uint8_t> out(values.size() * 4);
     size_t at = 0;
     for (int32_t v : values) {
-        put_le32(out, at, static_cast<uint32_t>(v));
+        wire::store_le32(out, at, static_cast<uint32_t>(v));
         at += 4;
     }
     return out;
@@ -148,12 +148,12 @@ std::array<DeviceTable, kTalvexDeviceCount> defaults() {
 }
 
 int32_t as_int(const std::vector<uint8_t> &bytes, size_t index = 0) {
-    return static_cast<int32_t>(get_le32(bytes, index * 4));
+    return static_cast<int32_t>(wire::load_le32(bytes, index * 4));
 }
 
 bool listed(const std::vector<uint8_t> &list, uint32_t value) {
     for (size_t at = 0; at + 4 <= list.size(); at += 4)
-        if (get_le32(list, at) == value) return true;
+        if (wire::load_le32(list, at) == value) return true;
     return false;
 }
 
@@ -179,7 +179,7 @@ IOReturn DeviceProperties::get(uint32_t device, uint32_t property, uint64_t capa
     std::vector<uint8_t> value;
     if (property == kTalvexPropertyPerfmonMode && perfmon_) {
         value.assign(4, 0);
-        put_le32(value, 0, perfmon_->mode(device));
+        wire::store_le32(value, 0, perfmon_->mode(device));
     } else if (property == kTalvexPropertyIrcStartup && device == kTalvexDeviceTalvex && clocks_) {
         value = clocks_->irc_startup();
     } else {
@@ -229,7 +229,7 @@ IOReturn DeviceProperties::set(uint32_t device, uint32_t property, uint32_t valu
         break;
     }
     for (auto &hook : on_change_) hook();
-    put_le32(v.bytes, 0, value);
+    wire::store_le32(v.bytes, 0, value);
     return kIOReturnSuccess;
 }
 

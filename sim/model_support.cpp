@@ -24,20 +24,6 @@ void RateCounter::advance(uint64_t elapsed_ns, uint64_t per_second) {
     remainder_ = part % kNanosPerSecond;
 }
 
-void put_le16(std::vector<uint8_t> &out, size_t at, uint16_t v) {
-    out[at] = static_cast<uint8_t>(v);
-    out[at + 1] = static_cast<uint8_t>(v >> 8);
-}
-
-void put_le32(std::vector<uint8_t> &out, size_t at, uint32_t v) {
-    for (size_t i = 0; i < 4; ++i) out[at + i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-uint32_t get_le32(std::span<const uint8_t> in, size_t at) {
-    return static_cast<uint32_t>(in[at]) | static_cast<uint32_t>(in[at + 1]) << 8 |
-           static_cast<uint32_t>(in[at + 2]) << 16 | static_cast<uint32_t>(in[at + 3]) << 24;
-}
-
 void put_text(std::vector<uint8_t> &out, size_t at, size_t field, const std::string &text) {
     size_t n = text.size() < field ? text.size() : field - 1;
     for (size_t i = 0; i < field; ++i) out[at + i] = i < n ? static_cast<uint8_t>(text[i]) : 0;

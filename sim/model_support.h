@@ -1,5 +1,6 @@
 // Helpers the simulated models share: deterministic noise, counts that grow
-// with running time, and the fields of the replies they build.
+// with running time, and the fields of the replies they build (numbers
+// through little_endian.h's loads and stores).
 #pragma once
 
 #include <cstddef>
@@ -7,6 +8,8 @@
 #include <span>
 #include <string>
 #include <vector>
+
+#include "little_endian.h"
 
 namespace talvex::sim {
 
@@ -31,10 +34,6 @@ private:
     uint64_t remainder_ = 0;   // (units x 1e9) not yet whole
 };
 
-// Little-endian field writers for the replies.
-void put_le16(std::vector<uint8_t> &out, size_t at, uint16_t v);
-void put_le32(std::vector<uint8_t> &out, size_t at, uint32_t v);
-uint32_t get_le32(std::span<const uint8_t> in, size_t at);
 // Writes `text` and a NUL into out[at, at + field), cut to field - 1 bytes.
 void put_text(std::vector<uint8_t> &out, size_t at, size_t field, const std::string &text);
 // 32-bit figures saturate, as the firmware's counters do.

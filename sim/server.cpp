@@ -6,13 +6,13 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "safe_connect.h"
@@ -42,17 +42,6 @@ std::string errno_text() { return std::strerror(errno); }
 // Sends all of a small frame at once or nothing that matters; never waits.
 bool send_nowait(int fd, const std::vector<uint8_t> &frame) {
     return ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
-}
-
-bool fill_address(const std::string &path, sockaddr_un &sa, std::string &error) {
-    sa = {};
-    sa.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof sa.sun_path) {
-        error = "talvexsim: socket path '" + path + "' is empty or too long";
-        return false;
-    }
-    std::memcpy(sa.sun_path, path.c_str(), path.size() + 1);
-    return true;
 }
 
 }  // namespace
@@ -134,8 +123,11 @@ Server::~Server() {
 }
 
 bool Server::listen(const std::string &path, std::string &error) {
-    sockaddr_un sa;
-    if (!fill_address(path, sa, error)) return false;
+    const std::optional<sockaddr_un> sa = wire::socket_address(path);
+    if (!sa) {
+        error = "talvexsim: socket path '" + path + "' is empty or too long";
+        return false;
+    }
     if (wake_[0] < 0) {
         error = "talvexsim: cannot create a pipe: " + errno_text();
         return false;
@@ -169,7 +161,7 @@ bool Server::listen(const std::string &path, std::string &error) {
         return false;
     }
     mode_t old = umask(0177);   // the socket file is born 0600
-    int rc = bind(listen_fd_, reinterpret_cast<sockaddr *>(&sa), sizeof sa);
+    int rc = bind(listen_fd_, reinterpret_cast<const sockaddr *>(&*sa), sizeof *sa);
     umask(old);
     if (rc != 0 || chmod(path.c_str(), 0600) != 0 || ::listen(listen_fd_, 128) != 0 || lstat(path.c_str(), &st) != 0) {
         error = "talvexsim: cannot listen at " + path + ": " + errno_text();
