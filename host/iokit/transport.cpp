@@ -22,7 +22,6 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kHeader = 8;            // u16 op, u16 flags, u32 seq (after the length)
 constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kMaxQueuedEvents = 100000;
-constexpr int kMaxFdsPerRead = 8;
 
 }  // namespace
 
@@ -162,15 +161,8 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline) {
         if (in_.size() - in_end_ < need) in_.resize(in_end_ + need);
     }
 
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxFdsPerRead)];
     for (;;) {
-        iovec iov{in_.data() + in_end_, in_.size() - in_end_};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        ssize_t n = recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), fds_);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             if (!deadline) return Sent::TimedOut;
@@ -183,15 +175,6 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline) {
             continue;
         }
         if (n <= 0) return Sent::Failed;
-        for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-            if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-            size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-            for (size_t i = 0; i < count; ++i) {
-                int fd;
-                std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-                fds_.push_back(fd);
-            }
-        }
         in_end_ += static_cast<size_t>(n);
         return Sent::Ok;
     }

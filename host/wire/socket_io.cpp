@@ -21,22 +21,6 @@ int ms_left(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
-// Keeps the descriptors that came with a read: the last in `keep`, or none.
-void take_descriptors(msghdr &msg, OwnedFd *keep) {
-    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-        size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int fd;
-            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
-            if (keep)
-                keep->reset(fd);
-            else
-                close(fd);
-        }
-    }
-}
-
 // Reads exactly `n` bytes before the deadline.
 FrameRead read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline, OwnedFd *descriptor) {
     for (size_t done = 0; done < n;) {
@@ -45,17 +29,16 @@ FrameRead read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline,
         if (r < 0 && errno == EINTR) continue;
         if (r < 0) return FrameRead::Closed;
         if (r == 0) return FrameRead::TimedOut;
-        iovec iov{out + done, n - done};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)];
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        ssize_t got = recvmsg(fd, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        std::vector<int> came;
+        ssize_t got = receive_some(fd, std::span(out + done, n - done), came);
+        for (int d : came) {
+            if (descriptor)
+                descriptor->reset(d);   // the last one is kept
+            else
+                close(d);
+        }
         if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
         if (got <= 0) return FrameRead::Closed;
-        take_descriptors(msg, descriptor);
         done += static_cast<size_t>(got);
     }
     return FrameRead::Ok;
@@ -101,6 +84,29 @@ OwnedFd connect_to(std::string_view path, int flags) {
         while (r != 0 && errno == EINTR);
         return r == 0;
     });
+}
+
+ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descriptors) {
+    constexpr size_t kMaxDescriptors = 8;
+    iovec iov{into.data(), into.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t got = recvmsg(fd, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (got < 0) return got;
+    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int d;
+            std::memcpy(&d, CMSG_DATA(c) + i * sizeof(int), sizeof d);
+            descriptors.push_back(d);
+        }
+    }
+    return got;
 }
 
 bool send_before(int fd, std::span<const uint8_t> bytes, Clock::time_point deadline) {
