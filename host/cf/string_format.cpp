@@ -278,6 +278,23 @@ const __CFString *format_of(CFStringRef format, const char *function) {
     return cast<__CFString>(format, kStringTypeID, function);
 }
 
+enum class Formatted { Ok, Refused, OutOfMemory };
+
+// `format` with a copy of `arguments` into `out`: Refused when the C library
+// refuses a conversion.
+Formatted format_arguments(std::string &out, const __CFString *format, CFDictionaryRef options, va_list arguments) {
+    va_list ap;
+    va_copy(ap, arguments);
+    Formatted done = Formatted::Refused;
+    try {
+        if (format_into(out, string_view_of(format), options, &ap)) done = Formatted::Ok;
+    } catch (...) {
+        done = Formatted::OutOfMemory;
+    }
+    va_end(ap);
+    return done;
+}
+
 }  // namespace
 }  // namespace cf
 
@@ -295,17 +312,8 @@ CFStringRef CFStringCreateWithFormatAndArguments(CFAllocatorRef, CFDictionaryRef
                                                  va_list arguments) {
     const __CFString *f = format_of(format, "CFStringCreateWithFormat");
     if (f == nullptr) return nullptr;
-    va_list ap;
-    va_copy(ap, arguments);
-    bool ok = false;
     std::string out;
-    try {
-        ok = format_into(out, string_view_of(f), format_options, &ap);
-    } catch (...) {
-        ok = false;
-    }
-    va_end(ap);
-    return ok ? make_string(out) : nullptr;
+    return format_arguments(out, f, format_options, arguments) == Formatted::Ok ? make_string(out) : nullptr;
 }
 
 void CFStringAppendFormat(CFMutableStringRef str, CFDictionaryRef format_options, CFStringRef format, ...) {
@@ -320,15 +328,8 @@ void CFStringAppendFormatAndArguments(CFMutableStringRef str, CFDictionaryRef fo
                                       va_list arguments) {
     const __CFString *f = format_of(format, "CFStringAppendFormat");
     if (str == nullptr || f == nullptr) return;
-    va_list ap;
-    va_copy(ap, arguments);
-    bool ok = false;
     std::string out;
-    try {
-        ok = format_into(out, string_view_of(f), format_options, &ap);
-    } catch (...) {
-        fatal("CFStringAppendFormat", "out of memory");
-    }
-    va_end(ap);
-    if (ok) append_to_string(str, out);
+    Formatted done = format_arguments(out, f, format_options, arguments);
+    if (done == Formatted::OutOfMemory) fatal("CFStringAppendFormat", "out of memory");
+    if (done == Formatted::Ok) append_to_string(str, out);
 }
