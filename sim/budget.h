@@ -62,6 +62,16 @@ inline constexpr size_t kMinDescriptors = 64;
 inline constexpr size_t kUserClientCost = 1024;
 inline constexpr size_t kInterestCost = 512;
 
+// Scenarios (scenario.h): what a scenario file may hold, and the replies it
+// may hold back at once (beyond them a reply goes out on time).
+inline constexpr size_t kMaxScenarioFileBytes = size_t{256} << 10;
+inline constexpr size_t kMaxScenarioSteps = 1000;
+inline constexpr size_t kMaxScenarioActions = 64;        // per step
+inline constexpr uint64_t kMaxScenarioRepeat = 1'000'000;
+inline constexpr uint64_t kMaxScenarioDelay = uint64_t{7} * 24 * 3600 * 1'000'000'000;   // a week, in ns
+inline constexpr size_t kMaxHeldReplies = 256;
+inline constexpr size_t kMaxHeldReplyBytes = size_t{16} << 20;
+
 // The process's own limits. Raises the descriptor soft limit to the hard
 // limit where allowed; the memory budget is half of RLIMIT_AS or RLIMIT_DATA
 // (the smaller) when either is set, else kDefaultMemoryBudget.

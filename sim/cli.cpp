@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 
 #include "budget.h"
@@ -9,6 +10,7 @@
 #include "control_client.h"
 #include "report_models.h"
 #include "safe_connect.h"
+#include "scenario.h"
 #include "supervise.h"
 
 namespace talvex::sim {
@@ -24,7 +26,7 @@ constexpr std::string_view kListWords = "--list-words";
 bool take_sim_option(const std::vector<std::string> &words, size_t &i, SimOptions &opts, std::string &error) {
     const std::string &w = words[i];
     std::string name = w.substr(0, w.find('='));
-    if (name != "--clock" && name != "--channels") return false;
+    if (name != "--clock" && name != "--channels" && name != "--scenario") return false;
     std::string value;
     if (name.size() < w.size()) {
         value = w.substr(name.size() + 1);
@@ -32,6 +34,11 @@ bool take_sim_option(const std::vector<std::string> &words, size_t &i, SimOption
         value = words[++i];
     } else {
         error = "missing value for " + name;
+        return true;
+    }
+    if (name == "--scenario") {
+        if (value.empty()) error = "--scenario needs a file";
+        opts.scenario = value;
         return true;
     }
     if (name == "--clock") {
@@ -48,6 +55,15 @@ bool take_sim_option(const std::vector<std::string> &words, size_t &i, SimOption
 }
 
 bool is_help(const std::string &w) { return w == "--help" || w == "-h"; }
+
+// 2, with the file's mistake on standard error, when the scenario file cannot
+// be run; else 0.
+int check_scenario(const SimOptions &opts) {
+    std::string error;
+    if (opts.scenario.empty() || read_scenario_file(opts.scenario, error)) return 0;
+    std::fprintf(stderr, "talvexsim: %s\n", error.c_str());
+    return 2;
+}
 
 int print_usage(std::string_view text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -76,6 +92,8 @@ int run_or_shell(const Invocation &inv, bool run) {
         const char *shell = std::getenv("SHELL");
         cmd.push_back(shell && *shell ? shell : "/bin/sh");
     }
+    // A bad scenario file is refused here, before anything starts.
+    if (int status = check_scenario(opts)) return status;
     return run_private(std::move(cmd), opts);
 }
 
@@ -173,6 +191,16 @@ int cli_main(int argc, char **argv) {
         return 1;
     }
     if (parsed->kind == ControlCommand::Kind::Help) return print_usage(parsed->help);
+    if (parsed->kind == ControlCommand::Kind::ScenarioLoad) {
+        // Checked here, so that mistakes name the file as given; the
+        // simulator, whose directory may differ, gets it as an absolute path.
+        SimOptions check;
+        check.scenario = parsed->path;
+        if (int status = check_scenario(check)) return status;
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(parsed->path, ec);
+        args = {"scenario", "load", ec ? parsed->path : absolute.string()};
+    }
     return forward_control(path, args);
 }
 

@@ -17,6 +17,13 @@ public:
     // zero when it already has, nothing when only an explicit advance moves
     // time (the event loop then waits for input alone).
     virtual std::optional<std::chrono::milliseconds> real_wait_until(uint64_t due_ns) const = 0;
+    // Lets `ns` of simulated time pass for something that takes that long
+    // (a reply answered late): a clock that moves only when told moves on
+    // and returns true; real time passes by itself (false).
+    virtual bool pass(uint64_t ns) {
+        (void)ns;
+        return false;
+    }
 };
 
 // Time follows the monotonic system clock.
@@ -36,6 +43,10 @@ public:
     uint64_t now_ns() const override { return now_; }
     std::optional<std::chrono::milliseconds> real_wait_until(uint64_t due_ns) const override;
     void advance(uint64_t ns) { now_ += ns; }
+    bool pass(uint64_t ns) override {
+        advance(ns);
+        return true;
+    }
 
 private:
     uint64_t now_ = 0;

@@ -30,25 +30,28 @@ constexpr std::string_view kUsageTail =
 // (serve also takes --budget-memory and --budget-descriptors, for tests;
 // they are left out of its help and of the completion.)
 constexpr std::string_view kServeUsage =
-    "usage: talvexsim [--socket PATH] serve [--clock real|step] [--channels N] [--exit-with-parent]\n"
+    "usage: talvexsim [--socket PATH] serve [--clock real|step] [--channels N] [--scenario FILE]\n"
+    "                                       [--exit-with-parent]\n"
     "  Serves the simulated registry on the socket until SIGINT or SIGTERM.\n"
     "  --clock step        simulated time stands still except that every report hub update\n"
     "                      moves it on by exactly one second (figures repeat from run to run;\n"
     "                      delayed steps such as a boot wait for hub updates); default real\n"
     "  --channels N        N extra report channels of mixed formats on ZantraTalvexProcessor\n"
     "                      (at most 100000)\n"
+    "  --scenario FILE     run the scenario in FILE from the start (see talvexsim(1)); a file\n"
+    "                      with a mistake is refused with FILE:LINE and exit status 2\n"
     "  --exit-with-parent  also stop when the parent process ends (run and shell use it)\n";
 
 constexpr std::string_view kRunUsage =
-    "usage: talvexsim run [--clock real|step] [--channels N] [--] CMD [ARGS...]\n"
+    "usage: talvexsim run [--clock real|step] [--channels N] [--scenario FILE] [--] CMD [ARGS...]\n"
     "  Starts a private simulator on a fresh socket, runs CMD with TALVEX_SIM_SOCKET naming it,\n"
     "  stops the simulator and exits with CMD's status (127 when CMD cannot be run).\n"
-    "  --clock and --channels are passed to the simulator (see serve --help).\n";
+    "  --clock, --channels and --scenario are passed to the simulator (see serve --help).\n";
 
 constexpr std::string_view kShellUsage =
-    "usage: talvexsim shell [--clock real|step] [--channels N]\n"
+    "usage: talvexsim shell [--clock real|step] [--channels N] [--scenario FILE]\n"
     "  Runs an interactive shell ($SHELL, else /bin/sh) against a private simulator and exits\n"
-    "  with the shell's status. --clock and --channels are passed to the simulator.\n";
+    "  with the shell's status. --clock, --channels and --scenario are passed to the simulator.\n";
 
 constexpr std::string_view kStatusUsage =
     "usage: talvexsim [--socket PATH] status\n"
@@ -107,6 +110,15 @@ constexpr std::string_view kLoadUsage =
     "  IDLE MS counter then grows by (100 - PERCENT)% of the running time. auto lets the\n"
     "  model vary the load again.\n";
 
+constexpr std::string_view kScenarioUsage =
+    "usage: talvexsim scenario load FILE\n"
+    "       talvexsim scenario status\n"
+    "       talvexsim scenario clear\n"
+    "  load replaces the running scenario with the one in FILE (its 'at' times count from now);\n"
+    "  a file with a mistake is refused with FILE:LINE and exit status 2, and the running\n"
+    "  scenario stays. status lists the steps and how often each fired; clear stops the\n"
+    "  scenario (what its steps did stays). The format is in talvexsim(1).\n";
+
 // --- words to offer
 
 constexpr std::string_view kFiles[] = {kFileNames};
@@ -130,8 +142,10 @@ const std::string_view kMessageTypes[] = {kMessageText[0], kMessageText[1]};
 
 constexpr OptionRow kGlobalOptions[] = {with_value("socket", kFiles), flag("help")};
 constexpr OptionRow kServeOptions[] = {with_value("clock", kClockModes), with_value("channels"),
-                                        flag("exit-with-parent"), with_value("socket", kFiles)};
-constexpr OptionRow kPrivateOptions[] = {with_value("clock", kClockModes), with_value("channels")};
+                                        with_value("scenario", kFiles), flag("exit-with-parent"),
+                                        with_value("socket", kFiles)};
+constexpr OptionRow kPrivateOptions[] = {with_value("clock", kClockModes), with_value("channels"),
+                                          with_value("scenario", kFiles)};
 constexpr OptionRow kStatusOptions[] = {with_value("socket", kFiles)};
 constexpr OptionRow kTraceOptions[] = {flag("clear")};
 constexpr OptionRow kStubOptions[] = {
@@ -156,6 +170,11 @@ constexpr SubcommandRow kPropertySubcommands[] = {
 constexpr SubcommandRow kServiceSubcommands[] = {
     {"publish", {}, {Arguments::Plain, kServiceClasses}},
     {"unpublish", {}, {Arguments::Plain, kServiceClasses}},
+};
+constexpr SubcommandRow kScenarioSubcommands[] = {
+    {"load", {}, {Arguments::Plain, kFiles}},
+    {"status", {}, {}},
+    {"clear", {}, {}},
 };
 constexpr SubcommandRow kChannelSubcommands[] = {
     {"set", kChannelOptions, kPlain},
@@ -184,6 +203,8 @@ const CommandRow kCommands[] = {
      {}, kChannelSubcommands, {}, parse_channel},
     {"load", "load PERCENT|auto", "pin the coprocessor's load, or let the model vary it", kLoadUsage, {}, {},
      {Arguments::Plain, kLoadWords}, parse_load},
+    {"scenario", "scenario load|status|clear", "run a scenario file, show its steps, or stop it", kScenarioUsage,
+     {}, kScenarioSubcommands, {}, parse_scenario_control},
     {"status", "status", "say whether a simulator answers at the socket, and if not, why", kStatusUsage,
      kStatusOptions, {}, {}, nullptr, status_command},
 };

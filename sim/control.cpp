@@ -1,6 +1,7 @@
 #include "control.h"
 
 #include "commands.h"
+#include "scenario.h"
 #include "talvex_driver.h"
 #include "wire.h"
 
@@ -375,6 +376,23 @@ bool parse_load(std::string_view, const Options &o, ControlCommand &c, std::stri
     return true;
 }
 
+bool parse_scenario_control(std::string_view sub, const Options &o, ControlCommand &c, std::string &problem) {
+    using Kind = ControlCommand::Kind;
+    if (sub == "load") {
+        if (o.positional.empty()) {
+            problem = "missing scenario file";
+            return false;
+        }
+        if (unexpected(o.positional, 1, problem)) return false;
+        c.kind = Kind::ScenarioLoad;
+        c.path = o.positional[0];
+        return true;
+    }
+    if (unexpected(o.positional, 0, problem)) return false;
+    c.kind = sub == "status" ? Kind::ScenarioStatus : Kind::ScenarioClear;
+    return true;
+}
+
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error) {
     if (words.empty()) {
         error = "talvexsim: missing control command";
@@ -443,6 +461,19 @@ ControlResult execute_control(Simulation &sim, const ControlCommand &c, ClientId
         if (c.clear) sim.trace().clear();
         return result;
     case Kind::StubClear: sim.stubs().clear(); return result;
+    case Kind::ScenarioLoad: {
+        std::string error;
+        auto scenario = read_scenario_file(c.path, error);
+        if (!scenario) {
+            result.code = 2;
+            result.err = "talvexsim: " + error + "\n";
+            return result;
+        }
+        sim.scenario().load(std::move(*scenario));
+        return result;
+    }
+    case Kind::ScenarioStatus: result.out = sim.scenario().status(); return result;
+    case Kind::ScenarioClear: sim.scenario().clear(); return result;
     default: break;
     }
     Service *service = sim.registry().find_class(c.service);

@@ -1,6 +1,6 @@
 // Control commands: how bring-up engineers and tests steer the simulator
 // (trace, stub, notify, property, service; channel and load for report
-// channels). The command table (commands.h) names them with their usage and
+// channels; scenario). The command table (commands.h) names them with their usage and
 // options; the `talvexsim` command line checks a command's words and
 // forwards them, and the simulator parses them again and runs them.
 #pragma once
@@ -24,7 +24,7 @@ namespace talvex::sim {
 struct ControlCommand {
     enum class Kind {
         Help, Trace, StubCall, StubOpen, StubClear, Notify, PropertySet, PropertyDelete, Publish, Unpublish,
-        ChannelSet, ChannelRelease, Load,
+        ChannelSet, ChannelRelease, Load, ScenarioLoad, ScenarioStatus, ScenarioClear,
     };
     Kind kind = Kind::Help;
     std::string help;                 // Help: the text to print
@@ -41,6 +41,7 @@ struct ControlCommand {
     uint64_t value_index = 0;         // ChannelSet, ChannelRelease: which value (--index)
     int64_t channel_value = 0;        // ChannelSet
     std::optional<uint32_t> load;     // Load: hundredths of a percent; nothing for "auto"
+    std::string path;                 // ScenarioLoad: the scenario file
 };
 
 // A control command's words after its name (and subcommand), as
@@ -62,7 +63,8 @@ struct Options {
 std::optional<ControlCommand> parse_control(const std::vector<std::string> &words, std::string &error);
 // Runs a parsed command on behalf of a client (whose budget pays for the
 // properties it sets). Fails (code 1) when it names a service that does not
-// exist, or when a property would go over budget.
+// exist, or when a property would go over budget; a scenario file that cannot
+// be loaded fails with code 2 (and the running scenario stays).
 ControlResult execute_control(Simulation &sim, const ControlCommand &command, ClientId client = 0);
 // Runs a ChannelSet, ChannelRelease or Load command on the service.
 ControlResult execute_report_control(Simulation &sim, Service &service, const ControlCommand &command);
@@ -75,6 +77,7 @@ bool parse_property(std::string_view subcommand, const Options &, ControlCommand
 bool parse_service(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
 bool parse_channel(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
 bool parse_load(std::string_view, const Options &, ControlCommand &, std::string &problem);
+bool parse_scenario_control(std::string_view subcommand, const Options &, ControlCommand &, std::string &problem);
 
 // Numbers: 0x-prefixed hexadecimal or decimal, no sign, no blanks; nothing on
 // overflow or any other text.

@@ -40,7 +40,7 @@ int forward_control(const std::string &socket_path, const std::vector<std::strin
             std::fwrite(out.data(), 1, out.size(), stdout);
             std::fflush(stdout);
             std::fwrite(err.data(), 1, err.size(), stderr);
-            result = code == 0 ? 0 : 1;
+            result = code == 0 ? 0 : code == 2 ? 2 : 1;   // 2: a scenario file that cannot be run
             break;
         }
     }

@@ -10,6 +10,7 @@
 #include "coprocessor.h"
 #include "hub.h"
 #include "report_models.h"
+#include "scenario.h"
 
 namespace talvex::sim {
 
@@ -43,7 +44,10 @@ bool serialize(CFTypeRef value, Writer &out) {
 Simulation::Simulation(Outbox &outbox, std::unique_ptr<Clock> clock, const BudgetLimits &limits)
     : outbox_(outbox), budget_(limits), clock_(clock ? std::move(clock) : std::make_unique<RealClock>()) {
     Service &cp = registry_.add(kCoprocessorClass, kCoprocessorClass);
-    cp.model = std::make_unique<Coprocessor>(*this, cp);
+    auto coprocessor = std::make_unique<Coprocessor>(*this, cp);
+    scenario_ = std::make_unique<ScenarioRunner>(*this);
+    coprocessor->add_state_listener([this](uint64_t from, uint64_t to) { scenario_->on_state(from, to); });
+    cp.model = std::move(coprocessor);
     Service &hub = registry_.add(kReportHubClass, kReportHubClass);
     hub.model = std::make_unique<ReportHub>(*this, hub);
     install_report_models(*this);
@@ -91,6 +95,8 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     default: code = kIOReturnUnsupported; break;
     }
     if (!header.ok()) code = kIOReturnBadArgument;
+    const ReplyPlan plan = std::exchange(reply_plan_, {});
+    if (plan.never) return;   // a scenario step said so: the client waits in vain
     std::vector<uint8_t> body = out.take();
     if (body.size() + kReplyHeader > wire::kMaxFrame) {
         code = kIOReturnMessageTooLarge;
@@ -109,7 +115,25 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
             fd = -1;
         }
     }
-    outbox_.send(client, std::move(frame), fd);
+    if (plan.delay_ns && fd < 0) hold_reply(client, std::move(frame), *plan.delay_ns);
+    else outbox_.send(client, std::move(frame), fd);
+}
+
+void Simulation::hold_reply(ClientId client, std::vector<uint8_t> frame, uint64_t delay_ns) {
+    if (held_replies_ >= kMaxHeldReplies || frame.size() > kMaxHeldReplyBytes - held_bytes_) {
+        trace_.add(Trace::refusal_line({}, "late replies", "overall", kMaxHeldReplies));
+        outbox_.send(client, std::move(frame));
+        return;
+    }
+    ++held_replies_;
+    held_bytes_ += frame.size();
+    timers_.add(clock_->now_ns() + delay_ns, [this, client, frame = std::move(frame)]() mutable {
+        --held_replies_;
+        held_bytes_ -= frame.size();
+        outbox_.send(client, std::move(frame));
+    });
+    // Under the step clock the late answer takes its simulated time now.
+    if (clock_->pass(delay_ns)) run_timers();
 }
 
 IOReturn Simulation::op_hello(Reader &r, Writer &out) {
@@ -243,6 +267,7 @@ IOReturn Simulation::op_open(ClientId client, Reader &r, Writer &out) {
     Budget::Charge charge;
     Verdict verdict;
     IOReturn code;
+    reply_plan_ = scenario_->on_open(s->class_name);
     if (auto stubbed = stubs_.answer_open(s->class_name))
         code = *stubbed;
     else if (!s->published)
@@ -302,6 +327,7 @@ IOReturn Simulation::op_call(ClientId client, Reader &r, Writer &out) {
     args.output_capacity = (flags & 1) ? output_capacity : 0;
     CallReply reply;
     IOReturn code;
+    reply_plan_ = scenario_->on_call(c->service->class_name, selector, scalars, input);
     if (auto stubbed = stubs_.answer_call(c->service->class_name, args, reply))
         code = *stubbed;
     else if (!c->service->published)

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -52,6 +53,14 @@ struct MessageArg {
     static MessageArg of_value(uint64_t v) { return {wire::ArgKind::Value, v, {}}; }
     static MessageArg of_data(std::vector<uint8_t> d) { return {wire::ArgKind::Data, 0, std::move(d)}; }
 };
+
+// What a request's reply becomes when a scenario step says so (scenario.h).
+struct ReplyPlan {
+    std::optional<uint64_t> delay_ns;   // answered this much later
+    bool never = false;                 // never answered
+};
+
+class ScenarioRunner;
 
 struct ControlResult {
     int code = 0;   // 0 success, 1 failure
@@ -112,6 +121,7 @@ public:
     StubTable &stubs() { return stubs_; }
     Budget &budget() { return budget_; }
     const Budget &budget() const { return budget_; }
+    ScenarioRunner &scenario() { return *scenario_; }
     Clock &clock() { return *clock_; }
     const Clock &clock() const { return *clock_; }
     TimerQueue &timers() { return timers_; }
@@ -120,6 +130,8 @@ public:
     size_t run_timers() { return timers_.run_due(clock_->now_ns()); }
 
     size_t connection_count() const { return connections_.size(); }
+    // Replies a scenario holds back (at most kMaxHeldReplies, kMaxHeldReplyBytes).
+    size_t held_replies() const { return held_replies_; }
     size_t interest_count() const { return interests_.size(); }
 
 private:
@@ -159,6 +171,9 @@ private:
     IOReturn op_control(ClientId client, wire::Reader &r, wire::Writer &out);
 
     Connection *connection(ClientId client, uint32_t id);
+    // Sends `frame` to the client `delay_ns` from now (at once when too many
+    // replies are held already).
+    void hold_reply(ClientId client, std::vector<uint8_t> frame, uint64_t delay_ns);
     void release_property_charge(std::map<std::pair<uint64_t, std::string>, PropertyCharge>::iterator it);
 
     Outbox &outbox_;
@@ -173,6 +188,9 @@ private:
     std::map<std::pair<uint64_t, std::string>, PropertyCharge> client_properties_;   // (entry ID, key)
     std::unordered_map<ClientId, size_t> property_bytes_;                            // by live writer
     size_t property_total_ = 0;
+    std::unique_ptr<ScenarioRunner> scenario_;   // after the timers it uses
+    ReplyPlan reply_plan_;                       // for the request being handled
+    size_t held_replies_ = 0, held_bytes_ = 0;
     uint32_t next_connection_ = 1;
     uint32_t next_interest_ = 1;
 };

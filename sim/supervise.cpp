@@ -21,6 +21,7 @@
 #include "cli.h"
 #include "hub.h"
 #include "report_models.h"
+#include "scenario.h"
 #include "safe_connect.h"
 #include "server.h"
 
@@ -109,6 +110,7 @@ std::vector<std::string> SimOptions::words() const {
     std::vector<std::string> w;
     if (step_clock) w.insert(w.end(), {"--clock", "step"});
     if (channels) w.insert(w.end(), {"--channels", std::to_string(channels)});
+    if (!scenario.empty()) w.insert(w.end(), {"--scenario", scenario});
     return w;
 }
 
@@ -133,6 +135,14 @@ int serve(const std::string &socket_path, bool exit_with_parent, const SimOption
     if (!add_extra_report_channels(server.simulation(), opts.channels))
         return complain("serve: cannot add " + std::to_string(opts.channels) + " report channels");
     std::string error;
+    if (!opts.scenario.empty()) {
+        auto scenario = read_scenario_file(opts.scenario, error);
+        if (!scenario) {
+            std::fprintf(stderr, "talvexsim: %s\n", error.c_str());
+            return 2;
+        }
+        server.simulation().scenario().load(std::move(*scenario));
+    }
     if (!server.listen(socket_path, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;

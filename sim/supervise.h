@@ -14,6 +14,7 @@ namespace talvex::sim {
 struct SimOptions {
     bool step_clock = false;
     size_t channels = 0;
+    std::string scenario;   // a scenario file to run from the start, if any
 
     // The options as serve takes them.
     std::vector<std::string> words() const;
