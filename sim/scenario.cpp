@@ -49,7 +49,8 @@ void ScenarioRunner::clear() {
 
 std::string ScenarioRunner::status() const {
     if (!scenario_) return "no scenario\n";
-    std::string out = "scenario " + scenario_->file + ": " + std::to_string(live_.size()) +
+    const std::string &file = scenario_->file;
+    std::string out = "scenario " + file.substr(file.rfind('/') + 1) + ": " + std::to_string(live_.size()) +
                       (live_.size() == 1 ? " step\n" : " steps\n");
     for (size_t i = 0; i < live_.size(); ++i) {
         const ScenarioStep &step = scenario_->steps[i];

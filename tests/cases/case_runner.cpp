@@ -2,7 +2,8 @@
 // its own private simulator. The format (README.md, "Building and testing", shows one):
 //
 //   === TITLE                a case; "=== TITLE [serve ARGS...]" starts the
-//                            simulator with those serve options
+//                            simulator with those serve options (${SOURCE}
+//                            in them stands for the source tree)
 //   $ talvexctl ARGS...      a command; talvexsim ARGS... runs a control
 //                            command against the case's simulator; a last
 //                            word 2>&1 sends talvexctl's standard error to
@@ -107,6 +108,8 @@ std::vector<Case> read_cases(const std::filesystem::path &path, std::string &err
             if (serve != std::string::npos && c.title.back() == ']') {
                 if (!split_words(c.title.substr(serve + 8, c.title.size() - serve - 9), c.serve, why))
                     return fail(line, why);
+                for (std::string &word : c.serve)
+                    if (size_t at = word.find("${SOURCE}"); at != std::string::npos) word.replace(at, 9, TALVEX_SOURCE_DIR);
                 c.title.resize(serve);
             }
             cases.push_back(std::move(c));

@@ -1,0 +1,152 @@
+// Scenario files: the mistakes they are refused for (FILE:LINE), refusal
+// before anything starts, the panic-after-boot example against monitor, a
+// lost reply that holds up no other client, and two step-clock runs giving
+// the same trace. The other examples run as cases (tests/cases/scenarios.case).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "harness.h"
+#include "scenario.h"
+
+using namespace talvex::test;
+
+namespace {
+
+const std::string kExamples = std::string(TALVEX_SOURCE_DIR) + "/examples/scenarios/";
+
+std::string write_file(const TempDir &dir, const std::string &name, const std::string &text) {
+    std::string path = dir.path + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+}
+
+std::string refusal(const std::string &text) {
+    std::string error;
+    auto scenario = talvex::sim::parse_scenario(text, "s.toml", error);
+    EXPECT_FALSE(scenario) << text;
+    return error;
+}
+
+}  // namespace
+
+TEST(Scenario, MistakesAreRefusedWithFileAndLine) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"[[step]]\nat = \"1s\"\nload = \n", "s.toml:3: "},   // the rest is the TOML reader's
+        {"title = \"x\"\n", "s.toml:1: unknown key 'title' (a scenario is a list of [[step]] tables)"},
+        {"", "s.toml:1: no steps: a scenario is a list of [[step]] tables"},
+        {"[[step]]\nload = 5\n", "s.toml:1: a step needs a trigger: at, after, on or call"},
+        {"[[step]]\nat = \"1s\"\ncall = 4\nload = 5\n", "s.toml:1: a step has one trigger, not both 'at' and 'call'"},
+        {"[[step]]\nat = \"1s\"\n", "s.toml:1: step 'step-1' has no action"},
+        {"[[step]]\nat = \"1h\"\nload = 5\n",
+         "s.toml:2: at takes a duration such as \"300ms\" or \"2s\" (ns, us, ms, s or min; at most a week)"},
+        {"[[step]]\nat = \"1s\"\nnth = 2\nload = 5\n", "s.toml:3: nth does not go with 'at'"},
+        {"[[step]]\nat = \"1s\"\nrepeat = 3\nload = 5\n", "s.toml:3: a repeated 'at' step needs a non-zero 'every'"},
+        {"[[step]]\nafter = \"nobody\"\nload = 5\n", "s.toml:2: after names no step: 'nobody'"},
+        {"[[step]]\nname = \"a\"\nat = \"0s\"\nload = 5\n[[step]]\nname = \"a\"\nat = \"1s\"\nload = 6\n",
+         "s.toml:5: a step named 'a' comes earlier"},
+        {"[[step]]\non = \"state:asleep\"\nload = 5\n",
+         "s.toml:2: on takes \"state:NAME\" (off, stopped, booting, booted, notresponding, panic or a number), "
+         "\"boot\", \"panic\" or \"open:CLASS\""},
+        {"[[step]]\nat = \"1s\"\ndelay_reply = \"1s\"\n",
+         "s.toml:3: delay_reply goes only with a 'call' or 'on = \"open:...\"' trigger without delay"},
+        {"[[step]]\ncall = 4\nload = 101\n", "s.toml:3: load takes a percentage from 0 to 100, or \"auto\""},
+        {"[[step]]\ncall = 4\nwobble = 1\n", "s.toml:3: a step has no key 'wobble'"},
+        // Table actions are checked as the control command checks its words.
+        {"[[step]]\ncall = 4\nstub = { selector = \"six\" }\n", "s.toml:3: stub: bad number for selector: 'six'"},
+        {"[[step]]\ncall = 4\nstub = { colour = 1 }\n",
+         "s.toml:3: stub has no key 'colour' (it takes selector, service, scalars, input_prefix, code, output, "
+         "output_size, scalar_outputs, times, open)"},
+        {"[[step]]\ncall = 4\nset_property = { value = 1 }\n", "s.toml:3: set_property needs 'key'"},
+        {"[[step]]\ncall = 4\nnotify = { type = 1, value = 2, data = \"00\" }\n",
+         "s.toml:3: notify: value and data exclude each other"},
+    };
+    for (const auto &[text, want] : cases) {
+        std::string got = refusal(text);
+        EXPECT_EQ(want.back() == ' ' ? got.substr(0, want.size()) : got, want) << text;
+    }
+    // Budgets: steps, and the file's size (named where it goes over).
+    std::string many;
+    for (int i = 0; i < 1001; ++i) many += "[[step]]\ncall = 4\nload = 5\n";
+    EXPECT_EQ(refusal(many), "s.toml:3001: too many steps (at most 1000)");
+    TempDir dir;
+    std::string big = write_file(dir, "big.toml", std::string(300 << 10, '\n'));
+    std::string error;
+    EXPECT_FALSE(talvex::sim::read_scenario_file(big, error));
+    EXPECT_EQ(error, big + ":262145: the file goes over 262144 bytes here");
+}
+
+TEST(Scenario, DurationsAndTheExamplesRead) {
+    using talvex::sim::parse_duration;
+    EXPECT_EQ(parse_duration("300ms"), 300'000'000u);
+    EXPECT_EQ(parse_duration("1.5s"), 1'500'000'000u);
+    EXPECT_EQ(parse_duration("2min"), 120'000'000'000u);
+    EXPECT_EQ(parse_duration("0.000000001s"), 1u);
+    for (const char *bad : {"", "5", "s", "1.s", ".5s", "1..5s", "-1s", "1 s", "8d", "10081min"})
+        EXPECT_FALSE(parse_duration(bad)) << bad;
+    for (const char *name : {"boot-fails-twice", "panic-after-boot", "flaky-i2c", "late-answers", "hub-disappears",
+                             "cpuload-pattern"}) {
+        std::string error;
+        EXPECT_TRUE(talvex::sim::read_scenario_file(kExamples + name + ".toml", error)) << error;
+    }
+}
+
+TEST(Scenario, ABadFileIsRefusedBeforeAnythingStartsAndLeavesTheRunningOne) {
+    TempDir dir;
+    std::string bad = write_file(dir, "bad.toml", "[[step]]\nat = \"1s\"\nload = \"lots\"\n");
+    RunResult run = talvex::test::run({talvexsim_path(), "run", "--scenario", bad, "--", "sh", "-c", "echo ran"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "talvexsim: " + bad + ":3: load: bad percentage 'lots' (0 to 100, at most two decimals, or auto)\n");
+
+    Simulator sim({"--scenario", kExamples + "late-answers.toml"});
+    RunResult load = sim.control({"scenario", "load", bad});
+    EXPECT_EQ(load.status, 2);
+    EXPECT_EQ(load.err, run.err);
+    RunResult status = sim.control({"scenario", "status"});
+    EXPECT_EQ(status.out, "scenario late-answers.toml: 2 steps\n  slow-ping: fired 0 of 1\n  lost-ping: fired 0 of 1\n");
+    EXPECT_EQ(sim.control({"scenario", "clear"}).status, 0);
+    EXPECT_EQ(sim.control({"scenario", "status"}).out, "no scenario\n");
+}
+
+TEST(Scenario, TheFirmwarePanicsTwoSecondsAfterBoot) {
+    Simulator sim({"--scenario", kExamples + "panic-after-boot.toml"});
+    auto monitor = sim.start_tool({"monitor"});
+    ASSERT_TRUE(monitor->wait_for_stdout("talvex current state: booted")) << monitor->err();
+    EXPECT_EQ(sim.tool({"reset"}).status, 0);
+    ASSERT_TRUE(monitor->wait_for_stdout("talvex new state: panic (0x10004)", std::chrono::seconds(5)));
+    std::string out = monitor->out();
+    EXPECT_LT(out.find("new state: booted (0x10002)"), out.find("new state: panic")) << out;
+    std::vector<std::string> trace = sim.trace();
+    std::vector<std::string> tail(trace.end() - std::min<size_t>(trace.size(), 2), trace.end());
+    EXPECT_EQ(tail, (std::vector<std::string>{
+                        R"({"scenario":"step","name":"crash","fired":1})",
+                        R"({"service":"ZantraTalvexProcessor","event":"panic","text":"watchdog: task sensor-hub stuck"})"}));
+}
+
+TEST(Scenario, AReplyNeverSentHoldsUpNoOtherClient) {
+    TempDir dir;
+    Simulator sim({"--scenario", write_file(dir, "lost.toml", "[[step]]\ncall = 4\nnever_reply = true\n")});
+    auto lost = sim.start_tool({"ping"});
+    for (int i = 0; i < 200 && sim.trace().size() < 3; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    RunResult other = sim.tool({"gettalvexstate"}, std::chrono::seconds(3));
+    EXPECT_EQ(other.out, "booted (0x10002)\n");
+    EXPECT_EQ(sim.control({"scenario", "status"}).out, "scenario lost.toml: 1 step\n  step-1: fired 1 of 1\n");
+}
+
+TEST(Scenario, TwoRunsOnTheStepClockGiveTheSameTrace) {
+    // The README's example, whose command ends when the scenario takes the hub away.
+    const std::vector<std::string> argv{
+        talvexsim_path(), "run", "--clock", "step", "--scenario", kExamples + "cpuload-pattern.toml", "--", "sh", "-c",
+        talvexctl_path() + " cpuload && " + talvexsim_path() + " trace"};
+    RunResult first = talvex::test::run(argv, {}, {}, std::chrono::seconds(30));
+    RunResult second = talvex::test::run(argv, {}, {}, std::chrono::seconds(30));
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_NE(first.out.find("Talvex CPU load: 90.00%\nTalvex CPU load: 20.00%\n"), std::string::npos) << first.out;
+    EXPECT_NE(first.out.find(R"({"scenario":"step","name":"end","fired":1})"), std::string::npos) << first.out;
+    EXPECT_EQ(first.out, second.out);
+}
