@@ -73,9 +73,13 @@ void ScenarioRunner::arm(size_t i, uint64_t due_ns) {
     l.pending = sim_.timers().add(due_ns, [this, i, due_ns] {
         live_[i].pending.reset();
         fire(i, nullptr);
-        // Repeats count from when the last one was due, not from when it ran.
+        // Repeats keep to their grid from the first; one that time has
+        // already passed (a coarse clock step) is not made up for.
         const ScenarioTrigger &t = scenario_->steps[i].trigger;
-        if (t.kind == ScenarioTrigger::Kind::At && t.every_ns) arm(i, due_ns + t.every_ns);
+        if (t.kind == ScenarioTrigger::Kind::At && t.every_ns) {
+            uint64_t now = sim_.clock().now_ns();
+            arm(i, due_ns + t.every_ns * ((now - due_ns) / t.every_ns + 1));
+        }
     });
 }
 

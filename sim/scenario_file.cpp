@@ -238,10 +238,10 @@ bool FileReader::trigger(const toml::table &t, Line line, ScenarioStep &step, st
         else if (n && *n >= 1 && static_cast<uint64_t>(*n) <= kMaxScenarioRepeat) step.repeat = static_cast<uint64_t>(*n);
         else return fail(line_of(*r), "repeat takes a number from 1 to 1000000, or \"forever\"");
         // A step that fires again and again on time must let time pass.
-        if (step.repeat != 1 && tr.kind == Kind::At && tr.every_ns == 0)
-            return fail(line_of(*r), "a repeated 'at' step needs a non-zero 'every'");
-        if (step.repeat != 1 && tr.kind == Kind::After && tr.delay_ns == 0)
-            return fail(line_of(*r), "a repeated 'after' step needs a non-zero 'delay'");
+        if (step.repeat != 1 && tr.kind == Kind::At && tr.every_ns < kNanosPerMilli)
+            return fail(line_of(*r), "a repeated 'at' step needs an 'every' of at least 1ms");
+        if (step.repeat != 1 && tr.kind == Kind::After && tr.delay_ns < kNanosPerMilli)
+            return fail(line_of(*r), "a repeated 'after' step needs a 'delay' of at least 1ms");
     }
     return true;
 }

@@ -45,7 +45,7 @@ TEST(Scenario, MistakesAreRefusedWithFileAndLine) {
         {"[[step]]\nat = \"1h\"\nload = 5\n",
          "s.toml:2: at takes a duration such as \"300ms\" or \"2s\" (ns, us, ms, s or min; at most a week)"},
         {"[[step]]\nat = \"1s\"\nnth = 2\nload = 5\n", "s.toml:3: nth does not go with 'at'"},
-        {"[[step]]\nat = \"1s\"\nrepeat = 3\nload = 5\n", "s.toml:3: a repeated 'at' step needs a non-zero 'every'"},
+        {"[[step]]\nat = \"1s\"\nrepeat = 3\nload = 5\n", "s.toml:3: a repeated 'at' step needs an 'every' of at least 1ms"},
         {"[[step]]\nafter = \"nobody\"\nload = 5\n", "s.toml:2: after names no step: 'nobody'"},
         {"[[step]]\nname = \"a\"\nat = \"0s\"\nload = 5\n[[step]]\nname = \"a\"\nat = \"1s\"\nload = 6\n",
          "s.toml:5: a step named 'a' comes earlier"},

@@ -1,0 +1,62 @@
+// The scenario file reader on arbitrary text, and the steps it accepts run.
+//
+// A refused file must be refused with one line that starts "FILE:LINE: ".
+// An accepted one is loaded into a fresh simulation on the step clock, its
+// call, open and state triggers are poked, and simulated time moves on by a
+// quarter second at a time for two seconds, running what falls due.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "clock.h"
+#include "scenario.h"
+#include "simulation.h"
+
+namespace {
+
+namespace sim = talvex::sim;
+
+struct Drop final : sim::Outbox {
+    void send(sim::ClientId, std::vector<uint8_t>, int) override {}
+};
+
+[[noreturn]] void fail(const std::string &what) {
+    std::fprintf(stderr, "scenario_fuzz: %s\n", what.c_str());
+    std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    const std::string_view text(reinterpret_cast<const char *>(data), size);
+    std::string error;
+    auto scenario = sim::parse_scenario(text, "f.toml", error);
+    if (!scenario) {
+        size_t digits = error.find_first_not_of("0123456789", 7);
+        if (!error.starts_with("f.toml:") || digits == 7 || error.compare(digits, 2, ": ") != 0 ||
+            error.find('\n') != std::string::npos)
+            fail("a refusal that is not one line of FILE:LINE: " + error);
+        return 0;
+    }
+    Drop outbox;
+    auto clock = std::make_unique<sim::StepClock>();
+    sim::StepClock *step = clock.get();
+    sim::Simulation simulation(outbox, std::move(clock));
+    std::vector<sim::ScenarioTrigger> triggers;
+    for (const auto &s : scenario->steps) triggers.push_back(s.trigger);
+    simulation.scenario().load(std::move(*scenario));
+    for (int round = 0; round < 8; ++round) {
+        for (const auto &t : triggers) {
+            if (t.kind == sim::ScenarioTrigger::Kind::Call)
+                simulation.scenario().on_call(t.service, t.selector, t.scalars, t.input_prefix);
+            if (t.kind == sim::ScenarioTrigger::Kind::Open) simulation.scenario().on_open(t.service);
+            if (t.kind == sim::ScenarioTrigger::Kind::State) simulation.scenario().on_state(0, t.state);
+        }
+        step->advance(sim::kNanosPerSecond / 4);
+        simulation.run_timers();
+    }
+    simulation.scenario().status();
+    return 0;
+}
