@@ -474,7 +474,8 @@ std::optional<Scenario> FileReader::read(const toml::table &top) {
         scenario.steps.push_back(std::move(step));
     }
     for (size_t i = 0; i < scenario.steps.size(); ++i) {
-        auto &[name, line] = after_names[i];
+        const std::string &name = after_names[i].first;
+        const Line line = after_names[i].second;
         if (scenario.steps[i].trigger.kind != ScenarioTrigger::Kind::After) continue;
         auto it = std::find_if(scenario.steps.begin(), scenario.steps.end(),
                                [&](const ScenarioStep &s) { return s.name == name; });

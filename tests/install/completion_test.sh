@@ -132,11 +132,13 @@ expect "talvexsim " "$commands help"
 expect "talvexsim s" "$(grep -o '\bs[a-z]*' <<<"$commands")"
 expect "talvexsim --" "--socket --help"
 expect "talvexsim --socket /tmp/x.sock se" "serve service"
-expect "talvexsim serve --socket /tmp/x.sock --" "--clock --channels --exit-with-parent --socket --help"
+expect "talvexsim serve --socket /tmp/x.sock --" "--clock --channels --scenario --exit-with-parent --socket --help"
 (
     failures=0
     cd "$work/images" || exit 1
     expect "talvexsim --socket f" "fw.bin fw-debug.bin"
+    expect "talvexsim scenario load f" "fw.bin fw-debug.bin"
+    expect "talvexsim run --scenario f" "fw.bin fw-debug.bin"
     exit "$failures"
 ) || failures=$((failures + $?))
 
@@ -168,12 +170,13 @@ expect "talvexsim channel release --" "--service --index"
 expect "talvexsim channel set --index " ""
 expect "talvexsim load " "auto --help"
 expect "talvexsim load 25 " ""
-expect "talvexsim shell --" "--clock --channels --help"
+expect "talvexsim shell --" "--clock --channels --scenario --help"
+expect "talvexsim scenario " "load status clear --help"
 
 # run: its options, then a command from PATH, then that command's files.
 mkdir "$work/bin" && printf '#!/bin/sh\n' >"$work/bin/talvexfake" && chmod +x "$work/bin/talvexfake"
 PATH="$work/bin:$PATH"
-expect "talvexsim run --clock step --" "--clock --channels -- --help"
+expect "talvexsim run --clock step --" "--clock --channels --scenario -- --help"
 expect_all_of "talvexsim run -- talvexf" "talvexfake"
 expect_all_of "talvexsim run --clock step talvexf" "talvexfake"
 (
