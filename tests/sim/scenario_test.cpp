@@ -37,6 +37,11 @@ std::string refusal(const std::string &text) {
 TEST(Scenario, MistakesAreRefusedWithFileAndLine) {
     const std::pair<std::string, std::string> cases[] = {
         {"[[step]]\nat = \"1s\"\nload = \n", "s.toml:3: "},   // the rest is the TOML reader's
+        // A message is one line even when the reader quotes a line break.
+        {"[[step]]\ncall = 4\nstub = { open = t\n", "s.toml:3: Error while parsing boolean: expected 'true', saw 't\\x0a'"},
+        // Characters the TOML reader cannot be trusted with, even in a string.
+        {"[[step]]\ncall = 4\npanic = \"caf\u00e9\"\n",
+         "s.toml:3: U+00E9 is not accepted here; inside a string write it as an escape (\\u00E9)"},
         {"title = \"x\"\n", "s.toml:1: unknown key 'title' (a scenario is a list of [[step]] tables)"},
         {"", "s.toml:1: no steps: a scenario is a list of [[step]] tables"},
         {"[[step]]\nload = 5\n", "s.toml:1: a step needs a trigger: at, after, on or call"},
