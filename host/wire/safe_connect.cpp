@@ -1,7 +1,6 @@
 #include "safe_connect.h"
 
 #include <IOKit/IOReturn.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -32,13 +31,28 @@ Outcome outcome(Reach reach, std::string detail) {
     return o;
 }
 
+// "user UID (name)", the name from the password file. The tool is linked
+// statically, where the C library's user look-up would have to load name-service
+// modules of the very version it was built with; reading the file needs nothing.
 std::string user_name(uid_t uid) {
     std::string out = "user " + std::to_string(uid);
-    passwd pw{};
-    passwd *found = nullptr;
-    char buf[1024];
-    if (getpwuid_r(uid, &pw, buf, sizeof buf, &found) == 0 && found && found->pw_name)
-        out += " (" + std::string(found->pw_name) + ")";
+    FILE *f = std::fopen("/etc/passwd", "re");
+    if (!f) return out;
+    char line[1024];
+    const std::string id = ":" + std::to_string(uid) + ":";
+    for (bool whole = true; std::fgets(line, sizeof line, f);) {
+        // name:password:uid:... (the rest of a line longer than the buffer is skipped)
+        const bool starts_line = whole;
+        whole = std::strchr(line, '\n') != nullptr;
+        if (!starts_line) continue;
+        const char *colon = std::strchr(line, ':');
+        const char *uid_field = colon ? std::strchr(colon + 1, ':') : nullptr;
+        if (uid_field && colon != line && std::strncmp(uid_field, id.c_str(), id.size()) == 0) {
+            out += " (" + std::string(line, static_cast<size_t>(colon - line)) + ")";
+            break;
+        }
+    }
+    std::fclose(f);
     return out;
 }
 
