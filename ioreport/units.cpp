@@ -197,7 +197,26 @@ namespace {
     return again == n;
 }
 
-bool describeState(std::string &out, CFDictionaryRef sample, int i, const char *prefix, const char *name) {
+// The four values of each element, read once for a whole description. When
+// the element data does not match the channel type every value reads as
+// kIOReportInvalidValue and a state's duty cycle as NaN, as the accessors
+// give them one by one.
+struct Elements {
+    const uint8_t *bytes = nullptr;
+    bool whole = false;
+    double total_residency = 0;   // of a state channel, for duty cycles
+
+    void values(int i, uint64_t v[4]) const {
+        for (int k = 0; k < 4; ++k)
+            v[k] = whole ? wire::load_le64(bytes + static_cast<size_t>(i) * kElementSize + kElemValues + 8 * static_cast<size_t>(k))
+                         : static_cast<uint64_t>(kIOReportInvalidValue);
+    }
+};
+
+bool describeState(std::string &out, CFDictionaryRef sample, const Elements &elements, int i, uint64_t unit,
+                   const char *prefix, const char *name) {
+    uint64_t v[4];
+    elements.values(i, v);
     char buffer[20];
     const char *state = nullptr;
     if (CFStringRef sname = IOReportStateGetNameForIndex(sample, i)) {
@@ -205,32 +224,30 @@ bool describeState(std::string &out, CFDictionaryRef sample, int i, const char *
         if (!state && CFStringGetCString(sname, buffer, sizeof buffer, kCFStringEncodingUTF8)) state = buffer;
     }
     if (!state) {
-        std::snprintf(buffer, sizeof buffer, "%llx",
-                      static_cast<unsigned long long>(IOReportStateGetIDForIndex(sample, i)));
+        std::snprintf(buffer, sizeof buffer, "%llx", static_cast<unsigned long long>(v[0]));
         state = buffer;
     }
-    uint64_t residency = static_cast<uint64_t>(IOReportStateGetResidency(sample, i));
+    const double duty = elements.whole && elements.total_residency != 0
+                            ? static_cast<double>(v[2]) / elements.total_residency
+                            : std::nan("");
     return appendLine(out, "%s%20s[%8s] = { # %-8llu %9.3e %s / %4.1f%% }\n", prefix, name, state,
-                      static_cast<unsigned long long>(IOReportStateGetInTransitions(sample, i)),
-                      IOReportScaleValue(residency, IOReportChannelGetUnit(sample), kIOReportUnitTime), "s",
-                      IOReportStateGetDutyCycle(sample, i) * 100.0);
+                      static_cast<unsigned long long>(v[1]), IOReportScaleValue(v[2], unit, kIOReportUnitTime), "s",
+                      duty * 100.0);
 }
 
-bool describeBucket(std::string &out, CFDictionaryRef sample, int i, const char *prefix, const char *name,
-                    const char *label) {
+bool describeBucket(std::string &out, CFDictionaryRef sample, const Elements &elements, int i, const char *prefix,
+                    const char *name, const char *label) {
     uint64_t lo = 0, hi = 0;
     if (IOReportHistogramGetBucketBounds(sample, i, &lo, &hi) != kIOReturnSuccess) return false;
-    int64_t hits = IOReportHistogramGetBucketHits(sample, i);
-    if (hits == kIOReportInvalidValue) return false;
-    if (hits == 0)
+    uint64_t v[4];   // hits, least, greatest, sum
+    elements.values(i, v);
+    if (static_cast<int64_t>(v[0]) == kIOReportInvalidValue) return false;
+    if (v[0] == 0)
         return appendLine(out, "%s%20s[%12lld - %12lld %s] = { <no hits>; # 0 }\n", prefix, name,
                           static_cast<long long>(lo), static_cast<long long>(hi), label);
     return appendLine(out, "%s%20s[%12lld - %12lld %s] = { m %12lld; M %12lld; s %12lld; # %12llu }\n", prefix,
-                      name, static_cast<long long>(lo), static_cast<long long>(hi), label,
-                      static_cast<long long>(IOReportHistogramGetBucketMinValue(sample, i)),
-                      static_cast<long long>(IOReportHistogramGetBucketMaxValue(sample, i)),
-                      static_cast<long long>(IOReportHistogramGetBucketSum(sample, i)),
-                      static_cast<unsigned long long>(hits));
+                      name, static_cast<long long>(lo), static_cast<long long>(hi), label, static_cast<long long>(v[1]),
+                      static_cast<long long>(v[2]), static_cast<long long>(v[3]), static_cast<unsigned long long>(v[0]));
 }
 
 }  // namespace
@@ -253,6 +270,16 @@ CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, 
     Utf8Text labelText(IOReportChannelGetUnitLabel(sample));
     const char *label = labelText.get() ? labelText.get() : "(null)";
 
+    Elements values;
+    values.bytes = elements;
+    values.whole = count == typeCountOf(sample);
+    if (values.whole && format == kIOReportFormatState) {
+        uint64_t total = 0;
+        for (int i = 0; i < count; ++i) total += wire::load_le64(elements + static_cast<size_t>(i) * kElementSize + kElemValues + 16);
+        values.total_residency = static_cast<double>(total);
+    }
+    const uint64_t unit = format == kIOReportFormatState ? IOReportChannelGetUnit(sample) : 0;
+
     std::string text;
     try {
         for (int i = 0; i < count; ++i) {
@@ -263,10 +290,10 @@ CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, 
                                 static_cast<long long>(IOReportSimpleGetIntegerValue(sample)), label);
                 break;
             case kIOReportFormatState:
-                ok = describeState(text, sample, i, prefix, name);
+                ok = describeState(text, sample, values, i, unit, prefix, name);
                 break;
             case kIOReportFormatHistogram:
-                ok = describeBucket(text, sample, i, prefix, name, label);
+                ok = describeBucket(text, sample, values, i, prefix, name, label);
                 break;
             case kIOReportFormatSimpleArray:
                 text += "arrays unsupported?";
