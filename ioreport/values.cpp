@@ -11,17 +11,30 @@ namespace {
 
 constexpr int64_t kNoValue = kIOReportInvalidValue;
 
-// The four values of element `index` of a state or histogram sample. The
-// element data must hold exactly the channel type's element count, and the
-// index must name one of those elements.
+// The element data of a state or histogram sample, looked up once: readable
+// when it holds exactly the channel type's element count.
+class Elements {
+public:
+    Elements(CFDictionaryRef sample, uint8_t format) {
+        bytes_ = getRawElements(sample, &count_, format);
+        if (bytes_ && count_ != typeCountOf(sample)) bytes_ = nullptr;
+    }
+    // The four values of element `index`; false when the data is not
+    // readable or the index names no element.
+    bool read(int32_t index, uint64_t out[4]) const {
+        if (!bytes_ || index < 0 || index >= count_) return false;
+        const uint8_t *e = bytes_ + static_cast<size_t>(index) * kElementSize + kElemValues;
+        for (int k = 0; k < 4; ++k) out[k] = wire::load_le64(e + 8 * k);
+        return true;
+    }
+
+private:
+    const uint8_t *bytes_ = nullptr;
+    uint16_t count_ = 0;
+};
+
 bool readElement(CFDictionaryRef sample, uint8_t format, int32_t index, uint64_t out[4]) {
-    uint16_t count = 0;
-    const uint8_t *bytes = getRawElements(sample, &count, format);
-    if (!bytes || count != typeCountOf(sample)) return false;
-    if (index < 0 || index >= count) return false;
-    const uint8_t *e = bytes + static_cast<size_t>(index) * kElementSize + kElemValues;
-    for (int k = 0; k < 4; ++k) out[k] = wire::load_le64(e + 8 * k);
-    return true;
+    return Elements(sample, format).read(index, out);
 }
 
 int64_t elementValue(CFDictionaryRef sample, uint8_t format, int32_t index, int slot) {
@@ -253,10 +266,11 @@ IOReturn deltaState(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
     const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatState);
     if (!tb || !bb || tn != IOReportStateGetCount(t) || bn != tn) return kDeltaFailed;
     copyElements(tb, bb, tn);
+    // Read after the copy: the target may share the older record's data.
+    const Elements ea(a, kIOReportFormatState), eb(b, kIOReportFormatState);
     for (int i = 0; i < tn; ++i) {
         uint64_t va[4], vb[4];
-        if (!readElement(a, kIOReportFormatState, i, va) || !readElement(b, kIOReportFormatState, i, vb))
-            return kDeltaFailed;
+        if (!ea.read(i, va) || !eb.read(i, vb)) return kDeltaFailed;
         for (int k : {1, 2})
             if (va[k] == kSentinel || vb[k] == kSentinel) return kDeltaFailed;
         uint8_t *e = tb + static_cast<size_t>(i) * kElementSize + kElemValues;
@@ -272,10 +286,10 @@ IOReturn deltaHistogram(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t)
     const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatHistogram);
     if (!tb || !bb || tn != IOReportHistogramGetBucketCount(t) || bn != tn) return kDeltaFailed;
     copyElements(tb, bb, tn);
+    const Elements ea(a, kIOReportFormatHistogram), eb(b, kIOReportFormatHistogram);
     for (int i = 0; i < tn; ++i) {
         uint64_t va[4], vb[4];
-        if (!readElement(a, kIOReportFormatHistogram, i, va) || !readElement(b, kIOReportFormatHistogram, i, vb))
-            return kDeltaFailed;
+        if (!ea.read(i, va) || !eb.read(i, vb)) return kDeltaFailed;
         if (va[0] == kSentinel || vb[0] == kSentinel) return kDeltaFailed;
         uint64_t sum = kSentinel;
         if (va[0] != vb[0]) {
@@ -300,9 +314,16 @@ IOReturn deltaArray(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
     const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatSimpleArray);
     if (!tb || !bb || tn != bn) return kDeltaFailed;
     copyElements(tb, bb, tn);
+    // As IOReportArrayGetValueAtIndex reads them, each record's data found once.
+    uint16_t an = 0;
+    const uint8_t *ab = getRawElements(a, &an, kIOReportFormatSimpleArray);
+    auto value = [](const uint8_t *bytes, uint16_t count, int i) {
+        if (!bytes || i / 4 >= count) return kSentinel;
+        return wire::load_le64(bytes + static_cast<size_t>(i / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(i % 4));
+    };
     for (int i = 0; i < tn * 4; ++i) {
-        uint64_t va = static_cast<uint64_t>(IOReportArrayGetValueAtIndex(a, i));
-        uint64_t vb = static_cast<uint64_t>(IOReportArrayGetValueAtIndex(b, i));
+        uint64_t va = value(ab, an, i);
+        uint64_t vb = value(bb, bn, i);
         uint64_t d = va == kSentinel ? vb : vb == kSentinel ? va : vb - va;
         wire::store_le64(tb + static_cast<size_t>(i / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(i % 4), d);
     }
