@@ -91,6 +91,8 @@ TEST(Descriptions, SimpleAndArray) {
     const uint64_t simple = type(kIOReportFormatSimple, 0, 1);
     CFRef<CFMutableDictionaryRef> s(sample(simple, run(1, 2, simple, {{1234}}), kMs, "TOTAL MS"));
     EXPECT_EQ(describe(s.get(), "  "), "                          TOTAL MS = {         1234 ms }\n");
+    // A prefix that is not UTF-8 is repaired, its bytes read as Latin-1.
+    EXPECT_EQ(describe(s.get(), "\xff"), "\xc3\xbf                        TOTAL MS = {         1234 ms }\n");
 
     // No name: the first element's channel ID in hex, at most nine digits.
     CFRef<CFMutableDictionaryRef> anon(record(1, 0x0101, simple));
