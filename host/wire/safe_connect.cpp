@@ -39,7 +39,9 @@ std::string user_name(uid_t uid) {
     FILE *f = std::fopen("/etc/passwd", "re");
     if (!f) return out;
     char line[1024];
-    const std::string id = ":" + std::to_string(uid) + ":";
+    std::string id = std::to_string(uid);   // the field as it stands between colons
+    id.insert(id.begin(), ':');
+    id.push_back(':');
     for (bool whole = true; std::fgets(line, sizeof line, f);) {
         // name:password:uid:... (the rest of a line longer than the buffer is skipped)
         const bool starts_line = whole;
@@ -48,7 +50,7 @@ std::string user_name(uid_t uid) {
         const char *colon = std::strchr(line, ':');
         const char *uid_field = colon ? std::strchr(colon + 1, ':') : nullptr;
         if (uid_field && colon != line && std::strncmp(uid_field, id.c_str(), id.size()) == 0) {
-            out += " (" + std::string(line, static_cast<size_t>(colon - line)) + ")";
+            out.append(" (").append(line, static_cast<size_t>(colon - line)).append(")");
             break;
         }
     }
