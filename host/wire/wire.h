@@ -94,9 +94,21 @@ public:
     // message keeps its capacity; take() gives it back).
     explicit Writer(std::vector<uint8_t> &&reuse) : buf_(std::move(reuse)) { buf_.clear(); }
     void u8(uint8_t v) { buf_.push_back(v); }
-    void u16(uint16_t v) { store_le16(grow(2), v); }
-    void u32(uint32_t v) { store_le32(grow(4), v); }
-    void u64(uint64_t v) { store_le64(grow(8), v); }
+    void u16(uint16_t v) {
+        uint8_t b[2];
+        store_le16(b, v);
+        append(b);
+    }
+    void u32(uint32_t v) {
+        uint8_t b[4];
+        store_le32(b, v);
+        append(b);
+    }
+    void u64(uint64_t v) {
+        uint8_t b[8];
+        store_le64(b, v);
+        append(b);
+    }
     void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
     void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
     void str(std::string_view s);
@@ -109,10 +121,11 @@ public:
     size_t size() const { return buf_.size(); }
 
 private:
-    // Room for n more bytes at the end.
-    uint8_t *grow(size_t n) {
-        buf_.resize(buf_.size() + n);
-        return buf_.data() + buf_.size() - n;
+    // Byte by byte: GCC 12 at -O3 misreads a resize or range insert of a few
+    // bytes here as a write past the end.
+    template <size_t N>
+    void append(const uint8_t (&b)[N]) {
+        for (uint8_t c : b) buf_.push_back(c);
     }
     std::vector<uint8_t> buf_;
 };
