@@ -1,12 +1,11 @@
 // CFEqual on property lists that hold one object in many places, as the XML
 // dialect's IDREF makes them: each pair of containers is compared once, so
-// lists whose trees have 2^60 paths compare at once, and the answer stays
-// exact.
+// lists whose trees have 2^60 paths compare at once (path by path the test
+// would never end), and the answer stays exact.
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
 
 using namespace talvex::test;
@@ -36,14 +35,9 @@ CFTypeRef chain(int levels, CFTypeRef leaf, bool dictionaries) {
     return level;
 }
 
-double seconds_since(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 }  // namespace
 
 TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
-    auto start = std::chrono::steady_clock::now();
     for (bool dictionaries : {false, true}) {
         CFRef<CFStringRef> x1(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
         CFRef<CFStringRef> x2(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
@@ -57,34 +51,27 @@ TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
         // One side differs in one of the two places the other shares.
         CFRef<CFTypeRef> half(chain(59, x2, dictionaries));
         CFRef<CFTypeRef> other(chain(59, y, dictionaries));
-        CFRef<CFMutableArrayRef> mixed(make_array());
-        CFArrayAppendValue(mixed, half);
-        CFArrayAppendValue(mixed, other);
-        CFRef<CFMutableArrayRef> same(make_array());
-        CFArrayAppendValue(same, half);
-        CFArrayAppendValue(same, half);
+        auto two = [](CFTypeRef p, CFTypeRef q) {
+            const void *v[] = {p, q};
+            return CFRef<CFArrayRef>(CFArrayCreate(nullptr, v, 2, &kCFTypeArrayCallBacks));
+        };
         CFRef<CFTypeRef> top(chain(59, x1, dictionaries));
-        CFRef<CFMutableArrayRef> shared(make_array());
-        CFArrayAppendValue(shared, top);
-        CFArrayAppendValue(shared, top);
+        CFRef<CFArrayRef> mixed = two(half, other), same = two(half, half), shared = two(top, top);
         EXPECT_FALSE(CFEqual(shared, mixed)) << dictionaries;
         EXPECT_TRUE(CFEqual(shared, same)) << dictionaries;
     }
-    // Path by path this would take about 2^61 comparisons.
-    EXPECT_LT(seconds_since(start), 10.0);
 }
 
 TEST(CFEqual, PairsFoundEqualAreForgottenAfterTheComparison) {
     // Enough containers to use the table of equal pairs.
     CFRef<CFMutableArrayRef> a(make_array()), b(make_array());
-    for (int i = 0; i < 1000; ++i) {
-        CFRef<CFNumberRef> n1(make_int(i)), n2(make_int(i));
-        CFRef<CFMutableArrayRef> ia(make_array()), ib(make_array());
-        CFArrayAppendValue(ia, n1);
-        CFArrayAppendValue(ib, n2);
-        CFArrayAppendValue(a, ia);
-        CFArrayAppendValue(b, ib);
-    }
+    for (int i = 0; i < 1000; ++i)
+        for (CFMutableArrayRef side : {a.get(), b.get()}) {
+            CFRef<CFNumberRef> n(make_int(i));
+            CFRef<CFMutableArrayRef> inner(make_array());
+            CFArrayAppendValue(inner, n);
+            CFArrayAppendValue(side, inner);
+        }
     EXPECT_TRUE(CFEqual(a, b));
     // A pair found equal above no longer is.
     auto inner = const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(CFArrayGetValueAtIndex(b, 400)));

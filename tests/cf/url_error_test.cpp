@@ -83,14 +83,10 @@ TEST_F(CFURLTest, AbsolutePathsAreKeptAsGivenLessTrailingSlashes) {
     CFRef<CFURLRef> dir(file_url("/var/lib/", true));
     EXPECT_EQ(path_of(dir), "/var/lib");
     EXPECT_EQ(describe(dir), "file:///var/lib/");
-    CFRef<CFURLRef> file(file_url("/var/lib/x"));
-    EXPECT_EQ(describe(file), "file:///var/lib/x");
-    CFRef<CFURLRef> same(file_url("/var/lib/x"));
+    CFRef<CFURLRef> file(file_url("/var/lib/x")), same(file_url("/var/lib/x")), dotted(file_url("/var/./lib/x"));
     EXPECT_TRUE(CFEqual(file, same));
     EXPECT_EQ(CFHash(file), CFHash(same));
-    CFRef<CFURLRef> dotted(file_url("/var/./lib/x"));
     EXPECT_FALSE(CFEqual(file, dotted));
-
     EXPECT_EQ(file_url(""), nullptr);
     CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, "/x", kCFStringEncodingUTF8));
     EXPECT_EQ(CFURLCreateWithFileSystemPath(nullptr, s, 1, false), nullptr);   // not a POSIX path style
@@ -102,8 +98,6 @@ TEST(CFError, CarriesDomainCodeAndUserInfo) {
     CFDictionarySetValue(info, kCFErrorDescriptionKey, message);
     const CFIndex code = static_cast<int32_t>(0xe00002bc);   // sign-extended from 32 bits
     CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, code, info));
-    ASSERT_NE(err.get(), nullptr);
-    EXPECT_EQ(CFGetTypeID(err), CFErrorGetTypeID());
     EXPECT_EQ(CFErrorGetCode(err), -536870212);
     EXPECT_TRUE(CFEqual(CFErrorGetDomain(err), kCFErrorDomainMach));
 
@@ -111,18 +105,14 @@ TEST(CFError, CarriesDomainCodeAndUserInfo) {
     CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("changed"));
     CFRef<CFStringRef> desc(CFErrorCopyDescription(err));
     EXPECT_EQ(text(desc), "couldn't create channel");
-    CFRef<CFDictionaryRef> copied(CFErrorCopyUserInfo(err));
-    EXPECT_EQ(CFDictionaryGetCount(copied), 1);
     EXPECT_EQ(describe(err), "Error Domain=NSMachErrorDomain Code=-536870212 \"couldn't create channel\"");
 
     // Without user info: an empty dictionary and a generic description.
     CFRef<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
     CFRef<CFDictionaryRef> none(CFErrorCopyUserInfo(bare));
-    ASSERT_NE(none.get(), nullptr);
     EXPECT_EQ(CFDictionaryGetCount(none), 0);
     CFRef<CFStringRef> generic(CFErrorCopyDescription(bare));
     EXPECT_EQ(text(generic), "The operation couldn\u2019t be completed. (NSPOSIXErrorDomain error 2.)");
-
     CFRef<CFErrorRef> twin(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
     EXPECT_TRUE(CFEqual(bare, twin));
     EXPECT_FALSE(CFEqual(bare, err));

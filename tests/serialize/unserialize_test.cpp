@@ -2,7 +2,6 @@
 // rejection of malformed input with a located error.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -11,25 +10,6 @@
 using namespace talvex::test;
 
 namespace {
-
-int64_t int_value(CFTypeRef n) {
-    int64_t v = 0;
-    EXPECT_EQ(CFGetTypeID(n), CFNumberGetTypeID());
-    EXPECT_TRUE(CFNumberGetValue(static_cast<CFNumberRef>(n), kCFNumberSInt64Type, &v));
-    return v;
-}
-
-CFTypeRef at(CFTypeRef array, CFIndex i) { return CFArrayGetValueAtIndex(static_cast<CFArrayRef>(array), i); }
-
-CFTypeRef get(CFTypeRef dict, const char *key) {
-    CF k = str(key);
-    return CFDictionaryGetValue(static_cast<CFDictionaryRef>(dict), k.get());
-}
-
-std::string string_value(CFTypeRef s) {
-    if (s == nullptr || CFGetTypeID(s) != CFStringGetTypeID()) return "<not a string>";
-    return text(static_cast<CFStringRef>(s));
-}
 
 std::string nested_arrays(int depth) {
     std::string s;
@@ -41,101 +21,46 @@ std::string nested_arrays(int depth) {
 
 }  // namespace
 
-TEST(Unserialize, AcceptsWhitespaceSelfClosingElementsAndEntities) {
-    const Parsed p = parse(
-        "  \n<dict>\n"
-        "  <key>empty-dict</key> <dict/>\n"
-        "  <key>empty-array</key>\t<array />\n"
-        "  <key>empty-string</key><string/>\n"
-        "  <key>empty-data</key><data/>\n"
-        "  <key>t</key><true></true><key>f</key><false />\n"
-        "  <key>text</key><string>&lt;a&gt; &amp; &quot;b&quot; &apos;c&apos; &#65;&#x42;&#x263a; > x\n y</string>\n"
-        "  <key>hex</key><integer size='32' >0X1F</integer>\n"
-        "  <key>dec</key><integer> 1234 </integer>\n"
-        "  <key>neg</key><integer size=\"16\">-7</integer>\n"
-        "  <key>wrapped-data</key><data>TW\n  Fu eQ==</data>\n"
-        "  <key>&amp;key</key><string>k</string>\n"
-        "</dict >\n\n");
-    ASSERT_TRUE(p.obj) << p.error;
-    EXPECT_EQ(p.error, "");
-    CFTypeRef d = p.obj.get();
-    EXPECT_EQ(CFDictionaryGetCount(static_cast<CFDictionaryRef>(d)), 12);
-    EXPECT_EQ(CFDictionaryGetCount(static_cast<CFDictionaryRef>(get(d, "empty-dict"))), 0);
-    EXPECT_EQ(CFArrayGetCount(static_cast<CFArrayRef>(get(d, "empty-array"))), 0);
-    EXPECT_EQ(string_value(get(d, "empty-string")), "");
-    EXPECT_EQ(CFDataGetLength(static_cast<CFDataRef>(get(d, "empty-data"))), 0);
-    EXPECT_EQ(get(d, "t"), kCFBooleanTrue);
-    EXPECT_EQ(get(d, "f"), kCFBooleanFalse);
-    EXPECT_EQ(string_value(get(d, "text")), "<a> & \"b\" 'c' AB\xe2\x98\xba > x\n y");
-    EXPECT_EQ(int_value(get(d, "hex")), 31);
-    EXPECT_EQ(CFNumberGetType(static_cast<CFNumberRef>(get(d, "hex"))), kCFNumberSInt32Type);
-    EXPECT_EQ(int_value(get(d, "dec")), 1234);
-    EXPECT_EQ(CFNumberGetType(static_cast<CFNumberRef>(get(d, "dec"))), kCFNumberSInt64Type);
-    EXPECT_EQ(int_value(get(d, "neg")), -7);
-    const auto *bytes = static_cast<CFDataRef>(get(d, "wrapped-data"));
-    ASSERT_EQ(CFDataGetLength(bytes), 4);
-    EXPECT_EQ(std::memcmp(CFDataGetBytePtr(bytes), "Many", 4), 0);
-    EXPECT_EQ(string_value(get(d, "&key")), "k");
-}
-
-TEST(Unserialize, IntegerSizesGiveTypedNumbersFromTheBits) {
-    struct Case {
-        const char *text;
-        CFNumberType type;
-        int64_t value;
+// Each accepted input with the list it gives, written back out: the written
+// form shows types, integer widths and bits, and which objects are shared.
+// The written form reads back as itself.
+TEST(Unserialize, AcceptedVariationsGiveTheirLists) {
+    const std::pair<const char *, const char *> cases[] = {
+        {"  \n<dict>\n  <key>d</key> <dict/>\n  <key>a</key>\t<array />\n</dict >\n\n",
+         "<dict><key>d</key><dict></dict><key>a</key><array></array></dict>"},
+        {"<array><string/><data/><true></true><false /></array>",
+         "<array><string></string><data></data><true/><false/></array>"},
+        {"<string>&lt;a&gt; &amp; &quot;b&quot; &apos;c&apos; &#65;&#x42;&#x263a; > x\n y</string>",
+         "<string>&lt;a&gt; &amp; \"b\" 'c' AB\xe2\x98\xba &gt; x\n y</string>"},
+        {"<dict><key>&amp;key</key><string>k</string></dict>", "<dict><key>&amp;key</key><string>k</string></dict>"},
+        {"<data>TW\n  Fu eQ==</data>", "<data>TWFueQ==</data>"},
+        {"<integer size='32' >0X1F</integer>", "<integer size=\"32\">0x1f</integer>"},
+        {"<integer> 1234 </integer>", "<integer size=\"64\">0x4d2</integer>"},
+        {"<integer size=\"16\">-7</integer>", "<integer size=\"16\">0xfff9</integer>"},
+        {"<integer size=\"8\">-128</integer>", "<integer size=\"8\">0x80</integer>"},
+        {"<integer size=\"16\">0x8000</integer>", "<integer size=\"16\">0x8000</integer>"},
+        {"<integer size=\"32\">4294967294</integer>", "<integer size=\"32\">0xfffffffe</integer>"},
+        {"<integer size=\"32\">-0x80000000</integer>", "<integer size=\"32\">0x80000000</integer>"},
+        {"<integer>18446744073709551615</integer>", "<integer size=\"64\">0xffffffffffffffff</integer>"},
+        {"<integer>-9223372036854775808</integer>", "<integer size=\"64\">0x8000000000000000</integer>"},
+        {"<integer>-0</integer>", "<integer size=\"64\">0x0</integer>"},
+        // IDREF gives the same object again, whatever the element name of the
+        // reference; a key is a string that a value may refer to.
+        {"<array><string ID=\"0\">a</string><string IDREF=\"0\"/>"
+         "<dict ID=\"7\"><key ID=\"1\">k</key><integer ID=\"2\">5</integer></dict>"
+         "<dict IDREF=\"7\"/><integer IDREF=\"2\"/><string IDREF=\"1\"/>"
+         "<dict><key IDREF=\"1\"/><true ID=\"3\"/></dict><false IDREF=\"3\"/></array>",
+         "<array><string ID=\"0\">a</string><string IDREF=\"0\"/>"
+         "<dict ID=\"1\"><key>k</key><integer size=\"64\" ID=\"2\">0x5</integer></dict>"
+         "<dict IDREF=\"1\"/><integer IDREF=\"2\"/><string>k</string><dict><key>k</key><true/></dict><true/></array>"},
     };
-    const Case cases[] = {
-        {"<integer size=\"8\">0xff</integer>", kCFNumberSInt8Type, -1},
-        {"<integer size=\"8\">0x7f</integer>", kCFNumberSInt8Type, 127},
-        {"<integer size=\"8\">-128</integer>", kCFNumberSInt8Type, -128},
-        {"<integer size=\"16\">0x8000</integer>", kCFNumberSInt16Type, -32768},
-        {"<integer size=\"32\">0xffffffff</integer>", kCFNumberSInt32Type, -1},
-        {"<integer size=\"32\">4294967294</integer>", kCFNumberSInt32Type, -2},
-        {"<integer size=\"32\">-0x80000000</integer>", kCFNumberSInt32Type, INT32_MIN},
-        {"<integer size=\"64\">0xffffffffffffffff</integer>", kCFNumberSInt64Type, -1},
-        {"<integer>18446744073709551615</integer>", kCFNumberSInt64Type, -1},
-        {"<integer>-9223372036854775808</integer>", kCFNumberSInt64Type, INT64_MIN},
-        {"<integer>-0</integer>", kCFNumberSInt64Type, 0},
-    };
-    for (const Case &c : cases) {
-        const Parsed p = parse(c.text);
-        ASSERT_TRUE(p.obj) << c.text << ": " << p.error;
-        EXPECT_EQ(CFNumberGetType(static_cast<CFNumberRef>(p.obj.get())), c.type) << c.text;
-        EXPECT_EQ(int_value(p.obj.get()), c.value) << c.text;
+    for (const auto &[input, written] : cases) {
+        const Parsed p = parse(input);
+        ASSERT_TRUE(p.obj) << input << ": " << p.error;
+        EXPECT_EQ(p.error, "");
+        EXPECT_EQ(xml(p.obj.get()), written) << input;
+        EXPECT_EQ(xml(parse(written).obj.get()), written);
     }
-    const char *overflows[] = {
-        "<integer size=\"8\">0x100</integer>",      "<integer size=\"8\">-129</integer>",
-        "<integer size=\"16\">65536</integer>",     "<integer size=\"32\">-0x80000001</integer>",
-        "<integer>18446744073709551616</integer>",  "<integer>0x10000000000000000</integer>",
-        "<integer>-9223372036854775809</integer>",
-    };
-    for (const char *text : overflows) {
-        const Parsed p = parse(text);
-        EXPECT_FALSE(p.obj) << text;
-        EXPECT_NE(p.error.find("does not fit"), std::string::npos) << text << ": " << p.error;
-    }
-    // Far too many digits: caught while reading them, not after wrapping.
-    EXPECT_EQ(parse("<integer size=\"8\">99999999999999999999999</integer>").error,
-              "line 1: integer does not fit in 8 bits");
-}
-
-TEST(Unserialize, IdrefGivesTheSameObjectAgain) {
-    const Parsed p = parse(
-        "<array><string ID=\"0\">a</string><string IDREF=\"0\"/>"
-        "<dict ID=\"7\"><key ID=\"1\">k</key><integer ID=\"2\">5</integer></dict>"
-        "<dict IDREF=\"7\"/><integer IDREF=\"2\"/><string IDREF=\"1\"/>"
-        "<dict><key IDREF=\"1\"/><true ID=\"3\"/></dict><false IDREF=\"3\"/></array>");
-    ASSERT_TRUE(p.obj) << p.error;
-    CFTypeRef a = p.obj.get();
-    ASSERT_EQ(CFArrayGetCount(static_cast<CFArrayRef>(a)), 8);
-    EXPECT_EQ(string_value(at(a, 0)), "a");
-    EXPECT_EQ(at(a, 0), at(a, 1));
-    EXPECT_EQ(at(a, 2), at(a, 3));
-    EXPECT_EQ(at(a, 4), get(at(a, 2), "k"));
-    EXPECT_EQ(string_value(at(a, 5)), "k");
-    EXPECT_EQ(get(at(a, 6), "k"), kCFBooleanTrue);
-    // The element name of a reference is not checked against the object.
-    EXPECT_EQ(at(a, 7), kCFBooleanTrue);
 }
 
 TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
@@ -182,6 +107,14 @@ TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
         {"line 1: bad integer",
          {"<integer>12a</integer>", "<integer>0x</integer>", "<integer>-</integer>", "<integer></integer>"}},
         {"line 1: empty <integer>", {"<integer/>"}},
+        {"line 1: integer does not fit in 8 bits",
+         {"<integer size=\"8\">0x100</integer>", "<integer size=\"8\">-129</integer>",
+          "<integer size=\"8\">99999999999999999999999</integer>"}},
+        {"line 1: integer does not fit in 16 bits", {"<integer size=\"16\">65536</integer>"}},
+        {"line 1: integer does not fit in 32 bits", {"<integer size=\"32\">-0x80000001</integer>"}},
+        {"line 1: integer does not fit in 64 bits",
+         {"<integer>18446744073709551616</integer>", "<integer>0x10000000000000000</integer>",
+          "<integer>-9223372036854775809</integer>"}},
         {"line 1: unknown entity &bogus;", {"<string>&bogus;</string>"}},
         {"line 1: unterminated entity", {"<string>a &amp b</string>"}},
         {"line 1: bad character reference &#0;", {"<string>&#0;</string>"}},
@@ -240,9 +173,9 @@ TEST(Unserialize, TextEndsAtTheSizeOrTheFirstNul) {
     EXPECT_EQ(options.error, "unsupported options");
 }
 
-// Every prefix of a valid document, and many corrupted copies of it, parse
-// without crashing or reading out of bounds; the prefixes all fail.
-TEST(Unserialize, PrefixesAndCorruptionsNeverCrash) {
+// Every prefix of a valid document fails with a located error, without
+// reading past its end. (Random corruptions are the fuzzer's job.)
+TEST(Unserialize, EveryPrefixFails) {
     const std::string doc =
         "<dict><key>a&amp;b</key><array ID=\"0\"><integer size=\"32\">0x10</integer><data>TWFueQ==</data>"
         "<string>x&#x263a;y</string><true/><false/><dict/></array><key>r</key><array IDREF=\"0\"/></dict>";
@@ -252,29 +185,4 @@ TEST(Unserialize, PrefixesAndCorruptionsNeverCrash) {
         EXPECT_FALSE(p.obj) << n;
         EXPECT_EQ(p.error.rfind("line 1: ", 0), 0u) << n << ": " << p.error;
     }
-    uint32_t state = 12345;
-    auto next = [&state] {
-        state = state * 1103515245u + 12345u;
-        return state >> 8;
-    };
-    const char alphabet[] = "<>/=\"'&;#x0123456789abcdefIDREFsize \n\xff\xc3";
-    int accepted = 0;
-    for (int round = 0; round < 20000; ++round) {
-        std::string mutated = doc;
-        const int edits = 1 + static_cast<int>(next() % 4);
-        for (int e = 0; e < edits; ++e) {
-            const size_t pos = next() % mutated.size();
-            switch (next() % 3) {
-            case 0: mutated[pos] = alphabet[next() % (sizeof alphabet - 1)]; break;
-            case 1: mutated.erase(pos, 1 + next() % 8); break;
-            default: mutated.insert(pos, 1, alphabet[next() % (sizeof alphabet - 1)]); break;
-            }
-            if (mutated.empty()) mutated.push_back('<');
-        }
-        const Parsed p = parse(mutated);
-        EXPECT_NE(!p.obj, p.error.empty()) << mutated;  // an error string exactly when it fails
-        accepted += p.obj != nullptr;
-    }
-    EXPECT_GT(accepted, 0);
-    EXPECT_LT(accepted, 20000);
 }
