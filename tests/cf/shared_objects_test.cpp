@@ -17,18 +17,11 @@ namespace {
 CFTypeRef chain(int levels, CFTypeRef leaf, bool dictionaries) {
     CFTypeRef level = CFRetain(leaf);
     for (int i = 0; i <= levels; ++i) {
-        CFTypeRef next;
-        if (dictionaries) {
-            CFMutableDictionaryRef d = make_dict();
-            CFDictionarySetValue(d, CFSTR("a"), level);
-            CFDictionarySetValue(d, CFSTR("b"), level);
-            next = d;
-        } else {
-            CFMutableArrayRef a = make_array();
-            CFArrayAppendValue(a, level);
-            CFArrayAppendValue(a, level);
-            next = a;
-        }
+        const void *keys[] = {CFSTR("a"), CFSTR("b")};
+        const void *values[] = {level, level};
+        CFTypeRef next = dictionaries ? CFTypeRef(CFDictionaryCreate(nullptr, keys, values, 2, &kCFTypeDictionaryKeyCallBacks,
+                                                                     &kCFTypeDictionaryValueCallBacks))
+                                      : CFTypeRef(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
         CFRelease(level);
         level = next;
     }

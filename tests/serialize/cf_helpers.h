@@ -17,10 +17,7 @@ namespace talvex::test {
 
 using CF = CFRef<CFTypeRef>;
 
-inline CF str(std::string_view text) {
-    return CF(CFStringCreateWithBytes(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(text.data()),
-                                      static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false));
-}
+inline CF str(std::string_view text) { return CF(make_cf_string(text).release()); }
 
 template <typename T>
 CF num(CFNumberType type, T value) {
@@ -32,8 +29,7 @@ inline CF cfdata(std::string_view bytes) {
                            static_cast<CFIndex>(bytes.size())));
 }
 
-// The serialised bytes (including the final NUL), or "<null>" when
-// serialisation gave nothing.
+// The serialised bytes (with the final NUL), or "<null>" when there are none.
 inline std::string serialized(CFTypeRef obj, CFOptionFlags options = 0) {
     CF out(IOCFSerialize(obj, options));
     if (!out) return "<null>";
@@ -44,15 +40,13 @@ inline std::string serialized(CFTypeRef obj, CFOptionFlags options = 0) {
 // The serialised text without its NUL (expects exactly one NUL at the end).
 inline std::string xml(CFTypeRef obj) {
     std::string s = serialized(obj);
-    if (s.empty() || s.back() != '\0') return "<no NUL>" + s;
-    s.pop_back();
-    return s;
+    return !s.empty() && s.back() == '\0' ? s.substr(0, s.size() - 1) : "<no NUL>" + s;
 }
 
 // Parse result and error text together.
 struct Parsed {
     CF obj;
-    std::string error;  // empty when no error string was stored
+    std::string error;  // empty when none was stored
 };
 
 // Parses exactly the bytes of `input` from a heap copy of that size, so that a

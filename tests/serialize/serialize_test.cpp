@@ -5,16 +5,6 @@
 
 using namespace talvex::test;
 
-TEST(Serialize, StartRequestIsTheDictionaryTextAndOneNul) {
-    CF path = str("/fw/image.bin");
-    const void *keys[] = {CFSTR("firmware-image-path")};
-    const void *values[] = {path.get()};
-    CF dict(CFDictionaryCreate(kCFAllocatorDefault, keys, values, 1, &kCFTypeDictionaryKeyCallBacks,
-                               &kCFTypeDictionaryValueCallBacks));
-    EXPECT_EQ(serialized(dict.get()),
-              std::string("<dict><key>firmware-image-path</key><string>/fw/image.bin</string></dict>") + '\0');
-}
-
 // Every leaf kind as a document of its own: only <, > and & are escaped,
 // base64 is padded for every tail length and stays on one line, and an
 // integer's width follows its number type and writes its bits.
