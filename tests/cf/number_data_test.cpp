@@ -21,12 +21,9 @@ CFNumberRef number(CFNumberType type, T value) {
 }  // namespace
 
 TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
-    CFRef<CFNumberRef> i8(number<int8_t>(kCFNumberSInt8Type, 5));
-    CFRef<CFNumberRef> ll(number<long long>(kCFNumberLongLongType, 5));
-    CFRef<CFNumberRef> d(number<double>(kCFNumberDoubleType, 5.0));
-    CFRef<CFNumberRef> f(number<float>(kCFNumberFloat32Type, 5.0f));
-    CFRef<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5));
-    CFRef<CFNumberRef> six(number<int16_t>(kCFNumberSInt16Type, 6));
+    CFRef<CFNumberRef> i8(number<int8_t>(kCFNumberSInt8Type, 5)), ll(number<long long>(kCFNumberLongLongType, 5));
+    CFRef<CFNumberRef> d(number<double>(kCFNumberDoubleType, 5.0)), f(number<float>(kCFNumberFloat32Type, 5.0f));
+    CFRef<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5)), six(number<int16_t>(kCFNumberSInt16Type, 6));
     for (CFNumberRef a : {i8.get(), ll.get(), d.get(), f.get()}) {
         for (CFNumberRef b : {i8.get(), ll.get(), d.get(), f.get()}) {
             EXPECT_TRUE(CFEqual(a, b));
@@ -38,12 +35,10 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     }
     EXPECT_EQ(CFNumberCompare(six, half, nullptr), kCFCompareGreaterThan);
     // Values at the edge of the integer range compare exactly with doubles.
-    CFRef<CFNumberRef> max64(number<int64_t>(kCFNumberSInt64Type, std::numeric_limits<int64_t>::max()));
-    CFRef<CFNumberRef> two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
+    CFRef<CFNumberRef> max64(make_int(INT64_MAX)), two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
     EXPECT_FALSE(CFEqual(max64, two63));
     EXPECT_EQ(CFNumberCompare(max64, two63, nullptr), kCFCompareLessThan);
-    CFRef<CFNumberRef> big(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
-    CFRef<CFNumberRef> big_d(number<double>(kCFNumberDoubleType, 9007199254740992.0));
+    CFRef<CFNumberRef> big(make_int((int64_t{1} << 53) + 1)), big_d(number<double>(kCFNumberDoubleType, 0x1p53));
     EXPECT_FALSE(CFEqual(big, big_d));   // 2^53+1 is not the double 2^53
     CFRef<CFNumberRef> one(make_int(1));
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, one));
@@ -95,75 +90,53 @@ TEST(CFNumber, GetValueConvertsAndReportsLoss) {
     EXPECT_EQ(CFNumberCreate(nullptr, kCFNumberIntType, nullptr), nullptr);
 }
 
-TEST(CFData, CopiesOwnAndNoCopyBorrowsAsTold) {
-    uint8_t source[] = {1, 2, 3, 4, 5};
+TEST(CFData, CopiesOwnNoCopyBorrowsAndMutableDataEditsInPlace) {
+    uint8_t source[] = {'a', 'b', 'c', 'd', 0};
     CFRef<CFDataRef> copied(CFDataCreate(nullptr, source, 5));
-    source[0] = 99;
-    EXPECT_EQ(CFDataGetBytePtr(copied)[0], 1);
     // kCFAllocatorNull: the stack buffer must never be freed (the sanitizer would say so).
     CFRef<CFDataRef> borrowed(CFDataCreateWithBytesNoCopy(nullptr, source, 5, kCFAllocatorNull));
     EXPECT_EQ(CFDataGetBytePtr(borrowed), source);
     // kCFAllocatorMalloc and the default: freed with the data (a leak would be reported).
     for (CFAllocatorRef deallocator : {kCFAllocatorMalloc, kCFAllocatorDefault}) {
         auto heap = static_cast<uint8_t *>(std::malloc(3));
-        std::memcpy(heap, "abc", 3);
         CFRef<CFDataRef> adopted(CFDataCreateWithBytesNoCopy(nullptr, heap, 3, deallocator));
         EXPECT_EQ(CFDataGetBytePtr(adopted), heap);
     }
     EXPECT_EQ(CFDataCreate(nullptr, nullptr, 4), nullptr);
     EXPECT_EQ(CFDataCreate(nullptr, source, -1), nullptr);
-}
 
-TEST(CFData, MutableDataGrowsReplacesAndStaysIndependentOfCopies) {
-    CFRef<CFMutableDataRef> m(CFDataCreateMutable(nullptr, 0));
-    const uint8_t abc[] = {'a', 'b', 'c'};
-    CFDataAppendBytes(m, abc, 3);
-    CFDataIncreaseLength(m, 2);
-    ASSERT_EQ(CFDataGetLength(m), 5);
-    CFDataGetMutableBytePtr(m)[3] = 'd';
-    CFRef<CFDataRef> snapshot(CFDataCreateCopy(nullptr, m));
-    CFRef<CFMutableDataRef> twin(CFDataCreateMutableCopy(nullptr, 0, m));
-    EXPECT_EQ(std::memcmp(CFDataGetBytePtr(snapshot), "abcd\0", 5), 0);
-
+    CFRef<CFMutableDataRef> m(CFDataCreateMutableCopy(nullptr, 0, copied));
+    auto bytes = [&](size_t n) { return std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(m)), n); };
     const uint8_t xy[] = {'X', 'Y'};
     CFDataReplaceBytes(m, CFRangeMake(1, 3), xy, 2);   // shrink: a[bcd] -> aXY
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(m)), 4), std::string("aXY\0", 4));
+    EXPECT_EQ(bytes(4), std::string("aXY\0", 4));
     CFDataReplaceBytes(m, CFRangeMake(0, 0), CFDataGetBytePtr(m), 4);   // grow from its own bytes
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(m)), 8), std::string("aXY\0aXY\0", 8));
+    EXPECT_EQ(bytes(8), std::string("aXY\0aXY\0", 8));
     CFDataSetLength(m, 2);
-    CFDataSetLength(m, 4);   // regrown bytes are zero
-    EXPECT_EQ(std::memcmp(CFDataGetBytePtr(m), "aX\0\0", 4), 0);
-
-    EXPECT_EQ(std::memcmp(CFDataGetBytePtr(snapshot), "abcd\0", 5), 0);
-    EXPECT_TRUE(CFEqual(snapshot, twin));
-    EXPECT_EQ(CFHash(snapshot), CFHash(twin));
-    EXPECT_FALSE(CFEqual(snapshot, m));
+    CFDataIncreaseLength(m, 2);   // regrown bytes are zero
+    EXPECT_EQ(bytes(4), std::string("aX\0\0", 4));
+    source[0] = 'z';
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(copied)), 5), std::string("abcd\0", 5));
+    CFRef<CFDataRef> twin(CFDataCreate(nullptr, CFDataGetBytePtr(m), 4));
+    EXPECT_TRUE(CFEqual(twin, m));
+    EXPECT_EQ(CFHash(twin), CFHash(m));
+    EXPECT_FALSE(CFEqual(copied, m));
 }
 
-TEST(CFDescriptions, NumbersBooleansDataAndNestedContainers) {
+TEST(CFDescriptions, LeavesAndNestedContainers) {
     const uint8_t bytes[] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0xab};
-    CFRef<CFNumberRef> n[] = {CFRef<CFNumberRef>(number<int8_t>(kCFNumberSInt8Type, -7)),
-                              CFRef<CFNumberRef>(number<int64_t>(kCFNumberSInt64Type, INT64_MIN)),
-                              CFRef<CFNumberRef>(number<double>(kCFNumberDoubleType, 2.5)),
-                              CFRef<CFNumberRef>(number<float>(kCFNumberFloat32Type, 0.1f))};
-    CFRef<CFDataRef> d[] = {CFRef<CFDataRef>(CFDataCreate(nullptr, bytes, 9)),
-                            CFRef<CFDataRef>(CFDataCreate(nullptr, bytes, 4)),
-                            CFRef<CFDataRef>(CFDataCreate(nullptr, bytes, 0))};
-    const std::pair<CFTypeRef, const char *> cases[] = {
-        {n[0], "-7"},       {n[1], "-9223372036854775808"}, {n[2], "2.5"},
-        {n[3], "0.1"},      {kCFBooleanTrue, "true"},       {kCFBooleanFalse, "false"},
-        {d[0], "<00112233 44556677 ab>"}, {d[1], "<00112233>"}, {d[2], "<>"},
-    };
-    for (auto [object, expect] : cases) EXPECT_EQ(describe(object), expect);
-
-    CFRef<CFMutableArrayRef> a(make_array());
-    EXPECT_EQ(describe(a), "(\n)");
-    CFArrayAppendValue(a, CFSTR("a"));
-    CFArrayAppendValue(a, n[0]);
+    CFRef<CFTypeRef> leaves[] = {
+        CFRef<CFTypeRef>(number<int8_t>(kCFNumberSInt8Type, -7)), CFRef<CFTypeRef>(make_int(INT64_MIN)),
+        CFRef<CFTypeRef>(number<double>(kCFNumberDoubleType, 2.5)),
+        CFRef<CFTypeRef>(number<float>(kCFNumberFloat32Type, 0.1f)), CFRef<CFTypeRef>::retain(kCFBooleanTrue),
+        CFRef<CFTypeRef>(CFDataCreate(nullptr, bytes, 9)), CFRef<CFTypeRef>(CFDataCreate(nullptr, bytes, 0)),
+        CFRef<CFTypeRef>(make_array())};
     CFRef<CFMutableArrayRef> outer(make_array());
-    CFArrayAppendValue(outer, a);
+    for (CFTypeRef leaf : leaves) CFArrayAppendValue(outer, leaf);
     CFRef<CFMutableDictionaryRef> dict(make_dict());
-    CFDictionarySetValue(dict, CFSTR("k"), kCFBooleanTrue);
-    CFArrayAppendValue(outer, dict);
-    EXPECT_EQ(describe(outer), "(\n    (\n        a,\n        -7\n    ),\n    {\n        k = true;\n    }\n)");
+    CFDictionarySetValue(dict, CFSTR("k"), kCFBooleanFalse);
+    CFDictionarySetValue(dict, CFSTR("list"), outer);
+    EXPECT_EQ(describe(dict), "{\n    k = false;\n    list = (\n        -7,\n        -9223372036854775808,\n"
+                              "        2.5,\n        0.1,\n        true,\n        <00112233 44556677 ab>,\n        <>,\n"
+                              "        (\n        )\n    );\n}");
 }

@@ -90,20 +90,3 @@ TEST(Serialize, ContainerInsideItselfGivesNothing) {
     CFRelease(b);
     CFRelease(a);
 }
-
-TEST(Serialize, NestingIsLimitedTo128Containers) {
-    auto nested = [](int depth) {
-        CF leaf = str("x");
-        CF current(CFRetain(leaf.get()));
-        for (int i = 0; i < depth; ++i) {
-            CFMutableArrayRef a = make_array();
-            CFArrayAppendValue(a, current.get());
-            current = CF(a);
-        }
-        return current;
-    };
-    CF ok = nested(128), too_deep = nested(129);
-    const std::string text = xml(ok.get());
-    EXPECT_EQ(text.rfind("<array>", std::string::npos), 127u * 7);
-    EXPECT_EQ(serialized(too_deep.get()), "<null>");
-}
