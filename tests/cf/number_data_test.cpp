@@ -51,39 +51,27 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     EXPECT_EQ(CFDictionaryGetValue(dict, half), nullptr);
 }
 
+// Each conversion gives whether it was exact and the value it stored anyway.
 TEST(CFNumber, GetValueConvertsAndReportsLoss) {
-    CFRef<CFNumberRef> n300(number<int32_t>(kCFNumberSInt32Type, 300));
-    int8_t i8 = 0;
-    EXPECT_FALSE(CFNumberGetValue(n300, kCFNumberSInt8Type, &i8));
-    EXPECT_EQ(i8, 44);   // truncated, still stored
-    int16_t i16 = 0;
-    EXPECT_TRUE(CFNumberGetValue(n300, kCFNumberSInt16Type, &i16));
-    EXPECT_EQ(i16, 300);
-    CFRef<CFNumberRef> neg(number<int64_t>(kCFNumberSInt64Type, -1));
-    uint32_t u32 = 0;
-    EXPECT_TRUE(CFNumberGetValue(neg, kCFNumberSInt32Type, &u32));
-    EXPECT_EQ(u32, 0xffffffffu);
-
-    int iv = 0;
-    CFRef<CFNumberRef> real(number<double>(kCFNumberDoubleType, -3.7));
-    EXPECT_FALSE(CFNumberGetValue(real, kCFNumberIntType, &iv));
-    EXPECT_EQ(iv, -3);
-    CFRef<CFNumberRef> huge(number<double>(kCFNumberDoubleType, 1e300));
-    int64_t i64 = 0;
-    EXPECT_FALSE(CFNumberGetValue(huge, kCFNumberSInt64Type, &i64));
-    EXPECT_EQ(i64, std::numeric_limits<int64_t>::max());
-    float fv = 0;
-    EXPECT_FALSE(CFNumberGetValue(huge, kCFNumberFloatType, &fv));
-    EXPECT_TRUE(std::isinf(fv));
-    CFRef<CFNumberRef> tenth(number<double>(kCFNumberDoubleType, 0.1));
-    EXPECT_FALSE(CFNumberGetValue(tenth, kCFNumberFloat32Type, &fv));
-    EXPECT_EQ(fv, 0.1f);
-    double dv = 0;
-    CFRef<CFNumberRef> odd(number<int64_t>(kCFNumberSInt64Type, (int64_t{1} << 53) + 1));
-    EXPECT_FALSE(CFNumberGetValue(odd, kCFNumberFloat64Type, &dv));
+    auto get = [](auto out, CFNumberRef n, CFNumberType type) {
+        bool exact = CFNumberGetValue(n, type, &out);
+        return std::pair{exact, out};
+    };
+    CFRef<CFNumberRef> n300(number<int32_t>(kCFNumberSInt32Type, 300)), neg(make_int(-1));
+    CFRef<CFNumberRef> real(number<double>(kCFNumberDoubleType, -3.7)), huge(number<double>(kCFNumberDoubleType, 1e300));
+    CFRef<CFNumberRef> tenth(number<double>(kCFNumberDoubleType, 0.1)), odd(make_int((int64_t{1} << 53) + 1));
     CFRef<CFNumberRef> nan(number<double>(kCFNumberDoubleType, NAN));
-    EXPECT_FALSE(CFNumberGetValue(nan, kCFNumberSInt32Type, &iv));
+    EXPECT_EQ(get(int8_t{}, n300, kCFNumberSInt8Type), std::pair(false, int8_t{44}));   // truncated
+    EXPECT_EQ(get(int16_t{}, n300, kCFNumberSInt16Type), std::pair(true, int16_t{300}));
+    EXPECT_EQ(get(uint32_t{}, neg, kCFNumberSInt32Type), std::pair(true, 0xffffffffu));
+    EXPECT_EQ(get(int{}, real, kCFNumberIntType), std::pair(false, -3));
+    EXPECT_EQ(get(int64_t{}, huge, kCFNumberSInt64Type), std::pair(false, INT64_MAX));
+    EXPECT_EQ(get(float{}, huge, kCFNumberFloatType), std::pair(false, HUGE_VALF));
+    EXPECT_EQ(get(float{}, tenth, kCFNumberFloat32Type), std::pair(false, 0.1f));
+    EXPECT_FALSE(get(double{}, odd, kCFNumberFloat64Type).first);
+    EXPECT_FALSE(get(int{}, nan, kCFNumberSInt32Type).first);
     // Types that do not exist are refused both ways.
+    int iv = 0;
     EXPECT_FALSE(CFNumberGetValue(n300, 99, &iv));
     EXPECT_EQ(CFNumberCreate(nullptr, 0, &iv), nullptr);
     EXPECT_EQ(CFNumberCreate(nullptr, 17, &iv), nullptr);

@@ -75,8 +75,7 @@ TEST(CFStringFormat, ObjectsNullsAndText) {
     const wchar_t odd[] = {L'a', static_cast<wchar_t>(0xdfff), static_cast<wchar_t>(0x110000), 0};
     EXPECT_EQ(format(CFSTR("%lc|%ls"), static_cast<wint_t>(0xd800), odd), "\ufffd|a\ufffd\ufffd");
     // Bytes that are not UTF-8 are taken as Latin-1, never lost and never invalid.
-    std::string latin = format(CFSTR("<%s>"), "caf\xe9");
-    EXPECT_EQ(latin, "<caf\u00e9>");
+    EXPECT_EQ(format(CFSTR("<%s>"), "caf\xe9"), "<caf\u00e9>");
     // Directives that are not conversions stay as written and consume nothing.
     EXPECT_EQ(format(CFSTR("%y %d 100%"), 5), "%y 5 100%");
     EXPECT_EQ(format(CFSTR("%99999999999d|%d"), 7), "%99999999999d|7");

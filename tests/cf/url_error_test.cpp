@@ -44,14 +44,9 @@ TEST(CFURL, RelativePathsResolveAgainstTheDirectoryAtCreation) {
 }
 
 TEST(CFURL, AbsolutePathsAreKeptAsGivenLessTrailingSlashes) {
-    struct Case {
-        const char *in;
-        const char *out;
-    } cases[] = {{"//fw///a/./b/../c/", "//fw///a/./b/../c"}, {"///", "/"}, {"/a/b/..", "/a/b/.."}};
-    for (const Case &c : cases) {
-        CFRef<CFURLRef> url(file_url(c.in));
-        ASSERT_NE(url.get(), nullptr) << c.in;
-        EXPECT_EQ(path_of(url), c.out) << c.in;
+    for (auto [in, out] : {std::pair{"//fw///a/./b/../c/", "//fw///a/./b/../c"}, {"///", "/"}}) {
+        CFRef<CFURLRef> url(file_url(in));
+        EXPECT_EQ(path_of(url), out) << in;
         CFRef<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
         EXPECT_EQ(abs.get(), url.get()) << "an absolute URL is its own absolute URL";
     }
@@ -65,8 +60,7 @@ TEST(CFURL, AbsolutePathsAreKeptAsGivenLessTrailingSlashes) {
 
 TEST(CFError, CarriesDomainCodeAndUserInfo) {
     CFRef<CFMutableDictionaryRef> info(make_dict());
-    CFRef<CFStringRef> message(CFStringCreateWithCString(nullptr, "couldn't create channel", kCFStringEncodingASCII));
-    CFDictionarySetValue(info, kCFErrorDescriptionKey, message);
+    CFDictionarySetValue(info, kCFErrorDescriptionKey, talvex::make_cf_string("couldn't create channel"));
     const CFIndex code = static_cast<int32_t>(0xe00002bc);   // sign-extended from 32 bits
     CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, code, info));
     EXPECT_EQ(CFErrorGetCode(err), -536870212);
@@ -80,8 +74,7 @@ TEST(CFError, CarriesDomainCodeAndUserInfo) {
 
     // Without user info: an empty dictionary and a generic description.
     CFRef<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    CFRef<CFDictionaryRef> none(CFErrorCopyUserInfo(bare));
-    EXPECT_EQ(CFDictionaryGetCount(none), 0);
+    EXPECT_EQ(CFDictionaryGetCount(CFRef<CFDictionaryRef>(CFErrorCopyUserInfo(bare))), 0);
     CFRef<CFStringRef> generic(CFErrorCopyDescription(bare));
     EXPECT_EQ(text(generic), "The operation couldn\u2019t be completed. (NSPOSIXErrorDomain error 2.)");
     CFRef<CFErrorRef> twin(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));

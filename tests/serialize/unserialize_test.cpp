@@ -70,8 +70,7 @@ TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
         std::vector<std::string> inputs;
     };
     const Case cases[] = {
-        {"line 1: no root element", {""}},
-        {"line 2: no root element", {" \n\t"}},
+        {"line 1: no root element", {""}}, {"line 2: no root element", {" \n\t"}},
         {"line 1: text outside an element", {"hello"}},
         {"line 1: unexpected end of input, expected </dict>", {"<dict>", "<dict><key>a</key><string>b</string>"}},
         {"line 1: key without value in <dict>", {"<dict><key>a</key>"}},
@@ -80,8 +79,7 @@ TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
         {"line 1: mismatched </dict>, expected </array>", {"<array></dict>"}},
         {"line 1: expected </string>", {"<array><string>x<true/></string></array>"}},
         {"line 1: unterminated tag <array>", {"<array\n", "<array"}},
-        {"line 1: malformed tag", {"<>"}},
-        {"line 1: malformed tag <array>", {"<array/ >"}},
+        {"line 1: malformed tag", {"<>"}}, {"line 1: malformed tag <array>", {"<array/ >"}},
         {"line 1: malformed tag <string>", {"<string\"x\"/>"}},
         {"line 1: malformed tag <str>", {"<str\xc3\xa9ng/>"}},
         {"line 2: unknown element <foo>", {"<dict>\n  <foo/>\n</dict>"}},
@@ -126,8 +124,7 @@ TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
         {"line 1: key IDREF 1 is not a string",
          {"<dict><key ID=\"0\">a</key><integer ID=\"1\">1</integer><key IDREF=\"1\"/><true/></dict>"}},
         {"line 1: <key> outside a dictionary", {"<key>a</key>"}},
-        {"line 1: unexpected end tag", {"</array>"}},
-        {"line 1: expected </true>", {"<true>x</true>"}},
+        {"line 1: unexpected end tag", {"</array>"}}, {"line 1: expected </true>", {"<true>x</true>"}},
     };
     for (const Case &c : cases)
         for (const std::string &input : c.inputs) {
