@@ -51,16 +51,11 @@ TEST(CFArray, EditingAtTheEdgesKeepsOrderAndFindsByValue) {
     EXPECT_EQ(some[1], CFSTR("d"));
 }
 
-// Equal contents in distinct objects are equal, and
-// dictionaries whatever their order; any difference makes them unequal.
+// Distinct objects with equal contents are equal, dictionaries in any order.
 TEST(CFContainers, EqualityIsDeep) {
-    auto list = [](const char *text) {
-        CFMutableArrayRef a = make_array();
-        CFArrayAppendValue(a, talvex::make_cf_string(text));
-        return CFRef<CFMutableArrayRef>(a);
-    };
-    CFRef<CFMutableArrayRef> inner = list("x"), inner2 = list("x");
-    CFRef<CFNumberRef> one(make_int(1)), one_real(make_int(1));
+    CFRef<CFMutableArrayRef> inner(make_array()), inner2(make_array());
+    for (CFMutableArrayRef list : {inner.get(), inner2.get()}) CFArrayAppendValue(list, talvex::make_cf_string("x"));
+    CFRef<CFNumberRef> one(make_int(1)), one_again(make_int(1));
     const void *k1[] = {CFSTR("a"), CFSTR("b")};
     const void *v1[] = {one.get(), inner.get()};
     CFRef<CFArrayRef> a(CFArrayCreate(nullptr, v1, 2, &kCFTypeArrayCallBacks));
@@ -68,10 +63,10 @@ TEST(CFContainers, EqualityIsDeep) {
         CFDictionaryCreate(nullptr, k1, v1, 2, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
     CFRef<CFMutableArrayRef> b(make_array());
     CFArrayAppendValue(b, inner2);
-    CFArrayAppendValue(b, one_real);
+    CFArrayAppendValue(b, one_again);
     CFRef<CFMutableDictionaryRef> y(make_dict());
     CFDictionarySetValue(y, CFSTR("b"), inner2);
-    CFDictionarySetValue(y, CFSTR("a"), one_real);
+    CFDictionarySetValue(y, CFSTR("a"), one_again);
     EXPECT_FALSE(CFEqual(a, b));   // order counts in arrays
     CFArrayRemoveValueAtIndex(b, 0);
     CFArrayAppendValue(b, inner2);

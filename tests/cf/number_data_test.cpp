@@ -6,8 +6,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
-#include <limits>
 
 using namespace talvex::test;
 

@@ -9,6 +9,7 @@
 #include <string>
 
 using namespace talvex::test;
+using talvex::make_cf_string;
 
 namespace {
 
@@ -32,18 +33,13 @@ CFTypeRef chain(int levels, CFTypeRef leaf, bool dictionaries) {
 
 TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
     for (bool dictionaries : {false, true}) {
-        CFRef<CFStringRef> x1(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
-        CFRef<CFStringRef> x2(CFStringCreateWithCString(nullptr, "x", kCFStringEncodingUTF8));
-        CFRef<CFStringRef> y(CFStringCreateWithCString(nullptr, "y", kCFStringEncodingUTF8));
-        CFRef<CFTypeRef> a(chain(60, x1, dictionaries));
-        CFRef<CFTypeRef> b(chain(60, x2, dictionaries));
-        CFRef<CFTypeRef> c(chain(60, y, dictionaries));
+        CFRef<CFStringRef> x1 = make_cf_string("x"), x2 = make_cf_string("x"), y = make_cf_string("y");
+        CFRef<CFTypeRef> a(chain(60, x1, dictionaries)), b(chain(60, x2, dictionaries)), c(chain(60, y, dictionaries));
         EXPECT_TRUE(CFEqual(a, b)) << dictionaries;
         EXPECT_FALSE(CFEqual(a, c)) << dictionaries;
 
         // One side differs in one of the two places the other shares.
-        CFRef<CFTypeRef> half(chain(59, x2, dictionaries));
-        CFRef<CFTypeRef> other(chain(59, y, dictionaries));
+        CFRef<CFTypeRef> half(chain(59, x2, dictionaries)), other(chain(59, y, dictionaries));
         auto two = [](CFTypeRef p, CFTypeRef q) {
             const void *v[] = {p, q};
             return CFRef<CFArrayRef>(CFArrayCreate(nullptr, v, 2, &kCFTypeArrayCallBacks));

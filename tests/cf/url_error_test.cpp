@@ -27,7 +27,8 @@ std::string absolute_path_of(CFURLRef url) {
 
 }  // namespace
 
-TEST(CFURL, RelativePathsResolveAgainstTheDirectoryAtCreation) {
+// Relative paths resolve against the directory at creation.
+TEST(CFURL, FileSystemPaths) {
     const std::string dir = std::filesystem::current_path().string();
     CFRef<CFURLRef> rel(file_url("fw/./v2/../image.bin"));
     ASSERT_NE(rel.get(), nullptr);
@@ -41,18 +42,17 @@ TEST(CFURL, RelativePathsResolveAgainstTheDirectoryAtCreation) {
     std::filesystem::current_path(dir);
     CFRef<CFURLRef> here(file_url("."));
     EXPECT_EQ(absolute_path_of(here), dir);
-}
 
-TEST(CFURL, AbsolutePathsAreKeptAsGivenLessTrailingSlashes) {
+    // Absolute paths are kept as given, less trailing slashes.
     for (auto [in, out] : {std::pair{"//fw///a/./b/../c/", "//fw///a/./b/../c"}, {"///", "/"}}) {
         CFRef<CFURLRef> url(file_url(in));
         EXPECT_EQ(path_of(url), out) << in;
         CFRef<CFURLRef> abs(CFURLCopyAbsoluteURL(url));
         EXPECT_EQ(abs.get(), url.get()) << "an absolute URL is its own absolute URL";
     }
-    CFRef<CFURLRef> dir(file_url("/var/lib/", true));
-    EXPECT_EQ(path_of(dir), "/var/lib");
-    EXPECT_EQ(describe(dir), "file:///var/lib/");
+    CFRef<CFURLRef> var(file_url("/var/lib/", true));
+    EXPECT_EQ(path_of(var), "/var/lib");
+    EXPECT_EQ(describe(var), "file:///var/lib/");
     EXPECT_EQ(file_url(""), nullptr);
     CFRef<CFStringRef> s(CFStringCreateWithCString(nullptr, "/x", kCFStringEncodingUTF8));
     EXPECT_EQ(CFURLCreateWithFileSystemPath(nullptr, s, 1, false), nullptr);   // not a POSIX path style

@@ -8,7 +8,6 @@
 #include <IOKit/IOCFUnserialize.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,9 +19,7 @@ using CF = CFRef<CFTypeRef>;
 inline CF str(std::string_view text) { return CF(make_cf_string(text).release()); }
 
 template <typename T>
-CF num(CFNumberType type, T value) {
-    return CF(CFNumberCreate(kCFAllocatorDefault, type, &value));
-}
+CF num(CFNumberType type, T value) { return CF(CFNumberCreate(kCFAllocatorDefault, type, &value)); }
 
 inline CF cfdata(std::string_view bytes) {
     return CF(CFDataCreate(kCFAllocatorDefault, reinterpret_cast<const uint8_t *>(bytes.data()),
@@ -43,7 +40,6 @@ inline std::string xml(CFTypeRef obj) {
     return !s.empty() && s.back() == '\0' ? s.substr(0, s.size() - 1) : "<no NUL>" + s;
 }
 
-// Parse result and error text together.
 struct Parsed {
     CF obj;
     std::string error;  // empty when none was stored

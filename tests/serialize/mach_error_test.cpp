@@ -11,11 +11,7 @@
 TEST(MachError, TextsAndFallbacks) {
     // Each text with every code that must give it. Negative and small positive
     // values are old-style codes.
-    struct Group {
-        const char *text;
-        std::vector<int64_t> codes;
-    };
-    const Group groups[] = {
+    const std::pair<const char *, std::vector<int64_t>> groups[] = {
         {"(os/kern) successful", {0x00000000}},
         {"(os/unix) quota on available disk space exceeded", {0x0000c045}},
         {"(ipc/send) message size changed while being copied", {0x0c00000b, -111}},
@@ -40,9 +36,9 @@ TEST(MachError, TextsAndFallbacks) {
         // Systems without texts, and old-style values just outside the moved ranges.
         {"<null>", {0x14000000, 0xe4000000, 0xffffffff, -99, -400}},
     };
-    for (const Group &g : groups)
-        for (int64_t code : g.codes) {
+    for (const auto &[text, codes] : groups)
+        for (int64_t code : codes) {
             const char *t = mach_error_string(static_cast<mach_error_t>(static_cast<uint32_t>(code)));
-            EXPECT_EQ(t != nullptr ? std::string(t) : "<null>", g.text) << std::hex << code;
+            EXPECT_EQ(t != nullptr ? std::string(t) : "<null>", text) << std::hex << code;
         }
 }

@@ -65,11 +65,7 @@ TEST(Unserialize, AcceptedVariationsGiveTheirLists) {
 
 TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
     // Each error text with every input that must give it.
-    struct Case {
-        const char *error;
-        std::vector<std::string> inputs;
-    };
-    const Case cases[] = {
+    const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"line 1: no root element", {""}}, {"line 2: no root element", {" \n\t"}},
         {"line 1: text outside an element", {"hello"}},
         {"line 1: unexpected end of input, expected </dict>", {"<dict>", "<dict><key>a</key><string>b</string>"}},
@@ -126,11 +122,11 @@ TEST(Unserialize, MalformedInputGivesNullAndALocatedError) {
         {"line 1: <key> outside a dictionary", {"<key>a</key>"}},
         {"line 1: unexpected end tag", {"</array>"}}, {"line 1: expected </true>", {"<true>x</true>"}},
     };
-    for (const Case &c : cases)
-        for (const std::string &input : c.inputs) {
+    for (const auto &[error, inputs] : cases)
+        for (const std::string &input : inputs) {
             const Parsed p = parse(input);
             EXPECT_FALSE(p.obj) << input;
-            EXPECT_EQ(p.error, c.error) << input;
+            EXPECT_EQ(p.error, error) << input;
         }
 }
 
