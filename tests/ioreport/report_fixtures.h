@@ -26,29 +26,22 @@ inline uint64_t type(uint8_t format, uint16_t categories, uint16_t count) {
            (static_cast<uint64_t>(count) << 32);
 }
 
-inline void put64(std::vector<uint8_t> &b, size_t off, uint64_t v) {
-    for (int i = 0; i < 8; ++i) b.at(off + i) = static_cast<uint8_t>(v >> (8 * i));
-}
 inline uint64_t get64(const uint8_t *p) {
     uint64_t v = 0;
     for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
     return v;
 }
 
-// One 64-byte raw element.
+// One 64-byte raw element: driver, channel, type, stamp, four values.
 struct Element {
     uint64_t driver = 0, channel = 0, type = 0, stamp = 0;
     uint64_t v[4] = {0, 0, 0, 0};
 };
 
 inline void append(std::vector<uint8_t> &b, const Element &e) {
-    size_t off = b.size();
-    b.resize(off + 64, 0);
-    put64(b, off, e.driver);
-    put64(b, off + 8, e.channel);
-    put64(b, off + 16, e.type);
-    put64(b, off + 24, e.stamp);
-    for (int k = 0; k < 4; ++k) put64(b, off + 32 + 8 * k, e.v[k]);
+    const uint64_t words[8] = {e.driver, e.channel, e.type, e.stamp, e.v[0], e.v[1], e.v[2], e.v[3]};
+    for (uint64_t w : words)
+        for (int i = 0; i < 8; ++i) b.push_back(static_cast<uint8_t>(w >> (8 * i)));
 }
 
 // A channel's run: `values` holds one array of four values per element.

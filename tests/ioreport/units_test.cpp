@@ -78,13 +78,6 @@ TEST(Units, Labels) {
     EXPECT_EQ(text(static_cast<CFStringRef>(getValue(rec.get(), "UnitLabel"))), "ms");
     CFRef<CFMutableDictionaryRef> bare(record(1, 2, type(1, 0, 1)));
     EXPECT_FALSE(IOReportChannelGetUnitLabel(bare.get()));
-
-    CFRef<CFMutableDictionaryRef> info(IOReportCreateUnitInfo(kMs));
-    EXPECT_EQ(CFDictionaryGetCount(info.get()), 1);
-    long long v = 0;
-    ASSERT_TRUE(CFNumberGetValue(static_cast<CFNumberRef>(getValue(info.get(), "IOReportChannelUnit")),
-                                 kCFNumberLongLongType, &v));
-    EXPECT_EQ(static_cast<uint64_t>(v), kMs);
 }
 
 TEST(Descriptions, SimpleAndArray) {
