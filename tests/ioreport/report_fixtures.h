@@ -57,12 +57,6 @@ inline std::vector<uint8_t> run(uint64_t driver, uint64_t channel, uint64_t chan
     return b;
 }
 
-inline std::vector<uint8_t> concat(std::initializer_list<std::vector<uint8_t>> parts) {
-    std::vector<uint8_t> out;
-    for (auto &p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
 inline CFMutableDataRef mutableData(const std::vector<uint8_t> &bytes) {
     CFMutableDataRef d = CFDataCreateMutable(nullptr, 0);
     CFDataAppendBytes(d, bytes.data(), static_cast<CFIndex>(bytes.size()));
