@@ -1,7 +1,7 @@
 // The report hub end to end: the report-channel library against a private
 // simulator on a step clock (every sample moves time on by one second).
 // The library opens the hub once per process, so one simulator serves every
-// test here; refusals of the open itself run in a fresh process each.
+// test here. (A refused open: tests/cases/report.case.)
 #include <IOReport.h>
 #include <cf_ref.h>
 #include <cf_support.h>
@@ -117,11 +117,9 @@ TEST(ReportHub, SamplesAndDeltasOfEveryFormat) {
     ASSERT_EQ(IOReportStateGetCount(states), 4);
     const char *names[] = {"DEEPSLP", "SLEEP", "RUN12M", "RUN100M"};
     const int64_t ticks[] = {11'700'000, 6'300'000, 4'200'000, 1'800'000};
-    const double duty[] = {0.4875, 0.2625, 0.175, 0.075};
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(text(IOReportStateGetNameForIndex(states, i)), names[i]);
         EXPECT_EQ(IOReportStateGetResidency(states, i), ticks[i]) << names[i];
-        EXPECT_DOUBLE_EQ(IOReportStateGetDutyCycle(states, i), duty[i]) << names[i];
     }
 
     CFMutableDictionaryRef latency = d["PROCLAT"];
@@ -139,7 +137,6 @@ TEST(ReportHub, SamplesAndDeltasOfEveryFormat) {
 
     const int64_t events[] = {200, 100, 50, 10, 25, 5, 2, 60};
     for (int i = 0; i < 8; ++i) EXPECT_EQ(IOReportArrayGetValueAtIndex(d["EVENTS"], i), events[i]) << i;
-    EXPECT_EQ(IOReportArrayGetValueAtIndex(d["EVENTS"], 8), kIOReportInvalidValue);
 }
 
 TEST(ReportHub, AChannelByIDLearnsItsTypeAndHiddenLegendsAreServed) {
@@ -187,25 +184,4 @@ TEST(ReportHub, RefusalsOfTheInterestListTheMappingAndAnUpdate) {
     EXPECT_EQ(std::count_if(trace.begin(), trace.end(),
                             [](const std::string &l) { return l.find("\"open\":") != std::string::npos; }),
               1);
-}
-
-namespace {
-
-// In a fresh process: one subscription to the coprocessor's channels; what
-// failed, on standard error.
-[[noreturn]] void subscribe_in_child() {
-    auto s = subscribe();
-    std::fprintf(stderr, "%s\n", s->handle ? "subscribed" : s->error.c_str());
-    std::exit(0);
-}
-
-}  // namespace
-
-TEST(ReportHubFreshProcess, RefusedOpenAndRefusedSelector0) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    control({"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5", "--times", "1"});
-    EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "Could not open IOReportHub 0xe00002c5");
-    control({"stub", "--clear"});
-    stub(kIOReportUserClientOpen, {"--code", "0xe00002c7", "--times", "1"});
-    EXPECT_EXIT(subscribe_in_child(), ::testing::ExitedWithCode(0), "kIOReportUserClientOpen failed 0xe00002c7");
 }
