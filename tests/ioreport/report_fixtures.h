@@ -63,10 +63,7 @@ inline CFMutableDataRef mutableData(const std::vector<uint8_t> &bytes) {
     return d;
 }
 
-inline CFNumberRef num(uint64_t v) {
-    long long s = static_cast<long long>(v);
-    return CFNumberCreate(nullptr, kCFNumberLongLongType, &s);
-}
+inline CFNumberRef num(uint64_t v) { return talvex::test::make_int(static_cast<int64_t>(v)); }
 
 inline void setValue(CFMutableDictionaryRef d, const char *key, CFTypeRef v) {
     CFStringRef k = CFStringCreateWithCString(nullptr, key, kCFStringEncodingUTF8);

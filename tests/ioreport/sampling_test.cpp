@@ -191,15 +191,6 @@ TEST(Subscription, ArgumentChecksFailBeforeTheHub) {
     EXPECT_FALSE(IOReportCreateSubscription(nullptr, empty.get(), &out, 0, e.slot()));
     EXPECT_EQ(errorText(e.get()), "no channels");
 
-    CFRef<CFMutableDictionaryRef> bad(IOReportCreateAggregate(0));
-    CFRef<CFStringRef> junk(str("junk"));
-    CFRef<CFMutableArrayRef> list(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
-    CFArrayAppendValue(list.get(), junk.get());
-    setValue(bad.get(), "IOReportChannels", list.get());
-    CFRef<CFErrorRef> e2;
-    EXPECT_FALSE(IOReportCreateSubscription(nullptr, bad.get(), &out, 0, e2.slot()));
-    EXPECT_EQ(errorText(e2.get()), "iteration error");
-
     // A record whose driver ID is missing can't go into the interest list.
     CFRef<CFMutableDictionaryRef> nodriver(subscribed({{1, 0xA, kSimple}}));
     CFRef<CFNumberRef> sentinel(num(kNone));
