@@ -78,6 +78,12 @@ void setProperty(const char *cls, const char *key, CFTypeRef value) {
 void deleteProperty(const char *cls, const char *key) {
     simulator().control({"property", "delete", "--service", cls, key});
 }
+// Makes `legend` (taken over) the driver's public legend.
+void publish(const char *cls, CFMutableArrayRef legend) {
+    setProperty(cls, "IOReportLegend", legend);
+    CFRelease(legend);
+    setProperty(cls, "IOReportLegendPublic", kCFBooleanTrue);
+}
 
 // The coprocessor's legend: four readable channels, then a group with a
 // subgroup but no group name, which ends the legend before the last group.
@@ -91,9 +97,7 @@ void publishTalvexLegend() {
     push(legend, group(nullptr, nullptr, nullptr, {channel(0x48495354, type(3, 0x0008, 4))}));
     push(legend, group(nullptr, "orphan", nullptr, {channel(0x4F525048, type(1, 0, 1))}));
     push(legend, group("After", nullptr, nullptr, {channel(0x41465445, type(1, 0, 1))}));
-    setProperty(kTalvex, "IOReportLegend", legend);
-    CFRelease(legend);
-    setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
+    publish(kTalvex, legend);
 }
 
 // The hub's legend: one channel, then a non-dictionary group that ends it.
@@ -102,9 +106,7 @@ void publishHubLegend() {
     push(legend, group("Hub", nullptr, nullptr, {channel(0x48554231, type(1, 0x0004, 1))}));
     push(legend, str("junk"));
     push(legend, group("Hub", nullptr, nullptr, {channel(0x48554232, type(1, 0, 1))}));
-    setProperty(kHub, "IOReportLegend", legend);
-    CFRelease(legend);
-    setProperty(kHub, "IOReportLegendPublic", kCFBooleanTrue);
+    publish(kHub, legend);
 }
 
 void unpublishAll() {
@@ -126,7 +128,6 @@ std::vector<uint64_t> ids(CFDictionaryRef agg, bool sorted = false) {
 class Discovery : public ::testing::Test {
 protected:
     void SetUp() override { unpublishAll(); }
-    void TearDown() override { unpublishAll(); }
 };
 
 }  // namespace
@@ -160,7 +161,7 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     IOObjectRelease(s);
 }
 
-// (A legend that is not public, or not an array: tests/cases/report.case.)
+// (A legend that is not public: tests/cases/report.case.)
 TEST_F(Discovery, LegendsThatAreNotUsable) {
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
@@ -174,8 +175,7 @@ TEST_F(Discovery, LegendsThatAreNotUsable) {
     // A legend channel whose ID can't be read fails the whole driver.
     CFMutableArrayRef legend = make_array();
     push(legend, group("G", nullptr, nullptr, {channel(1, type(1, 0, 1)), channel(kNone, type(1, 0, 1))}));
-    setProperty(kTalvex, "IOReportLegend", legend);
-    CFRelease(legend);
+    publish(kTalvex, legend);
     CFRef<CFErrorRef> e3;
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e3.slot()));
     EXPECT_EQ(errorText(e3.get()), "couldn't create channel");
