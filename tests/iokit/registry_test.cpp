@@ -3,7 +3,6 @@
 #include <IOKit/IOKitLib.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 
 #include "cf_support.h"
@@ -20,23 +19,16 @@ int64_t number_value(CFTypeRef n) {
     return v;
 }
 
-// { "IOPropertyMatch": { key: value } }, value consumed.
-CFMutableDictionaryRef property_matching(CFStringRef key, CFTypeRef value) {
-    CFMutableDictionaryRef inner = make_dict();
-    CFDictionarySetValue(inner, key, value);
+// { key: { inner: value } }, value consumed.
+CFMutableDictionaryRef nested(const char *key, CFStringRef inner, CFTypeRef value) {
+    CFMutableDictionaryRef in = make_dict(), out = make_dict();
+    CFDictionarySetValue(in, inner, value);
     CFRelease(value);
-    CFMutableDictionaryRef outer = make_dict();
-    CFDictionarySetValue(outer, CFSTR(kIOPropertyMatchKey), inner);
-    CFRelease(inner);
-    return outer;
-}
-
-CFMutableDictionaryRef name_matching(const char *name) {
-    CFMutableDictionaryRef d = make_dict();
-    CFStringRef s = CFStringCreateWithCString(kCFAllocatorDefault, name, kCFStringEncodingUTF8);
-    CFDictionarySetValue(d, CFSTR(kIONameMatchKey), s);
-    CFRelease(s);
-    return d;
+    CFStringRef k = CFStringCreateWithCString(nullptr, key, kCFStringEncodingUTF8);
+    CFDictionarySetValue(out, k, in);
+    CFRelease(k);
+    CFRelease(in);
+    return out;
 }
 
 // The names of what the iterator hands out from here on.
@@ -54,40 +46,38 @@ std::vector<std::string> names(io_iterator_t it) {
 TEST(Matching, FindsServicesByClassNameAndPropertyAndCountsReferences) {
     Simulator sim;
     in_child(sim.socket(), [] {
-        io_service_t cp = coprocessor();
-        ASSERT_NE(cp, 0u);
-        io_name_t text;
-        ASSERT_EQ(IORegistryEntryGetName(cp, text), KERN_SUCCESS);
-        EXPECT_STREQ(text, "ZantraTalvexProcessor");
-        ASSERT_EQ(IOObjectGetClass(cp, text), KERN_SUCCESS);
-        EXPECT_STREQ(text, "ZantraTalvexProcessor");
+        CFMutableDictionaryRef m = IOServiceMatching("ZantraTalvexProcessor");
+        CFStringRef cls = static_cast<CFStringRef>(CFDictionaryGetValue(m, CFSTR(kIOProviderClassKey)));
+        EXPECT_EQ(text(cls), "ZantraTalvexProcessor");
+        io_service_t cp = IOServiceGetMatchingService(kIOMainPortDefault, m);
+        io_service_t hub = IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("IOReportHub"));
+        ASSERT_TRUE(cp && hub);
+        io_name_t name;
+        ASSERT_EQ(IORegistryEntryGetName(hub, name), KERN_SUCCESS);
+        EXPECT_STREQ(name, "IOReportHub");
         uint64_t cp_id = 0, hub_id = 0;
         ASSERT_EQ(IORegistryEntryGetRegistryEntryID(cp, &cp_id), KERN_SUCCESS);
-        EXPECT_NE(cp_id, 0u);
-
-        io_service_t hub = IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("IOReportHub"));
-        ASSERT_NE(hub, 0u);
         ASSERT_EQ(IORegistryEntryGetRegistryEntryID(hub, &hub_id), KERN_SUCCESS);
         EXPECT_NE(hub_id, cp_id);
         EXPECT_FALSE(IOObjectIsEqualTo(cp, hub));
 
         // The same entry found another way is the same object, one more count.
         io_service_t by_prop = IOServiceGetMatchingService(
-            kIOMainPortDefault, property_matching(CFSTR("talvex-state"), make_int(0x10002)));
+            kIOMainPortDefault, nested(kIOPropertyMatchKey, CFSTR("talvex-state"), make_int(0x10002)));
         EXPECT_TRUE(IOObjectIsEqualTo(by_prop, cp));
-        io_service_t by_name = IOServiceGetMatchingService(kIOMainPortDefault, name_matching("IOReportHub"));
+        CFMutableDictionaryRef by_name_dict = make_dict();
+        CFDictionarySetValue(by_name_dict, CFSTR(kIONameMatchKey), CFSTR("IOReportHub"));
+        io_service_t by_name = IOServiceGetMatchingService(kIOMainPortDefault, by_name_dict);
         EXPECT_TRUE(IOObjectIsEqualTo(by_name, hub));
         EXPECT_EQ(IOObjectGetUserRetainCount(cp), 2u);
 
         // Nothing matches: no service, and an empty but valid iterator.
-        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("NoSuchDriver")), 0u);
-        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault,
-                                              property_matching(CFSTR("talvex-state"), make_int(0x10003))),
+        EXPECT_EQ(IOServiceGetMatchingService(
+                      kIOMainPortDefault, nested(kIOPropertyMatchKey, CFSTR("talvex-state"), make_int(0x10003))),
                   0u);
         io_iterator_t it = 0;
         ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("NoSuchDriver"), &it),
                   KERN_SUCCESS);
-        EXPECT_NE(it, 0u);
         EXPECT_TRUE(IOIteratorIsValid(it));
         EXPECT_EQ(IOIteratorNext(it), 0u);
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
@@ -97,11 +87,8 @@ TEST(Matching, FindsServicesByClassNameAndPropertyAndCountsReferences) {
         EXPECT_EQ(IOObjectGetUserRetainCount(cp), 0u);
         EXPECT_NE(IOObjectRelease(cp), KERN_SUCCESS);
         EXPECT_NE(IOObjectRetain(cp), KERN_SUCCESS);
-        EXPECT_EQ(IORegistryEntryGetName(cp, text), kInvalidHandle);
-        EXPECT_EQ(IOObjectGetClass(cp, text), kInvalidHandle);
+        EXPECT_EQ(IOObjectGetClass(cp, name), kInvalidHandle);
         EXPECT_EQ(IORegistryEntryGetRegistryEntryID(cp, &cp_id), kInvalidHandle);
-        EXPECT_EQ(IOObjectGetUserRetainCount(0), 0u);
-        EXPECT_NE(IOObjectRelease(0), KERN_SUCCESS);
     });
 }
 
@@ -109,11 +96,6 @@ TEST(Matching, ConsumesTheDictionaryWhateverHappens) {
     Simulator sim;
     in_child(sim.socket(), [] {
         CFMutableDictionaryRef m = IOServiceMatching("ZantraTalvexProcessor");
-        ASSERT_TRUE(m);
-        CFStringRef cls = static_cast<CFStringRef>(CFDictionaryGetValue(m, CFSTR(kIOProviderClassKey)));
-        ASSERT_TRUE(cls);
-        EXPECT_STREQ(CFStringGetCStringPtr(cls, kCFStringEncodingUTF8), "ZantraTalvexProcessor");
-
         CFRetain(m);
         io_service_t s = IOServiceGetMatchingService(kIOMainPortDefault, m);
         EXPECT_EQ(CFGetRetainCount(m), 1);
@@ -135,9 +117,7 @@ TEST(Matching, ConsumesTheDictionaryWhateverHappens) {
         EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, bad, &none), kIOReturnBadArgument);
         EXPECT_EQ(none, 0u);
         EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, nullptr, &none), kIOReturnBadArgument);
-        EXPECT_EQ(IOServiceGetMatchingService(kIOMainPortDefault, nullptr), 0u);
         EXPECT_EQ(IOServiceMatching(nullptr), nullptr);
-
         IOObjectRelease(s);
         IOObjectRelease(it);
     });
@@ -149,29 +129,16 @@ TEST(Iterators, SnapshotGoesInvalidWhenTheRegistryChangesAndResetTakesANewOne) {
         // An empty matching dictionary matches every published service.
         io_iterator_t it = 0;
         ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, make_dict(), &it), KERN_SUCCESS);
-        io_name_t cls;
-        ASSERT_EQ(IOObjectGetClass(it, cls), KERN_SUCCESS);
-        EXPECT_STREQ(cls, "IOUserIterator");
-        EXPECT_TRUE(IOIteratorIsValid(it));
-
         EXPECT_EQ(names(it), (std::vector<std::string>{"ZantraTalvexProcessor", "IOReportHub", "ZantraPowerController",
                                                       "ZantraThermalMonitor"}));
-        EXPECT_EQ(IOIteratorNext(it), 0u);
         EXPECT_TRUE(IOIteratorIsValid(it));
 
         control(sim, {"service", "unpublish", "IOReportHub"});
         EXPECT_FALSE(IOIteratorIsValid(it));
-        // A reset rewinds and takes a fresh snapshot: valid again, hub gone.
         IOIteratorReset(it);
         EXPECT_TRUE(IOIteratorIsValid(it));
         EXPECT_EQ(names(it),
                   (std::vector<std::string>{"ZantraTalvexProcessor", "ZantraPowerController", "ZantraThermalMonitor"}));
-
-        control(sim, {"service", "publish", "IOReportHub"});
-        EXPECT_FALSE(IOIteratorIsValid(it));
-        IOIteratorReset(it);
-        EXPECT_TRUE(IOIteratorIsValid(it));
-        EXPECT_EQ(names(it).size(), 4u);
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
         EXPECT_FALSE(IOIteratorIsValid(it));
         EXPECT_EQ(IOIteratorNext(it), 0u);
@@ -184,47 +151,35 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
     in_child(sim.socket(), [&] {
         io_service_t cp = coprocessor();
         ASSERT_NE(cp, 0u);
-        CFTypeRef state = IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), kCFAllocatorDefault, 0);
-        ASSERT_TRUE(state);
-        EXPECT_EQ(number_value(state), 0x10002);
-        CFRelease(state);
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("no-such-key"), kCFAllocatorDefault, 0), nullptr);
-        CFNumberRef not_a_key = make_int(1);
-        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, reinterpret_cast<CFStringRef>(not_a_key), nullptr, 0), nullptr);
+        Owned<CFNumberRef> not_a_key(make_int(1));
+        auto bad_key = reinterpret_cast<CFStringRef>(not_a_key.get());
+        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, bad_key, nullptr, 0), nullptr);
 
-        CFNumberRef v = make_int(255);
-        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), v), KERN_SUCCESS);
-        CFRelease(v);
-        CFTypeRef back = IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), Owned<CFNumberRef>(make_int(255))), KERN_SUCCESS);
+        Owned<CFTypeRef> back(IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0));
         ASSERT_TRUE(back);
         EXPECT_EQ(number_value(back), 255);
-        CFRelease(back);
 
         // Values that cannot be serialised, bad keys and bad handles never reach the simulator.
-        CFURLRef url = CFURLCreateWithFileSystemPath(kCFAllocatorDefault, CFSTR("/tmp"), kCFURLPOSIXPathStyle, true);
+        Owned<CFURLRef> url(
+            CFURLCreateWithFileSystemPath(kCFAllocatorDefault, CFSTR("/tmp"), kCFURLPOSIXPathStyle, true));
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("url"), url), kIOReturnBadArgument);
-        CFRelease(url);
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("null"), nullptr), kIOReturnBadArgument);
-        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, reinterpret_cast<CFStringRef>(not_a_key), CFSTR("x")),
-                  kIOReturnBadArgument);
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, bad_key, CFSTR("x")), kIOReturnBadArgument);
         EXPECT_EQ(IORegistryEntrySetCFProperty(0, CFSTR("key"), CFSTR("x")), kInvalidHandle);
-        CFRelease(not_a_key);
 
         control(sim, {"property", "set", "talvex-state", "0x10004"});
         CFMutableDictionaryRef all = nullptr;
         ASSERT_EQ(IORegistryEntryCreateCFProperties(cp, &all, kCFAllocatorDefault, 0), KERN_SUCCESS);
-        ASSERT_TRUE(all);
+        Owned<CFMutableDictionaryRef> owned(all);
         EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("talvex-state"))), 0x10004);
         EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("key"))), 255);
         CFDictionarySetValue(all, CFSTR("mutable"), kCFBooleanTrue);   // the caller gets a mutable dictionary
-        CFRelease(all);
-
-        control(sim, {"property", "delete", "talvex-state"});
-        EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("talvex-state"), kCFAllocatorDefault, 0), nullptr);
         IOObjectRelease(cp);
     });
-    auto trace = sim.trace();
-    EXPECT_EQ(trace, (std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","property":"key","value":255})"}));
+    EXPECT_EQ(sim.trace(),
+              (std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","property":"key","value":255})"}));
 }
 
 }  // namespace
