@@ -152,17 +152,17 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
         io_service_t cp = coprocessor();
         ASSERT_NE(cp, 0u);
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("no-such-key"), kCFAllocatorDefault, 0), nullptr);
-        Owned<CFNumberRef> not_a_key(make_int(1));
+        CFRef<CFNumberRef> not_a_key(make_int(1));
         auto bad_key = reinterpret_cast<CFStringRef>(not_a_key.get());
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, bad_key, nullptr, 0), nullptr);
 
-        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), Owned<CFNumberRef>(make_int(255))), KERN_SUCCESS);
-        Owned<CFTypeRef> back(IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0));
+        EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("key"), CFRef<CFNumberRef>(make_int(255))), KERN_SUCCESS);
+        CFRef<CFTypeRef> back(IORegistryEntryCreateCFProperty(cp, CFSTR("key"), kCFAllocatorDefault, 0));
         ASSERT_TRUE(back);
         EXPECT_EQ(number_value(back), 255);
 
         // Values that cannot be serialised, bad keys and bad handles never reach the simulator.
-        Owned<CFURLRef> url(
+        CFRef<CFURLRef> url(
             CFURLCreateWithFileSystemPath(kCFAllocatorDefault, CFSTR("/tmp"), kCFURLPOSIXPathStyle, true));
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("url"), url), kIOReturnBadArgument);
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("null"), nullptr), kIOReturnBadArgument);
@@ -172,7 +172,7 @@ TEST(Properties, ReadWriteAndTheWritesTraceLine) {
         control(sim, {"property", "set", "talvex-state", "0x10004"});
         CFMutableDictionaryRef all = nullptr;
         ASSERT_EQ(IORegistryEntryCreateCFProperties(cp, &all, kCFAllocatorDefault, 0), KERN_SUCCESS);
-        Owned<CFMutableDictionaryRef> owned(all);
+        CFRef<CFMutableDictionaryRef> owned(all);
         EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("talvex-state"))), 0x10004);
         EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("key"))), 255);
         CFDictionarySetValue(all, CFSTR("mutable"), kCFBooleanTrue);   // the caller gets a mutable dictionary
