@@ -156,23 +156,12 @@ bool Process::pump(std::chrono::milliseconds timeout) {
     return out_fd_ >= 0 || err_fd_ >= 0;
 }
 
-bool Process::wait_for_stdout(std::string_view needle, std::chrono::milliseconds timeout) {
+bool Process::wait_for(const std::string &text, std::string_view needle, std::chrono::milliseconds timeout) {
     auto deadline = Clock::now() + timeout;
-    while (out_.find(needle) == std::string::npos) {
+    while (text.find(needle) == std::string::npos) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) return false;
-        if (!pump(std::min(left, std::chrono::milliseconds(100))) && out_.find(needle) == std::string::npos)
-            return false;
-    }
-    return true;
-}
-
-bool Process::wait_for_stderr(std::string_view needle, std::chrono::milliseconds timeout) {
-    auto deadline = Clock::now() + timeout;
-    while (err_.find(needle) == std::string::npos) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) return false;
-        if (!pump(std::min(left, std::chrono::milliseconds(100))) && err_.find(needle) == std::string::npos)
+        if (!pump(std::min(left, std::chrono::milliseconds(100))) && text.find(needle) == std::string::npos)
             return false;
     }
     return true;
@@ -262,10 +251,7 @@ Simulator::Simulator(const std::vector<std::string> &extra_serve_args) : Simulat
 }()) {}
 
 Simulator::Simulator(SimulatorOptions options) {
-    char tmpl[] = "/tmp/talvex-test-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    dir_ = tmpl;
-    socket_ = dir_ + "/sim.sock";
+    socket_ = dir_.path + "/sim.sock";
     std::vector<std::string> argv{options.program, "serve", "--socket", socket_};
     argv.insert(argv.end(), options.serve_args.begin(), options.serve_args.end());
     proc_ = std::make_unique<Process>(argv, Env{{"TALVEX_SIM_SOCKET", socket_}}, options.capture_log);
@@ -284,10 +270,6 @@ Simulator::Simulator(SimulatorOptions options) {
 
 Simulator::~Simulator() {
     if (!stopped_) kill();
-    std::string cmd = "rm -rf '" + dir_ + "'";
-    if (std::system(cmd.c_str()) != 0) {
-        // nothing more to do; a leftover temporary directory is harmless
-    }
 }
 
 RunResult Simulator::control(const std::vector<std::string> &args) const {

@@ -51,8 +51,12 @@ public:
     void close_stdin();
     // Reads output until `needle` appears in standard output (true), the
     // child closes its output, or the timeout passes (false).
-    bool wait_for_stdout(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    bool wait_for_stderr(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+    bool wait_for_stdout(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return wait_for(out_, needle, timeout);
+    }
+    bool wait_for_stderr(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return wait_for(err_, needle, timeout);
+    }
     void signal(int sig);
     // Waits for exit, collecting the rest of the output; kills it after the timeout.
     RunResult wait(std::chrono::milliseconds timeout = std::chrono::seconds(20));
@@ -60,7 +64,8 @@ public:
     const std::string &err() const { return err_; }
 
 private:
-    bool pump(std::chrono::milliseconds timeout);   // reads what is available; false at EOF on both
+    bool pump(std::chrono::milliseconds timeout);
+    bool wait_for(const std::string &text, std::string_view needle, std::chrono::milliseconds timeout);   // reads what is available; false at EOF on both
     pid_t pid_ = -1;
     int in_ = -1, out_fd_ = -1, err_fd_ = -1;
     std::string out_, err_;
@@ -74,6 +79,15 @@ RunResult run(const std::vector<std::string> &argv, const Env &env = {}, std::st
 // Runs the commands at once; any still running after `bound` is killed (timed_out).
 std::vector<RunResult> run_together(const std::vector<std::pair<std::vector<std::string>, Env>> &commands,
                                     std::chrono::milliseconds bound);
+
+// A fresh directory under /tmp (mode 0700), removed with all it holds.
+struct TempDir {
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    std::string path;
+};
 
 // How a private simulator is started.
 struct SimulatorOptions {
@@ -95,7 +109,7 @@ public:
     Simulator &operator=(const Simulator &) = delete;
 
     const std::string &socket() const { return socket_; }
-    const std::string &dir() const { return dir_; }
+    const std::string &dir() const { return dir_.path; }
     Env env() const { return {{"TALVEX_SIM_SOCKET", socket_}}; }
     pid_t pid() const { return proc_ ? proc_->pid() : -1; }
 
@@ -117,19 +131,11 @@ public:
     std::string log() const;
 
 private:
-    std::string dir_, socket_;
+    TempDir dir_;
+    std::string socket_;
     std::unique_ptr<Process> proc_;
     bool stopped_ = false;
     int status_ = -1;
-};
-
-// A fresh directory under /tmp (mode 0700), removed with all it holds.
-struct TempDir {
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    std::string path;
 };
 
 // Another user's listeners (support/stranger.cpp run as 65534; check

@@ -4,6 +4,7 @@
 // are built and read with talvex::wire.
 #pragma once
 
+#include "harness.h"
 #include "socket_io.h"
 #include "wire.h"
 
@@ -260,10 +261,7 @@ class FakePeer {
 public:
     using Script = std::function<void(FakePeer &)>;
     explicit FakePeer(Script script) {
-        char tmpl[] = "/tmp/talvex-peer-XXXXXX";
-        if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-        dir_ = tmpl;
-        socket_ = dir_ + "/peer.sock";
+        socket_ = dir_.path + "/peer.sock";
         listen_fd_ = unix_socket(socket_, true);
         if (listen_fd_ < 0) throw std::runtime_error("cannot listen on " + socket_);
         thread_ = std::thread([this, script = std::move(script)] {
@@ -280,8 +278,6 @@ public:
         thread_.join();
         if (client_ >= 0) close(client_);
         close(listen_fd_);
-        unlink(socket_.c_str());
-        rmdir(dir_.c_str());
     }
     FakePeer(const FakePeer &) = delete;
     FakePeer &operator=(const FakePeer &) = delete;
@@ -322,7 +318,8 @@ public:
     void hang_up() { shutdown(client_, SHUT_RDWR); }
 
 private:
-    std::string dir_, socket_;
+    TempDir dir_;
+    std::string socket_;
     int listen_fd_ = -1;
     std::atomic<int> client_{-1};
     std::thread thread_;
@@ -370,29 +367,17 @@ inline FakePeer::Script stall_at(wire::Op stall, std::atomic<int> *later = nullp
 // connections is full: it accepts nobody, and nobody more gets in.
 class FullListener {
 public:
-    FullListener() {
-        char tmpl[] = "/tmp/talvex-full-XXXXXX";
-        if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-        dir_ = tmpl;
-        socket_ = dir_ + "/full.sock";
-        listen_fd_ = wire::listen_at(socket_, 0);
+    FullListener() : socket_(dir_.path + "/full.sock"), listen_fd_(wire::listen_at(socket_, 0)) {
         if (!listen_fd_) throw std::runtime_error("cannot listen on " + socket_);
         while (wire::OwnedFd fd = wire::connect_to(socket_, SOCK_NONBLOCK)) queued_.push_back(std::move(fd));
     }
-    ~FullListener() {
-        queued_.clear();
-        listen_fd_.reset();
-        unlink(socket_.c_str());
-        rmdir(dir_.c_str());
-    }
-    FullListener(const FullListener &) = delete;
-    FullListener &operator=(const FullListener &) = delete;
     const std::string &socket() const { return socket_; }
 
 private:
-    std::string dir_, socket_;
+    TempDir dir_;
+    std::string socket_;
     wire::OwnedFd listen_fd_;
-    std::vector<wire::OwnedFd> queued_;
+    std::vector<wire::OwnedFd> queued_;   // closed before the listener, then the directory goes
 };
 
 }  // namespace talvex::test
