@@ -7,11 +7,11 @@
 #include "talvex_driver.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,10 +20,7 @@ namespace talvex::test {
 
 using Words = std::vector<std::string>;
 
-// ---------------------------------------------------------------------------
-// The trace: one flat JSON object per line, of a fixed format. Only enough
-// parsing to pick out flat fields.
-
+// The trace: one JSON object per line; its external-method calls.
 struct TraceCall {
     std::string service;
     long selector = -1;
@@ -34,43 +31,14 @@ struct TraceCall {
     long long result = 0;
 };
 
-// The raw text of `"key":VALUE` (strings without quotes, arrays without brackets).
-inline std::optional<std::string> trace_field(const std::string &line, const std::string &key) {
-    std::string tag = "\"" + key + "\":";
-    size_t at = line.find(tag);
-    if (at == std::string::npos) return std::nullopt;
-    at += tag.size();
-    if (at < line.size() && (line[at] == '"' || line[at] == '[')) {
-        size_t end = line.find(line[at] == '"' ? '"' : ']', at + 1);
-        return line.substr(at + 1, end - at - 1);
-    }
-    return line.substr(at, line.find_first_of(",}", at) - at);
-}
-
 // The external-method calls of a trace, oldest first.
 inline std::vector<TraceCall> trace_calls(const std::vector<std::string> &trace) {
-    auto number = [](const std::string &line, const char *key) {
-        return std::strtoull(trace_field(line, key).value_or("0").c_str(), nullptr, 10);
-    };
     std::vector<TraceCall> calls;
     for (const auto &line : trace) {
-        auto selector = trace_field(line, "selector");
-        if (!selector) continue;
-        TraceCall c;
-        c.service = trace_field(line, "service").value_or("");
-        c.selector = std::strtol(selector->c_str(), nullptr, 10);
-        std::string scalars = trace_field(line, "scalars").value_or("");
-        for (size_t pos = 0; pos < scalars.size();) {
-            c.scalars.push_back(std::strtoull(scalars.c_str() + pos, nullptr, 10));
-            size_t comma = scalars.find(',', pos);
-            if (comma == std::string::npos) break;
-            pos = comma + 1;
-        }
-        c.input = trace_field(line, "input").value_or("");
-        c.output_size = number(line, "output_size");
-        c.scalar_output_count = number(line, "scalar_output_count");
-        c.result = static_cast<long long>(number(line, "result"));
-        calls.push_back(c);
+        auto j = nlohmann::json::parse(line);
+        if (j.contains("selector"))
+            calls.push_back({j["service"], j["selector"], j["scalars"], j["input"], j["output_size"],
+                             j["scalar_output_count"], j["result"]});
     }
     return calls;
 }
