@@ -135,9 +135,9 @@ private:
     bool duration(const toml::node &n, std::string_view key, uint64_t &out);
     bool trigger(const toml::table &t, Line line, ScenarioStep &step, std::string &after_name);
     bool action(std::string_view key, const toml::node &value, const ScenarioTrigger &trigger, ScenarioStep &step);
-    bool table_action(const TableAction &spec, const toml::node &value, const ScenarioTrigger &trigger,
+    bool table_action(const TableAction &action_row, const toml::node &value, const ScenarioTrigger &trigger,
                       ScenarioAction &out);
-    bool control(const TableAction &spec, std::vector<std::string> words, Line line, ScenarioAction &out);
+    bool control(const TableAction &action_row, std::vector<std::string> words, Line line, ScenarioAction &out);
 
     const std::string &file_;
     std::string &error_;
@@ -247,15 +247,15 @@ bool FileReader::trigger(const toml::table &t, Line line, ScenarioStep &step, st
     return true;
 }
 
-bool FileReader::control(const TableAction &spec, std::vector<std::string> words, Line line, ScenarioAction &out) {
+bool FileReader::control(const TableAction &action_row, std::vector<std::string> words, Line line, ScenarioAction &out) {
     std::string why;
     auto command = parse_control(words, why);
     if (!command) {
         // "talvexsim: property set: bad ..." -> "set_property: bad ..."
-        std::string where = "talvexsim: " + std::string(spec.command) +
-                            (spec.subcommand.empty() ? "" : " " + std::string(spec.subcommand)) + ": ";
-        if (why.starts_with(where)) why = std::string(spec.key) + ": " + why.substr(where.size());
-        for (Keys keys : {spec.options, spec.flags})
+        std::string where = "talvexsim: " + std::string(action_row.command) +
+                            (action_row.subcommand.empty() ? "" : " " + std::string(action_row.subcommand)) + ": ";
+        if (why.starts_with(where)) why = std::string(action_row.key) + ": " + why.substr(where.size());
+        for (Keys keys : {action_row.options, action_row.flags})
             for (auto k : keys)
                 for (size_t at; (at = why.find("--" + dashed(k))) != std::string::npos;)
                     why.replace(at, k.size() + 2, k);
@@ -265,33 +265,33 @@ bool FileReader::control(const TableAction &spec, std::vector<std::string> words
     return true;
 }
 
-bool FileReader::table_action(const TableAction &spec, const toml::node &value, const ScenarioTrigger &trigger,
+bool FileReader::table_action(const TableAction &action_row, const toml::node &value, const ScenarioTrigger &trigger,
                               ScenarioAction &out) {
     const toml::table *t = value.as_table();
     const Line line = line_of(value);
-    if (!t) return fail(line, std::string(spec.key) + " takes a table, as " + std::string(spec.key) + " = { ... }");
-    std::vector<std::optional<std::string>> positional(spec.positional.size());
+    if (!t) return fail(line, std::string(action_row.key) + " takes a table, as " + std::string(action_row.key) + " = { ... }");
+    std::vector<std::optional<std::string>> positional(action_row.positional.size());
     std::vector<std::string> options;
     std::map<std::string, std::string, std::less<>> given;
     for (auto &&[k, v] : *t) {
         const std::string_view name = k.str();
         const Line at = k.source().begin.line ? k.source().begin.line : line;
         auto word = word_of(v);
-        if (!word) return fail(at, std::string(spec.key) + "." + std::string(name) + " takes a number, text or list");
+        if (!word) return fail(at, std::string(action_row.key) + "." + std::string(name) + " takes a number, text or list");
         given.emplace(name, *word);
-        auto pos = std::find(spec.positional.begin(), spec.positional.end(), name);
-        if (pos != spec.positional.end()) {
-            positional[static_cast<size_t>(pos - spec.positional.begin())] = *word;
-        } else if (listed(spec.options, name)) {
+        auto pos = std::find(action_row.positional.begin(), action_row.positional.end(), name);
+        if (pos != action_row.positional.end()) {
+            positional[static_cast<size_t>(pos - action_row.positional.begin())] = *word;
+        } else if (listed(action_row.options, name)) {
             options.insert(options.end(), {"--" + dashed(name), *word});
-        } else if (listed(spec.flags, name)) {
-            if (!v.is_boolean()) return fail(at, std::string(spec.key) + "." + std::string(name) + " takes true or false");
+        } else if (listed(action_row.flags, name)) {
+            if (!v.is_boolean()) return fail(at, std::string(action_row.key) + "." + std::string(name) + " takes true or false");
             if (*word == "true") options.push_back("--" + dashed(name));
         } else {
-            std::vector<std::string_view> all(spec.positional.begin(), spec.positional.end());
-            all.insert(all.end(), spec.options.begin(), spec.options.end());
-            all.insert(all.end(), spec.flags.begin(), spec.flags.end());
-            return fail(at, std::string(spec.key) + " has no key '" + std::string(name) + "' (it takes " + joined(all) + ")");
+            std::vector<std::string_view> all(action_row.positional.begin(), action_row.positional.end());
+            all.insert(all.end(), action_row.options.begin(), action_row.options.end());
+            all.insert(all.end(), action_row.flags.begin(), action_row.flags.end());
+            return fail(at, std::string(action_row.key) + " has no key '" + std::string(name) + "' (it takes " + joined(all) + ")");
         }
     }
     // A stub of a step triggered by a request answers that request: the
@@ -302,23 +302,23 @@ bool FileReader::table_action(const TableAction &spec, const toml::node &value, 
     };
     using Kind = ScenarioTrigger::Kind;
     const bool open = given.count("open") && given["open"] == "true";
-    if (spec.key == "stub" && trigger.kind == Kind::Call && !open && !given.count("selector"))
+    if (action_row.key == "stub" && trigger.kind == Kind::Call && !open && !given.count("selector"))
         defaults({{"selector", std::to_string(trigger.selector)}, {"service", trigger.service}, {"times", "1"}});
-    if (spec.key == "stub" && trigger.kind == Kind::Open && open) defaults({{"service", trigger.service}, {"times", "1"}});
-    if (spec.key == "set_property" && !given.count("type")) {
+    if (action_row.key == "stub" && trigger.kind == Kind::Open && open) defaults({{"service", trigger.service}, {"times", "1"}});
+    if (action_row.key == "set_property" && !given.count("type")) {
         const toml::node &v = *t->get("value");
         if (v.is_string()) options.insert(options.end(), {"--type", "string"});
         if (v.is_boolean()) options.insert(options.end(), {"--type", "bool"});
     }
-    std::vector<std::string> words{std::string(spec.command)};
-    if (!spec.subcommand.empty()) words.emplace_back(spec.subcommand);
+    std::vector<std::string> words{std::string(action_row.command)};
+    if (!action_row.subcommand.empty()) words.emplace_back(action_row.subcommand);
     words.insert(words.end(), options.begin(), options.end());
     words.emplace_back("--");
     for (size_t i = 0; i < positional.size(); ++i) {
-        if (!positional[i]) return fail(line, std::string(spec.key) + " needs '" + std::string(spec.positional[i]) + "'");
+        if (!positional[i]) return fail(line, std::string(action_row.key) + " needs '" + std::string(action_row.positional[i]) + "'");
         words.push_back(*positional[i]);
     }
-    return control(spec, std::move(words), line, out);
+    return control(action_row, std::move(words), line, out);
 }
 
 bool FileReader::action(std::string_view key, const toml::node &value, const ScenarioTrigger &trigger,
@@ -331,22 +331,22 @@ bool FileReader::action(std::string_view key, const toml::node &value, const Sce
     const bool is_true = value.is_boolean() && *value.value<bool>();
     auto plain = [&](std::vector<std::string> words) {
         static constexpr TableAction kPlain{};
-        TableAction spec = kPlain;
-        spec.key = key;
-        spec.command = words[0];
-        return control(spec, std::move(words), line, a);
+        TableAction action_row = kPlain;
+        action_row.key = key;
+        action_row.command = words[0];
+        return control(action_row, std::move(words), line, a);
     };
-    for (const TableAction &spec : kTableActions) {
-        if (spec.key != key) continue;
+    for (const TableAction &action_row : kTableActions) {
+        if (action_row.key != key) continue;
         if (const toml::array *list = value.as_array(); list && !list->empty() && list->front().is_table()) {
             // Several of the same kind: stub = [{...}, {...}]
             for (const toml::node &each : *list) {
-                if (!table_action(spec, each, trigger, a)) return false;
+                if (!table_action(action_row, each, trigger, a)) return false;
                 step.actions.push_back(a);
             }
             return true;
         }
-        if (!table_action(spec, value, trigger, a)) return false;
+        if (!table_action(action_row, value, trigger, a)) return false;
         step.actions.push_back(std::move(a));
         return true;
     }
@@ -451,7 +451,7 @@ std::optional<Scenario> FileReader::read(const toml::table &top) {
         for (auto &&[k, v] : *t) {
             if (listed(kStepKeys, k.str())) continue;
             bool known = listed(kPlainActions, k.str());
-            for (const TableAction &spec : kTableActions) known = known || spec.key == k.str();
+            for (const TableAction &action_row : kTableActions) known = known || action_row.key == k.str();
             if (!known) {
                 fail(k.source().begin.line ? k.source().begin.line : line,
                      "a step has no key '" + std::string(k.str()) + "'");
