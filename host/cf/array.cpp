@@ -93,7 +93,7 @@ void array_finalize(CFTypeRef cf) {
         for (size_t i = 0; i < std::min(n, kContentsAhead); ++i) prefetch_contents(a->values[i]);
         visit_prefetched(a->values.data(), n, [&](size_t i) {
             if (i + kContentsAhead < n) prefetch_contents(a->values[i + kContentsAhead]);
-            release_value(a, a->values[i]);
+            release_held(a->values[i]);
         });
     }
     destroy_fields<__CFArray>(cf);

@@ -101,6 +101,24 @@ T *make_object(CFTypeID id, Args &&...args) noexcept {
     return object;
 }
 
+// Runs the class's finalize and frees an object whose last reference went.
+void free_object(CFTypeRef cf);
+
+// CFRetain and CFRelease for an object a container already holds (never
+// null): containers holding values with the standard callbacks update the
+// counts here rather than through the callbacks' function pointers.
+inline void retain_held(CFTypeRef cf) noexcept {
+    std::atomic_ref<uint64_t> count(header(cf)->_cfinfoa);
+    if ((count.load(std::memory_order_relaxed) & kImmortal) == 0) count.fetch_add(1, std::memory_order_relaxed);
+}
+inline void release_held(CFTypeRef cf) {
+    std::atomic_ref<uint64_t> count(header(cf)->_cfinfoa);
+    uint64_t current = count.load(std::memory_order_relaxed);
+    if ((current & kImmortal) != 0) return;
+    if (current == 0) fatal("CFRelease", "%p was already freed", cf);
+    if (count.fetch_sub(1, std::memory_order_acq_rel) == 1) free_object(cf);
+}
+
 template <class T>
 void destroy_fields(CFTypeRef cf) {
     static_cast<T *>(const_cast<void *>(cf))->~T();

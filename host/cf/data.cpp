@@ -40,8 +40,9 @@ __CFData *new_data(const uint8_t *bytes, size_t length, size_t capacity, bool is
     if (memory == nullptr) return nullptr;
     auto d = new (memory) __CFData{CFRuntimeBase{kDataTypeID, 1}, nullptr, length, capacity, false, is_mutable};
     d->bytes = inline_bytes(d);
+    // Bytes past the length are never read: growing the length zeroes them.
     if (bytes != nullptr && length != 0) std::memcpy(d->bytes, bytes, length);
-    std::memset(d->bytes + (bytes != nullptr ? length : 0), 0, capacity - (bytes != nullptr ? length : 0));
+    else if (length != 0) std::memset(d->bytes, 0, length);
     return d;
 }
 

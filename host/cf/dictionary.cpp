@@ -326,31 +326,61 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     size_t room = std::max(source->live + (is_mutable ? 2 : 0), capacity);
     Dict *d = new_dictionary(source->key_callbacks, source->value_callbacks, is_mutable, room);
     if (d == nullptr) return nullptr;
-    try {
-        rebuild(d, room);
-        auto copy_entry = [&](size_t i) {
-            if (is_live(source, i)) insert_new(d, source->keys[i], source->values[i], source->hashes[i]);
-        };
-        if (source->value_callbacks->retain == retain_cf) {
-            visit_prefetched(source->values, source->count, copy_entry);
-        } else {
-            for (size_t i = 0; i < source->count; ++i) copy_entry(i);
+    // The live entries go over in order into the room made for them, each
+    // retained through the callbacks (the standard ones update the counts
+    // directly); the index, when the copy needs one, is built afterwards.
+    const auto key_retain = d->key_callbacks->retain;
+    const auto value_retain = d->value_callbacks->retain;
+    const void **keys = d->keys;
+    const void **values = d->values;
+    CFHashCode *hashes = d->hashes;
+    const void *const *source_keys = source->keys;
+    const void *const *source_values = source->values;
+    size_t n = 0;
+    auto copy_entry = [&](size_t i) {
+        const void *key = source_keys[i];
+        if (key == kRemoved) return;
+        const void *value = source_values[i];
+        if (key_retain == retain_cf) retain_held(key);
+        else if (key_retain != nullptr) key = key_retain(nullptr, key);
+        if (value_retain == retain_cf) retain_held(value);
+        else if (value_retain != nullptr) value = value_retain(nullptr, value);
+        keys[n] = key;
+        values[n] = value;
+        hashes[n] = source->hashes[i];
+        ++n;
+    };
+    if (value_retain == retain_cf) {
+        visit_prefetched(source_values, source->count, copy_entry);
+    } else {
+        for (size_t i = 0; i < source->count; ++i) copy_entry(i);
+    }
+    d->count = d->live = n;
+    if (room > kScanEntries) {
+        try {
+            rebuild(d, room);
+        } catch (...) {
+            CFRelease(d);
+            return nullptr;
         }
-    } catch (...) {
-        CFRelease(d);
-        return nullptr;
     }
     return d;
 }
 
 void dictionary_finalize(CFTypeRef cf) {
     auto d = static_cast<Dict *>(const_cast<void *>(cf));
-    auto release = [&](size_t i) {
-        if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
-    };
     if (d->value_callbacks->release == release_cf) {
-        visit_prefetched(d->values, d->count, release);
+        const auto key_release = d->key_callbacks->release;
+        visit_prefetched(d->values, d->count, [&](size_t i) {
+            if (!is_live(d, i)) return;
+            if (key_release == release_cf) release_held(d->keys[i]);
+            else if (key_release != nullptr) key_release(nullptr, d->keys[i]);
+            release_held(d->values[i]);
+        });
     } else {
+        auto release = [&](size_t i) {
+            if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
+        };
         for (size_t i = 0; i < d->count; ++i) release(i);
     }
     if (d->own_entries) std::free(static_cast<void *>(d->keys));

@@ -120,21 +120,19 @@ const CFAllocatorRef kCFAllocatorMalloc = &cf::g_allocator_malloc;
 
 CFTypeRef CFRetain(CFTypeRef cf) {
     if (cf == nullptr) fatal("CFRetain", "called with a null object");
-    auto count = count_of(cf);
-    if ((count.load(std::memory_order_relaxed) & kImmortal) == 0) count.fetch_add(1, std::memory_order_relaxed);
+    retain_held(cf);
     return cf;
+}
+
+void cf::free_object(CFTypeRef cf) {
+    const CFRuntimeClass *cls = class_for(type_of(cf));
+    if (cls != nullptr && cls->finalize != nullptr) cls->finalize(cf);
+    std::free(const_cast<void *>(cf));
 }
 
 void CFRelease(CFTypeRef cf) {
     if (cf == nullptr) fatal("CFRelease", "called with a null object");
-    auto count = count_of(cf);
-    uint64_t current = count.load(std::memory_order_relaxed);
-    if ((current & kImmortal) != 0) return;
-    if (current == 0) fatal("CFRelease", "%p was already freed", cf);
-    if (count.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-    const CFRuntimeClass *cls = class_for(type_of(cf));
-    if (cls != nullptr && cls->finalize != nullptr) cls->finalize(cf);
-    std::free(const_cast<void *>(cf));
+    release_held(cf);
 }
 
 CFIndex CFGetRetainCount(CFTypeRef cf) {
