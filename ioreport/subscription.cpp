@@ -364,9 +364,11 @@ IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef sourc
     if (!copy) return kIOReturnError;
     CFDictionarySetValue(destination, kRawElements(), copy.get());
     if (flags & 1) {
-        uint16_t count = 0;
-        uint8_t *bytes = getRawElements(destination, &count, IOReportChannelGetFormat(destination));
-        if (!bytes) return kIOReturnError;
+        // The elements just stored, checked as getRawElements checks them.
+        size_t length = static_cast<size_t>(CFDataGetLength(copy.get()));
+        uint8_t *bytes = CFDataGetMutableBytePtr(copy.get());
+        if (length < kElementSize || bytes[kElemType] != IOReportChannelGetFormat(destination)) return kIOReturnError;
+        size_t count = static_cast<uint16_t>(length / kElementSize);
         for (size_t i = 0; i < count; ++i) std::memset(bytes + i * kElementSize + kElemValues, 0, 32);
     }
     return kIOReturnSuccess;

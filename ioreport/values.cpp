@@ -260,36 +260,81 @@ void copyElements(uint8_t *target, const uint8_t *newer, uint16_t count) {
     if (target != newer) std::memmove(target, newer, static_cast<size_t>(count) * kElementSize);
 }
 
-IOReturn deltaState(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
-    uint16_t tn = 0, bn = 0;
-    uint8_t *tb = getRawElements(t, &tn, kIOReportFormatState);
-    const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatState);
-    if (!tb || !bb || tn != IOReportStateGetCount(t) || bn != tn) return kDeltaFailed;
-    copyElements(tb, bb, tn);
-    // Read after the copy: the target may share the older record's data.
-    const Elements ea(a, kIOReportFormatState), eb(b, kIOReportFormatState);
-    for (int i = 0; i < tn; ++i) {
+// A record of a delta with its channel type read once; `typed` is false when
+// the type is unreadable.
+struct Typed {
+    CFDictionaryRef record;
+    uint64_t type = 0;
+    bool typed = false;
+
+    explicit Typed(CFDictionaryRef r) : record(r) { typed = getChannelType(r, &type) == kIOReturnSuccess; }
+    Typed(CFDictionaryRef r, const Typed &same_type) : record(r), type(same_type.type), typed(same_type.typed) {}
+
+    uint8_t format() const { return typed ? typeFormat(type) : 0; }
+    // The element count of the type when its format is `f`, else -1.
+    int countAs(uint8_t f) const { return typed && typeFormat(type) == f ? typeElementCount(type) : -1; }
+    int typeCount() const { return typed ? typeElementCount(type) : -1; }
+};
+
+// The elements of a state or histogram delta: the target's must be as many as
+// its type says and the newer's as many again; the older's and the newer's
+// values are read only when each holds its own type's element count.
+struct DeltaElements {
+    uint8_t *target = nullptr;
+    const uint8_t *older = nullptr;
+    const uint8_t *newer = nullptr;
+    uint16_t count = 0;
+    uint16_t olderCount = 0;
+    bool olderReadable = false;
+    bool newerReadable = false;
+
+    bool take(const Typed &a, const Typed &b, const Typed &t, uint8_t format) {
+        uint16_t tn = 0, bn = 0;
+        target = getRawElements(t.record, &tn, format);
+        newer = getRawElements(b.record, &bn, format);
+        if (!target || !newer || tn != t.countAs(format) || bn != tn) return false;
+        count = tn;
+        copyElements(target, newer, count);
+        // Looked up after the copy: the target may share the older record's data.
+        older = getRawElements(a.record, &olderCount, format);
+        olderReadable = older && olderCount == a.typeCount();
+        newerReadable = static_cast<int>(bn) == b.typeCount();
+        return true;
+    }
+    bool read(int i, uint64_t va[4], uint64_t vb[4]) const {
+        if (!olderReadable || !newerReadable || i >= olderCount) return false;
+        const uint8_t *ea = older + static_cast<size_t>(i) * kElementSize + kElemValues;
+        const uint8_t *eb = newer + static_cast<size_t>(i) * kElementSize + kElemValues;
+        for (int k = 0; k < 4; ++k) {
+            va[k] = wire::load_le64(ea + 8 * k);
+            vb[k] = wire::load_le64(eb + 8 * k);
+        }
+        return true;
+    }
+    uint8_t *values(int i) const { return target + static_cast<size_t>(i) * kElementSize + kElemValues; }
+};
+
+IOReturn deltaState(const Typed &a, const Typed &b, const Typed &t) {
+    DeltaElements d;
+    if (!d.take(a, b, t, kIOReportFormatState)) return kDeltaFailed;
+    for (int i = 0; i < d.count; ++i) {
         uint64_t va[4], vb[4];
-        if (!ea.read(i, va) || !eb.read(i, vb)) return kDeltaFailed;
+        if (!d.read(i, va, vb)) return kDeltaFailed;
         for (int k : {1, 2})
             if (va[k] == kSentinel || vb[k] == kSentinel) return kDeltaFailed;
-        uint8_t *e = tb + static_cast<size_t>(i) * kElementSize + kElemValues;
+        uint8_t *e = d.values(i);
         wire::store_le64(e + 8, vb[1] - va[1]);
         wire::store_le64(e + 16, vb[2] - va[2]);
     }
     return kIOReturnSuccess;
 }
 
-IOReturn deltaHistogram(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
-    uint16_t tn = 0, bn = 0;
-    uint8_t *tb = getRawElements(t, &tn, kIOReportFormatHistogram);
-    const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatHistogram);
-    if (!tb || !bb || tn != IOReportHistogramGetBucketCount(t) || bn != tn) return kDeltaFailed;
-    copyElements(tb, bb, tn);
-    const Elements ea(a, kIOReportFormatHistogram), eb(b, kIOReportFormatHistogram);
-    for (int i = 0; i < tn; ++i) {
+IOReturn deltaHistogram(const Typed &a, const Typed &b, const Typed &t) {
+    DeltaElements d;
+    if (!d.take(a, b, t, kIOReportFormatHistogram)) return kDeltaFailed;
+    for (int i = 0; i < d.count; ++i) {
         uint64_t va[4], vb[4];
-        if (!ea.read(i, va) || !eb.read(i, vb)) return kDeltaFailed;
+        if (!d.read(i, va, vb)) return kDeltaFailed;
         if (va[0] == kSentinel || vb[0] == kSentinel) return kDeltaFailed;
         uint64_t sum = kSentinel;
         if (va[0] != vb[0]) {
@@ -301,22 +346,22 @@ IOReturn deltaHistogram(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t)
                 sum = vb[3];
             }
         }
-        uint8_t *e = tb + static_cast<size_t>(i) * kElementSize + kElemValues;
+        uint8_t *e = d.values(i);
         wire::store_le64(e, vb[0] - va[0]);
         wire::store_le64(e + 24, sum);
     }
     return kIOReturnSuccess;
 }
 
-IOReturn deltaArray(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
+IOReturn deltaArray(const Typed &a, const Typed &b, const Typed &t) {
     uint16_t tn = 0, bn = 0;
-    uint8_t *tb = getRawElements(t, &tn, kIOReportFormatSimpleArray);
-    const uint8_t *bb = getRawElements(b, &bn, kIOReportFormatSimpleArray);
+    uint8_t *tb = getRawElements(t.record, &tn, kIOReportFormatSimpleArray);
+    const uint8_t *bb = getRawElements(b.record, &bn, kIOReportFormatSimpleArray);
     if (!tb || !bb || tn != bn) return kDeltaFailed;
     copyElements(tb, bb, tn);
     // As IOReportArrayGetValueAtIndex reads them, each record's data found once.
     uint16_t an = 0;
-    const uint8_t *ab = getRawElements(a, &an, kIOReportFormatSimpleArray);
+    const uint8_t *ab = getRawElements(a.record, &an, kIOReportFormatSimpleArray);
     auto value = [](const uint8_t *bytes, uint16_t count, int i) {
         if (!bytes || i / 4 >= count) return kSentinel;
         return wire::load_le64(bytes + static_cast<size_t>(i / 4) * kElementSize + kElemValues + 8 * static_cast<size_t>(i % 4));
@@ -331,8 +376,8 @@ IOReturn deltaArray(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t) {
 }
 
 // Writes the difference newer - older into `target`'s elements.
-IOReturn deltaRecord(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t, CFErrorRef *error) {
-    uint8_t fa = IOReportChannelGetFormat(a), fb = IOReportChannelGetFormat(b);
+IOReturn deltaRecord(const Typed &a, const Typed &b, const Typed &t, CFErrorRef *error) {
+    uint8_t fa = a.format(), fb = b.format();
     if (fa == 0 || fb == 0) return kIOReturnBadArgument;
     if (fa != fb) {
         setError(error, kIOReturnBadArgument, "mismatched formats");
@@ -345,10 +390,10 @@ IOReturn deltaRecord(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t, CF
     IOReturn rc = kIOReturnSuccess;
     switch (fa) {
     case kIOReportFormatSimple: {
-        int64_t va = IOReportSimpleGetIntegerValue(a), vb = IOReportSimpleGetIntegerValue(b);
+        int64_t va = IOReportSimpleGetIntegerValue(a.record), vb = IOReportSimpleGetIntegerValue(b.record);
         if (va == kNoValue || vb == kNoValue) return kIOReturnError;
         uint16_t n = 0;
-        uint8_t *tb = getRawElements(t, &n, kIOReportFormatSimple);
+        uint8_t *tb = getRawElements(t.record, &n, kIOReportFormatSimple);
         if (!tb) return kIOReturnError;
         wire::store_le64(tb + kElemValues, static_cast<uint64_t>(vb) - static_cast<uint64_t>(va));
         break;
@@ -371,7 +416,9 @@ IOReturn deltaRecord(CFDictionaryRef a, CFDictionaryRef b, CFDictionaryRef t, CF
 CFMutableDictionaryRef IOReportCreateSamplesDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error) {
     return compareAggregates(older, newer,
                              [error](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef t) {
-                                 return deltaRecord(a, b, t, error) == kIOReturnSuccess ? 0 : 1;
+                                 // The target is the walk's copy of the newer record: same legend, same type.
+                                 const Typed tb(b);
+                                 return deltaRecord(Typed(a), tb, Typed(t, tb), error) == kIOReturnSuccess ? 0 : 1;
                              });
 }
 
@@ -386,6 +433,6 @@ CFMutableDictionaryRef IOReportSampleCreateDelta(CFDictionaryRef older, CFDictio
     if (!older || !newer) return nullptr;
     CFRef<CFMutableDictionaryRef> target(CFDictionaryCreateMutableCopy(nullptr, 0, older));
     if (!target) return nullptr;
-    if (deltaRecord(older, newer, target.get(), error) != kIOReturnSuccess) return nullptr;
+    if (deltaRecord(Typed(older), Typed(newer), Typed(target.get()), error) != kIOReturnSuccess) return nullptr;
     return target.release();
 }
