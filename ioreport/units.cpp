@@ -4,13 +4,14 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
+#include <string_view>
 
 using namespace ioreport;
 
@@ -174,28 +175,61 @@ Utf8Text::~Utf8Text() { delete[] copy_; }
 
 namespace {
 
-// A description is built as UTF-8 text with the C library's formatting and
-// made a string once at the end: one line per element through the string
-// formatter cost more than everything else in `ioreport`.
-[[gnu::format(printf, 2, 3)]] bool appendLine(std::string &out, const char *format, ...) {
-    char line[256];
-    va_list ap;
-    va_start(ap, format);
-    int n = std::vsnprintf(line, sizeof line, format, ap);
-    va_end(ap);
-    if (n < 0) return false;
-    if (static_cast<size_t>(n) < sizeof line) {
-        out.append(line, static_cast<size_t>(n));
-        return true;
+// A description is built as UTF-8 text and made a string once at the end.
+// Its lines are laid out here field by field as the C library's printf
+// conversions they stand for would lay them out: formatting every line
+// through vsnprintf cost more than everything else in a description.
+class Line {
+public:
+    explicit Line(std::string &out) : out_(out) {}
+
+    Line &text(std::string_view s) {
+        out_.append(s);
+        return *this;
     }
-    size_t at = out.size();
-    out.resize(at + static_cast<size_t>(n) + 1);
-    va_start(ap, format);
-    int again = std::vsnprintf(out.data() + at, static_cast<size_t>(n) + 1, format, ap);
-    va_end(ap);
-    out.resize(at + static_cast<size_t>(n));
-    return again == n;
-}
+    // %<width>s
+    Line &right(std::string_view s, size_t width) {
+        if (s.size() < width) out_.append(width - s.size(), ' ');
+        out_.append(s);
+        return *this;
+    }
+    // %<width>lld
+    Line &number(long long v, size_t width) { return right(digits(v), width); }
+    // %<width>llu
+    Line &unsignedNumber(unsigned long long v, size_t width) { return right(digits(v), width); }
+    // %-<width>llu
+    Line &unsignedLeft(unsigned long long v, size_t width) {
+        std::string_view s = digits(v);
+        out_.append(s);
+        if (s.size() < width) out_.append(width - s.size(), ' ');
+        return *this;
+    }
+    // %<width>.<precision>e and %<width>.<precision>f
+    Line &scientific(double v, int precision, size_t width) {
+        return right(real(v, std::chars_format::scientific, precision), width);
+    }
+    Line &fixed(double v, int precision, size_t width) { return right(real(v, std::chars_format::fixed, precision), width); }
+
+private:
+    template <class T>
+    std::string_view digits(T v) {
+        auto r = std::to_chars(buffer_, buffer_ + sizeof buffer_, v);
+        return {buffer_, static_cast<size_t>(r.ptr - buffer_)};
+    }
+    // As printf writes them: no-values as "nan"/"inf" with their sign.
+    std::string_view real(double v, std::chars_format format, int precision) {
+        if (std::isnan(v) || std::isinf(v)) {
+            std::string_view word = std::isnan(v) ? "nan" : "inf";
+            return std::signbit(v) ? (std::isnan(v) ? std::string_view("-nan") : std::string_view("-inf")) : word;
+        }
+        auto r = std::to_chars(buffer_, buffer_ + sizeof buffer_, v, format, precision);
+        if (r.ec != std::errc()) return {};
+        return {buffer_, static_cast<size_t>(r.ptr - buffer_)};
+    }
+
+    std::string &out_;
+    char buffer_[400];   // the widest fixed-point double with one decimal fits
+};
 
 // The four values of each element, read once for a whole description. When
 // the element data does not match the channel type every value reads as
@@ -230,9 +264,19 @@ bool describeState(std::string &out, CFDictionaryRef sample, const Elements &ele
     const double duty = elements.whole && elements.total_residency != 0
                             ? static_cast<double>(v[2]) / elements.total_residency
                             : std::nan("");
-    return appendLine(out, "%s%20s[%8s] = { # %-8llu %9.3e %s / %4.1f%% }\n", prefix, name, state,
-                      static_cast<unsigned long long>(v[1]), IOReportScaleValue(v[2], unit, kIOReportUnitTime), "s",
-                      duty * 100.0);
+    Line(out)
+        .text(prefix)
+        .right(name, 20)
+        .text("[")
+        .right(state, 8)
+        .text("] = { # ")
+        .unsignedLeft(v[1], 8)
+        .text(" ")
+        .scientific(IOReportScaleValue(v[2], unit, kIOReportUnitTime), 3, 9)
+        .text(" s / ")
+        .fixed(duty * 100.0, 1, 4)
+        .text("% }\n");
+    return true;
 }
 
 bool describeBucket(std::string &out, CFDictionaryRef sample, const Elements &elements, int i, const char *prefix,
@@ -242,12 +286,29 @@ bool describeBucket(std::string &out, CFDictionaryRef sample, const Elements &el
     uint64_t v[4];   // hits, least, greatest, sum
     elements.values(i, v);
     if (static_cast<int64_t>(v[0]) == kIOReportInvalidValue) return false;
-    if (v[0] == 0)
-        return appendLine(out, "%s%20s[%12lld - %12lld %s] = { <no hits>; # 0 }\n", prefix, name,
-                          static_cast<long long>(lo), static_cast<long long>(hi), label);
-    return appendLine(out, "%s%20s[%12lld - %12lld %s] = { m %12lld; M %12lld; s %12lld; # %12llu }\n", prefix,
-                      name, static_cast<long long>(lo), static_cast<long long>(hi), label, static_cast<long long>(v[1]),
-                      static_cast<long long>(v[2]), static_cast<long long>(v[3]), static_cast<unsigned long long>(v[0]));
+    Line line(out);
+    line.text(prefix)
+        .right(name, 20)
+        .text("[")
+        .number(static_cast<long long>(lo), 12)
+        .text(" - ")
+        .number(static_cast<long long>(hi), 12)
+        .text(" ")
+        .text(label);
+    if (v[0] == 0) {
+        line.text("] = { <no hits>; # 0 }\n");
+        return true;
+    }
+    line.text("] = { m ")
+        .number(static_cast<long long>(v[1]), 12)
+        .text("; M ")
+        .number(static_cast<long long>(v[2]), 12)
+        .text("; s ")
+        .number(static_cast<long long>(v[3]), 12)
+        .text("; # ")
+        .unsignedNumber(v[0], 12)
+        .text(" }\n");
+    return true;
 }
 
 }  // namespace
@@ -286,8 +347,15 @@ CFStringRef IOReportSampleCopyDescription(CFDictionaryRef sample, const void *, 
             bool ok = false;
             switch (format) {
             case kIOReportFormatSimple:
-                ok = appendLine(text, "%s%32s = { %12lld %s }\n", prefix, name,
-                                static_cast<long long>(IOReportSimpleGetIntegerValue(sample)), label);
+                Line(text)
+                    .text(prefix)
+                    .right(name, 32)
+                    .text(" = { ")
+                    .number(static_cast<long long>(IOReportSimpleGetIntegerValue(sample)), 12)
+                    .text(" ")
+                    .text(label)
+                    .text(" }\n");
+                ok = true;
                 break;
             case kIOReportFormatState:
                 ok = describeState(text, sample, values, i, unit, prefix, name);
