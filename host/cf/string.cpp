@@ -146,7 +146,17 @@ TextInfo scan_utf8(std::string_view text) noexcept {
     TextInfo info{true, true, 0};
     size_t i = 0;
     while (i < text.size()) {
-        // Runs of ASCII are the common case.
+        // Runs of ASCII are the common case: eight bytes at a time while
+        // none has its top bit set.
+        if (text.size() - i >= 8) {
+            uint64_t word;
+            std::memcpy(&word, text.data() + i, 8);
+            if ((word & 0x8080808080808080ull) == 0) {
+                info.utf16_length += 8;
+                i += 8;
+                continue;
+            }
+        }
         if (static_cast<unsigned char>(text[i]) < 0x80) {
             ++info.utf16_length;
             ++i;
