@@ -185,14 +185,16 @@ struct Walker {
     }
 
     int records(CFMutableDictionaryRef here, CFDictionaryRef other, CFMutableDictionaryRef result, int &acc) {
+        CFTypeRef v = CFDictionaryGetValue(here, kChannels());
         CFMutableArrayRef kept = nullptr;
         if (result) {
-            CFRef<CFMutableArrayRef> fresh(newArray());
+            // Room for every record: most walks keep them all.
+            CFIndex room = isArray(v) ? CFArrayGetCount(static_cast<CFArrayRef>(v)) : 0;
+            CFRef<CFMutableArrayRef> fresh(CFArrayCreateMutable(nullptr, room, &kCFTypeArrayCallBacks));
             if (!fresh) return kIOReportIterFailed;
             CFDictionarySetValue(result, kChannels(), fresh.get());
             kept = fresh.get();
         }
-        CFTypeRef v = CFDictionaryGetValue(here, kChannels());
         if (!isArray(v)) return 0;
         CFMutableArrayRef list = const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(v));
 
@@ -407,6 +409,14 @@ CFDataRef getChannelConfig(CFDictionaryRef channel) {
     if (!info) return nullptr;
     CFTypeRef v = CFDictionaryGetValue(info, kConfigKey());
     return isData(v) ? static_cast<CFDataRef>(v) : nullptr;
+}
+
+bool ioreport::getChannelIDAndType(CFDictionaryRef channel, uint64_t *id, uint64_t *type) {
+    CFArrayRef legend = legendOf(channel);
+    CFIndex count = legend ? CFArrayGetCount(legend) : 0;
+    *id = count >= 1 ? readU64(CFArrayGetValueAtIndex(legend, 0)) : kSentinel;
+    *type = count >= 2 ? readU64(CFArrayGetValueAtIndex(legend, 1)) : kSentinel;
+    return *type != kSentinel;
 }
 
 uint64_t IOReportChannelGetChannelID(CFDictionaryRef channel) {

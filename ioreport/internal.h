@@ -193,6 +193,10 @@ IOReturn addChannel(CFMutableDictionaryRef aggregate, CFMutableDictionaryRef cha
 
 // The element count of the channel type, or -1 when the type is unreadable.
 int typeCountOf(CFDictionaryRef channel);
+// The channel ID (IOReportChannelGetChannelID) and type (getChannelType) from
+// one read of the legend; false, with the type the sentinel, when the type is
+// unreadable.
+bool getChannelIDAndType(CFDictionaryRef channel, uint64_t *id, uint64_t *type);
 
 // UTF-8 text of a string: the internal pointer when the string offers one,
 // else a heap copy owned by this object. Empty when neither can be had.

@@ -305,7 +305,9 @@ CFMutableDictionaryRef IOReportCreateSamplesRaw(CFMutableDictionaryRef subscribe
 
     CFMutableDictionaryRef sample =
         cloneAggregate(subscribed, [&](CFMutableDictionaryRef channel, CFMutableDictionaryRef copy) {
-            long pos = index.find(IOReportChannelGetDriverID(channel), IOReportChannelGetChannelID(channel));
+            uint64_t id = 0, type = 0;
+            const bool typed = getChannelIDAndType(channel, &id, &type);
+            long pos = index.find(IOReportChannelGetDriverID(channel), id);
             if (pos < 0) {
                 switch (index.end()) {
                 case RunIndex::End::ZeroCount:
@@ -322,9 +324,9 @@ CFMutableDictionaryRef IOReportCreateSamplesRaw(CFMutableDictionaryRef subscribe
             // A matching run that claims more elements than the buffer holds
             // has nothing trustworthy to copy: keep the copy without elements.
             if (static_cast<size_t>(pos) + count > index.elements()) return 0;
-            if (IOReportChannelGetFormat(channel) == kIOReportInvalidFormat) {
-                uint64_t type = wire::load_le64(run + kElemType);
-                setChannelType(channel, &type);
+            if (!typed || typeFormat(type) == kIOReportInvalidFormat) {
+                uint64_t found = wire::load_le64(run + kElemType);
+                setChannelType(channel, &found);
             }
             // Room for the whole run up front: the bytes then sit in the data
             // object's own allocation.
