@@ -117,6 +117,9 @@ bool Transport::connect_and_hello() {
 Sent Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body,
                          Clock::time_point deadline) {
     const uint16_t want = static_cast<uint16_t>(static_cast<uint16_t>(op) | wire::kReplyBit);
+    // The request has just gone: the first read waits for the reply rather
+    // than finding the socket empty first.
+    bool just_sent = true;
     for (;;) {
         uint16_t fop;
         uint32_t fseq;
@@ -136,14 +139,15 @@ Sent Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<con
             return Sent::Ok;
         }
         if (link_ != Link::Connected) return Sent::Failed;
-        if (Sent s = read_some(deadline); s != Sent::Ok) {
+        if (Sent s = read_some(deadline, just_sent); s != Sent::Ok) {
             fail();
             return s;
         }
+        just_sent = false;
     }
 }
 
-Sent Transport::read_some(std::optional<Clock::time_point> deadline) {
+Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_first) {
     if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
     // Room for the rest of a partly read frame, and at least one chunk.
     size_t need = kReadChunk;
@@ -161,6 +165,14 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline) {
         if (in_.size() - in_end_ < need) in_.resize(in_end_ + need);
     }
 
+    if (wait_first && deadline) {
+        // One wait, then the reads below as usual: they find what came or
+        // wait again until the deadline.
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+        pollfd p{fd_, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(std::clamp<long long>(left + 1, 0, 60'000))) < 0 && errno != EINTR)
+            return Sent::Failed;
+    }
     for (;;) {
         ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), fds_);
         if (n < 0 && errno == EINTR) continue;

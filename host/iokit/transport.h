@@ -140,7 +140,9 @@ private:
     // Reads once into the input buffer, waiting until the deadline at most
     // (not at all without one). Ok: bytes came; TimedOut: none came in time;
     // Failed: the link is gone.
-    Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline);   // lock held
+    // With `wait_first` (and a deadline) it waits for the socket to be
+    // readable before reading: a reply just asked for is not there yet.
+    Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline, bool wait_first = false);   // lock held
     // Takes the next complete frame out of the input buffer (its bytes stay
     // valid until the next read); false when none is complete. A malformed
     // frame kills the link.
