@@ -42,11 +42,11 @@ inline constexpr int kIOReportIterFailed = 0x111;   // the library's own failure
 
 // Report formats (byte 0 of the channel type).
 enum : uint8_t {
-    kIOReportInvalidFormat = 0,
-    kIOReportFormatSimple = 1,
-    kIOReportFormatState = 2,
-    kIOReportFormatHistogram = 3,
-    kIOReportFormatSimpleArray = 4,
+    kIOReportInvalidFormat,
+    kIOReportFormatSimple,
+    kIOReportFormatState,
+    kIOReportFormatHistogram,
+    kIOReportFormatSimpleArray,
 };
 
 // Aggregate option bits.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "IOReport.h"
+#include "talvex_report.h"
 
 #include <cf_ref.h>
 #include <little_endian.h>
@@ -123,24 +124,15 @@ inline CFStringRef kConfigKey() {
 }
 
 inline constexpr uint64_t kSentinel = 0x8000000000000000ull;
-inline constexpr size_t kElementSize = 64;
 
-// Raw element fields.
-inline constexpr size_t kElemDriverID = 0;
-inline constexpr size_t kElemChannelID = 8;
-inline constexpr size_t kElemType = 16;
-inline constexpr size_t kElemCount = 20;
-inline constexpr size_t kElemStamp = 24;
-inline constexpr size_t kElemValues = 32;
+// The public format names are the wire's.
+static_assert(uint8_t{kIOReportFormatSimple} == kReportSimple && uint8_t{kIOReportFormatState} == kReportState &&
+              uint8_t{kIOReportFormatHistogram} == kReportHistogram &&
+              uint8_t{kIOReportFormatSimpleArray} == kReportArray);
 
 // Elements and interest lists are little-endian: read and written with
 // wire::load_le64 and its kin.
 namespace wire = talvex::wire;
-
-// Channel type fields.
-inline uint8_t typeFormat(uint64_t type) { return static_cast<uint8_t>(type); }
-inline uint16_t typeCategories(uint64_t type) { return static_cast<uint16_t>(type >> 16); }
-inline uint16_t typeElementCount(uint64_t type) { return static_cast<uint16_t>(type >> 32); }
 
 // CoreFoundation references are owned by talvex::CFRef.
 using talvex::CFRef;

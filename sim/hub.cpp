@@ -84,7 +84,7 @@ IOReturn HubClient::configure(const CallArgs &a, CallReply &reply) {
     refs.reserve(n);
     for (size_t i = 0; i < n; ++i) {
         const uint8_t *e = in.data() + kInterestHeader + kInterestEntry * i;
-        if (const auto *ref = hub_.lookup(wire::load_le64(e), wire::load_le64(e + 8))) refs.push_back(*ref);
+        if (const auto *ref = hub_.lookup(wire::load_le64(e + kElemDriverID), wire::load_le64(e + kElemChannelID))) refs.push_back(*ref);
     }
     auto by_order = [](const ReportHub::ChannelRef &x, const ReportHub::ChannelRef &y) { return x.order() < y.order(); };
     std::sort(refs.begin(), refs.end(), by_order);
@@ -101,7 +101,7 @@ IOReturn HubClient::configure(const CallArgs &a, CallReply &reply) {
         s.entries.push_back(Entry{source, ref.index, kAbsent});
     }
     // Room for one filler element when nothing requested exists.
-    size_t bytes = std::max<size_t>(elements, 1) * kReportElementSize;
+    size_t bytes = std::max<size_t>(elements, 1) * kElementSize;
     Shortfall why;
     IOReturn made = add_region(static_cast<uint32_t>(next_token_), bytes, s.region, why);
     if (made == kIOReturnNoResources)
@@ -137,18 +137,18 @@ void HubClient::lay_out(Subscription &s) {
         }
         e.offset = at;
         e.source->write_header(e.index, buffer.data() + at);
-        at += size_t{e.source->channels()[e.index].elements()} * kReportElementSize;
+        at += size_t{e.source->channels()[e.index].elements()} * kElementSize;
     }
     // What the absent channels leave is filler, so the runs end exactly at
     // the end of the buffer.
     std::memset(buffer.data() + at, 0, buffer.size() - at);
-    for (size_t left = (buffer.size() - at) / kReportElementSize; left > 0;) {
+    for (size_t left = (buffer.size() - at) / kElementSize; left > 0;) {
         size_t run = std::min(left, kMaxRunElements);
         uint8_t *p = buffer.data() + at;
-        wire::store_le64(p, kFillerID);
-        wire::store_le64(p + 8, kFillerID);
-        wire::store_le64(p + 16, report_type(0, 0, static_cast<uint16_t>(run)));
-        at += run * kReportElementSize;
+        wire::store_le64(p + kElemDriverID, kFillerID);
+        wire::store_le64(p + kElemChannelID, kFillerID);
+        wire::store_le64(p + kElemType, report_type(0, 0, static_cast<uint16_t>(run)));
+        at += run * kElementSize;
         left -= run;
     }
     s.epoch = hub_.layout_epoch();

@@ -28,8 +28,8 @@ constexpr uint64_t kRunningAtStartNs = kApUptimeAtStartNs - kFirstBootApNs;
 // a * b / c without overflow for a up to 2^64 and b, c below 2^32.
 uint64_t mul_div(uint64_t a, uint64_t b, uint64_t c) { return a / c * b + a % c * b / c; }
 
-void put(uint8_t *element, size_t slot, uint64_t v) { wire::store_le64(element + 32 + 8 * slot, v); }
-void stamp(uint8_t *element, uint64_t v) { wire::store_le64(element + 24, v); }
+void put(uint8_t *element, size_t slot, uint64_t v) { wire::store_le64(element + kElemValues + 8 * slot, v); }
+void stamp(uint8_t *element, uint64_t v) { wire::store_le64(element + kElemStamp, v); }
 
 // ------------------------------------------------------------ the coprocessor
 
@@ -170,7 +170,7 @@ protected:
             put(e, 0, idle_ns_ / kNanosPerMilli);
             return;
         case kPowerStates:
-            for (size_t s = 0; s < kPowerStateCount; ++s, e += kReportElementSize) {
+            for (size_t s = 0; s < kPowerStateCount; ++s, e += kElementSize) {
                 uint64_t ns = state_ns(s);
                 stamp(e, stamps_[s]);
                 put(e, 0, report_id(kPowerStateIDs[s]));
@@ -181,7 +181,7 @@ protected:
             return;
         case kLatency: {
             uint64_t samples = (running_ns_ - idle_ns_) / kBusyNsPerLatencySample;
-            for (size_t b = 0; b < kLatencyBuckets; ++b, e += kReportElementSize) {
+            for (size_t b = 0; b < kLatencyBuckets; ++b, e += kElementSize) {
                 stamp(e, seq_);
                 put_bucket(e, latency_[b], mul_div(samples, kLatencyWeight[b], kLatencyWeightSum));
             }
@@ -189,8 +189,8 @@ protected:
         }
         case kEvents:
             for (size_t v = 0; v < kEventMilliHz.size(); ++v) {
-                if (v % 4 == 0) stamp(e + v / 4 * kReportElementSize, seq_);
-                put(e + v / 4 * kReportElementSize, v % 4, mul_div(ms, kEventMilliHz[v], 1'000'000));
+                if (v % 4 == 0) stamp(e + v / 4 * kElementSize, seq_);
+                put(e + v / 4 * kElementSize, v % 4, mul_div(ms, kEventMilliHz[v], 1'000'000));
             }
             return;
         case kExtraSimple:
@@ -199,7 +199,7 @@ protected:
             return;
         case kExtraState: {
             size_t current = (ms / 1000 + c.param) % kExtraStateIDs.size();
-            for (size_t s = 0; s < kExtraStateIDs.size(); ++s, e += kReportElementSize) {
+            for (size_t s = 0; s < kExtraStateIDs.size(); ++s, e += kElementSize) {
                 uint64_t residency = ms * (kExtraStateIDs.size() - (s + c.param) % kExtraStateIDs.size()) / 6;
                 stamp(e, 3 * seq_ + 2 - (current + 3 - s) % 3);
                 put(e, 0, report_id(kExtraStateIDs[s]));
@@ -211,7 +211,7 @@ protected:
         }
         case kExtraHistogram: {
             uint64_t samples = ms / (1 + c.param % 3);
-            for (size_t b = 0; b < kExtraWeight.size(); ++b, e += kReportElementSize) {
+            for (size_t b = 0; b < kExtraWeight.size(); ++b, e += kElementSize) {
                 stamp(e, seq_);
                 put_bucket(e, extra_buckets_[b], samples * kExtraWeight[b] / 10);
             }

@@ -117,10 +117,10 @@ void ReportSource::publish_legend() {
 void ReportSource::write_header(size_t index, uint8_t *elements) const {
     const ReportChannel &c = channels_[index];
     for (size_t e = 0; e < c.elements(); ++e) {
-        uint8_t *p = elements + e * kReportElementSize;
-        wire::store_le64(p, driver_id());
-        wire::store_le64(p + 8, c.id);
-        wire::store_le64(p + 16, c.type);
+        uint8_t *p = elements + e * kElementSize;
+        wire::store_le64(p + kElemDriverID, driver_id());
+        wire::store_le64(p + kElemChannelID, c.id);
+        wire::store_le64(p + kElemType, c.type);
     }
 }
 
@@ -132,7 +132,7 @@ void ReportSource::fill(size_t index, uint8_t *elements) const {
     for (size_t slot = 0; slot < adj.size(); ++slot) {
         const Adjustment &a = adj[slot];
         if (!a.held && a.offset == 0) continue;
-        uint8_t *p = elements + (slot / 4) * kReportElementSize + 32 + (slot % 4) * 8;
+        uint8_t *p = elements + (slot / 4) * kElementSize + kElemValues + (slot % 4) * 8;
         uint64_t model = wire::load_le64(p);
         wire::store_le64(p, a.held ? static_cast<uint64_t>(a.value) : model + static_cast<uint64_t>(a.offset));
     }
@@ -170,9 +170,9 @@ bool ReportSource::release_value(size_t index, size_t slot) {
     if (!a.held) return false;
     // Onward from the held value: the model's current value plus the offset
     // gives the held value now.
-    std::vector<uint8_t> scratch(size_t{channels_[index].elements()} * kReportElementSize, 0);
+    std::vector<uint8_t> scratch(size_t{channels_[index].elements()} * kElementSize, 0);
     fill_model(channels_[index], scratch.data());
-    uint64_t model = wire::load_le64(scratch.data() + (slot / 4) * kReportElementSize + 32 + (slot % 4) * 8);
+    uint64_t model = wire::load_le64(scratch.data() + (slot / 4) * kElementSize + kElemValues + (slot % 4) * 8);
     a.offset = static_cast<int64_t>(static_cast<uint64_t>(a.value) - model);
     a.held = false;
     return true;

@@ -3,14 +3,8 @@
 // may read it) and the channels' current raw elements, which the report hub
 // copies into its clients' buffers.
 //
-// Raw element (64 bytes, little-endian):
-//   0 driver ID, 8 channel ID, 16 channel type, 24 update stamp,
-//   32..63 four 64-bit values whose meaning depends on the format:
-//     simple     value
-//     state      state ID, transitions into the state, residency, (unused)
-//     histogram  hits, minimum, maximum, sum of samples (one element per bucket)
-//     array      four values per element
-// Channel type: byte 0 format, bytes 2-3 categories, bytes 4-5 element count.
+// The element layout, formats and categories are the report hub's wire
+// (talvex_report.h).
 //
 // A source keeps its channels in legend order. Values are made on demand
 // (fill) from the source's figures, which advance() brings up to the
@@ -30,27 +24,9 @@
 
 #include "cf_ref.h"
 #include "registry.h"
+#include "talvex_report.h"
 
 namespace talvex::sim {
-
-inline constexpr size_t kReportElementSize = 64;
-
-enum ReportFormat : uint8_t {
-    kReportSimple = 1,
-    kReportState = 2,
-    kReportHistogram = 3,
-    kReportArray = 4,
-};
-
-// Channel categories (bits of the type's bytes 2-3).
-enum : uint16_t {
-    kReportCategoryPower = 0x0002,
-    kReportCategoryTraffic = 0x0004,
-    kReportCategoryPerformance = 0x0008,
-    kReportCategoryPeripheral = 0x0010,
-    kReportCategoryField = 0x0100,
-    kReportCategoryDebug = 0x8000,
-};
 
 // Unit words ("IOReportChannelUnit"): quantity in the top byte, then the
 // scale (powers of two and ten biased by 127, a factor that multiplies or,
@@ -60,10 +36,6 @@ inline constexpr uint64_t kUnitMicroseconds = 0x0100007900000000ull;
 inline constexpr uint64_t kUnit24MHzTicks = 0x0100007980000018ull;
 inline constexpr uint64_t kUnitMillijoules = 0x0300007C00000000ull;
 inline constexpr uint64_t kUnitEvents = 0x6400000000000000ull;
-
-constexpr uint64_t report_type(uint8_t format, uint16_t categories, uint16_t elements) {
-    return uint64_t{format} | (uint64_t{categories} << 16) | (uint64_t{elements} << 32);
-}
 
 // An ID made of up to eight ASCII characters, the first in the most
 // significant byte ("TOTAL MS" is 0x544F54414C204D53); shorter text is
@@ -100,8 +72,8 @@ struct ReportChannel {
     uint32_t param = 0;      // a parameter of that figure
     int32_t adjust = -1;     // index of its adjustments (set values), -1 for none
 
-    uint8_t format() const { return static_cast<uint8_t>(type); }
-    uint16_t elements() const { return static_cast<uint16_t>(type >> 32); }
+    uint8_t format() const { return typeFormat(type); }
+    uint16_t elements() const { return typeElementCount(type); }
     // How many values `channel set` can address: 1 for simple, four per
     // element for arrays, 0 for the others.
     size_t settable_values() const;
