@@ -33,15 +33,15 @@ namespace cf {
 // kFirstRegisteredTypeID upwards.
 enum : CFTypeID {
     kAllocatorTypeID = 1,
-    kStringTypeID = 2,
-    kNumberTypeID = 3,
-    kBooleanTypeID = 4,
-    kDataTypeID = 5,
-    kArrayTypeID = 6,
-    kDictionaryTypeID = 7,
-    kErrorTypeID = 8,
-    kURLTypeID = 9,
-    kLastBuiltinTypeID = 9,
+    kStringTypeID,
+    kNumberTypeID,
+    kBooleanTypeID,
+    kDataTypeID,
+    kArrayTypeID,
+    kDictionaryTypeID,
+    kErrorTypeID,
+    kURLTypeID,
+    kLastBuiltinTypeID = kURLTypeID,
     kFirstRegisteredTypeID = 16,
 };
 

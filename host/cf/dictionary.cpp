@@ -257,7 +257,7 @@ void replace_value(Dict *d, size_t i, const void *value) {
     if (d->value_callbacks->release != nullptr) d->value_callbacks->release(nullptr, old);
 }
 
-constexpr CFDictionaryKeyCallBacks kPlainKeys = {0, nullptr, nullptr, nullptr, nullptr, nullptr};
+constexpr CFDictionaryKeyCallBacks kPlainKeys = {{0, nullptr, nullptr, nullptr, nullptr}, nullptr};
 constexpr CFDictionaryValueCallBacks kPlainValues = {0, nullptr, nullptr, nullptr, nullptr};
 
 bool same_callbacks(const CFDictionaryKeyCallBacks &a, const CFDictionaryKeyCallBacks &b) {
@@ -444,12 +444,12 @@ const CFRuntimeClass kDictionaryClass = {0,
 
 using namespace cf;
 
-const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks = {0,       retain_cf, release_cf, CFCopyDescription,
-                                                                CFEqual, CFHash};
-const CFDictionaryKeyCallBacks kCFCopyStringDictionaryKeyCallBacks = {0,       copy_string, release_cf,
-                                                                      CFCopyDescription, CFEqual, CFHash};
 const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks = {0, retain_cf, release_cf, CFCopyDescription,
                                                                     CFEqual};
+const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks = {
+    {0, retain_cf, release_cf, CFCopyDescription, CFEqual}, CFHash};
+const CFDictionaryKeyCallBacks kCFCopyStringDictionaryKeyCallBacks = {
+    {0, copy_string, release_cf, CFCopyDescription, CFEqual}, CFHash};
 
 CFTypeID CFDictionaryGetTypeID(void) { return kDictionaryTypeID; }
 

@@ -149,9 +149,9 @@ Boolean counting_equal(const void *a, const void *b) {
     ++g_key_compares;
     return CFEqual(a, b);
 }
-const CFDictionaryKeyCallBacks kCountingKeys = {0, kCFTypeDictionaryKeyCallBacks.retain,
-                                                kCFTypeDictionaryKeyCallBacks.release, CFCopyDescription,
-                                                counting_equal, CFHash};
+const CFDictionaryKeyCallBacks kCountingKeys = {{0, kCFTypeDictionaryKeyCallBacks.retain,
+                                                 kCFTypeDictionaryKeyCallBacks.release, CFCopyDescription, counting_equal},
+                                                CFHash};
 
 }  // namespace
 

@@ -112,22 +112,22 @@ Boolean CFStringHasPrefix(CFStringRef str, CFStringRef prefix);
 typedef CFIndex CFNumberType;
 enum : CFIndex {
     kCFNumberSInt8Type = 1,
-    kCFNumberSInt16Type = 2,
-    kCFNumberSInt32Type = 3,
-    kCFNumberSInt64Type = 4,
-    kCFNumberFloat32Type = 5,
-    kCFNumberFloat64Type = 6,
-    kCFNumberCharType = 7,
-    kCFNumberShortType = 8,
-    kCFNumberIntType = 9,
-    kCFNumberLongType = 10,
-    kCFNumberLongLongType = 11,
-    kCFNumberFloatType = 12,
-    kCFNumberDoubleType = 13,
-    kCFNumberCFIndexType = 14,
-    kCFNumberNSIntegerType = 15,
-    kCFNumberCGFloatType = 16,
-    kCFNumberMaxType = 16
+    kCFNumberSInt16Type,
+    kCFNumberSInt32Type,
+    kCFNumberSInt64Type,
+    kCFNumberFloat32Type,
+    kCFNumberFloat64Type,
+    kCFNumberCharType,
+    kCFNumberShortType,
+    kCFNumberIntType,
+    kCFNumberLongType,
+    kCFNumberLongLongType,
+    kCFNumberFloatType,
+    kCFNumberDoubleType,
+    kCFNumberCFIndexType,
+    kCFNumberNSIntegerType,
+    kCFNumberCGFloatType,
+    kCFNumberMaxType = kCFNumberCGFloatType
 };
 CFTypeID CFNumberGetTypeID(void);
 CFNumberRef CFNumberCreate(CFAllocatorRef alloc, CFNumberType type, const void *value_ptr);
@@ -216,15 +216,11 @@ typedef struct {
     CFDictionaryReleaseCallBack release;
     CFDictionaryCopyDescriptionCallBack copyDescription;
     CFDictionaryEqualCallBack equal;
-    CFDictionaryHashCallBack hash;
-} CFDictionaryKeyCallBacks;
-typedef struct {
-    CFIndex version;
-    CFDictionaryRetainCallBack retain;
-    CFDictionaryReleaseCallBack release;
-    CFDictionaryCopyDescriptionCallBack copyDescription;
-    CFDictionaryEqualCallBack equal;
 } CFDictionaryValueCallBacks;
+// Keys take the value callbacks and a hash.
+struct CFDictionaryKeyCallBacks : CFDictionaryValueCallBacks {
+    CFDictionaryHashCallBack hash;
+};
 extern const CFDictionaryKeyCallBacks kCFTypeDictionaryKeyCallBacks;
 extern const CFDictionaryKeyCallBacks kCFCopyStringDictionaryKeyCallBacks;
 extern const CFDictionaryValueCallBacks kCFTypeDictionaryValueCallBacks;
