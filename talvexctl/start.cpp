@@ -15,7 +15,8 @@ enum : uint32_t {
     kBootNoTimesync = 0x04,
     kBootNoHeartbeat = 0x08,
     kBootNoConfig = 0x10,
-    kBootDebug = 0x1f,   // the five flags above; never nopaniccheck
+    // --debug: the five flags above; never nopaniccheck.
+    kBootDebug = kBootNoAutobaud | kBootNoWaitForReady | kBootNoTimesync | kBootNoHeartbeat | kBootNoConfig,
     kBootNoPanicCheck = 0x20,
 };
 
