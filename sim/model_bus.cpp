@@ -305,7 +305,7 @@ IOReturn BusModel::memory_write(const CallArgs &a, CallReply &) {
 
 void install_bus_methods(Coprocessor &cop) {
     auto model = std::make_shared<BusModel>(cop);
-    auto bind = [&](uint32_t selector, IOReturn (BusModel::*method)(const CallArgs &, CallReply &)) {
+    auto bind = [&](uint32_t selector, BusModel::Method BusModel::*method) {
         cop.methods().set_handler(selector,
                                   [model, method](const CallArgs &a, CallReply &r) { return (*model.*method)(a, r); });
     };

@@ -113,19 +113,11 @@ public:
 
     explicit BusModel(Coprocessor &cop);
 
-    IOReturn spi(const CallArgs &a, CallReply &r);
-    IOReturn read_registers(const CallArgs &a, CallReply &r);
-    IOReturn write_registers(const CallArgs &a, CallReply &r);
-    IOReturn context_limit(const CallArgs &a, CallReply &r);
-    IOReturn raw_bytes(const CallArgs &a, CallReply &r);
-    IOReturn gpio_set(const CallArgs &a, CallReply &r);
-    IOReturn gpio_read(const CallArgs &a, CallReply &r);
-    IOReturn power_rails(const CallArgs &a, CallReply &r);
-    IOReturn i2c_read(const CallArgs &a, CallReply &r);
-    IOReturn i2c_write(const CallArgs &a, CallReply &r);
-    IOReturn uart(const CallArgs &a, CallReply &r);
-    IOReturn memory_read(const CallArgs &a, CallReply &r);
-    IOReturn memory_write(const CallArgs &a, CallReply &r);
+    // The external methods it serves, bound to their selectors by
+    // install_bus_methods.
+    using Method = IOReturn(const CallArgs &a, CallReply &r);
+    Method spi, read_registers, write_registers, context_limit, raw_bytes, gpio_set, gpio_read, power_rails, i2c_read,
+        i2c_write, uart, memory_read, memory_write;
 
     // How many memory pages a block holds (for tests of the bound).
     size_t pages(size_t block) const { return block < kMemoryBlocks ? memory_[block].size() : 0; }

@@ -82,18 +82,10 @@ class Lifecycle : public std::enable_shared_from_this<Lifecycle> {
 public:
     explicit Lifecycle(Coprocessor &cop) : cop_(cop) {}
 
-    IOReturn select_firmware(const CallArgs &a);
-    IOReturn reset(const CallArgs &a);
-    IOReturn start(const CallArgs &a);
-    IOReturn stop(const CallArgs &a);
-    IOReturn ping(const CallArgs &a);
-    IOReturn timesync(const CallArgs &a);
-    IOReturn connect(const CallArgs &a);
-    IOReturn power_state(const CallArgs &a);
-    IOReturn wake(const CallArgs &a);
-    IOReturn panic(const CallArgs &a);
-    IOReturn report(const CallArgs &a);
-    IOReturn halt(const CallArgs &a);
+    // The external methods it serves, bound to their selectors by
+    // install_lifecycle_methods.
+    using Method = IOReturn(const CallArgs &a);
+    Method select_firmware, reset, start, stop, ping, timesync, connect, power_state, wake, panic, report, halt;
 
 private:
     bool booted() const { return cop_.state() == kTalvexStateBooted; }
@@ -303,7 +295,7 @@ IOReturn Lifecycle::halt(const CallArgs &a) {
 
 void install_lifecycle_methods(Coprocessor &cop) {
     auto model = std::make_shared<Lifecycle>(cop);
-    auto bind = [&](uint32_t selector, IOReturn (Lifecycle::*method)(const CallArgs &)) {
+    auto bind = [&](uint32_t selector, Lifecycle::Method Lifecycle::*method) {
         cop.methods().set_handler(selector,
                                   [model, method](const CallArgs &a, CallReply &) { return (*model.*method)(a); });
     };
