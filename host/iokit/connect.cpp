@@ -59,16 +59,9 @@ kern_return_t IOServiceOpen(io_service_t service, task_port_t, uint32_t type, io
         if (!connect) return kIOReturnBadArgument;
         *connect = 0;
         uint64_t entry = 0;
-        kern_return_t kr = entry_of(service, entry);
-        if (kr != KERN_SUCCESS) return kr;
         uint32_t id = 0;
-        {
-            Exchange ex(wire::Op::Open);
-            ex.body().u64(entry);
-            ex.body().u32(type);
-            kr = run_for_id(ex, id);
-            if (kr != KERN_SUCCESS) return kr;
-        }
+        auto write_type = [&](wire::Writer &b) { b.u32(type); };
+        if (kern_return_t kr = make_on_entry(service, wire::Op::Open, write_type, entry, id)) return kr;
         Object o;
         o.kind = Kind::Connection;
         o.entry = entry;

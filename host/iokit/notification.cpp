@@ -129,16 +129,9 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notify_port
             serial = it->second;
         }
         uint64_t entry = 0;
-        kern_return_t kr = entry_of(service, entry);
-        if (kr != KERN_SUCCESS) return kr;
         uint32_t id = 0;
-        {
-            Exchange ex(wire::Op::AddInterest);
-            ex.body().u64(entry);
-            ex.body().str(interest_type);
-            kr = run_for_id(ex, id);
-            if (kr != KERN_SUCCESS) return kr;
-        }
+        auto write_type = [&](wire::Writer &b) { b.str(interest_type); };
+        if (kern_return_t kr = make_on_entry(service, wire::Op::AddInterest, write_type, entry, id)) return kr;
         // The notification keeps the service alive for its callbacks.
         IOObjectRetain(service);
         auto state = std::make_unique<NotificationState>();

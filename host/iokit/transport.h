@@ -16,6 +16,8 @@
 
 #include <wire.h>
 
+#include "objects.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -95,9 +97,16 @@ inline kern_return_t link_error(Sent s, kern_return_t absent) {
     }
 }
 
-// Runs an exchange whose reply is a single u32 (the simulator's ID of what
-// the request made) into `id`.
-inline kern_return_t run_for_id(Exchange &ex, uint32_t &id) {
+// Asks the simulator to make something on the registry entry behind
+// `service` (a connection, an interest notification): the request is the
+// entry's ID and what `write_rest` writes after it, the reply a single u32,
+// the simulator's ID of what it made. `entry` and `id` receive the two IDs.
+template <class WriteRest>
+kern_return_t make_on_entry(io_object_t service, wire::Op op, WriteRest &&write_rest, uint64_t &entry, uint32_t &id) {
+    if (kern_return_t kr = entry_of(service, entry)) return kr;
+    Exchange ex(op);
+    ex.body().u64(entry);
+    write_rest(ex.body());
     Sent s = ex.run();
     if (s != Sent::Ok) return link_error(s, kIOReturnNoDevice);
     if (ex.code() != 0) return ex.code();
