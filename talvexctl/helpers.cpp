@@ -71,6 +71,16 @@ IOReturn TalvexReadProperty(TalvexHandle *talvex, uint8_t device, uint32_t prope
     return result;
 }
 
+IOReturn TalvexReadAndDump(TalvexHandle *talvex, uint32_t selector, const void *request, size_t request_size,
+                           uint8_t length) {
+    uint8_t reply[kTalvexReadDumpMax];
+    std::memset(reply, 0xff, sizeof reply);
+    size_t reply_size = length;
+    IOReturn result = TalvexCallStruct(talvex, selector, request, request_size, reply, &reply_size);
+    if (result == 0) TalvexHexDump(reply, length);
+    return result;
+}
+
 const char *TalvexCodeText(IOReturn code) {
     const char *text = mach_error_string(code);
     return text ? text : "";

@@ -14,9 +14,7 @@ int mem_read(char *argv[]) {
     auto address = static_cast<uint32_t>(TalvexParseHex(argv[2]));
     uint8_t block = TalvexParseHexByte(argv[3]);
     uint8_t len = TalvexParseHexByte(argv[4]);
-    uint8_t buffer[kMemBufferSize];
-    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
-    std::memset(buffer, 0xff, sizeof buffer);
+    if (!TALVEX_CHECK(len <= kTalvexReadDumpMax, "len <= sizeof(buffer)")) return 1;
 
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
@@ -24,9 +22,7 @@ int mem_read(char *argv[]) {
     store_le32(request, address);
     request[4] = block;
     request[5] = len;
-    size_t reply_size = len;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodMemoryRead, request, sizeof request, buffer, &reply_size);
-    if (result == 0) TalvexHexDump(buffer, len);
+    IOReturn result = TalvexReadAndDump(talvex, kTalvexMethodMemoryRead, request, sizeof request, len);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 

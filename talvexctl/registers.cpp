@@ -20,16 +20,12 @@ int TalvexCmdReadReg(int argc, char *argv[]) {
     if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
     uint8_t address = TalvexParseHexByte(argv[2]);
     uint8_t len = TalvexParseHexByte(argv[3]);
-    uint8_t buffer[kRegisterBufferSize];
-    if (!TALVEX_CHECK(len <= sizeof(buffer), "len <= sizeof(buffer)")) return 1;
-    std::memset(buffer, 0xff, sizeof buffer);
+    if (!TALVEX_CHECK(len <= kTalvexReadDumpMax, "len <= sizeof(buffer)")) return 1;
 
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
     uint8_t request[kReadRegRequestSize] = {device, address, len};
-    size_t reply_size = len;
-    IOReturn result = TalvexCallStruct(talvex, kTalvexMethodRegisterRead, request, sizeof request, buffer, &reply_size);
-    if (result == 0) TalvexHexDump(buffer, len);
+    IOReturn result = TalvexReadAndDump(talvex, kTalvexMethodRegisterRead, request, sizeof request, len);
     return TALVEX_REPORT_AND_CLOSE(talvex, result);
 }
 

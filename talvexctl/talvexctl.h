@@ -66,6 +66,14 @@ const char *TalvexCodeText(IOReturn code);
 // capacity in and, on success, the driver's size out.
 IOReturn TalvexReadProperty(TalvexHandle *talvex, uint8_t device, uint32_t property, void *value, uint32_t *size);
 
+// The reads that answer with at most kTalvexReadDumpMax bytes (readreg, mem
+// read): method `selector` called directly with `request`, and its
+// `length`-byte reply dumped when the call succeeds (bytes it does not send
+// show as ff). The handler checks `length` first and reports the code.
+inline constexpr uint8_t kTalvexReadDumpMax = 16;
+IOReturn TalvexReadAndDump(TalvexHandle *talvex, uint32_t selector, const void *request, size_t request_size,
+                           uint8_t length);
+
 // ---------------------------------------------------------------------------
 // Command handlers: (argument count, argument vector from the command word on)
 // -> exit status. One group of handlers per file.
