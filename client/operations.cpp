@@ -56,11 +56,11 @@ IOReturn TalvexSetProperty(TalvexHandle *talvex, uint8_t device, uint64_t proper
 }
 
 IOReturn TalvexProfileQuery(TalvexHandle *talvex, uint32_t first, uint32_t second, void *reply) {
-    uint8_t request[kTalvexProfileQueryInSize] = {};
+    uint8_t request[TalvexProfileEntryLayout::kRequestSize] = {};
     store_le32(request + 0, first);
     store_le32(request + 4, second);
     // bytes 8..71: a text field this operation leaves zero
-    size_t reply_size = kTalvexProfileQueryOutSize;
+    size_t reply_size = TalvexProfileEntryLayout::kReplySize;
     return TalvexCallStruct(talvex, kTalvexMethodProfileEntry, request, sizeof request, reply, &reply_size);
 }
 
@@ -70,19 +70,19 @@ IOReturn TalvexClockRedirect(TalvexHandle *talvex, uint64_t value) {
 }
 
 IOReturn TalvexClientList(TalvexHandle *talvex, uint8_t first, uint32_t second, void *reply) {
-    uint8_t request[kTalvexClientListInSize];
+    uint8_t request[TalvexClientListLayout::kRequestSize];
     request[0] = first;
     store_le32(request + 1, second);
-    size_t reply_size = kTalvexClientListOutSize;
+    size_t reply_size = TalvexClientListLayout::kReplySize;
     return TalvexCallStruct(talvex, kTalvexMethodClientList, request, sizeof request, reply, &reply_size);
 }
 
 IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg, void *reply,
                        uint32_t length) {
-    uint8_t request[kTalvexI2CReadInSize];
+    uint8_t request[TalvexI2CLayout::kReadRequestSize];
     request[0] = port;
     request[1] = address;
-    store_le16(request + 2, reg ? *reg : kTalvexNoRegister);
+    store_le16(request + 2, reg ? *reg : TalvexI2CLayout::kNoRegister);
     request[4] = static_cast<uint8_t>(length);
     size_t reply_size = length;
     return TalvexCallStruct(talvex, kTalvexMethodI2CRead, request, sizeof request, reply, &reply_size);
@@ -90,15 +90,15 @@ IOReturn TalvexI2CRead(TalvexHandle *talvex, uint8_t port, uint8_t address, cons
 
 IOReturn TalvexI2CWrite(TalvexHandle *talvex, uint8_t port, uint8_t address, const uint8_t *reg,
                         const void *data, uint32_t length) {
-    if (length > kTalvexI2CWriteMaxData) {
+    if (length > TalvexI2CLayout::kMaxData) {
         // Callers refuse longer writes before they get here.
-        std::fprintf(stderr, "TalvexI2CWrite: length %u exceeds %zu data bytes\n", length, kTalvexI2CWriteMaxData);
+        std::fprintf(stderr, "TalvexI2CWrite: length %u exceeds %zu data bytes\n", length, TalvexI2CLayout::kMaxData);
         std::abort();
     }
-    uint8_t request[kTalvexI2CWriteInSize] = {};
+    uint8_t request[TalvexI2CLayout::kWriteRequestSize] = {};
     request[0] = port;
     request[1] = address;
-    store_le16(request + 2, reg ? *reg : kTalvexNoRegister);
+    store_le16(request + 2, reg ? *reg : TalvexI2CLayout::kNoRegister);
     request[4] = static_cast<uint8_t>(length);
     if (length) std::memcpy(request + 5, data, length);
     return TalvexCallStruct(talvex, kTalvexMethodI2CWrite, request, sizeof request, nullptr, nullptr);

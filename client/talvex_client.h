@@ -94,15 +94,6 @@ inline int TalvexReportAndCloseAt(TalvexHandle *talvex, IOReturn result, const c
 // one method and returns its code; a non-zero code is reported ("result == 0 ")
 // by the operation itself.
 
-inline constexpr size_t kTalvexProfileQueryInSize = 72;
-inline constexpr size_t kTalvexProfileQueryOutSize = 82;
-inline constexpr size_t kTalvexClientListInSize = 5;
-inline constexpr size_t kTalvexClientListOutSize = 89;
-inline constexpr size_t kTalvexI2CReadInSize = 5;
-inline constexpr size_t kTalvexI2CWriteInSize = 21;
-inline constexpr size_t kTalvexI2CWriteMaxData = 16;
-inline constexpr uint16_t kTalvexNoRegister = 0xffff;
-
 // Direct calls, for requests no operation below makes: one call of method
 // `selector` in its scalar or its structure form, the code returned. A
 // non-zero code is reported ("result == 0 ") here, as an operation reports

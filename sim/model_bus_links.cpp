@@ -22,20 +22,14 @@ constexpr uint8_t kSpiControllerWhoAmI = 0x0f;
 constexpr size_t kSpiHeader = 3;
 
 // I2C.
+using I2C = TalvexI2CLayout;
 constexpr uint8_t kI2CPorts = 3;
 constexpr uint8_t kI2CMaxAddress = 0x7f;
-constexpr uint16_t kI2CNoRegister = 0xffff;
-constexpr size_t kI2CMaxData = 16;
-constexpr size_t kI2CReadRequest = 5;
-constexpr size_t kI2CWriteRequest = 21;
 constexpr uint8_t kThermometer = 0x48, kGauge = 0x36;
 
 // UART.
-constexpr size_t kUartRequest = 109;
-constexpr size_t kUartPayloadOffset = 9;
+using Uart = TalvexUartTestLayout;
 constexpr uint8_t kUartMaxPayload = 99;
-constexpr uint8_t kUartMaxRetries = 100;
-constexpr uint32_t kUartMaxPreamble = 4096;
 constexpr uint8_t kUartPorts = 3, kUartPortBB = 2;
 [[maybe_unused]] constexpr uint8_t kPing = 0;   // the plain container: no code checks for it
 constexpr uint8_t kRaw = 1, kPingReply = 2, kCmReply = 3;
@@ -178,8 +172,8 @@ IOReturn BusModel::i2c_request(const CallArgs &a, size_t size, I2CRequest &q) {
     q.address = a.input[1];
     q.count = a.input[4];
     q.reg = wire::load_le16(a.input.data() + 2);
-    if (q.port >= kI2CPorts || q.address > kI2CMaxAddress || q.count > kI2CMaxData) return kIOReturnBadArgument;
-    if (q.reg != kI2CNoRegister && q.reg > 0xff) return kIOReturnBadArgument;
+    if (q.port >= kI2CPorts || q.address > kI2CMaxAddress || q.count > I2C::kMaxData) return kIOReturnBadArgument;
+    if (q.reg != I2C::kNoRegister && q.reg > 0xff) return kIOReturnBadArgument;
     q.target = i2c_target(q.port, q.address);
     return q.target ? kIOReturnSuccess : kIOReturnNotResponding;
 }
@@ -187,9 +181,9 @@ IOReturn BusModel::i2c_request(const CallArgs &a, size_t size, I2CRequest &q) {
 // Request: the head. Reply: count bytes.
 IOReturn BusModel::i2c_read(const CallArgs &a, CallReply &r) {
     I2CRequest q;
-    if (IOReturn code = i2c_request(a, kI2CReadRequest, q); code != kIOReturnSuccess) return code;
+    if (IOReturn code = i2c_request(a, I2C::kReadRequestSize, q); code != kIOReturnSuccess) return code;
     I2CTarget *t = q.target;
-    if (q.reg != kI2CNoRegister) {
+    if (q.reg != I2C::kNoRegister) {
         if (t->has_pointer)
             t->pointer = static_cast<uint8_t>(q.reg);
         else
@@ -210,12 +204,12 @@ IOReturn BusModel::i2c_read(const CallArgs &a, CallReply &r) {
 // Request: the head, then 16 data bytes of which the first count (0-16) go out.
 IOReturn BusModel::i2c_write(const CallArgs &a, CallReply &) {
     I2CRequest q;
-    if (IOReturn code = i2c_request(a, kI2CWriteRequest, q); code != kIOReturnSuccess) return code;
+    if (IOReturn code = i2c_request(a, I2C::kWriteRequestSize, q); code != kIOReturnSuccess) return code;
     I2CTarget *t = q.target;
 
     // What goes over the bus after the address byte.
     std::vector<uint8_t> bytes;
-    if (q.reg != kI2CNoRegister) bytes.push_back(static_cast<uint8_t>(q.reg));
+    if (q.reg != I2C::kNoRegister) bytes.push_back(static_cast<uint8_t>(q.reg));
     bytes.insert(bytes.end(), a.input.begin() + 5, a.input.begin() + 5 + q.count);
     if (!t->has_pointer) {
         if (!bytes.empty()) t->regs[0] = bytes.back();
@@ -236,15 +230,15 @@ IOReturn BusModel::i2c_write(const CallArgs &a, CallReply &) {
 
 IOReturn BusModel::uart(const CallArgs &a, CallReply &r) {
     if (!booted()) return kIOReturnNotReady;
-    if (a.input.size() != kUartRequest) return kIOReturnBadArgument;
+    if (a.input.size() != Uart::kRequestSize) return kIOReturnBadArgument;
     uint8_t port = a.input[0], container = a.input[1], length = a.input[2], retries = a.input[3], flag = a.input[4];
     uint32_t preamble = wire::load_le32(a.input.data() + 5);
-    if (port >= kUartPorts || container > kCmReply || length > kUartMaxPayload || retries > kUartMaxRetries ||
+    if (port >= kUartPorts || container > kCmReply || length > kUartMaxPayload || retries > Uart::kMaxRetries ||
         flag > 1)
         return kIOReturnBadArgument;
-    if (flag && preamble > kUartMaxPreamble) return kIOReturnBadArgument;
+    if (flag && preamble > Uart::kMaxPreamble) return kIOReturnBadArgument;
     if (container == kRaw && length == 0) return kIOReturnBadArgument;
-    auto payload = a.input.subspan(kUartPayloadOffset, length);
+    auto payload = a.input.subspan(Uart::kPayloadOffset, length);
 
     std::vector<uint8_t> frame =
         container == kRaw ? std::vector<uint8_t>(payload.begin(), payload.end()) : uart_frame(container, payload);

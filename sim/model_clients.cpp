@@ -20,9 +20,7 @@ namespace talvex::sim::diag {
 
 namespace {
 
-constexpr size_t kReplySize = 89;
-constexpr size_t kNameField = 69;
-constexpr uint32_t kSummary = 0xffffffff;
+using Layout = TalvexClientListLayout;
 
 struct Client {
     const char *name;   // empty: a slot whose client has gone
@@ -59,9 +57,9 @@ const std::vector<Client> &clients_of(uint32_t device) {
 
 void put_record(std::vector<uint8_t> &out, uint32_t count, const std::string &name, int32_t polling,
                 int32_t report, int32_t threshold, int32_t time_limit) {
-    out.assign(kReplySize, 0);
+    out.assign(Layout::kReplySize, 0);
     wire::store_le32(out, 0, count);
-    put_text(out, 4, kNameField, name);
+    put_text(out, 4, Layout::kNameSize, name);
     wire::store_le32(out, 73, static_cast<uint32_t>(polling));
     wire::store_le32(out, 77, static_cast<uint32_t>(report));
     wire::store_le32(out, 81, static_cast<uint32_t>(threshold));
@@ -71,13 +69,13 @@ void put_record(std::vector<uint8_t> &out, uint32_t count, const std::string &na
 }  // namespace
 
 IOReturn ClientList::query(const CallArgs &args, CallReply &reply) {
-    if (args.input.size() != 5) return kIOReturnBadArgument;
+    if (args.input.size() != Layout::kRequestSize) return kIOReturnBadArgument;
     uint32_t device = args.input[0];
     uint32_t index = wire::load_le32(args.input, 1);
     if (!props_.exists(device)) return kIOReturnNoDevice;
     const auto &clients = clients_of(device);
     auto count = static_cast<uint32_t>(clients.size());
-    if (index == kSummary) {
+    if (index == Layout::kSummary) {
         uint64_t millihertz = props_.sample_millihertz(device);
         auto polling = static_cast<int32_t>(millihertz ? 1'000'000'000 / millihertz : 0);
         int32_t report = 0, threshold = 0, time_limit = 0;

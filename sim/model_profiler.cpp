@@ -20,15 +20,13 @@
 #include "clock.h"
 #include "model_profiler.h"
 #include "model_support.h"
+#include "talvex_driver.h"
 
 namespace talvex::sim::diag {
 
 namespace {
 
-constexpr size_t kEntryRequest = 72;
-constexpr size_t kEntryReply = 82;
-constexpr size_t kNameField = 64;
-constexpr uint32_t kByName = 0xffffffff;
+using EntryLayout = TalvexProfileEntryLayout;
 constexpr uint64_t kSamplesPerBatch = 8;   // figures drawn per advance and point
 
 std::vector<Profiler::Point> hitpoints() {
@@ -137,13 +135,13 @@ IOReturn Profiler::summary(CallReply &reply) {
 
 IOReturn Profiler::entry(const CallArgs &args, CallReply &reply) {
     follow();
-    if (args.input.size() != kEntryRequest) return kIOReturnBadArgument;
+    if (args.input.size() != EntryLayout::kRequestSize) return kIOReturnBadArgument;
     uint32_t kind = wire::load_le32(args.input, 0);
     uint32_t index = wire::load_le32(args.input, 4);
     if (kind > 1) return kIOReturnBadArgument;
     const std::vector<Point> &points = kind == 0 ? hitpoints_ : functions_;
-    if (index == kByName) {
-        auto name = args.input.subspan(8, kNameField);
+    if (index == EntryLayout::kByName) {
+        auto name = args.input.subspan(8, EntryLayout::kNameSize);
         auto end = std::find(name.begin(), name.end(), uint8_t{0});
         if (end == name.end()) return kIOReturnBadArgument;
         std::string wanted(name.begin(), end);
@@ -155,9 +153,9 @@ IOReturn Profiler::entry(const CallArgs &args, CallReply &reply) {
     }
     const Point &p = points[index];
     uint64_t hits = p.hits.value() / 1000;
-    reply.output.assign(kEntryReply, 0);
+    reply.output.assign(EntryLayout::kReplySize, 0);
     wire::store_le32(reply.output, 0, index);
-    put_text(reply.output, 4, kNameField, p.name);
+    put_text(reply.output, 4, EntryLayout::kNameSize, p.name);
     wire::store_le32(reply.output, 68, p.max_us);
     wire::store_le32(reply.output, 72, p.min_us);
     wire::store_le16(reply.output, 76, counter16(hits));

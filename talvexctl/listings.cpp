@@ -6,12 +6,11 @@
 
 namespace {
 
-constexpr uint32_t kSummary = 0xffffffff;
-constexpr int kNameField = 69;
+using Layout = TalvexClientListLayout;
 
 // One row: the name (bounded to its field) and the four figures.
 void print_client(const uint8_t *reply) {
-    std::printf("%-32.*s: %8d %8d %8d %8d\n", kNameField, reinterpret_cast<const char *>(reply + 4),
+    std::printf("%-32.*s: %8d %8d %8d %8d\n", static_cast<int>(Layout::kNameSize), reinterpret_cast<const char *>(reply + 4),
                 static_cast<int32_t>(load_le32(reply + 73)), static_cast<int32_t>(load_le32(reply + 77)),
                 static_cast<int32_t>(load_le32(reply + 81)), static_cast<int32_t>(load_le32(reply + 85)));
 }
@@ -24,8 +23,8 @@ int TalvexCmdListClients(int argc, char *argv[]) {
     if (!TALVEX_CHECK(device != kTalvexNoDevice, "device != 0xff")) return 1;
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    uint8_t reply[kTalvexClientListOutSize] = {};
-    IOReturn result = TalvexClientList(talvex, device, kSummary, reply);
+    uint8_t reply[Layout::kReplySize] = {};
+    IOReturn result = TalvexClientList(talvex, device, Layout::kSummary, reply);
     if (result == 0) {
         std::printf("name                               polling   report threshold timeLimit\n");
         print_client(reply);

@@ -14,11 +14,9 @@
 
 namespace {
 
-constexpr uint32_t kHitpoint = 0;
-constexpr uint32_t kFunction = 1;
-constexpr uint32_t kByName = 0xffffffff;
+using EntryLayout = TalvexProfileEntryLayout;
+enum EntryKind : uint32_t { kHitpoint, kFunction };
 constexpr size_t kSummarySize = 12;
-constexpr size_t kNameField = 64;
 
 // A reply's figures. The name is cut to the 63 characters before the last
 // byte of its field, which is overwritten with a terminator.
@@ -46,7 +44,7 @@ void print_hitpoint(const Entry &e) {
 
 // Entry `index` of `kind` into a cleared reply; a failure is reported by the
 // operation and once more here.
-bool query_entry(TalvexHandle *talvex, uint32_t kind, uint32_t index, uint8_t (&reply)[kTalvexProfileQueryOutSize]) {
+bool query_entry(TalvexHandle *talvex, uint32_t kind, uint32_t index, uint8_t (&reply)[EntryLayout::kReplySize]) {
     std::memset(reply, 0, sizeof reply);
     return TALVEX_CALL_OK(TalvexProfileQuery(talvex, kind, index, reply));
 }
@@ -60,7 +58,7 @@ int print_profile(TalvexHandle *talvex) {
     uint32_t functions = load_le32(summary + 4);
     std::printf("profile runtime: %d\n\n", static_cast<int32_t>(load_le32(summary + 8)));
     std::printf("profile hitpoints (%d):\n", static_cast<int32_t>(hitpoints));
-    uint8_t reply[kTalvexProfileQueryOutSize];
+    uint8_t reply[EntryLayout::kReplySize];
     for (uint32_t i = 0; i < hitpoints; ++i) {
         if (!query_entry(talvex, kHitpoint, i, reply)) return 1;
         print_hitpoint(read_entry(reply));
@@ -75,7 +73,7 @@ int print_profile(TalvexHandle *talvex) {
 }
 
 int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
-    uint8_t reply[kTalvexProfileQueryOutSize] = {};
+    uint8_t reply[EntryLayout::kReplySize] = {};
     char *end = nullptr;
     long index = std::strtol(id, &end, 10);
     if (*end == '\0') {
@@ -85,10 +83,10 @@ int get_entry(TalvexHandle *talvex, uint32_t kind, const char *id) {
     } else {
         size_t length = std::strlen(id);
         IOReturn result = kIOReturnBadArgument;
-        if (length < kNameField) {
-            uint8_t request[kTalvexProfileQueryInSize] = {};
+        if (length < EntryLayout::kNameSize) {
+            uint8_t request[EntryLayout::kRequestSize] = {};
             store_le32(request, kind);
-            store_le32(request + 4, kByName);
+            store_le32(request + 4, EntryLayout::kByName);
             std::memcpy(request + 8, id, length + 1);
             size_t size = sizeof reply;
             result = IOConnectCallStructMethod(talvex->connection, kTalvexMethodProfileEntry, request, sizeof request,

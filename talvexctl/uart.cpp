@@ -6,12 +6,10 @@
 
 namespace {
 
+using Layout = TalvexUartTestLayout;
 constexpr size_t kUartPayloadSize = 100;
-constexpr size_t kUartRequestSize = 109;   // port, container, length, retry, flag, preamble (LE32), payload
 constexpr size_t kUartReplySize = 100;
 constexpr uint32_t kUartNoPreamble = 0xffffffff;
-constexpr uint32_t kUartMaxPreamble = 4096;
-constexpr uint32_t kUartMaxRetry = 100;
 constexpr size_t kUartMinTextLength = 3;
 
 struct UartName {
@@ -63,13 +61,13 @@ int TalvexCmdUart(int argc, char *argv[]) {
             }
             auto value = static_cast<uint32_t>(TalvexParseDec(argv[4]));
             if (is_preamble) {
-                if (value > kUartMaxPreamble) {
+                if (value > Layout::kMaxPreamble) {
                     std::printf("preamble too long, max is 4096 bytes\n");
                     return 1;
                 }
                 preamble = value;
             } else {
-                if (value - 1 >= kUartMaxRetry) {
+                if (value - 1 >= Layout::kMaxRetries) {
                     std::printf("retry must be between 1 and 100\n");
                     return 1;
                 }
@@ -102,14 +100,14 @@ int TalvexCmdUart(int argc, char *argv[]) {
 
     TalvexHandle *talvex = TALVEX_OPEN();
     if (!talvex) return 1;
-    uint8_t request[kUartRequestSize] = {};
+    uint8_t request[Layout::kRequestSize] = {};
     request[0] = port->code;
     request[1] = container->code;
     request[2] = static_cast<uint8_t>(input_length);
     request[3] = retry;
     request[4] = preamble != kUartNoPreamble ? 1 : 0;
     store_le32(request + 5, preamble);
-    std::memcpy(request + 9, payload, sizeof payload);
+    std::memcpy(request + Layout::kPayloadOffset, payload, sizeof payload);
     uint8_t reply[kUartReplySize];
     std::memset(reply, 0xff, sizeof reply);
     size_t reply_size = sizeof reply;

@@ -6,6 +6,7 @@
 // simulator and the tests; it depends on nothing but the C++ library.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // ---------------------------------------------------------------------------
@@ -85,6 +86,40 @@ enum TalvexProperty : uint32_t {
 // Items of the performance monitor (kTalvexMethodPerfMonitor, second scalar).
 inline constexpr uint32_t kTalvexPerfmonItemMode = kTalvexPropertyPerfmonMode;
 inline constexpr uint32_t kTalvexPerfmonItemReport = 47;
+
+// ---------------------------------------------------------------------------
+// Fixed layouts of the structure methods that the tool and the simulator
+// both size. Fields are little-endian.
+
+// kTalvexMethodProfileEntry. Request: kind (0 hitpoint, 1 function), index;
+// for index kByName, the name (NUL-terminated) at 8. Reply: index, the name
+// at 4, max, min, hits, then saves or total time.
+struct TalvexProfileEntryLayout {
+    static constexpr size_t kRequestSize = 72, kReplySize = 82, kNameSize = 64;
+    static constexpr uint32_t kByName = 0xffffffff;
+};
+
+// kTalvexMethodClientList. Request: device, slot (kSummary for the device's
+// summary). Reply: slot count, the name at 4, polling, report, threshold,
+// time limit.
+struct TalvexClientListLayout {
+    static constexpr size_t kRequestSize = 5, kReplySize = 89, kNameSize = 69;
+    static constexpr uint32_t kSummary = 0xffffffff;
+};
+
+// kTalvexMethodI2CRead and kTalvexMethodI2CWrite. Request: port, address,
+// register (16 bits; kNoRegister for none), count, then a write's data.
+struct TalvexI2CLayout {
+    static constexpr size_t kReadRequestSize = 5, kWriteRequestSize = 21, kMaxData = 16;
+    static constexpr uint16_t kNoRegister = 0xffff;
+};
+
+// kTalvexMethodUartTest. Request: port, container, length, retries, preamble
+// flag, preamble (32 bits), then the payload.
+struct TalvexUartTestLayout {
+    static constexpr size_t kRequestSize = 109, kPayloadOffset = 9;
+    static constexpr uint32_t kMaxRetries = 100, kMaxPreamble = 4096;
+};
 
 // ---------------------------------------------------------------------------
 // External methods of the report hub (IOReportHub).
