@@ -3,8 +3,8 @@
 // may read it) and the channels' current raw elements, which the report hub
 // copies into its clients' buffers.
 //
-// The element layout, formats and categories are the report hub's wire
-// (talvex_report.h).
+// The element layout, the formats and the type word are the report hub's
+// wire (talvex_report.h); the category names below are the simulator's own.
 //
 // A source keeps its channels in legend order. Values are made on demand
 // (fill) from the source's figures, which advance() brings up to the
@@ -27,6 +27,16 @@
 #include "talvex_report.h"
 
 namespace talvex::sim {
+
+// Channel categories (bits of the type's bytes 2-3).
+enum : uint16_t {
+    kReportCategoryPower = 0x0002,
+    kReportCategoryTraffic = 0x0004,
+    kReportCategoryPerformance = 0x0008,
+    kReportCategoryPeripheral = 0x0010,
+    kReportCategoryField = 0x0100,
+    kReportCategoryDebug = 0x8000,
+};
 
 // Unit words ("IOReportChannelUnit"): quantity in the top byte, then the
 // scale (powers of two and ten biased by 127, a factor that multiplies or,

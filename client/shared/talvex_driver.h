@@ -136,12 +136,14 @@ inline constexpr uint32_t kTalvexMessageTimeSync = 0xe3ff8100;       // driver m
 
 // ---------------------------------------------------------------------------
 // Coprocessor states, as the driver's "talvex-state" property holds them.
-inline constexpr uint32_t kTalvexStateOff = 0x0;
-inline constexpr uint32_t kTalvexStateStopped = 0x10000;
-inline constexpr uint32_t kTalvexStateBooting = 0x10001;
-inline constexpr uint32_t kTalvexStateBooted = 0x10002;
-inline constexpr uint32_t kTalvexStateNotResponding = 0x10003;
-inline constexpr uint32_t kTalvexStatePanic = 0x10004;
+enum TalvexState : uint32_t {
+    kTalvexStateOff = 0x0,
+    kTalvexStateStopped = 0x10000,
+    kTalvexStateBooting,
+    kTalvexStateBooted,
+    kTalvexStateNotResponding,
+    kTalvexStatePanic,
+};
 
 // ---------------------------------------------------------------------------
 // Device numbers: the devices the coprocessor serves, as its methods and

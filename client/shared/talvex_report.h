@@ -15,18 +15,8 @@ enum TalvexReportFormat : uint8_t {
     kReportArray,
 };
 
-// Channel categories (bits of the type's bytes 2-3).
-enum TalvexReportCategory : uint16_t {
-    kReportCategoryPower = 0x0002,
-    kReportCategoryTraffic = 0x0004,
-    kReportCategoryPerformance = 0x0008,
-    kReportCategoryPeripheral = 0x0010,
-    kReportCategoryField = 0x0100,
-    kReportCategoryDebug = 0x8000,
-};
-
-// The channel type: byte 0 the format, bytes 2-3 the categories, bytes 4-5
-// the element count.
+// The channel type: byte 0 the format, bytes 2-3 the categories (bits the
+// report library leaves to its callers), bytes 4-5 the element count.
 constexpr uint64_t report_type(uint8_t format, uint16_t categories, uint16_t elements) {
     return uint64_t{format} | (uint64_t{categories} << 16) | (uint64_t{elements} << 32);
 }
