@@ -32,7 +32,7 @@ endforeach()
 # made of the same objects (everything is built position-independent).
 # Those objects are compiled with hidden visibility: the library exports what
 # the installed headers declare (they mark their declarations visible) and
-# nothing else; tests/install/exported_symbols.txt lists it.
+# nothing else; the install.exports test checks the two against each other.
 if(TARGET talvex_ioreport AND TARGET talvex_host)
   set_target_properties(talvex_ioreport talvex_host talvex_cf talvex_wire PROPERTIES
     CXX_VISIBILITY_PRESET hidden

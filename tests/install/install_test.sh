@@ -5,7 +5,7 @@
 #   install_test.sh tree          BUILD PREFIX              install, check the layout, run the tools
 #   install_test.sh pkg-config    BUILD PREFIX SRC WORK     build and run the consumer with pkg-config
 #   install_test.sh find-package  BUILD PREFIX SRC WORK     ... with find_package(TalvexIOReport)
-#   install_test.sh exports       BUILD PREFIX SRC          the library exports exactly exported_symbols.txt
+#   install_test.sh exports       BUILD PREFIX SRC          the library exports exactly what its headers declare
 #
 # The consumer is built with the compiler and flags of the build under test
 # (CXX, CXXFLAGS, LDFLAGS, CMAKE, GENERATOR from the environment), so a
@@ -120,13 +120,30 @@ find-package)
 exports)
     command -v nm >/dev/null || { echo "nm is not installed: skipped"; exit 77; }
     library=$prefix/lib/libtalvexioreport.so
-    listed=$(grep -v '^#' "$src/exported_symbols.txt")
-    exported=$(nm -DC --defined-only "$library" | cut -d' ' -f3- | LC_ALL=C sort) ||
+    # What the installed headers declare at file scope: the functions and
+    # objects (not types, inline functions, templates or struct members).
+    declared=$(cd "$prefix/include/talvex" && awk '
+        { sub(/\/\/.*/, ""); if ($0 !~ /^[ \t]*#/) text = text " " $0 }
+        END {
+            for (i = 1; i <= length(text); i++) {
+                c = substr(text, i, 1)
+                if (c == "{") { if (depth++ == 0 && stmt !~ /^ *(typedef|enum|struct)/) body = 1; continue }
+                if (c == "}") { if (--depth == 0 && body) { stmt = ""; body = 0 } continue }
+                if (depth) continue
+                if (c != ";") { stmt = stmt c; continue }
+                if (!body && stmt !~ /^ *(typedef|enum|struct|inline|template|using)[ :]/ &&
+                    match(stmt, /[A-Za-z_][A-Za-z0-9_]* *(\(|$)/)) {
+                    name = substr(stmt, RSTART, RLENGTH); sub(/ *\(?$/, "", name); print name
+                }
+                stmt = ""; body = 0
+            }
+        }' $(find . -name '*.h' | LC_ALL=C sort) | LC_ALL=C sort)
+    [ "$(wc -l <<<"$declared")" -ge 150 ] || fail "only $(wc -l <<<"$declared") declarations read from the headers"
+    exported=$(nm -DC --defined-only "$library" | cut -d' ' -f3- | sed 's/(.*//' | LC_ALL=C sort) ||
         fail "nm cannot read $library"
-    [ -n "$exported" ] || fail "$library exports nothing"
-    changes=$(diff <(echo "$listed") <(echo "$exported") | grep '^[<>]') || true
-    [ -z "$changes" ] || fail "the library's exports differ from exported_symbols.txt" \
-        "(< listed but not exported, > exported but not listed):"$'\n'"$changes"
+    changes=$(diff <(echo "$declared") <(echo "$exported") | grep '^[<>]') || true
+    [ -z "$changes" ] || fail "the library's exports differ from what the installed headers declare" \
+        "(< declared but not exported, > exported but not declared):"$'\n'"$changes"
     ;;
 
 *)
