@@ -14,7 +14,9 @@
 //   exit N                   its exit status (0 when not given)
 //   trace JSON               a line the command adds to the trace; when a
 //                            command has none of these its trace is not
-//                            looked at, "trace -" says it adds none
+//                            looked at, "trace -" says it adds none; a
+//                            talvexctl trace that starts with no open line
+//                            starts with the coprocessor's open (kOpen)
 //   # ...                    a comment; blank lines separate nothing
 //
 // Standard output and error are compared whole: a command given no "|" lines
@@ -154,6 +156,9 @@ std::vector<Case> read_cases(const std::filesystem::path &path, std::string &err
     return cases;
 }
 
+// The line every talvexctl command that reaches the driver traces first.
+const std::string kOpen = R"({"service":"ZantraTalvexProcessor","open":0,"result":0})";
+
 // Text as case lines, for showing a difference in the case file's own terms.
 std::string as_case_lines(const std::string &text, const char *mark) {
     std::string shown;
@@ -188,6 +193,9 @@ public:
             if (command.check_trace) {
                 std::string got, want;
                 for (const auto &l : sim.trace()) got += "trace " + l + "\n";
+                if (command.argv[0] == "talvexctl" && !command.trace.empty() &&
+                    command.trace[0].find("\"open\":") == std::string::npos)
+                    want = "trace " + kOpen + "\n";
                 for (const auto &l : command.trace) want += "trace " + l + "\n";
                 EXPECT_EQ(got, want) << where << ": trace";
             }
