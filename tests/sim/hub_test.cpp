@@ -1,7 +1,7 @@
 // The report hub end to end: the report-channel library against a private
 // simulator on a step clock (every sample moves time on by one second).
 // The library opens the hub once per process, so one simulator serves every
-// test here. (A refused open: tests/cases/report.case.)
+// test here. (A refused open of a fresh process: tests/cases/report.case.)
 #include <IOReport.h>
 #include <cf_ref.h>
 #include <cf_support.h>
@@ -184,4 +184,21 @@ TEST(ReportHub, RefusalsOfTheInterestListTheMappingAndAnUpdate) {
     EXPECT_EQ(std::count_if(trace.begin(), trace.end(),
                             [](const std::string &l) { return l.find("\"open\":") != std::string::npos; }),
               1);
+}
+
+// The first subscription opens the hub for the process; when that open is
+// refused, later subscriptions fail without opening it again. (Last in the
+// file: run in one process with the others, it finds the hub open and skips.)
+TEST(ReportHub, ARefusedFirstOpenIsNotTriedAgain) {
+    auto opens = [] {
+        auto t = sim().trace();
+        return std::count_if(t.begin(), t.end(), [](const std::string &l) {
+            return l.find(R"({"service":"IOReportHub","open":)") == 0;
+        });
+    };
+    if (opens() != 0) GTEST_SKIP() << "an earlier test of this process opened the hub";
+    control({"stub", "--open", "--service", "IOReportHub", "--code", "0xe00002c5", "--times", "1"});
+    EXPECT_EQ(subscribe()->error, "Could not open IOReportHub 0xe00002c5");
+    EXPECT_FALSE(subscribe()->handle);
+    EXPECT_EQ(opens(), 1);
 }
