@@ -1,27 +1,11 @@
 // Runs the end-to-end cases of tests/cases/*.case: each case is one test with
-// its own private simulator. The format (README.md, "Building and testing", shows one):
-//
-//   === TITLE                a case; "=== TITLE [serve ARGS...]" starts the
-//                            simulator with those serve options (${SOURCE}
-//                            in them stands for the source tree)
-//   $ talvexctl ARGS...      a command; talvexsim ARGS... runs a control
-//                            command against the case's simulator; a last
-//                            word 2>&1 sends talvexctl's standard error to
-//                            its standard output
-//   | TEXT                   a line the command prints on standard output
-//   ! TEXT                   a line on standard error (file paths and line
-//                            numbers of diagnostics normalised)
-//   exit N                   its exit status (0 when not given)
-//   trace JSON               a line the command adds to the trace; when a
-//                            command has none of these its trace is not
-//                            looked at, "trace -" says it adds none; a
-//                            talvexctl trace that starts with no open line
-//                            starts with the coprocessor's open (kOpen)
-//   # ...                    a comment; blank lines separate nothing
-//
-// Standard output and error are compared whole: a command given no "|" lines
-// must print nothing there. Words are split at blanks; "..." and '...' quote.
-// The handle a failed property call prints (handle=0x...) reads handle=P.
+// its own private simulator. README.md ("Building and testing") describes the
+// format: "=== TITLE [serve ARGS]" (${SOURCE} in ARGS is the source tree),
+// "$ talvexctl|talvexsim ARGS [2>&1]", then "|" (standard output), "!"
+// (standard error), "exit N" and "trace JSON" ("trace -": none) lines, "#"
+// comments. Output and error are compared whole, diagnostics normalised; a
+// talvexctl trace without a leading open line starts with kOpen. Words split
+// at blanks; "..." and '...' quote.
 #include "harness.h"
 
 #include <gtest/gtest.h>

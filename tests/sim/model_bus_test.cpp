@@ -1,6 +1,7 @@
 // The bus and memory model in-process, on a clock that moves only when told:
 // requests the tool never sends (wrong lengths, fields out of range), the
-// clock-driven readings, the memory bound, and what the devices keep.
+// clock-driven readings and the memory bound. (What the devices keep, through
+// the commands: tests/cases/registers.case, memory.case, spi_i2c.case.)
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -182,18 +183,8 @@ TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
     EXPECT_EQ(bus_wobble(1000 * kMs, 1000, 10), -10);
 }
 
-TEST(ModelBus, MemoryIsSparseAndBounded) {
+TEST(ModelBus, MemoryPagesAreBounded) {
     Rig rig;
-    // A write across a page boundary, read back across it.
-    EXPECT_EQ(rig.memory_write(0x1fe, 0, {1, 2, 3, 4}).code, kOk);
-    EXPECT_EQ(rig.memory_read(0x1fd, 0, 6).out, (Bytes{0, 1, 2, 3, 4, 0}));
-    EXPECT_EQ(rig.memory_read(0x1fe, 2, 4).out, Bytes(4, 0));   // blocks are separate spaces
-    // The rom reads the same pattern every time and keeps nothing.
-    Bytes rom = rig.memory_read(0x1000, 1, 16).out;
-    EXPECT_EQ(rig.memory_read(0x1000, 1, 16).out, rom);
-    EXPECT_NE(rom, Bytes(16, 0));
-    EXPECT_EQ(rig.memory_write(0x1000, 1, {1}).code, kIOReturnNotWritable);
-
     BusModel model(*rig.cop);   // a fresh one, to count its pages
     auto write = [&](uint32_t address, const Bytes &data) {
         Bytes request(22, 0);
@@ -217,75 +208,6 @@ TEST(ModelBus, MemoryIsSparseAndBounded) {
     EXPECT_EQ(model.pages(3), BusModel::kMaxPagesPerBlock);
     EXPECT_EQ(write(0x100, {1}), kIOReturnNoMemory);
     EXPECT_EQ(write(0x10, {0xbb}), kOk);   // pages that exist still take writes
-}
-
-TEST(ModelBus, DevicesKeepWhatIsWrittenAndProtectTheirIdentity) {
-    Rig rig;
-    // Register writes wrap from 0xff to 0x00; identity registers ignore them.
-    EXPECT_EQ(rig.write_registers(4, 0xcf, {0x11, 0x22, 0x33}).code, kOk);
-    EXPECT_EQ(rig.read_registers(4, 0xcf, 3).out, (Bytes{0x11, 0x58, 0x33}));
-    EXPECT_EQ(rig.write_registers(6, 0xff, {0xaa, 0xbb}).code, kOk);
-    EXPECT_EQ(rig.read_registers(6, 0xff, 2).out, (Bytes{0xaa, 0xbb}));
-
-    // SPI: the controller's WHO_AM_I holds; its other registers keep writes.
-    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {1, 3, 0, 0x0f, 0x55, 0x66}, 128).code, kOk);
-    CallResult r = rig.call(kTalvexMethodSpiTransfer, {}, {1, 4, 0, 0x8f, 0, 0, 0}, 128);
-    EXPECT_EQ(r.out, (Bytes{1, 4, 0, 0x00, 0x6c, 0x66, 0x00}));
-    // A chip select with nothing on it reads all ones; the loopback echoes.
-    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {2, 2, 0, 1, 2}, 128).out, (Bytes{2, 2, 0, 0xff, 0xff}));
-    EXPECT_EQ(rig.call(kTalvexMethodSpiTransfer, {}, {0, 2, 0, 1, 2}, 128).out, (Bytes{0, 2, 0, 1, 2}));
-
-    // I2C: the gauge's identity and voltage are read-only, its other registers not.
-    Bytes write(21, 0);
-    write[0] = 2;
-    write[1] = 0x36;
-    wire::store_le16(write.data() + 2, 0x00);
-    write[4] = 5;
-    for (int i = 0; i < 5; ++i) write[5 + i] = static_cast<uint8_t>(0xe0 + i);
-    EXPECT_EQ(rig.call(kTalvexMethodI2CWrite, {}, write, 0).code, kOk);
-    Bytes gauge = rig.call(kTalvexMethodI2CRead, {}, {2, 0x36, 0x00, 0x00, 5}, 5).out;
-    ASSERT_EQ(gauge.size(), 5u);
-    EXPECT_EQ(gauge[0], 0x5a);
-    EXPECT_EQ(gauge[1], 0xe1);
-    EXPECT_NEAR(gauge[2] << 8 | gauge[3], 3870, 15);
-    EXPECT_EQ(gauge[4], 0xe4);
-
-    // GPIO outputs keep their level; the rail event names what is on.
-    EXPECT_EQ(rig.call(kTalvexMethodGpioSet, {20, 1}, {}, 0).code, kOk);
-    EXPECT_EQ(rig.call(kTalvexMethodGpioRead, {20}, {}, 0, 1).scalars, std::vector<uint64_t>{1});
-    EXPECT_EQ(rig.call(kTalvexMethodPowerRails, {5}, {}, 0).code, kOk);
-    EXPECT_EQ(rig.event_lines(), std::vector<std::string>{R"({"service":"ZantraTalvexProcessor","event":"pmu",)"
-                                                          R"("mask":5,"previous":7,"on":["PPV1V2_TALVEX","PP3V0_IMU"]})"});
-}
-
-TEST(ModelBus, UartFramesRetriesAndReplies) {
-    Rig rig;
-    // Raw frames are not acknowledged: one transmission, even one the
-    // sleeping bb partner misses.
-    rig.sim->trace().clear();
-    EXPECT_EQ(rig.uart(2, 1, 3, true, 0, {0xaa}).code, kOk);
-    EXPECT_EQ(rig.sim->trace().line(0),
-              R"({"service":"ZantraTalvexProcessor","event":"uart","port":"bb","container":"raw","retries":3,)"
-              R"("preamble":0,"attempts":1,"delivered":false,"frame":"aa","reply":""})");
-    // A ping retries until the partner is awake.
-    rig.sim->trace().clear();
-    EXPECT_EQ(rig.uart(2, 0, 3, false, 0, {}).code, kOk);
-    EXPECT_NE(rig.sim->trace().line(0).find(R"("attempts":2,"delivered":true,"frame":"7e000000")"), std::string::npos)
-        << rig.sim->trace().line(0);
-
-    // cmreply: the version of each partner, the unknown command and the empty one.
-    auto body = [](const Bytes &frame) { return Bytes(frame.begin() + 3, frame.end() - 1); };
-    Bytes version = body(rig.uart(1, 3, 0, false, 0, {0x01}).out);
-    EXPECT_EQ(std::string(version.begin() + 2, version.end()), "isp 1.0.7");
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x03, 0xff, 0xff, 0x02}).out), (Bytes{0x83, 0x00, 0x00, 0x02}));
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {0x44}).out), (Bytes{0xc4, 0x01}));
-    EXPECT_EQ(body(rig.uart(0, 3, 0, false, 0, {}).out), (Bytes{0x80, 0x02}));
-
-    // A 99-byte echo makes a 103-byte frame: cut to what the caller offered.
-    CallResult echo = rig.uart(0, 2, 0, false, 0, Bytes(99, 0x31));
-    EXPECT_EQ(echo.code, kOk);
-    EXPECT_EQ(echo.out.size(), 100u);
-    EXPECT_EQ(rig.uart(0, 2, 0, false, 0, {1}, 4).out, (Bytes{0x7e, 0x82, 0x01, 0x01}));
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // The report hub and the drivers' report channels in-process, on a step
 // clock attached to the hub: buffer layout, refusals, exact counters under a
 // pinned load, figures frozen while the coprocessor is not booted, the
-// control commands, the extra channels. (hub_test.cpp covers the formats'
-// values and channels that leave, through the report library; the control
-// commands' refusals are in tests/cases/talvexsim.case.)
+// control commands. (hub_test.cpp covers the formats' values through the
+// report library; the control commands' refusals and the extra channels are
+// in tests/cases/talvexsim.case, the extra channels' descriptions in
+// tests/tool/report_test.cpp.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -108,9 +109,6 @@ std::vector<BufferRun> runs(std::span<const uint8_t> b) {
 // Value `slot` (0-3) of element `element` of the run starting at `at`.
 uint64_t value(std::span<const uint8_t> b, size_t at, size_t element, size_t slot) {
     return wire::load_le64(b.data() + at + 64 * element + 32 + 8 * slot);
-}
-uint64_t stamp(std::span<const uint8_t> b, size_t at, size_t element) {
-    return wire::load_le64(b.data() + at + 64 * element + 24);
 }
 
 }  // namespace
@@ -301,53 +299,4 @@ TEST(ReportControl, ChannelSetHoldsAValueAndReleaseLetsItMoveOn) {
     ASSERT_EQ(rig.control({"channel", "set", "--service", kPowerControllerClass, "vdd_cpu", "0"}).code, 0);
     update();
     EXPECT_EQ(value(b, 192, 0, 0), 0u);
-}
-
-TEST(ExtraChannels, MixedFormatsInGroupsOfTheirOwn) {
-    Rig rig;
-    ASSERT_TRUE(add_extra_report_channels(*rig.sim, 10));
-    EXPECT_FALSE(add_extra_report_channels(*rig.sim, kMaxExtraChannels));
-
-    // The legend's last four groups: "Extra", one subgroup per format.
-    auto groups = static_cast<CFArrayRef>(rig.sim->registry().find_class(kCoprocessorClass)->get_property("IOReportLegend"));
-    ASSERT_TRUE(groups && CFArrayGetCount(groups) == 8);
-    std::vector<std::pair<uint64_t, uint64_t>> wanted;
-    std::vector<uint8_t> formats;
-    auto number = [](CFArrayRef a, CFIndex i) {
-        int64_t v = 0;
-        CFNumberGetValue(static_cast<CFNumberRef>(CFArrayGetValueAtIndex(a, i)), kCFNumberSInt64Type, &v);
-        return static_cast<uint64_t>(v);
-    };
-    for (CFIndex g = 4; g < 8; ++g) {
-        auto group = static_cast<CFDictionaryRef>(CFArrayGetValueAtIndex(groups, g));
-        EXPECT_TRUE(CFEqual(CFDictionaryGetValue(group, CFSTR("IOReportGroupName")), CFSTR("Extra")));
-        auto channels = static_cast<CFArrayRef>(CFDictionaryGetValue(group, CFSTR("IOReportChannels")));
-        for (CFIndex c = 0; c < CFArrayGetCount(channels); ++c) {
-            auto entry = static_cast<CFArrayRef>(CFArrayGetValueAtIndex(channels, c));
-            wanted.push_back({rig.cp(), number(entry, 0)});
-            formats.push_back(static_cast<uint8_t>(number(entry, 1)));
-        }
-    }
-    ASSERT_EQ(wanted.size(), 10u);
-    EXPECT_EQ(wanted.front().second, report_id("X0000001"));
-    EXPECT_EQ(formats, (std::vector<uint8_t>{1, 1, 1, 2, 2, 2, 3, 3, 4, 4}));
-
-    // Their figures move, and a state channel has exactly one newest state.
-    auto uc = rig.client();
-    uint64_t token = rig.subscribe(*uc, wanted);
-    auto b = rig.buffer(*uc, token);
-    std::vector<uint8_t> older(b.begin(), b.end());
-    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
-    auto r = runs(b);
-    ASSERT_EQ(r.size(), 10u);
-    for (const BufferRun &run : r) {
-        bool state = static_cast<uint8_t>(run.type) == kReportState;
-        size_t slot = state ? 2 : 0;   // residency; else the value or the hits
-        EXPECT_GT(value(b, run.at, 0, slot), value(older, run.at, 0, slot)) << report_id_text(run.channel);
-        if (!state) continue;
-        std::vector<uint64_t> stamps;
-        for (size_t s = 0; s < run.count; ++s) stamps.push_back(stamp(b, run.at, s));
-        std::sort(stamps.begin(), stamps.end());
-        EXPECT_LT(stamps[stamps.size() - 2], stamps.back());
-    }
 }
