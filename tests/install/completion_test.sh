@@ -69,8 +69,6 @@ expect_all_of() {
 source "$(dirname "$0")/talvexctl_words.sh"
 expect "talvexctl " "$talvexctl_commands"
 expect "talvexctl h" "halt halt_ms help"
-expect "talvexctl tym" "tymesync"
-expect "talvexctl cpu" "cpuload"
 expect "talvexctl nosuch" ""
 
 # Device words: exactly the names the help lists.
@@ -79,40 +77,31 @@ devices=$("$ctl" help | sed -n '/^Talvex devices:/,$p' | sed -n 's/^\t\(.*\)/\1/
 for cmd in readreg writereg listclients sensorinfo perfmon; do
     expect "talvexctl $cmd " "$devices"
 done
-expect "talvexctl readreg g" "gyro"
 expect "talvexctl readreg gyro " ""
-expect "talvexctl sensorinfo pr" "pressure prox"
 # get and set take a number, not a name.
 expect "talvexctl get " ""
 
 # Subcommand words.
 expect "talvexctl perfmon accel " "enable disable report auto enabled"
-expect "talvexctl perfmon accel e" "enable enabled"
 expect "talvexctl profile " "start stop reset print gethitpoint getfunction"
-expect "talvexctl profile get" "gethitpoint getfunction"
 expect "talvexctl profile print " ""
 expect "talvexctl powerlog " "start stop reset getpowerlog"
 expect "talvexctl i2c " "read write readreg writereg"
 expect "talvexctl i2c read " ""
 expect "talvexctl mem " "read write"
-expect "talvexctl gpio w" "write"
 expect "talvexctl spi " "read write"
 expect "talvexctl uart " "ping pingreply cmreply raw"
-expect "talvexctl uart ping" "ping pingreply"
 expect "talvexctl uart raw " "ap isp bb"
 expect "talvexctl uart raw bb --" "--preamble --retry"
 expect "talvexctl uart raw bb --retry 3 " ""
 expect "talvexctl clkmeasure " "irc ircdiff pll lfosc current"
-expect "talvexctl clkmeasure irc" "irc ircdiff"
 expect "talvexctl clkredirect " "enable disable"
 expect "talvexctl setbaudrate " "112500 750000 1500000 3000000"
-expect "talvexctl setbaudrate 1" "112500 1500000"
 expect "talvexctl setstate 0x8" "0x80 0x81 0x82 0x83"
 expect "talvexctl ping " ""
 
 # start: its boot options, then an image file.
 expect "talvexctl start --" "$talvexctl_start_options"
-expect "talvexctl start --nop" "--nopaniccheck"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkdir "$work/images" && touch "$work/images/fw.bin" "$work/images/fw-debug.bin"
@@ -129,7 +118,6 @@ mkdir "$work/images" && touch "$work/images/fw.bin" "$work/images/fw-debug.bin"
 commands=$("$sim" --help | sed -n '/^Commands:/,/^$/p' | sed -n 's/^  \([a-z]\{1,\}\).*/\1/p')
 [ "$(wc -w <<<"$commands")" -ge 8 ] || fail "expected at least 8 commands in talvexsim --help, read: $commands"
 expect "talvexsim " "$commands help"
-expect "talvexsim s" "$(grep -o '\bs[a-z]*' <<<"$commands")"
 expect "talvexsim --" "--socket --help"
 expect "talvexsim --socket /tmp/x.sock se" "serve service"
 expect "talvexsim serve --socket /tmp/x.sock --" "--clock --channels --scenario --exit-with-parent --socket --help"

@@ -289,19 +289,9 @@ TEST(ModelDiag, PerfmonModesAndSampling) {
     EXPECT_EQ(rig.call(kTalvexMethodPerfMonitor, {9, 47}, {}, 256).code, kIOReturnNoDevice);
 }
 
-TEST(ModelDiag, ClientListsAndBaudRates) {
+// (The client lists: listclients in tests/cases/diag.case.)
+TEST(ModelDiag, BaudRatesAreTheFourTheLinkTakes) {
     Rig rig;
-    std::vector<uint8_t> summary = {1, 0xff, 0xff, 0xff, 0xff};
-    Reply r = rig.call(kTalvexMethodClientList, {}, summary, 89);
-    ASSERT_EQ(r.code, kOk);
-    ASSERT_EQ(r.out.size(), 89u);
-    EXPECT_EQ(r.u32(0), 5u);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(r.out.data() + 4)), "accel");
-    EXPECT_EQ(r.i32(73), 10'000);
-    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {1, 2, 0, 0, 0}, 89).out[4], 0);   // a slot whose client has gone
-    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {1, 5, 0, 0, 0}, 89).code, kIOReturnBadArgument);
-    EXPECT_EQ(rig.call(kTalvexMethodClientList, {}, {7, 0, 0, 0, 0}, 89).code, kIOReturnNoDevice);
-
     EXPECT_EQ(rig.baud(), 3'000'000u);
     for (uint64_t bad : {115'200ull, 0ull, 112'500ull + (1ull << 32)})
         EXPECT_EQ(rig.call(kTalvexMethodSetBaudRate, {bad}).code, kIOReturnBadArgument) << bad;
