@@ -1,6 +1,6 @@
-// The report commands, ioreport and cpuload: the load arithmetic, and both
-// loops run against a private simulator that changes while they run. (What
-// ends them before a first sample: tests/cases/report.case.)
+// The report commands: cpuload's arithmetic, and ioreport's loop against a
+// private simulator. (cpuload's loop on a step clock, and what ends either
+// before a first sample: tests/cases/scenarios.case and report.case.)
 #include "talvexctl.h"
 #include "tool_support.h"
 
@@ -30,18 +30,11 @@ std::string percent(float load) {
     return text;
 }
 
-// The hub calls in the trace.
-std::vector<TraceCall> hub_calls(const Simulator &sim) {
-    std::vector<TraceCall> calls;
-    for (auto &call : trace_calls(sim.trace()))
-        if (call.service == "IOReportHub") calls.push_back(call);
-    return calls;
-}
-
 // Successful buffer updates so far: one per sample the command took.
 size_t samples_taken(const Simulator &sim) {
     size_t n = 0;
-    for (auto &call : hub_calls(sim)) n += call.selector == kIOReportUserClientUpdateKernelBuffer && call.result == 0;
+    for (auto &call : trace_calls(sim.trace()))
+        n += call.service == "IOReportHub" && call.selector == kIOReportUserClientUpdateKernelBuffer && call.result == 0;
     return n;
 }
 
@@ -112,67 +105,6 @@ TEST(CpuLoad, ShareOfTheTotalThatWasNotIdle) {
     EXPECT_EQ(TalvexCpuLoad(100, 1000, 90, 1000), INFINITY);
     EXPECT_EQ(TalvexCpuLoad(100, 1000, 110, 1000), INFINITY);   // the idle step wraps to a huge number
     EXPECT_TRUE(std::isnan(TalvexCpuLoad(100, 1000, 100, 1000)));
-}
-
-TEST(Cpuload, PinnedCountersGiveExactLoadsAndADivisionByZeroWhenTheTotalStandsStill) {
-    Simulator sim({"--clock", "step"});
-    auto pin = [&](const char *channel, const char *value) {
-        control(sim, {"channel", "set", channel, value});
-    };
-    pin("TOTAL MS", "10000");
-    pin("IDLE MS ", "1000");
-
-    // Which counter values each sample saw: phase[k] for sample k + 1.
-    std::vector<int> phase;
-    auto seen_until = [&](size_t taken, int p) {
-        while (phase.size() < taken) phase.push_back(p);
-    };
-    Running run(sim, "cpuload");
-    size_t taken = run.hold_after(2);
-    seen_until(taken, 0);
-    pin("TOTAL MS", "14000");   // 1000 of 4000 ms busy: 25%
-    pin("IDLE MS ", "4000");
-    run.resume();
-    taken = run.hold_after(taken + 1);
-    seen_until(taken, 1);
-    pin("TOTAL MS", "15491");   // 1462 of 1491 ms: 98.0549...%, 98.06 once in single precision
-    pin("IDLE MS ", "4029");
-    run.resume();
-    taken = run.hold_after(taken + 1);
-    seen_until(taken, 2);
-    pin("IDLE MS ", "4020");   // the total stands still while idle moves: inf
-    run.resume();
-    taken = run.hold_after(taken + 1);
-    seen_until(taken, 3);
-    // Without the driver the samples hold no channels: the counters keep
-    // their last values, so the total stands still again.
-    control(sim, {"service", "unpublish", "ZantraTalvexProcessor"});
-    run.resume();
-    RunResult r = run.finish(taken + 1);
-    seen_until(run.taken(), 3);
-
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    auto out = talvex::test::lines(r.out);
-    ASSERT_EQ(out.size(), phase.size() - 1) << r.out;
-    const char *const step[] = {"25.00", "98.06", "inf"};
-    for (size_t k = 1; k < phase.size(); ++k) {
-        if (phase[k] == phase[k - 1])   // nothing moved: 0 / 0
-            EXPECT_TRUE(std::regex_match(out[k - 1], std::regex("Talvex CPU load: -?nan%"))) << out[k - 1];
-        else
-            EXPECT_EQ(out[k - 1], std::string("Talvex CPU load: ") + step[phase[k - 1]] + "%");
-    }
-    EXPECT_GE(std::count(phase.begin(), phase.end(), 3), 2);
-
-    // It talks to the hub only: one open, one subscription, then updates.
-    auto all = trace_calls(sim.trace());
-    auto calls = hub_calls(sim);
-    EXPECT_EQ(all.size(), calls.size());
-    ASSERT_EQ(calls.size(), run.taken() + 3);
-    EXPECT_EQ(calls[0].selector, kIOReportUserClientOpen);
-    EXPECT_EQ(calls[1].selector, kIOReportUserClientConfigureInterests);
-    for (size_t i = 2; i < calls.size(); ++i) EXPECT_EQ(calls[i].selector, kIOReportUserClientUpdateKernelBuffer);
-    EXPECT_NE(calls.back().result, 0);
 }
 
 // A regular expression that matches `text` literally.
