@@ -37,7 +37,6 @@ expect_output() {
 # What the consumer prints against a fresh simulator.
 consumer_expected() {
     cat <<'EOF'
-by hand: 1 channel, TOTAL MS
 driver: ZantraTalvexProcessor
 published: some channels, TOTAL MS among them
 sampled: TOTAL MS = 5000

@@ -1,6 +1,6 @@
 // A program of someone else's, built against the installed report-channel
-// library only: it describes a channel by hand, finds the coprocessor driver
-// in the registry, and reads the driver's published channels through the hub.
+// library only: it finds the coprocessor driver in the registry and reads the
+// driver's published channels through the hub.
 //
 // Run against a simulator (talvexsim run -- consumer). Prints one line per
 // step; exits 0 when every step worked, 1 at the first that did not.
@@ -20,26 +20,6 @@ std::string text(CFStringRef s) {
 int fail(const char *what) {
     std::printf("FAILED: %s\n", what);
     return 1;
-}
-
-// A channel described by hand: no registry, no hub.
-int by_hand() {
-    CFMutableDictionaryRef aggregate = IOReportCreateAggregate(0);
-    if (!aggregate) return fail("IOReportCreateAggregate");
-    const uint64_t simple_type = 0x0000000100000001ull;   // simple format (byte 0), one element (bytes 4-5)
-    IOReturn rc = IOReportAddChannelDescription(aggregate, 7, CFSTR("ConsumerDriver"), 0x544F54414C204D53ull,
-                                                simple_type, CFSTR("TOTAL MS"), CFSTR("Load"), nullptr, nullptr,
-                                                nullptr);
-    int count = IOReportGetChannelCount(aggregate);
-    std::string name;
-    IOReportIterate(aggregate, [&](CFMutableDictionaryRef channel) {
-        name = text(IOReportChannelGetChannelName(channel));
-        return kIOReportIterOk;
-    });
-    CFRelease(aggregate);
-    if (rc != kIOReturnSuccess) return fail("IOReportAddChannelDescription");
-    std::printf("by hand: %d channel, %s\n", count, name.c_str());
-    return 0;
 }
 
 // The driver's own channels, through the registry and the hub.
@@ -95,7 +75,4 @@ int from_driver() {
 
 }  // namespace
 
-int main() {
-    if (by_hand() != 0) return 1;
-    return from_driver();
-}
+int main() { return from_driver(); }
