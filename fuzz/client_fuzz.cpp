@@ -16,8 +16,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -25,6 +23,7 @@
 
 #include "main_queue.h"
 #include "safe_connect.h"
+#include "sim_host.h"
 #include "transport.h"
 #include "wire.h"
 
@@ -35,21 +34,13 @@ using talvex::host::Transport;
 
 constexpr uint32_t kService = 42, kConnection = 9, kNotification = 5, kTimesync = 0xe3ff8100;
 
-[[noreturn]] void fail(const char *what) {
-    std::fprintf(stderr, "client_fuzz: %s\n", what);
-    std::abort();
-}
+using talvex::fuzz::fail;
 
 // The listening socket, in a private directory, that TALVEX_SIM_SOCKET names.
 int listener() {
     static int fd = [] {
-        char dir[] = "/tmp/talvex-fuzz-client-XXXXXX";
-        if (!mkdtemp(dir)) fail("mkdtemp");
-        std::string path = std::string(dir) + "/sim.sock";
-        int l = wire::listen_at(path, 4).release();
-        if (l < 0) fail("cannot listen");
-        setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
-        return l;
+        std::string path;
+        return talvex::fuzz::listen_private(path);
     }();
     return fd;
 }
@@ -117,18 +108,6 @@ std::vector<uint8_t> event(FuzzedDataProvider &in) {
     return wire::make_event(w.data());
 }
 
-bool send_with_fd(int sock, const std::vector<uint8_t> &frame, int fd) {
-    iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
-    wire::DescriptorControl control;
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    wire::attach_descriptor(msg, control, fd);
-    ssize_t n = sendmsg(sock, &msg, MSG_NOSIGNAL);
-    return n >= 0 && wire::send_before(sock, std::span(frame).subspan(static_cast<size_t>(n)),
-                                       std::chrono::steady_clock::now() + std::chrono::seconds(1));
-}
-
 // Answers one request as the input says; false once it has hung up.
 bool answer(int sock, wire::Op op, uint32_t seq, FuzzedDataProvider &in) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
@@ -159,7 +138,8 @@ bool answer(int sock, wire::Op op, uint32_t seq, FuzzedDataProvider &in) {
         if (op == wire::Op::Map) {   // memory whose size may disagree with the reply's
             int fd = memfd_create("client_fuzz", MFD_CLOEXEC);
             bool ok = fd >= 0 && ftruncate(fd, in.ConsumeIntegralInRange<off_t>(0, 1 << 16)) == 0 &&
-                      send_with_fd(sock, wire::make_reply(op, seq, code(), shaped_body(op, in)), fd);
+                      talvex::fuzz::send_with_descriptor(sock, wire::make_reply(op, seq, code(), shaped_body(op, in)), fd,
+                                                         deadline);
             if (fd >= 0) close(fd);
             return ok;
         }

@@ -16,8 +16,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -28,38 +26,15 @@ using talvex::CFRef;
 
 namespace {
 
-[[noreturn]] void fail(const char *what) {
-    std::fprintf(stderr, "containers_fuzz: %s\n", what);
-    std::abort();
-}
+using talvex::fuzz::fail;
 
 constexpr int kKeyCount = 40;   // well past the size at which a dictionary gets an index
 
 // A key: an equal object, not necessarily the same one. Keys below 32 are
-// strings "kN"; the others are numbers N, made with one of four widths.
+// strings "kN"; the others are numbers N, made with any integer type.
 CFTypeRef make_key(FuzzedDataProvider &in, int k) {
-    if (k < 32) {
-        std::string text = "k" + std::to_string(k);
-        return CFStringCreateWithCString(nullptr, text.c_str(), kCFStringEncodingUTF8);
-    }
-    switch (in.ConsumeIntegralInRange(0, 3)) {
-    case 0: {
-        auto v = static_cast<int8_t>(k);
-        return CFNumberCreate(nullptr, kCFNumberSInt8Type, &v);
-    }
-    case 1: {
-        auto v = static_cast<int16_t>(k);
-        return CFNumberCreate(nullptr, kCFNumberSInt16Type, &v);
-    }
-    case 2: {
-        auto v = static_cast<int32_t>(k);
-        return CFNumberCreate(nullptr, kCFNumberSInt32Type, &v);
-    }
-    default: {
-        auto v = static_cast<int64_t>(k);
-        return CFNumberCreate(nullptr, kCFNumberSInt64Type, &v);
-    }
-    }
+    if (k < 32) return talvex::make_cf_string("k" + std::to_string(k)).release();
+    return talvex::fuzz::PlistGen::integer_of(in.ConsumeIntegralInRange(0, 9), static_cast<uint64_t>(k));
 }
 
 CFNumberRef make_value(int64_t v) { return CFNumberCreate(nullptr, kCFNumberSInt64Type, &v); }
@@ -86,6 +61,18 @@ using DictModel = std::vector<std::pair<int, int64_t>>;
 
 DictModel::iterator find(DictModel &m, int k) {
     return std::find_if(m.begin(), m.end(), [k](const auto &e) { return e.first == k; });
+}
+
+// CFDictionarySetValue of key `k` to a new value, on the dictionary and its model.
+void set(FuzzedDataProvider &in, CFMutableDictionaryRef d, DictModel &m, int k, int64_t value) {
+    CFRef<CFTypeRef> key(make_key(in, k));
+    CFRef<CFNumberRef> v(make_value(value));
+    CFDictionarySetValue(d, key, v);
+    auto it = find(m, k);
+    if (it == m.end())
+        m.emplace_back(k, value);
+    else
+        it->second = value;
 }
 
 void check_dict(CFDictionaryRef d, const DictModel &m) {
@@ -151,17 +138,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             break;
         }
         case 1:
-        case 2: {   // set: add, or replace in place
-            CFRef<CFTypeRef> key(make_key(in, k));
-            CFRef<CFNumberRef> v(make_value(++next_value));
-            CFDictionarySetValue(dict.get(), key.get(), v.get());
-            auto it = find(dm, k);
-            if (it == dm.end())
-                dm.emplace_back(k, next_value);
-            else
-                it->second = next_value;
+        case 2:   // set: add, or replace in place
+            set(in, dict, dm, k, ++next_value);
             break;
-        }
         case 3: {   // replace: only when present
             CFRef<CFTypeRef> key(make_key(in, k));
             CFRef<CFNumberRef> v(make_value(++next_value));
@@ -180,16 +159,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         case 6: {   // a run of keys added at once
             int last = in.ConsumeIntegralInRange(k, kKeyCount - 1);
-            for (int j = k; j <= last; ++j) {
-                CFRef<CFTypeRef> key(make_key(in, j));
-                CFRef<CFNumberRef> v(make_value(++next_value));
-                CFDictionarySetValue(dict.get(), key.get(), v.get());
-                auto it = find(dm, j);
-                if (it == dm.end())
-                    dm.emplace_back(j, next_value);
-                else
-                    it->second = next_value;
-            }
+            for (int j = k; j <= last; ++j) set(in, dict, dm, j, ++next_value);
             break;
         }
         case 7:

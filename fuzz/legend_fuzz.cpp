@@ -17,8 +17,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,14 +38,10 @@ const std::vector<std::string_view> kWords = {
 constexpr std::string_view kGroups[] = {"Energy", "Power", "States", "Perf", ""};
 constexpr std::string_view kExtraClasses[] = {"TalvexSensorHub", "TalvexPMU", sim::kCoprocessorClass};
 
-void release(CFTypeRef v) {
-    if (v) CFRelease(v);
-}
+using talvex::fuzz::fail;
+using talvex::fuzz::release;
 
-CFStringRef cfstr(std::string_view s) {
-    return CFStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(s.data()), static_cast<CFIndex>(s.size()),
-                                   kCFStringEncodingUTF8, false);
-}
+CFStringRef cfstr(std::string_view s) { return talvex::make_cf_string(s).release(); }
 
 CFNumberRef num(uint64_t v) {
     auto s = static_cast<long long>(v);
@@ -174,24 +168,6 @@ int walk_result(FuzzedDataProvider &in) {
     }
 }
 
-void describe(CFMutableDictionaryRef channel) {
-    IOReportChannelGetChannelID(channel);
-    IOReportChannelGetDriverID(channel);
-    IOReportChannelGetDriverName(channel);
-    IOReportChannelGetGroup(channel);
-    IOReportChannelGetSubGroup(channel);
-    IOReportChannelGetFormat(channel);
-    IOReportChannelGetCategories(channel);
-    IOReportChannelGetUnit(channel);
-    IOReportChannelGetChannelName(channel);
-    IOReportChannelGetUnitLabel(channel);
-    release(IOReportChannelCopyDescription(channel, nullptr, "# "));
-    release(IOReportSampleCopyDescription(channel, nullptr, nullptr));
-    uint64_t type = 0;
-    if (getChannelType(channel, &type) == kIOReturnSuccess) setChannelType(channel, &type);
-    getChannelConfig(channel);
-}
-
 // No level of the aggregate is left empty: every channel list has a channel
 // and every driver or group table an entry, each holding something.
 bool no_empty_levels(CFDictionaryRef level) {
@@ -220,14 +196,14 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
     int count = IOReportGetChannelCount(agg);
     int seen = 0;
     IOReportIterate(agg, [&](CFMutableDictionaryRef c) {
-        describe(c);
+        talvex::fuzz::touch_channel(c);
+        uint64_t type = 0;
+        if (getChannelType(c, &type) == kIOReturnSuccess) setChannelType(c, &type);
+        getChannelConfig(c);
         ++seen;
         return kIOReportIterOk;
     });
-    if (count >= 0 && seen != count) {
-        std::fprintf(stderr, "legend_fuzz: %d channels counted, %d walked\n", count, seen);
-        std::abort();
-    }
+    if (count >= 0 && seen != count) fail("%d channels counted, %d walked", count, seen);
 
     // Merges into aggregates of every filing option.
     for (uint32_t options = 0; options < 4; ++options) {
@@ -235,11 +211,8 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
         CFErrorRef error = nullptr;
         int r = IOReportMergeChannels(merged.get(), agg, &error);
         release(error);
-        if (r == 0 && count >= 0 && IOReportGetChannelCount(merged.get()) != count) {
-            std::fprintf(stderr, "legend_fuzz: a merge of %d channels holds %d\n", count,
-                         IOReportGetChannelCount(merged.get()));
-            std::abort();
-        }
+        if (r == 0 && count >= 0 && IOReportGetChannelCount(merged.get()) != count)
+            fail("a merge of %d channels holds %d", count, IOReportGetChannelCount(merged.get()));
     }
 
     // A clone keeps the copies its block returned 0 for.
@@ -251,11 +224,8 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
         stopped |= (r & 1) != 0;
         return r;
     }));
-    if (!stopped && count >= 0 && (!clone || IOReportGetChannelCount(clone.get()) != kept)) {
-        std::fprintf(stderr, "legend_fuzz: a clone kept %d of %d channels, not %d\n",
-                     clone ? IOReportGetChannelCount(clone.get()) : -1, count, kept);
-        std::abort();
-    }
+    if (!stopped && count >= 0 && (!clone || IOReportGetChannelCount(clone.get()) != kept))
+        fail("a clone kept %d of %d channels, not %d", clone ? IOReportGetChannelCount(clone.get()) : -1, count, kept);
     CFRef<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
     CFRef<CFMutableDictionaryRef> compared(compareAggregates(
         whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) {
@@ -285,11 +255,9 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
     });
     if (!stopped && count >= 0) {
         int left = IOReportGetChannelCount(agg);
-        if (visited != count || left != count - removed || !no_empty_levels(agg)) {
-            std::fprintf(stderr, "legend_fuzz: a prune of %d channels (%d walked, %d removed) left %d%s\n", count,
-                         visited, removed, left, no_empty_levels(agg) ? "" : " and an empty level");
-            std::abort();
-        }
+        if (visited != count || left != count - removed || !no_empty_levels(agg))
+            fail("a prune of %d channels (%d walked, %d removed) left %d%s", count, visited, removed, left,
+                 no_empty_levels(agg) ? "" : " and an empty level");
     }
 }
 

@@ -13,13 +13,14 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "plist_gen.h"
 
 using talvex::CFRef;
+using talvex::fuzz::check;
+using talvex::fuzz::fail;
+using talvex::fuzz::release;
 
 namespace {
 
@@ -59,7 +60,7 @@ const uint64_t kUnits[] = {
     0x6400000000000000,   // events
 };
 
-CFStringRef cfstr(const char *s) { return s ? CFStringCreateWithCString(nullptr, s, kCFStringEncodingUTF8) : nullptr; }
+CFStringRef cfstr(const char *s) { return s ? talvex::make_cf_string(s).release() : nullptr; }
 
 CFMutableDictionaryRef subscribe(FuzzedDataProvider &in) {
     uint32_t options = in.ConsumeIntegralInRange<uint32_t>(0, 3);
@@ -127,10 +128,6 @@ std::vector<uint8_t> laid_out(FuzzedDataProvider &in) {
     return b;
 }
 
-void release(CFTypeRef v) {
-    if (v) CFRelease(v);
-}
-
 void exercise(CFDictionaryRef rec) {
     int count = 0;
     for (int n : {IOReportStateGetCount(rec), IOReportHistogramGetBucketCount(rec), 4 * 8})
@@ -151,29 +148,14 @@ void exercise(CFDictionaryRef rec) {
         IOReportHistogramGetBucketBounds(rec, i, nullptr, nullptr);
         uint64_t id = IOReportStateGetIDForIndex(rec, i);
         int found = IOReportStateGetIndexForID(rec, id);
-        if (i >= 0 && i < IOReportStateGetCount(rec) && static_cast<int64_t>(id) != kIOReportInvalidValue &&
-            found < i) {
-            std::fprintf(stderr, "samples_fuzz: state %d's ID is found at %d\n", i, found);
-            std::abort();
-        }
+        if (i >= 0 && i < IOReportStateGetCount(rec) && static_cast<int64_t>(id) != kIOReportInvalidValue && found < i)
+            fail("state %d's ID is found at %d", i, found);
         IOReportStateGetInTransitions(rec, i);
         IOReportStateGetResidency(rec, i);
         IOReportStateGetNameForIndex(rec, i);
         IOReportStateGetDutyCycle(rec, i);
     }
-    IOReportChannelGetChannelID(rec);
-    IOReportChannelGetDriverID(rec);
-    IOReportChannelGetDriverName(rec);
-    IOReportChannelGetGroup(rec);
-    IOReportChannelGetSubGroup(rec);
-    IOReportChannelGetFormat(rec);
-    IOReportChannelGetCategories(rec);
-    IOReportChannelGetUnit(rec);
-    IOReportChannelGetChannelName(rec);
-    IOReportChannelGetUnitLabel(rec);
-    release(IOReportChannelCopyDescription(rec, nullptr, "> "));
-    release(IOReportSampleCopyDescription(rec, nullptr, nullptr));
-    release(IOReportSampleCopyDescription(rec, nullptr, "  "));
+    talvex::fuzz::touch_channel(rec);
 }
 
 std::vector<CFMutableDictionaryRef> records(CFDictionaryRef agg) {
@@ -211,10 +193,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         CFErrorRef error = nullptr;
         samples[k].reset(IOReportCreateSamplesRaw(subscribed.get(), buffer.get(), &error));
         release(error);
-        if (samples[k] && IOReportGetChannelCount(samples[k].get()) > subscribed_count) {
-            std::fprintf(stderr, "samples_fuzz: a sample holds more channels than were subscribed\n");
-            std::abort();
-        }
+        check(!samples[k] || IOReportGetChannelCount(samples[k].get()) <= subscribed_count,
+              "a sample holds more channels than were subscribed");
         exercise_all(samples[k].get());
     }
 

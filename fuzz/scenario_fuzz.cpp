@@ -5,12 +5,11 @@
 // call, open and state triggers are poked, and simulated time moves on by a
 // quarter second at a time for two seconds, running what falls due.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
 #include "clock.h"
+#include "fuzz_check.h"
 #include "scenario.h"
 #include "simulation.h"
 
@@ -22,11 +21,6 @@ struct Drop final : sim::Outbox {
     void send(sim::ClientId, std::vector<uint8_t>, int) override {}
 };
 
-[[noreturn]] void fail(const std::string &what) {
-    std::fprintf(stderr, "scenario_fuzz: %s\n", what.c_str());
-    std::abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -37,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         size_t digits = error.find_first_not_of("0123456789", 7);
         if (!error.starts_with("f.toml:") || digits == 7 || error.compare(digits, 2, ": ") != 0 ||
             error.find('\n') != std::string::npos)
-            fail("a refusal that is not one line of FILE:LINE: " + error);
+            talvex::fuzz::fail("a refusal that is not one line of FILE:LINE: %s", error.c_str());
         return 0;
     }
     Drop outbox;

@@ -14,8 +14,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,10 +30,7 @@ namespace wire = talvex::wire;
 using talvex::fuzz::PlistGen;
 using talvex::CFRef;
 
-[[noreturn]] void fail(const char *what, uint16_t op) {
-    std::fprintf(stderr, "sim_fuzz: %s (op %u)\n", what, op);
-    std::abort();
-}
+[[noreturn]] void fail(const char *what, uint16_t op) { talvex::fuzz::fail("%s (op %u)", what, op); }
 
 // Checks every frame the simulation sends and counts the replies.
 struct Sink final : sim::Outbox {

@@ -16,7 +16,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -302,16 +301,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         optind = 0;   // a fresh process starts getopt from scratch
         int status = talvexctl_main(static_cast<int>(words.size()), argv.data());
         std::fflush(stdout);
-        if (status != 0 && status != 1) {
-            std::fprintf(stderr, "tool_fuzz: %s exited with %d\n", words[1].c_str(), status);
-            std::abort();
-        }
+        if (status != 0 && status != 1) talvex::fuzz::fail("%s exited with %d", words[1].c_str(), status);
         size_t open = 0;
         host.with([&](sim::Simulation &s) { open = s.connection_count(); });
-        if (open != 0) {
-            std::fprintf(stderr, "tool_fuzz: %s left %zu user client(s) open\n", words[1].c_str(), open);
-            std::abort();
-        }
+        if (open != 0) talvex::fuzz::fail("%s left %zu user client(s) open", words[1].c_str(), open);
         host.check_link();
         SimHost::check_released(sim::kCoprocessorClass, words[1].c_str());
     }

@@ -1,5 +1,9 @@
 #include "plist_gen.h"
 
+#include <IOKit/IOCFUnserialize.h>
+
+#include <cstring>
+
 #include <unordered_set>
 
 namespace talvex::fuzz {
@@ -7,8 +11,6 @@ namespace talvex::fuzz {
 namespace {
 
 constexpr int kDialectNesting = 128;
-
-CFNumberRef number_of(CFNumberType type, const void *value) { return CFNumberCreate(nullptr, type, value); }
 
 }  // namespace
 
@@ -20,29 +22,18 @@ PlistGen::~PlistGen() {
 void PlistGen::place(CFTypeRef v) { placed_.push_back(CFRetain(v)); }
 
 CFStringRef PlistGen::string() {
-    if (!words_.empty() && in_.ConsumeBool()) {
-        std::string_view w = words_[in_.ConsumeIntegralInRange<size_t>(0, words_.size() - 1)];
-        return CFStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(w.data()),
-                                       static_cast<CFIndex>(w.size()), kCFStringEncodingUTF8, false);
-    }
+    if (!words_.empty() && in_.ConsumeBool())
+        return make_cf_string(words_[in_.ConsumeIntegralInRange<size_t>(0, words_.size() - 1)]).release();
     std::string text = in_.ConsumeRandomLengthString(40);
-    CFStringRef s = CFStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(text.data()),
-                                            static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false);
-    if (!s) {
-        // Text that is not UTF-8 is read as Latin-1, which takes every byte.
+    CFStringRef s = make_cf_string(text).release();
+    if (!s) {   // text that is not UTF-8 is read as Latin-1, which takes every byte
         std::string latin;
-        for (char c : text) {
-            auto b = static_cast<uint8_t>(c);
-            if (b < 0x80) {
-                latin += c;
-            } else {
-                latin += static_cast<char>(0xc0 | (b >> 6));
-                latin += static_cast<char>(0x80 | (b & 0x3f));
-            }
+        for (unsigned char b : text) {
+            if (b >= 0x80) latin += static_cast<char>(0xc0 | (b >> 6));
+            latin += static_cast<char>(b < 0x80 ? b : 0x80 | (b & 0x3f));
         }
         text = latin;
-        s = CFStringCreateWithBytes(nullptr, reinterpret_cast<const uint8_t *>(text.data()),
-                                    static_cast<CFIndex>(text.size()), kCFStringEncodingUTF8, false);
+        s = make_cf_string(text).release();
     }
     if (s && text.find('\0') != std::string::npos) with_nul_.insert(CFRetain(s));
     return s;
@@ -50,47 +41,22 @@ CFStringRef PlistGen::string() {
 
 CFNumberRef PlistGen::integer() {
     auto bits = in_.ConsumeIntegral<uint64_t>();
-    switch (in_.ConsumeIntegralInRange(0, 9)) {
-    case 0: {
-        auto v = static_cast<int8_t>(bits);
-        return number_of(kCFNumberSInt8Type, &v);
-    }
-    case 1: {
-        auto v = static_cast<char>(bits);
-        return number_of(kCFNumberCharType, &v);
-    }
-    case 2: {
-        auto v = static_cast<int16_t>(bits);
-        return number_of(kCFNumberSInt16Type, &v);
-    }
-    case 3: {
-        auto v = static_cast<short>(bits);
-        return number_of(kCFNumberShortType, &v);
-    }
-    case 4: {
-        auto v = static_cast<int32_t>(bits);
-        return number_of(kCFNumberSInt32Type, &v);
-    }
-    case 5: {
-        auto v = static_cast<int>(bits);
-        return number_of(kCFNumberIntType, &v);
-    }
-    case 6: {
-        auto v = static_cast<long>(bits);
-        return number_of(kCFNumberLongType, &v);
-    }
-    case 7: {
-        auto v = static_cast<long long>(bits);
-        return number_of(kCFNumberLongLongType, &v);
-    }
-    case 8: {
-        auto v = static_cast<CFIndex>(bits);
-        return number_of(kCFNumberCFIndexType, &v);
-    }
-    default: {
-        auto v = static_cast<int64_t>(bits);
-        return number_of(kCFNumberSInt64Type, &v);
-    }
+    return integer_of(in_.ConsumeIntegralInRange(0, 9), bits);
+}
+
+CFNumberRef PlistGen::integer_of(int kind, uint64_t bits) {
+    auto make = [](CFNumberType type, auto v) { return CFNumberCreate(nullptr, type, &v); };
+    switch (kind) {
+    case 0: return make(kCFNumberSInt8Type, static_cast<int8_t>(bits));
+    case 1: return make(kCFNumberCharType, static_cast<char>(bits));
+    case 2: return make(kCFNumberSInt16Type, static_cast<int16_t>(bits));
+    case 3: return make(kCFNumberShortType, static_cast<short>(bits));
+    case 4: return make(kCFNumberSInt32Type, static_cast<int32_t>(bits));
+    case 5: return make(kCFNumberIntType, static_cast<int>(bits));
+    case 6: return make(kCFNumberLongType, static_cast<long>(bits));
+    case 7: return make(kCFNumberLongLongType, static_cast<long long>(bits));
+    case 8: return make(kCFNumberCFIndexType, static_cast<CFIndex>(bits));
+    default: return make(kCFNumberSInt64Type, static_cast<int64_t>(bits));
     }
 }
 
@@ -211,5 +177,19 @@ private:
 }  // namespace
 
 bool PlistGen::dialect_can_carry(CFTypeRef root) const { return CarryCheck(with_nul_).visit(root, 0); }
+
+void check_written(CFTypeRef root, CFDataRef written) {
+    const auto *text = reinterpret_cast<const char *>(CFDataGetBytePtr(written));
+    auto length = static_cast<size_t>(CFDataGetLength(written));
+    check(length > 0 && text[length - 1] == '\0' && !std::memchr(text, '\0', length - 1),
+          "written text is not ended by exactly one NUL");
+    CFStringRef message = nullptr;
+    CFRef<CFTypeRef> sized(IOCFUnserializeWithSize(text, length, nullptr, 0, &message));
+    CFRef<CFStringRef> error(message);
+    if (!sized) fail("written text does not parse (%s): %s", to_std_string(error).c_str(), text);
+    if (!CFEqual(root, sized)) fail("written text parses to a different list: %s", text);
+    CFRef<CFTypeRef> terminated(IOCFUnserialize(text, nullptr, 0, nullptr));
+    check(terminated && CFEqual(root, terminated), "the NUL-ended parse of written text differs");
+}
 
 }  // namespace talvex::fuzz

@@ -6,6 +6,7 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include "cf_ref.h"
+#include "fuzz_check.h"
 
 #include <cstdint>
 #include <string>
@@ -35,6 +36,8 @@ public:
     CFStringRef string();
     // A new integer of a random width.
     CFNumberRef integer();
+    // A new integer holding `bits` cut to the width of number type `kind` (0-9).
+    static CFNumberRef integer_of(int kind, uint64_t bits);
 
     // Whether IOCFSerialize must write `root`, a list made by this generator:
     // every number integral, every key a string, no string with a NUL in it,
@@ -55,5 +58,8 @@ private:
     std::unordered_set<const void *> with_nul_;   // retained: strings with a NUL inside
 };
 
+// Checks text IOCFSerialize wrote for `root`: ended by exactly one NUL, and
+// read back equal to `root` both with its size and up to its NUL.
+void check_written(CFTypeRef root, CFDataRef written);
 
 }  // namespace talvex::fuzz

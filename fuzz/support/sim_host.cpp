@@ -26,36 +26,7 @@ namespace {
 
 constexpr sim::ClientId kClient = 1;
 
-[[noreturn]] void die(const char *what) {
-    std::fprintf(stderr, "sim_host: %s: %s\n", what, std::strerror(errno));
-    std::abort();
-}
-
-// Writes one frame, with a descriptor riding on its first byte when given.
-bool write_frame(int sock, const std::vector<uint8_t> &frame, int fd) {
-    size_t done = 0;
-    if (fd >= 0 && !frame.empty()) {
-        iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
-        talvex::wire::DescriptorControl control;
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        talvex::wire::attach_descriptor(msg, control, fd);
-        ssize_t n;
-        do {
-            n = sendmsg(sock, &msg, MSG_NOSIGNAL);
-        } while (n < 0 && errno == EINTR);
-        if (n <= 0) return false;
-        done = static_cast<size_t>(n);
-    }
-    while (done < frame.size()) {
-        ssize_t n = send(sock, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
+[[noreturn]] void die(const char *what) { fail("%s: %s", what, std::strerror(errno)); }
 
 }  // namespace
 
@@ -70,7 +41,7 @@ struct SimHost::State : sim::Outbox {
     void send(sim::ClientId, std::vector<uint8_t> frame, int fd) override {
         // A write that fails means the host went away; the serving loop sees
         // that on its next read.
-        if (client_fd >= 0) write_frame(client_fd, frame, fd);
+        if (client_fd >= 0) send_with_descriptor(client_fd, frame, fd, std::chrono::steady_clock::time_point::max());
     }
 
     void serve() {
@@ -114,18 +85,14 @@ SimHost &SimHost::instance() {
 
 SimHost::SimHost() : s_(new State) {
     s_->sim = std::make_unique<sim::Simulation>(*s_, std::make_unique<sim::StepClock>());
-    char dir[] = "/tmp/talvex-fuzz-XXXXXX";
-    if (!mkdtemp(dir)) die("mkdtemp");
-    std::string path = std::string(dir) + "/sim.sock";
-    s_->listen_fd = wire::listen_at(path, 4).release();
-    if (s_->listen_fd < 0) die("listen");
-    setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
+    std::string path;
+    s_->listen_fd = listen_private(path);
     std::thread([st = s_] { st->serve(); }).detach();
     // The socket file and its directory are not needed once the host has
     // connected; removing them now leaves nothing behind in /tmp.
     check_link();
     unlink(path.c_str());
-    rmdir(dir);
+    rmdir(path.substr(0, path.rfind('/')).c_str());
 }
 
 void SimHost::reset(const std::function<void(sim::Simulation &)> &setup) {
@@ -151,11 +118,8 @@ void SimHost::check_link() {
     io_iterator_t it = 0;
     kern_return_t kr = IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("TalvexFuzzNothing"), &it);
     if (it) IOObjectRelease(it);
-    if (kr != KERN_SUCCESS || s_->served.load() == before) {
-        std::fprintf(stderr, "sim_host: the host lost its link to the in-process simulator (%#x)\n",
-                     static_cast<unsigned>(kr));
-        std::abort();
-    }
+    if (kr != KERN_SUCCESS || s_->served.load() == before)
+        fail("the host lost its link to the in-process simulator (%#x)", static_cast<unsigned>(kr));
 }
 
 void SimHost::check_released(const char *class_name, const char *who) {
@@ -163,10 +127,33 @@ void SimHost::check_released(const char *class_name, const char *who) {
     if (!service) return;
     uint32_t count = IOObjectGetUserRetainCount(service);
     IOObjectRelease(service);
-    if (count != 1) {
-        std::fprintf(stderr, "sim_host: %s left %u handle(s) on %s\n", who, count - 1, class_name);
-        std::abort();
-    }
+    if (count != 1) fail("%s left %u handle(s) on %s", who, count - 1, class_name);
+}
+
+int listen_private(std::string &path) {
+    char dir[] = "/tmp/talvex-fuzz-XXXXXX";
+    if (!mkdtemp(dir)) die("mkdtemp");
+    path = std::string(dir) + "/sim.sock";
+    int fd = wire::listen_at(path, 4).release();
+    if (fd < 0) die("listen");
+    setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
+    return fd;
+}
+
+bool send_with_descriptor(int sock, std::span<const uint8_t> frame, int fd,
+                          std::chrono::steady_clock::time_point deadline) {
+    if (fd < 0 || frame.empty()) return wire::send_before(sock, frame, deadline);
+    iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
+    wire::DescriptorControl control;
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    wire::attach_descriptor(msg, control, fd);
+    ssize_t n;
+    do {
+        n = sendmsg(sock, &msg, MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    return n > 0 && wire::send_before(sock, frame.subspan(static_cast<size_t>(n)), deadline);
 }
 
 }  // namespace talvex::fuzz

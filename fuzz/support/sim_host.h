@@ -11,9 +11,13 @@
 // connection stays up across inputs.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <span>
+#include <string>
 
+#include "fuzz_check.h"
 #include "simulation.h"
 
 namespace talvex::fuzz {
@@ -51,5 +55,13 @@ private:
     struct State;
     State *s_;
 };
+
+// A socket listening in a fresh private directory, at `path`, which
+// TALVEX_SIM_SOCKET now names.
+int listen_private(std::string &path);
+
+// Sends a whole frame before the deadline, `fd` (when not -1) riding on its first bytes.
+bool send_with_descriptor(int sock, std::span<const uint8_t> frame, int fd,
+                          std::chrono::steady_clock::time_point deadline);
 
 }  // namespace talvex::fuzz
