@@ -1,77 +1,66 @@
 // CFEqual on property lists that hold one object in many places, as the XML
 // dialect's IDREF makes them: each pair of containers is compared once, so
-// lists whose trees have 2^60 paths compare at once (path by path the test
-// would never end), and the answer stays exact.
+// lists whose trees have 2^60 paths compare at once, and the answer stays
+// exact, also after the pairs found equal have changed.
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 using namespace talvex::test;
-using talvex::make_cf_string;
 
 namespace {
 
 // Level 0 holds `leaf`; level i holds level i-1 twice, in an array or in a
 // dictionary under "a" and "b".
-CFTypeRef chain(int levels, CFTypeRef leaf, bool dictionaries) {
-    CFTypeRef level = CFRetain(leaf);
+CFRef<CFTypeRef> chain(int levels, CFTypeRef leaf, bool dictionaries) {
+    CFRef<CFTypeRef> level = CFRef<CFTypeRef>::retain(leaf);
     for (int i = 0; i <= levels; ++i) {
         const void *keys[] = {CFSTR("a"), CFSTR("b")};
-        const void *values[] = {level, level};
-        CFTypeRef next = dictionaries ? CFTypeRef(CFDictionaryCreate(nullptr, keys, values, 2, &kCFTypeDictionaryKeyCallBacks,
-                                                                     &kCFTypeDictionaryValueCallBacks))
-                                      : CFTypeRef(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks));
-        CFRelease(level);
-        level = next;
+        const void *values[] = {level.get(), level.get()};
+        level.reset(dictionaries ? CFTypeRef(CFDictionaryCreate(nullptr, keys, values, 2, &kCFTypeDictionaryKeyCallBacks,
+                                                                &kCFTypeDictionaryValueCallBacks))
+                                 : CFTypeRef(CFArrayCreate(nullptr, values, 2, &kCFTypeArrayCallBacks)));
     }
     return level;
+}
+
+CFRef<CFTypeRef> pair(CFTypeRef p, CFTypeRef q) {
+    const void *v[] = {p, q};
+    return CFRef<CFTypeRef>(CFArrayCreate(nullptr, v, 2, &kCFTypeArrayCallBacks));
 }
 
 }  // namespace
 
 TEST(CFEqual, SharedObjectsCostOneComparisonPerPair) {
     for (bool dictionaries : {false, true}) {
-        CFRef<CFStringRef> x1 = make_cf_string("x"), x2 = make_cf_string("x"), y = make_cf_string("y");
-        CFRef<CFTypeRef> a(chain(60, x1, dictionaries)), b(chain(60, x2, dictionaries)), c(chain(60, y, dictionaries));
-        EXPECT_TRUE(CFEqual(a, b)) << dictionaries;
-        EXPECT_FALSE(CFEqual(a, c)) << dictionaries;
-
+        CFRef<CFStringRef> x1 = talvex::make_cf_string("x"), x2 = talvex::make_cf_string("x"), y = talvex::make_cf_string("y");
+        EXPECT_TRUE(CFEqual(chain(60, x1, dictionaries), chain(60, x2, dictionaries))) << dictionaries;
+        EXPECT_FALSE(CFEqual(chain(60, x1, dictionaries), chain(60, y, dictionaries))) << dictionaries;
         // One side differs in one of the two places the other shares.
-        CFRef<CFTypeRef> half(chain(59, x2, dictionaries)), other(chain(59, y, dictionaries));
-        auto two = [](CFTypeRef p, CFTypeRef q) {
-            const void *v[] = {p, q};
-            return CFRef<CFArrayRef>(CFArrayCreate(nullptr, v, 2, &kCFTypeArrayCallBacks));
-        };
-        CFRef<CFTypeRef> top(chain(59, x1, dictionaries));
-        CFRef<CFArrayRef> mixed = two(half, other), same = two(half, half), shared = two(top, top);
-        EXPECT_FALSE(CFEqual(shared, mixed)) << dictionaries;
-        EXPECT_TRUE(CFEqual(shared, same)) << dictionaries;
+        CFRef<CFTypeRef> half = chain(59, x2, dictionaries), top = chain(59, x1, dictionaries);
+        EXPECT_FALSE(CFEqual(pair(top, top), pair(half, chain(59, y, dictionaries)))) << dictionaries;
+        EXPECT_TRUE(CFEqual(pair(top, top), pair(half, half))) << dictionaries;
     }
-}
 
-TEST(CFEqual, PairsFoundEqualAreForgottenAfterTheComparison) {
-    // Enough containers to use the table of equal pairs.
+    // Enough containers to use the table of equal pairs, which is forgotten
+    // after each comparison: containers changed in place compare anew.
     CFRef<CFMutableArrayRef> a(make_array()), b(make_array());
+    auto inner = [](CFArrayRef side, CFIndex i) {
+        return const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(CFArrayGetValueAtIndex(side, i)));
+    };
     for (int i = 0; i < 1000; ++i)
         for (CFMutableArrayRef side : {a.get(), b.get()}) {
             CFRef<CFNumberRef> n(make_int(i));
-            CFRef<CFMutableArrayRef> inner(make_array());
-            CFArrayAppendValue(inner, n);
-            CFArrayAppendValue(side, inner);
+            CFRef<CFMutableArrayRef> one(make_array());
+            CFArrayAppendValue(one, n);
+            CFArrayAppendValue(side, one);
         }
     EXPECT_TRUE(CFEqual(a, b));
-    // A pair found equal above no longer is.
-    auto inner = const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(CFArrayGetValueAtIndex(b, 400)));
-    CFArrayAppendValue(inner, CFSTR("more"));
+    CFArrayAppendValue(inner(b, 400), CFSTR("more"));
     EXPECT_FALSE(CFEqual(a, b));
     EXPECT_FALSE(CFEqual(b, a));
-    CFArrayRemoveValueAtIndex(inner, 1);
+    CFArrayRemoveValueAtIndex(inner(b, 400), 1);
     EXPECT_TRUE(CFEqual(a, b));
-    // The last pair differs: everything before it was equal.
-    CFRef<CFNumberRef> other(make_int(-1));
-    auto last = const_cast<CFMutableArrayRef>(static_cast<CFArrayRef>(CFArrayGetValueAtIndex(a, 999)));
-    CFArraySetValueAtIndex(last, 0, other);
+    CFArraySetValueAtIndex(inner(a, 999), 0, CFSTR("last"));   // the last pair differs: all before it was equal
     EXPECT_FALSE(CFEqual(a, b));
 }
