@@ -43,7 +43,7 @@ std::vector<std::string> names(io_iterator_t it) {
     return out;
 }
 
-TEST(Matching, FindsServicesByClassNameAndPropertyAndCountsReferences) {
+TEST(Matching, FindsServicesByClassNameAndPropertyCountsReferencesAndConsumesTheDictionary) {
     Simulator sim;
     in_child(sim.socket(), [] {
         CFMutableDictionaryRef m = IOServiceMatching("ZantraTalvexProcessor");
@@ -89,18 +89,13 @@ TEST(Matching, FindsServicesByClassNameAndPropertyAndCountsReferences) {
         EXPECT_NE(IOObjectRetain(cp), KERN_SUCCESS);
         EXPECT_EQ(IOObjectGetClass(cp, name), kInvalidHandle);
         EXPECT_EQ(IORegistryEntryGetRegistryEntryID(cp, &cp_id), kInvalidHandle);
-    });
-}
 
-TEST(Matching, ConsumesTheDictionaryWhateverHappens) {
-    Simulator sim;
-    in_child(sim.socket(), [] {
-        CFMutableDictionaryRef m = IOServiceMatching("ZantraTalvexProcessor");
+        // The matching dictionary is consumed whatever happens.
+        m = IOServiceMatching("ZantraTalvexProcessor");
         CFRetain(m);
         io_service_t s = IOServiceGetMatchingService(kIOMainPortDefault, m);
         EXPECT_EQ(CFGetRetainCount(m), 1);
         CFRetain(m);
-        io_iterator_t it = 0;
         EXPECT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, m, &it), KERN_SUCCESS);
         EXPECT_EQ(CFGetRetainCount(m), 1);
         CFRetain(m);
@@ -123,7 +118,7 @@ TEST(Matching, ConsumesTheDictionaryWhateverHappens) {
     });
 }
 
-TEST(Iterators, SnapshotGoesInvalidWhenTheRegistryChangesAndResetTakesANewOne) {
+TEST(Registry, IteratorsGoInvalidWhenTheRegistryChangesAndBadPropertiesNeverReachTheSimulator) {
     Simulator sim;
     in_child(sim.socket(), [&] {
         // An empty matching dictionary matches every published service.
@@ -142,13 +137,9 @@ TEST(Iterators, SnapshotGoesInvalidWhenTheRegistryChangesAndResetTakesANewOne) {
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
         EXPECT_FALSE(IOIteratorIsValid(it));
         EXPECT_EQ(IOIteratorNext(it), 0u);
-    });
-}
 
-TEST(Properties, BadKeysValuesAndHandlesNeverReachTheSimulator) {
-    Simulator sim;
-    sim.trace(true);
-    in_child(sim.socket(), [&] {
+        // Bad keys, values and handles never reach the simulator.
+        sim.trace(true);
         io_service_t cp = coprocessor();
         ASSERT_NE(cp, 0u);
         EXPECT_EQ(IORegistryEntryCreateCFProperty(cp, CFSTR("no-such-key"), kCFAllocatorDefault, 0), nullptr);

@@ -46,33 +46,18 @@ TEST(Serialize, OnlyTheSameObjectTakesAnId) {
                           "<string IDREF=\"0\"/></array>");
 }
 
-// Refused, not written in part: options, floats, a NUL inside a string (it
-// would end the text), a key that is not a string, an object of another type.
+// Refused, not written in part: an object of another type inside a list, a
+// container inside itself. (Floats, non-string keys, NUL inside strings and
+// options: fuzz/plist_roundtrip_fuzz.cpp checks every list is written
+// exactly when the dialect can carry it.)
 TEST(Serialize, UnsupportedInputGivesNothing) {
-    CF s = str("x");
-    EXPECT_EQ(serialized(s.get(), 1), "<null>");
-    CF f32 = num(kCFNumberFloat32Type, 1.5f), f64 = num(kCFNumberDoubleType, 2.0);
-    CF with_nul = str(std::string_view("a\0b", 3));
-    ASSERT_TRUE(with_nul);
-    for (CFTypeRef bad : {CFTypeRef{}, f32.get(), f64.get(), with_nul.get()}) EXPECT_EQ(serialized(bad), "<null>");
-    CFMutableArrayRef outer = make_array();
-    CFMutableDictionaryRef inner = make_dict();
-    CF outer_owner(outer), inner_owner(inner), num_key = num(kCFNumberSInt32Type, 1);
+    CFRef<CFMutableArrayRef> outer(make_array()), inner(make_array());
     CF error(CFErrorCreate(kCFAllocatorDefault, kCFErrorDomainPOSIX, 2, nullptr));
     CFArrayAppendValue(outer, inner);
-    const std::pair<CFTypeRef, CFTypeRef> entries[] = {{CFSTR("f"), f64.get()}, {num_key.get(), s.get()},
-                                                       {CFSTR("e"), error.get()}};
-    for (const auto &[key, value] : entries) {
-        CFDictionarySetValue(inner, key, value);
-        EXPECT_EQ(serialized(outer), "<null>");
-        CFDictionaryRemoveAllValues(inner);
-    }
-}
-
-TEST(Serialize, ContainerInsideItselfGivesNothing) {
-    CFRef<CFMutableArrayRef> a(make_array()), b(make_array());
-    CFArrayAppendValue(a, b);
-    CFArrayAppendValue(b, a);
-    EXPECT_EQ(serialized(a), "<null>");
-    CFArrayRemoveAllValues(b);  // break the cycle so both can be freed
+    CFArrayAppendValue(inner, error.get());
+    EXPECT_EQ(serialized(outer), "<null>");
+    EXPECT_EQ(serialized(nullptr), "<null>");
+    CFArraySetValueAtIndex(inner, 0, outer);
+    EXPECT_EQ(serialized(outer), "<null>");
+    CFArrayRemoveAllValues(inner);  // break the cycle so both can be freed
 }
