@@ -1,5 +1,5 @@
 // CFNumber, CFBoolean and CFData: values across types, conversions that
-// lose, ownership of bytes, and descriptions.
+// lose, ownership of bytes.
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
@@ -93,22 +93,4 @@ TEST(CFData, CopiesOwnNoCopyBorrowsOrAdopts) {
     EXPECT_EQ(CFDataCreate(nullptr, source, -1), nullptr);
     source[0] = 'z';
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(copied)), 5), std::string("abcd\0", 5));
-}
-
-TEST(CFDescriptions, LeavesAndNestedContainers) {
-    const uint8_t bytes[] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0xab};
-    CFRef<CFTypeRef> leaves[] = {
-        CFRef<CFTypeRef>(number<int8_t>(kCFNumberSInt8Type, -7)), CFRef<CFTypeRef>(make_int(INT64_MIN)),
-        CFRef<CFTypeRef>(number<double>(kCFNumberDoubleType, 2.5)),
-        CFRef<CFTypeRef>(number<float>(kCFNumberFloat32Type, 0.1f)), CFRef<CFTypeRef>::retain(kCFBooleanTrue),
-        CFRef<CFTypeRef>(CFDataCreate(nullptr, bytes, 9)), CFRef<CFTypeRef>(CFDataCreate(nullptr, bytes, 0)),
-        CFRef<CFTypeRef>(make_array())};
-    CFRef<CFMutableArrayRef> outer(make_array());
-    for (CFTypeRef leaf : leaves) CFArrayAppendValue(outer, leaf);
-    CFRef<CFMutableDictionaryRef> dict(make_dict());
-    CFDictionarySetValue(dict, CFSTR("k"), kCFBooleanFalse);
-    CFDictionarySetValue(dict, CFSTR("list"), outer);
-    EXPECT_EQ(describe(dict), "{\n    k = false;\n    list = (\n        -7,\n        -9223372036854775808,\n"
-                              "        2.5,\n        0.1,\n        true,\n        <00112233 44556677 ab>,\n        <>,\n"
-                              "        (\n        )\n    );\n}");
 }

@@ -138,21 +138,6 @@ TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
     EXPECT_EQ(g_widget_finalized, finalized + 3);
 }
 
-TEST(CFRuntime, ConstantStringsAreInternedAndImmortal) {
-    CFStringRef s = CFSTR("interned text");
-    std::string spelled = std::string("interned ") + "text";   // same text, another address
-    EXPECT_EQ(__CFStringMakeConstantString(spelled.c_str()), s);
-    for (int i = 0; i < 5; ++i) CFRelease(s);
-    EXPECT_EQ(text(s), "interned text");
-    CFRelease(kCFBooleanTrue);   // immortal too
-    EXPECT_TRUE(CFBooleanGetValue(kCFBooleanTrue));
-    // A spelling that is not UTF-8 keeps its stray byte as Latin-1 and is the
-    // same object as the clean text.
-    CFStringRef latin = __CFStringMakeConstantString("caf\xe9");
-    EXPECT_EQ(text(latin), "caf\u00e9");
-    EXPECT_EQ(CFSTR("caf\u00e9"), latin);
-}
-
 TEST(CFRuntime, RetainCountsAndInterningAreThreadSafe) {
     int finalized = g_widget_finalized;
     Widget *w = make_widget(9);

@@ -42,27 +42,17 @@ TEST(CFURL, FileSystemPaths) {
     EXPECT_EQ(CFURLCreateWithFileSystemPath(nullptr, CFSTR("/x"), 1, false), nullptr);   // not a POSIX path style
 }
 
+// The report library's errors: a Mach code, sign-extended, and a copied
+// description.
 TEST(CFError, CarriesDomainCodeAndUserInfo) {
     CFRef<CFMutableDictionaryRef> info(make_dict());
-    CFDictionarySetValue(info, kCFErrorDescriptionKey, talvex::make_cf_string("couldn't create channel"));
-    const CFIndex code = static_cast<int32_t>(0xe00002bc);   // sign-extended from 32 bits
-    CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, code, info));
-    EXPECT_EQ(CFErrorGetCode(err), -536870212);
-    EXPECT_TRUE(CFEqual(CFErrorGetDomain(err), kCFErrorDomainMach));
-
-    // The user info was copied: later changes to the caller's dictionary don't show.
+    CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("couldn't create channel"));
+    CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, static_cast<int32_t>(0xe00002bc), info));
     CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("changed"));
-    CFRef<CFStringRef> desc(CFErrorCopyDescription(err));
-    EXPECT_EQ(text(desc), "couldn't create channel");
     EXPECT_EQ(describe(err), "Error Domain=NSMachErrorDomain Code=-536870212 \"couldn't create channel\"");
-
-    // Without user info: an empty dictionary and a generic description.
     CFRef<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    EXPECT_EQ(CFDictionaryGetCount(CFRef<CFDictionaryRef>(CFErrorCopyUserInfo(bare))), 0);
-    CFRef<CFStringRef> generic(CFErrorCopyDescription(bare));
-    EXPECT_EQ(text(generic), "The operation couldn\u2019t be completed. (NSPOSIXErrorDomain error 2.)");
-    CFRef<CFErrorRef> twin(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    EXPECT_TRUE(CFEqual(bare, twin));
+    EXPECT_EQ(text(CFRef<CFStringRef>(CFErrorCopyDescription(bare))),
+              "The operation couldn\u2019t be completed. (NSPOSIXErrorDomain error 2.)");
     EXPECT_FALSE(CFEqual(bare, err));
     EXPECT_EQ(CFErrorCreate(nullptr, nullptr, 1, nullptr), nullptr);
 }
