@@ -40,13 +40,6 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     EXPECT_FALSE(CFEqual(big, big_d));   // 2^53+1 is not the double 2^53
     CFRef<CFNumberRef> one(make_int(1));
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, one));
-
-    // As dictionary keys: one key whatever the type of the number used to look it up.
-    CFRef<CFMutableDictionaryRef> dict(make_dict());
-    CFDictionarySetValue(dict, ll, CFSTR("five"));
-    EXPECT_EQ(CFDictionaryGetValue(dict, i8), CFSTR("five"));
-    EXPECT_EQ(CFDictionaryGetValue(dict, d), CFSTR("five"));
-    EXPECT_EQ(CFDictionaryGetValue(dict, half), nullptr);
 }
 
 // Each conversion gives whether it was exact and the value it stored anyway.
