@@ -8,7 +8,8 @@
 // channels. Each image is cut into a sample; every record of both samples,
 // of their whole-sample delta and of the per-record deltas then goes through
 // every value accessor, the bucket bounds, the state names, the channel
-// accessors and both descriptions.
+// accessors and both descriptions. A sample never holds more channels than
+// were subscribed, and a state's ID is found at or after its index.
 #include <IOReport.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
