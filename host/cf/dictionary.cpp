@@ -217,6 +217,18 @@ void rebuild(Dict *d, size_t expected) {
     d->slots.swap(slots);
 }
 
+// A new dictionary with its index made for `room` entries, or null (the
+// dictionary released) when there is no memory for the index.
+Dict *indexed_or_null(Dict *d, size_t room) noexcept {
+    try {
+        rebuild(d, room);
+    } catch (...) {
+        CFRelease(d);
+        return nullptr;
+    }
+    return d;
+}
+
 // Adds a key known to be absent, retaining key and value through the
 // callbacks. Throws std::bad_alloc before changing anything.
 void insert_new(Dict *d, const void *key, const void *value, CFHashCode hash) {
@@ -356,15 +368,7 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
         for (size_t i = 0; i < source->count; ++i) copy_entry(i);
     }
     d->count = d->live = n;
-    if (room > kScanEntries) {
-        try {
-            rebuild(d, room);
-        } catch (...) {
-            CFRelease(d);
-            return nullptr;
-        }
-    }
-    return d;
+    return room > kScanEntries ? indexed_or_null(d, room) : d;
 }
 
 void dictionary_finalize(CFTypeRef cf) {
@@ -492,13 +496,7 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef, CFIndex capacit
     size_t room = capacity > 0 ? static_cast<size_t>(capacity) : kDefaultRoom;
     Dict *d = new_dictionary(key_callbacks, value_callbacks, true, room);
     if (d == nullptr || capacity <= 0) return d;
-    try {
-        rebuild(d, room);
-    } catch (...) {
-        CFRelease(d);
-        return nullptr;
-    }
-    return d;
+    return indexed_or_null(d, room);
 }
 
 CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef, CFIndex capacity, CFDictionaryRef dict) {
