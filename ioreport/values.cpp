@@ -416,9 +416,10 @@ IOReturn deltaRecord(const Typed &a, const Typed &b, const Typed &t, CFErrorRef 
 CFMutableDictionaryRef IOReportCreateSamplesDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error) {
     return compareAggregates(older, newer,
                              [error](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef t) {
-                                 // The target is the walk's copy of the newer record: same legend, same type.
+                                 // The walk pairs records only when their types read the same, and the
+                                 // target is its copy of the newer record: one type for all three.
                                  const Typed tb(b);
-                                 return deltaRecord(Typed(a), tb, Typed(t, tb), error) == kIOReturnSuccess ? 0 : 1;
+                                 return deltaRecord(Typed(a, tb), tb, Typed(t, tb), error) == kIOReturnSuccess ? 0 : 1;
                              });
 }
 
