@@ -172,15 +172,7 @@ TEST(ModelBus, ReadingsFollowTheSimulatedClock) {
     uint64_t level = rig.call(kTalvexMethodGpioRead, {3}, {}, 0, 1).scalars.at(0);
     rig.step->advance(5 * kMs);
     EXPECT_EQ(rig.call(kTalvexMethodGpioRead, {3}, {}, 0, 1).scalars.at(0), 1 - level);
-
-    // The thermometer reads about 25 degrees, in 1/256 degree, big-endian.
-    Bytes t = rig.call(kTalvexMethodI2CRead, {}, {0, 0x48, 0x00, 0x00, 2}, 2).out;
-    ASSERT_EQ(t.size(), 2u);
-    EXPECT_NEAR((t[0] << 8 | t[1]) / 256.0, 25.0, 0.5);
-
-    EXPECT_EQ(bus_wobble(0, 1000, 10), -10);
-    EXPECT_EQ(bus_wobble(500 * kMs, 1000, 10), 10);
-    EXPECT_EQ(bus_wobble(1000 * kMs, 1000, 10), -10);
+    // (The thermometer's reading: the flaky-I2C case in tests/cases/scenarios.case.)
 }
 
 TEST(ModelBus, MemoryPagesAreBounded) {

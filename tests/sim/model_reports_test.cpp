@@ -1,9 +1,9 @@
 // The report hub and the drivers' report channels in-process, on a step
-// clock attached to the hub: buffer layout, refusals, exact counters under a
-// pinned load, figures frozen while the coprocessor is not booted, the
-// control commands. (hub_test.cpp covers the formats' values through the
-// report library; the control commands' refusals and the extra channels are
-// in tests/cases/talvexsim.case, the extra channels' descriptions in
+// clock attached to the hub: refusals, exact counters under a pinned load,
+// figures frozen while the coprocessor is not booted, the control commands.
+// (hub_test.cpp covers the buffers' layout and the formats' values through
+// the report library; the control commands' refusals and the extra channels
+// are in tests/cases/talvexsim.case, the extra channels' descriptions in
 // tests/tool/report_test.cpp.)
 #include <gtest/gtest.h>
 
@@ -112,47 +112,6 @@ uint64_t value(std::span<const uint8_t> b, size_t at, size_t element, size_t slo
 }
 
 }  // namespace
-
-TEST(HubInProcess, LaysOutTheRequestedChannelsOnceInLegendOrder) {
-    Rig rig;
-    auto uc = rig.client();
-    const uint64_t cp = rig.cp(), power = rig.power();
-    uint64_t token = rig.subscribe(*uc, {{power, report_id("VDD IO")},
-                                         {cp, kEvents},
-                                         {cp, report_id("NOPE")},
-                                         {cp, kTotal},
-                                         {cp, kTotal},
-                                         {42, kTotal}});
-    ASSERT_NE(token, 0u);
-    auto b = rig.buffer(*uc, token);
-    ASSERT_EQ(b.size(), 4u * 64);
-    auto r = runs(b);
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_EQ(r[0].driver, cp);
-    EXPECT_EQ(r[0].channel, kTotal);
-    EXPECT_EQ(r[0].type, report_type(kReportSimple, kReportCategoryPerformance, 1));
-    EXPECT_EQ(r[1].channel, kEvents);
-    EXPECT_EQ(r[1].count, 2u);
-    EXPECT_EQ(wire::load_le64(b.data() + 64 * 2 + 8), kEvents);   // every element carries the header
-    EXPECT_EQ(wire::load_le64(b.data() + 64 * 2 + 16), r[1].type);
-    EXPECT_EQ(r[2].driver, power);
-    EXPECT_EQ(r[2].channel, report_id("VDD IO"));
-
-    // A second buffer is separate: updating it leaves the first alone.
-    uint64_t other = rig.subscribe(*uc, {{cp, kTotal}});
-    ASSERT_NE(other, token);
-    uint64_t before = value(b, 0, 0, 0);
-    ASSERT_EQ(rig.update(*uc, other), kIOReturnSuccess);
-    EXPECT_EQ(value(b, 0, 0, 0), before);
-    EXPECT_EQ(value(rig.buffer(*uc, other), 0, 0, 0), before + 1000);
-    ASSERT_EQ(rig.update(*uc, token), kIOReturnSuccess);
-    EXPECT_EQ(value(b, 0, 0, 0), before + 2000);
-
-    // The unconfigured buffer stays a zero page.
-    SharedRegion *fresh = uc->region(kHubBufferMemoryType);
-    ASSERT_TRUE(fresh);
-    for (uint8_t byte : fresh->bytes()) ASSERT_EQ(byte, 0);
-}
 
 TEST(HubInProcess, RefusesWhatIsNotAProperRequest) {
     Rig rig;

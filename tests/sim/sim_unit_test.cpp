@@ -1,5 +1,6 @@
-// In-process tests of the simulator's parts: numbers, timers, matching, the
-// method table and catalogue shapes, stubs, trace formatting, models.
+// In-process tests of the simulator's parts: numbers, timers, the method
+// table and catalogue shapes, trace formatting, per-client limits, budgets.
+// (Stubs and matching: every case in tests/cases, and tests/iokit.)
 #include <gtest/gtest.h>
 
 #include "budget.h"
@@ -8,7 +9,6 @@
 #include "methods.h"
 #include "registry.h"
 #include "simulation.h"
-#include "stubs.h"
 #include "timers.h"
 #include "trace.h"
 
@@ -87,49 +87,6 @@ TEST(SimUnit, TimersRunInDueOrderAndCanBeCancelled) {
     EXPECT_EQ(step.real_wait_until(kNanosPerSecond), std::chrono::milliseconds(0));
 }
 
-// (Publication is checked through the control commands in sim_cli_test.cpp.)
-TEST(SimUnit, MatchingNamesAndProperties) {
-    Registry reg;
-    Service &a = reg.add("ClassA", "alpha");
-    Service &b = reg.add("ClassB", "beta");
-    int64_t one = 1;
-    CFRef<CFNumberRef> n(CFNumberCreate(nullptr, kCFNumberSInt64Type, &one));
-    a.set_property("k", n.get());
-    b.set_property("k", n.get());
-    b.set_property("only-b", kCFBooleanTrue);
-    EXPECT_NE(a.id, 0u);
-    EXPECT_EQ(reg.find(b.id), &b);
-    EXPECT_EQ(reg.find(0), nullptr);
-    EXPECT_EQ(reg.find(b.id + 1), nullptr);
-
-    auto dict = [] {
-        return CFRef<CFMutableDictionaryRef>(
-            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
-    };
-    auto m = dict();
-    CFDictionarySetValue(m.get(), CFSTR("SomethingElse"), CFSTR("ignored"));
-    EXPECT_EQ(reg.match(m.get()), (std::vector<uint64_t>{a.id, b.id}));
-
-    // IONameMatch: a string, or an array of which one must match.
-    const void *names[] = {CFSTR("nope"), CFSTR("beta")};
-    CFRef<CFArrayRef> name_list(CFArrayCreate(nullptr, names, 2, &kCFTypeArrayCallBacks));
-    CFDictionarySetValue(m.get(), CFSTR("IONameMatch"), name_list.get());
-    EXPECT_EQ(reg.match(m.get()), std::vector<uint64_t>{b.id});
-
-    // IOPropertyMatch: every key with an equal value.
-    auto props = dict();
-    CFDictionarySetValue(props.get(), CFSTR("k"), n.get());
-    auto pm = dict();
-    CFDictionarySetValue(pm.get(), CFSTR("IOPropertyMatch"), props.get());
-    EXPECT_EQ(reg.match(pm.get()), (std::vector<uint64_t>{a.id, b.id}));
-    CFDictionarySetValue(props.get(), CFSTR("only-b"), kCFBooleanTrue);
-    EXPECT_EQ(reg.match(pm.get()), std::vector<uint64_t>{b.id});
-    CFDictionarySetValue(props.get(), CFSTR("only-b"), kCFBooleanFalse);
-    EXPECT_TRUE(reg.match(pm.get()).empty());
-    CFDictionarySetValue(pm.get(), CFSTR("IOPropertyMatch"), CFSTR("not a dictionary"));
-    EXPECT_TRUE(reg.match(pm.get()).empty());
-}
-
 TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
     MethodTable t;
     int called = 0;
@@ -176,41 +133,6 @@ TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
     EXPECT_FALSE(accepts(2, 1, 0, 0, 0));
     EXPECT_FALSE(accepts(23, 0, 72, 0, 81));
     EXPECT_FALSE(accepts(1, 1, 0, 0, 0));
-}
-
-TEST(SimUnit, StubsMatchNewestFirstAndRetire) {
-    StubTable t;
-    CallStub base;
-    base.service = "S";
-    base.selector = 6;
-    base.output = {1, 2, 3};
-    ASSERT_TRUE(t.add(base));
-    CallStub narrow = base;
-    narrow.scalars_prefix = {5};
-    narrow.code = kIOReturnBusy;
-    narrow.output_size = 6;
-    narrow.times = 1;
-    ASSERT_TRUE(t.add(narrow));
-
-    const uint64_t five[] = {5, 9};
-    const uint64_t four[] = {4};
-    CallReply r;
-    EXPECT_EQ(t.answer_call("S", args_for(6, five, {}, 0, 10), r), kIOReturnBusy);
-    EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2, 3, 0, 0, 0}));   // padded to the reported size
-    EXPECT_EQ(t.answer_call("S", args_for(6, five, {}, 0, 2), r), kIOReturnSuccess);   // narrow one retired
-    EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2}));                                 // cut to the capacity
-    EXPECT_EQ(t.answer_call("S", args_for(6, four, {}, 0, 0), r), kIOReturnSuccess);
-    EXPECT_TRUE(r.output.empty());
-    EXPECT_FALSE(t.answer_call("S", args_for(7, four, {}, 0, 0), r));
-    EXPECT_FALSE(t.answer_call("T", args_for(6, four, {}, 0, 0), r));
-
-    OpenStub o{"S", kIOReturnNotPermitted, 2};
-    ASSERT_TRUE(t.add(o));
-    EXPECT_EQ(t.answer_open("S"), kIOReturnNotPermitted);
-    EXPECT_EQ(t.answer_open("S"), kIOReturnNotPermitted);
-    EXPECT_FALSE(t.answer_open("S"));
-    t.clear();
-    EXPECT_EQ(t.size(), 0u);
 }
 
 TEST(SimUnit, TraceFormatsAndStaysBounded) {
