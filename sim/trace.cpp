@@ -1,5 +1,7 @@
 #include "trace.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <vector>
@@ -33,16 +35,39 @@ void Trace::clear() {
     bytes_ = 0;
 }
 
+namespace {
+
+void append_decimal(std::string &out, uint64_t v) {
+    char buf[20];
+    auto end = std::to_chars(buf, buf + sizeof buf, v).ptr;
+    out.append(buf, end);
+}
+
+}  // namespace
+
+// Built in one buffer: a call line is made for every call a client makes.
 std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
-    std::string out = "{\"service\":" + json_string(service) + ",\"selector\":" + std::to_string(args.selector) +
-                      ",\"scalars\":[";
+    const size_t hex = 2 * std::min(args.input.size(), kMaxTracedInput) + 3;
+    std::string out;
+    out.reserve(120 + service.size() + 21 * args.scalars.size() + hex);
+    out += "{\"service\":";
+    append_json_string(out, service);
+    out += ",\"selector\":";
+    append_decimal(out, args.selector);
+    out += ",\"scalars\":[";
     for (size_t i = 0; i < args.scalars.size(); ++i) {
         if (i) out += ',';
-        out += std::to_string(args.scalars[i]);
+        append_decimal(out, args.scalars[i]);
     }
-    out += "],\"input\":\"" + trace_hex(args.input) + "\",\"output_size\":" + std::to_string(args.output_capacity) +
-           ",\"scalar_output_count\":" + std::to_string(args.scalar_output_capacity) +
-           ",\"result\":" + std::to_string(static_cast<uint32_t>(result)) + "}";
+    out += "],\"input\":\"";
+    if (!args.input.empty()) out += trace_hex(args.input, kMaxTracedInput);
+    out += "\",\"output_size\":";
+    append_decimal(out, args.output_capacity);
+    out += ",\"scalar_output_count\":";
+    append_decimal(out, args.scalar_output_capacity);
+    out += ",\"result\":";
+    append_decimal(out, static_cast<uint32_t>(result));
+    out += '}';
     return out;
 }
 
@@ -168,12 +193,20 @@ struct JsonWriter {
 
 }  // namespace
 
-std::string json_string(std::string_view text) {
+void append_json_string(std::string &out, std::string_view text) {
     static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(text.size() + 2);
+    // Printable ASCII other than a quote or backslash stands as it is: such
+    // runs are copied whole.
+    auto plain = [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; };
     out += '"';
     for (size_t i = 0; i < text.size();) {
+        size_t run = i;
+        while (run < text.size() && plain(static_cast<unsigned char>(text[run]))) ++run;
+        if (run > i) {
+            out.append(text.data() + i, run - i);
+            i = run;
+            continue;
+        }
         unsigned char c = static_cast<unsigned char>(text[i]);
         if (c == '"' || c == '\\') {
             out += '\\';
@@ -199,6 +232,12 @@ std::string json_string(std::string_view text) {
         }
     }
     out += '"';
+}
+
+std::string json_string(std::string_view text) {
+    std::string out;
+    out.reserve(text.size() + 2);
+    append_json_string(out, text);
     return out;
 }
 

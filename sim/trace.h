@@ -61,12 +61,17 @@ private:
 // A JSON string literal (quotes included). Bytes that are not valid UTF-8
 // become U+FFFD.
 std::string json_string(std::string_view text);
+// The same, appended to `out`.
+void append_json_string(std::string &out, std::string_view text);
 
 // A property-list value as JSON; null for a type JSON cannot show. A value
 // whose JSON would exceed `limit` bytes is shown as a string saying so.
 std::string cf_to_json(CFTypeRef value, size_t limit = 1u << 20);
 
+// How much of a call's input structure its trace line shows.
+inline constexpr size_t kMaxTracedInput = 256u << 10;
+
 // Lower-case hex of at most `limit` bytes; longer input ends in "..." after them.
-std::string trace_hex(std::span<const uint8_t> bytes, size_t limit = 256u << 10);
+std::string trace_hex(std::span<const uint8_t> bytes, size_t limit = kMaxTracedInput);
 
 }  // namespace talvex::sim

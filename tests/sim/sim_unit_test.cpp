@@ -140,6 +140,13 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     EXPECT_EQ(json_string("a\"b\\c\n\x01\x7f"), R"("a\"b\\c\n\u0001\u007f")");
     EXPECT_EQ(json_string("\xc3\xa9"), "\"\xc3\xa9\"");            // valid UTF-8 passes
     EXPECT_EQ(json_string("\xc3(\xed\xa0\x80"), R"("\ufffd(\ufffd\ufffd\ufffd")");   // broken and surrogate
+    // The widest numbers, and a name with plain runs between escapes.
+    const uint64_t scalars[] = {0, UINT64_MAX};
+    const uint8_t input[] = {0xab, 0x01};
+    CallArgs args{7, scalars, input, 4294967295u, UINT64_MAX};
+    EXPECT_EQ(Trace::call_line("Ab\"c\td\xff", args, kIOReturnNotReady),
+              R"({"service":"Ab\"c\td\ufffd","selector":7,"scalars":[0,18446744073709551615],"input":"ab01",)"
+              R"("output_size":18446744073709551615,"scalar_output_count":4294967295,"result":3758097112})");
 
     auto dict = CFRef<CFMutableDictionaryRef>(
         CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
