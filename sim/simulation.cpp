@@ -24,6 +24,8 @@ namespace {
 constexpr size_t kReplyHeader = 12;
 // Replies up to this size go out whatever the budget says.
 constexpr size_t kSmallReply = 4096;
+// The most reply-body room kept from one request for the next.
+constexpr size_t kKeptReplyRoom = 4096;
 
 CFRef<CFTypeRef> unserialize(std::span<const uint8_t> bytes) {
     if (bytes.empty()) return {};
@@ -74,7 +76,7 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     header.u16();   // flags: none defined
     uint32_t seq = header.u32();
     Reader r(message.subspan(std::min<size_t>(message.size(), 8)));
-    Writer out;
+    Writer out(std::move(reply_body_));
     int fd = -1;
     IOReturn code;
     switch (static_cast<Op>(op)) {
@@ -105,6 +107,8 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     }
     Op reply_op = static_cast<Op>(op & ~wire::kReplyBit);
     auto frame = wire::make_reply(reply_op, seq, code, body);
+    // The room of a small body serves the next request; a large one goes.
+    if (body.capacity() <= kKeptReplyRoom) reply_body_ = std::move(body);
     // A large reply that the client's budget cannot hold is refused instead
     // (small ones always go: the client stops being read once it is behind).
     if (frame.size() > kSmallReply || fd >= 0) {

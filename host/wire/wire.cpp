@@ -60,8 +60,10 @@ std::span<const uint8_t> Reader::blob() {
 
 namespace {
 std::vector<uint8_t> frame(uint16_t op, uint32_t seq, const int32_t *code, std::span<const uint8_t> body) {
-    Writer w;
     uint32_t len = 8 + (code ? 4 : 0) + static_cast<uint32_t>(body.size());
+    std::vector<uint8_t> room;
+    room.reserve(4 + static_cast<size_t>(len));
+    Writer w(std::move(room));
     w.u32(len);
     w.u16(op);
     w.u16(0);
