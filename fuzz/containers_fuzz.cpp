@@ -63,15 +63,18 @@ DictModel::iterator find(DictModel &m, int k) {
     return std::find_if(m.begin(), m.end(), [k](const auto &e) { return e.first == k; });
 }
 
-// CFDictionarySetValue of key `k` to a new value, on the dictionary and its model.
-void set(FuzzedDataProvider &in, CFMutableDictionaryRef d, DictModel &m, int k, int64_t value) {
+enum Put { kAdd, kSet, kReplace };
+
+// Key `k` to a new value, on the dictionary and its model: an add only when
+// the key is absent, a replace only when it is present, a set either way.
+void put(FuzzedDataProvider &in, CFMutableDictionaryRef d, DictModel &m, Put how, int k, int64_t value) {
     CFRef<CFTypeRef> key(make_key(in, k));
     CFRef<CFNumberRef> v(make_value(value));
-    CFDictionarySetValue(d, key, v);
+    (how == kAdd ? CFDictionaryAddValue : how == kSet ? CFDictionarySetValue : CFDictionaryReplaceValue)(d, key, v);
     auto it = find(m, k);
-    if (it == m.end())
+    if (it == m.end() && how != kReplace)
         m.emplace_back(k, value);
-    else
+    else if (it != m.end() && how != kAdd)
         it->second = value;
 }
 
@@ -129,26 +132,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     while (in.remaining_bytes() > 0) {
         int k = in.ConsumeIntegralInRange(0, kKeyCount - 1);
-        switch (in.ConsumeIntegralInRange(0, 20)) {
-        case 0: {   // add: only when absent
-            CFRef<CFTypeRef> key(make_key(in, k));
-            CFRef<CFNumberRef> v(make_value(++next_value));
-            CFDictionaryAddValue(dict.get(), key.get(), v.get());
-            if (find(dm, k) == dm.end()) dm.emplace_back(k, next_value);
-            break;
-        }
+        switch (int op = in.ConsumeIntegralInRange(0, 20); op) {
+        case 0:
         case 1:
-        case 2:   // set: add, or replace in place
-            set(in, dict, dm, k, ++next_value);
+        case 2:
+        case 3:
+            put(in, dict, dm, op == 0 ? kAdd : op == 3 ? kReplace : kSet, k, ++next_value);
             break;
-        case 3: {   // replace: only when present
-            CFRef<CFTypeRef> key(make_key(in, k));
-            CFRef<CFNumberRef> v(make_value(++next_value));
-            CFDictionaryReplaceValue(dict.get(), key.get(), v.get());
-            auto it = find(dm, k);
-            if (it != dm.end()) it->second = next_value;
-            break;
-        }
         case 4:
         case 5: {   // remove
             CFRef<CFTypeRef> key(make_key(in, k));
@@ -159,7 +149,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         }
         case 6: {   // a run of keys added at once
             int last = in.ConsumeIntegralInRange(k, kKeyCount - 1);
-            for (int j = k; j <= last; ++j) set(in, dict, dm, j, ++next_value);
+            for (int j = k; j <= last; ++j) put(in, dict, dm, kSet, j, ++next_value);
             break;
         }
         case 7:

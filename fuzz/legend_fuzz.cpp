@@ -87,12 +87,7 @@ private:
             CFRef<CFTypeRef> c(channel());
             CFArrayAppendValue(channels, c.get());
         }
-        if (odd()) {
-            CFRelease(channels);
-            set(d, "IOReportChannels", any_.value());
-        } else {
-            set(d, "IOReportChannels", channels);
-        }
+        set(d, "IOReportChannels", odd() ? (CFRelease(channels), any_.value()) : channels);
         return d;
     }
 
@@ -160,14 +155,11 @@ void publish_legends(FuzzedDataProvider &in, sim::Simulation &s) {
     }
 }
 
-// A walk result for a clone or prune block.
+// A walk result for a clone or prune block: mostly ok, now and then skip, 2 or stop.
 int walk_result(FuzzedDataProvider &in) {
-    switch (in.ConsumeIntegralInRange(0, 15)) {
-    case 0: return kIOReportIterSkipped;
-    case 1: return 2;
-    case 2: return 1;
-    default: return kIOReportIterOk;
-    }
+    constexpr int kOdd[] = {kIOReportIterSkipped, 2, 1};
+    int k = in.ConsumeIntegralInRange(0, 15);
+    return k < 3 ? kOdd[k] : kIOReportIterOk;
 }
 
 // No level of the aggregate is left empty: every channel list has a channel

@@ -13,6 +13,7 @@
 #include <IOReport.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
@@ -130,10 +131,7 @@ std::vector<uint8_t> laid_out(FuzzedDataProvider &in) {
 }
 
 void exercise(CFDictionaryRef rec) {
-    int count = 0;
-    for (int n : {IOReportStateGetCount(rec), IOReportHistogramGetBucketCount(rec), 4 * 8})
-        if (n > count) count = n;
-    if (count > kMaxIndex) count = kMaxIndex;
+    int count = std::min(kMaxIndex, std::max({IOReportStateGetCount(rec), IOReportHistogramGetBucketCount(rec), 4 * 8}));
     IOReportSimpleGetIntegerValue(rec);
     IOReportHistogramGetMinValue(rec);
     IOReportHistogramGetMaxValue(rec);

@@ -4,15 +4,9 @@
 
 #include <cstring>
 
-#include <unordered_set>
-
 namespace talvex::fuzz {
 
-namespace {
-
 constexpr int kDialectNesting = 128;
-
-}  // namespace
 
 PlistGen::~PlistGen() {
     for (CFTypeRef v : placed_) CFRelease(v);
@@ -131,52 +125,35 @@ CFTypeRef PlistGen::value(int depth) {
     return v;
 }
 
-namespace {
-
-class CarryCheck {
-public:
-    explicit CarryCheck(const std::unordered_set<const void *> &with_nul) : with_nul_(with_nul) {}
-
-    bool visit(CFTypeRef v, int depth) {
+bool PlistGen::dialect_can_carry(CFTypeRef root) const {
+    std::unordered_set<const void *> seen;
+    auto carries = [&](auto &self, CFTypeRef v, int depth) -> bool {
         if (!v) return false;
         CFTypeID t = CFGetTypeID(v);
-        if (t == CFBooleanGetTypeID()) return true;
-        if (!seen_.insert(v).second) return true;   // written by reference
+        if (t == CFBooleanGetTypeID() || !seen.insert(v).second) return true;   // an object seen again: by reference
         if (t == CFNumberGetTypeID()) return !CFNumberIsFloatType(static_cast<CFNumberRef>(v));
         if (t == CFDataGetTypeID()) return true;
-        if (t == CFStringGetTypeID()) return string_ok(static_cast<CFStringRef>(v));
+        if (t == CFStringGetTypeID()) return with_nul_.count(v) == 0;
+        if (depth >= kDialectNesting) return false;
         if (t == CFArrayGetTypeID()) {
-            if (depth >= kDialectNesting) return false;
             auto a = static_cast<CFArrayRef>(v);
             for (CFIndex i = 0; i < CFArrayGetCount(a); ++i)
-                if (!visit(CFArrayGetValueAtIndex(a, i), depth + 1)) return false;
+                if (!self(self, CFArrayGetValueAtIndex(a, i), depth + 1)) return false;
             return true;
         }
-        if (t == CFDictionaryGetTypeID()) {
-            if (depth >= kDialectNesting) return false;
-            auto d = static_cast<CFDictionaryRef>(v);
-            CFIndex n = CFDictionaryGetCount(d);
-            std::vector<const void *> keys(static_cast<size_t>(n)), values(static_cast<size_t>(n));
-            CFDictionaryGetKeysAndValues(d, keys.data(), values.data());
-            for (size_t i = 0; i < keys.size(); ++i) {
-                if (!keys[i] || CFGetTypeID(keys[i]) != CFStringGetTypeID()) return false;
-                if (!string_ok(static_cast<CFStringRef>(keys[i]))) return false;
-                if (!visit(values[i], depth + 1)) return false;
-            }
-            return true;
-        }
-        return false;
-    }
-
-private:
-    bool string_ok(CFStringRef s) const { return with_nul_.count(s) == 0; }
-    const std::unordered_set<const void *> &with_nul_;
-    std::unordered_set<const void *> seen_;
-};
-
-}  // namespace
-
-bool PlistGen::dialect_can_carry(CFTypeRef root) const { return CarryCheck(with_nul_).visit(root, 0); }
+        if (t != CFDictionaryGetTypeID()) return false;
+        auto d = static_cast<CFDictionaryRef>(v);
+        auto n = static_cast<size_t>(CFDictionaryGetCount(d));
+        std::vector<const void *> keys(n), values(n);
+        CFDictionaryGetKeysAndValues(d, keys.data(), values.data());
+        for (size_t i = 0; i < n; ++i)
+            if (!keys[i] || CFGetTypeID(keys[i]) != CFStringGetTypeID() || with_nul_.count(keys[i]) != 0 ||
+                !self(self, values[i], depth + 1))
+                return false;
+        return true;
+    };
+    return carries(carries, root, 0);
+}
 
 void check_written(CFTypeRef root, CFDataRef written) {
     const auto *text = reinterpret_cast<const char *>(CFDataGetBytePtr(written));
