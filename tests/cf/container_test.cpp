@@ -1,11 +1,10 @@
-// CFArray and CFDictionary: deep equality, callbacks, and the work lookups
-// do in large dictionaries. (Editing, order and copies against a model, at
+// CFArray and CFDictionary: deep equality, and the work lookups do in large
+// dictionaries. (Editing, order and copies against a model, at
 // every size across the scanned limit: fuzz/containers_fuzz.cpp.)
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -24,8 +23,6 @@ Strings keys_in_order(CFDictionaryRef d) {
         &out);
     return out;
 }
-
-const void *ptr(uintptr_t v) { return reinterpret_cast<const void *>(v); }
 
 }  // namespace
 
@@ -81,36 +78,6 @@ const CFDictionaryKeyCallBacks kCountingKeys = {{0, kCFTypeDictionaryKeyCallBack
                                                 CFHash};
 
 }  // namespace
-
-// Null callbacks hold plain pointers: nothing retained, identity compared.
-// Callbacks are taken by value: the caller's structure may be gone while
-// the dictionary and its copies still use them.
-TEST(CFContainers, CallbacksDecideRetainingAndComparing) {
-    CFRef<CFStringRef> s = talvex::make_cf_string("k"), same_text = talvex::make_cf_string("k");
-    CFRef<CFMutableArrayRef> plain(CFArrayCreateMutable(nullptr, 0, nullptr));
-    CFArrayAppendValue(plain, s);
-    CFArrayAppendValue(plain, ptr(42));
-    CFRef<CFMutableDictionaryRef> pd(CFDictionaryCreateMutable(nullptr, 0, nullptr, nullptr));
-    CFDictionarySetValue(pd, s, s);
-    CFDictionarySetValue(pd, ptr(1), ptr(2));
-    CFRef<CFArrayRef> acopy(CFArrayCreateCopy(nullptr, plain));
-    CFRef<CFDictionaryRef> dcopy(CFDictionaryCreateCopy(nullptr, pd));
-    EXPECT_EQ(CFGetRetainCount(s), 1);
-    EXPECT_EQ(CFArrayGetValueAtIndex(acopy, 1), ptr(42));
-    EXPECT_FALSE(CFDictionaryContainsKey(pd, same_text));
-    EXPECT_EQ(CFDictionaryGetValue(dcopy, ptr(1)), ptr(2));
-
-    auto *callbacks = new CFDictionaryKeyCallBacks(kCountingKeys);
-    CFRef<CFMutableDictionaryRef> counted(CFDictionaryCreateMutable(nullptr, 0, callbacks, &kCFTypeDictionaryValueCallBacks));
-    std::memset(static_cast<void *>(callbacks), 0, sizeof *callbacks);
-    delete callbacks;
-    CFDictionarySetValue(counted, s, kCFBooleanTrue);
-    CFRef<CFMutableDictionaryRef> copy(CFDictionaryCreateMutableCopy(nullptr, 0, counted));
-    counted.reset();
-    g_key_compares = 0;
-    EXPECT_EQ(CFDictionaryGetValue(copy, same_text), kCFBooleanTrue);
-    EXPECT_GT(g_key_compares, 0);
-}
 
 TEST(CFDictionary, LargeDictionariesStayHashedAndChurnLeavesNoResidue) {
     constexpr int kKeys = 50000;
