@@ -132,6 +132,10 @@ TEST(MainQueue, ExitCallablesRunNewestFirstAmongAtexitHandlers) {
     EXPECT_EQ(lines(out), (std::vector<std::string>{"block 2", "atexit b", "block 1", "atexit a"}));
 }
 
+TEST(MainQueue, CarriesThisProjectsLabel) {
+    EXPECT_STREQ(dispatch_queue_get_label(dispatch_get_main_queue()), "talvex.main-thread");
+}
+
 TEST(MainQueue, DispatchOnceRunsOnceWhileOthersWait) {
     static dispatch_once_t once = 0;
     std::atomic<int> runs{0}, saw_done{0};
