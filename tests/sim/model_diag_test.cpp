@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "little_endian.h"
 #include "model_support.h"
 #include "sim_rig.h"
 
@@ -28,8 +29,9 @@ struct Rig : SimRig {
         return code(kTalvexMethodSetProperty, {device, property, value});
     }
     static std::vector<uint8_t> entry_request(uint32_t kind, uint32_t index) {
-        std::vector<uint8_t> request = le32({kind, index});
-        request.resize(72, 0);
+        std::vector<uint8_t> request(72, 0);
+        wire::store_le32(request.data(), kind);
+        wire::store_le32(request.data() + 4, index);
         return request;
     }
     Reply entry(uint32_t kind, uint32_t index) { return call(kTalvexMethodProfileEntry, {}, entry_request(kind, index), 82); }
