@@ -23,6 +23,7 @@
 
 #include "main_queue.h"
 #include "safe_connect.h"
+#include "socket_io.h"
 #include "sim_host.h"
 #include "transport.h"
 #include "wire.h"
@@ -138,7 +139,7 @@ bool answer(int sock, wire::Op op, uint32_t seq, FuzzedDataProvider &in) {
         if (op == wire::Op::Map) {   // memory whose size may disagree with the reply's
             int fd = memfd_create("client_fuzz", MFD_CLOEXEC);
             bool ok = fd >= 0 && ftruncate(fd, in.ConsumeIntegralInRange<off_t>(0, 1 << 16)) == 0 &&
-                      talvex::fuzz::send_with_descriptor(sock, wire::make_reply(op, seq, code(), shaped_body(op, in)), fd,
+                      wire::send_with_descriptor_before(sock, wire::make_reply(op, seq, code(), shaped_body(op, in)), fd,
                                                          deadline);
             if (fd >= 0) close(fd);
             return ok;

@@ -41,7 +41,7 @@ struct SimHost::State : sim::Outbox {
     void send(sim::ClientId, std::vector<uint8_t> frame, int fd) override {
         // A write that fails means the host went away; the serving loop sees
         // that on its next read.
-        if (client_fd >= 0) send_with_descriptor(client_fd, frame, fd, std::chrono::steady_clock::time_point::max());
+        if (client_fd >= 0) wire::send_with_descriptor_before(client_fd, frame, fd, std::chrono::steady_clock::time_point::max());
     }
 
     void serve() {
@@ -138,22 +138,6 @@ int listen_private(std::string &path) {
     if (fd < 0) die("listen");
     setenv("TALVEX_SIM_SOCKET", path.c_str(), 1);
     return fd;
-}
-
-bool send_with_descriptor(int sock, std::span<const uint8_t> frame, int fd,
-                          std::chrono::steady_clock::time_point deadline) {
-    if (fd < 0 || frame.empty()) return wire::send_before(sock, frame, deadline);
-    iovec iov{const_cast<uint8_t *>(frame.data()), frame.size()};
-    wire::DescriptorControl control;
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    wire::attach_descriptor(msg, control, fd);
-    ssize_t n;
-    do {
-        n = sendmsg(sock, &msg, MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    return n > 0 && wire::send_before(sock, frame.subspan(static_cast<size_t>(n)), deadline);
 }
 
 }  // namespace talvex::fuzz

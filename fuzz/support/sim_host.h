@@ -60,8 +60,4 @@ private:
 // TALVEX_SIM_SOCKET now names.
 int listen_private(std::string &path);
 
-// Sends a whole frame before the deadline, `fd` (when not -1) riding on its first bytes.
-bool send_with_descriptor(int sock, std::span<const uint8_t> frame, int fd,
-                          std::chrono::steady_clock::time_point deadline);
-
 }  // namespace talvex::fuzz

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "little_endian.h"
+#include "wire.h"
 
 namespace talvex::wire {
 
@@ -127,6 +128,28 @@ bool send_before(int fd, std::span<const uint8_t> bytes, Clock::time_point deadl
         return false;
     }
     return true;
+}
+
+bool send_with_descriptor_before(int fd, std::span<const uint8_t> bytes, int descriptor, Clock::time_point deadline) {
+    if (descriptor < 0 || bytes.empty()) return send_before(fd, bytes, deadline);
+    iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+    DescriptorControl control;
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    attach_descriptor(msg, control, descriptor);
+    for (;;) {
+        ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) return send_before(fd, bytes.subspan(static_cast<size_t>(n)), deadline);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            pollfd p{fd, POLLOUT, 0};
+            int r = poll(&p, 1, ms_left(deadline));
+            if (r == 0 || (r < 0 && errno != EINTR)) return false;
+            continue;
+        }
+        return false;
+    }
 }
 
 FrameRead read_frame_before(int fd, Clock::time_point deadline, uint32_t max_length, std::vector<uint8_t> &message,

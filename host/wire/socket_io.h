@@ -41,6 +41,10 @@ ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descript
 
 // Sends all of `bytes` before the deadline.
 bool send_before(int fd, std::span<const uint8_t> bytes, std::chrono::steady_clock::time_point deadline);
+// The same, with `descriptor` passed along with the first byte (none when
+// it is negative or there are no bytes).
+bool send_with_descriptor_before(int fd, std::span<const uint8_t> bytes, int descriptor,
+                                 std::chrono::steady_clock::time_point deadline);
 
 // How reading a frame ended.
 enum class FrameRead { Ok, TimedOut, Closed, BadLength };

@@ -293,14 +293,7 @@ public:
     }
     void send(std::span<const uint8_t> bytes) { send_all(client_, bytes); }
     void send_fd(std::span<const uint8_t> bytes, int fd) {
-        iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
-        wire::DescriptorControl control;
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        wire::attach_descriptor(msg, control, fd);
-        ssize_t n = sendmsg(client_, &msg, MSG_NOSIGNAL);
-        if (n >= 0 && static_cast<size_t>(n) < bytes.size()) send(bytes.subspan(static_cast<size_t>(n)));
+        wire::send_with_descriptor_before(client_, bytes, fd, std::chrono::steady_clock::now() + std::chrono::minutes(1));
     }
     void reply(const Request &req, int32_t code, std::span<const uint8_t> body) {
         send(wire::make_reply(req.op, req.seq, code, body));
