@@ -41,25 +41,36 @@ Exchange::~Exchange() {
     t_.fds_.clear();
 }
 
-Sent Exchange::run() {
+Sent Exchange::send(Clock::time_point deadline, uint32_t &seq) {
     const std::vector<uint8_t> &out = out_.data();
-    if (out.size() - 4 > wire::kMaxFrame) {
-        code_ = kIOReturnMessageTooLarge;
-        reply_ = {};
-        return Sent::Ok;
-    }
     Sent s = t_.ensure_connected();
     if (s != Sent::Ok) return s;
     if (++t_.seq_ == 0) t_.seq_ = 1;   // 0 is the events' sequence number
-    uint32_t seq = t_.seq_;
+    seq = t_.seq_;
     out_.patch_u32(0, static_cast<uint32_t>(out.size() - 4));
     out_.patch_u32(8, seq);
-    const auto deadline = Clock::now() + wire::kReplyTimeout;
     if (!wire::send_before(t_.fd_, out, deadline)) {
         t_.fail();
         return Clock::now() >= deadline ? Sent::TimedOut : Sent::Failed;
     }
+    return Sent::Ok;
+}
+
+Sent Exchange::run() {
+    if (out_.data().size() - 4 > wire::kMaxFrame) {
+        code_ = kIOReturnMessageTooLarge;
+        reply_ = {};
+        return Sent::Ok;
+    }
+    const auto deadline = Clock::now() + wire::kReplyTimeout;
+    uint32_t seq = 0;
+    if (Sent s = send(deadline, seq); s != Sent::Ok) return s;
     return t_.exchange(op_, seq, code_, reply_, deadline);
+}
+
+Sent Exchange::post() {
+    uint32_t seq = 0;
+    return send(Clock::now() + wire::kReplyTimeout, seq);
 }
 
 int Exchange::take_fd() {

@@ -70,6 +70,10 @@ public:
 
     wire::Writer &body() { return out_; }
     Sent run();
+    // Sends the request and does not wait for its reply, which a later
+    // exchange passes over (replies carry their request's sequence number).
+    // For requests whose answer the local state already knows. Ok: it went.
+    Sent post();
     int32_t code() const { return code_; }
     // The reply body after the code; valid until this exchange ends.
     wire::Reader reply() const { return wire::Reader(reply_); }
@@ -80,6 +84,8 @@ public:
 private:
     Transport &t_;
     std::unique_lock<std::mutex> lock_;
+    Sent send(std::chrono::steady_clock::time_point deadline, uint32_t &seq);
+
     wire::Op op_;
     wire::Writer out_;
     int32_t code_ = 0;
