@@ -81,18 +81,13 @@ expect "talvexctl readreg gyro " ""
 # get and set take a number, not a name.
 expect "talvexctl get " ""
 
-# Subcommand words.
+# Subcommand words (one table row of each shape).
 expect "talvexctl perfmon accel " "enable disable report auto enabled"
 expect "talvexctl profile " "start stop reset print gethitpoint getfunction"
-expect "talvexctl powerlog " "start stop reset getpowerlog"
 expect "talvexctl i2c " "read write readreg writereg"
-expect "talvexctl mem " "read write"
-expect "talvexctl spi " "read write"
-expect "talvexctl uart " "ping pingreply cmreply raw"
 expect "talvexctl uart raw " "ap isp bb"
 expect "talvexctl uart raw bb --" "--preamble --retry"
 expect "talvexctl clkmeasure " "irc ircdiff pll lfosc current"
-expect "talvexctl clkredirect " "enable disable"
 expect "talvexctl setbaudrate " "112500 750000 1500000 3000000"
 expect "talvexctl setstate 0x8" "0x80 0x81 0x82 0x83"
 
