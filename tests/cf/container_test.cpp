@@ -5,26 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 using namespace talvex::test;
-
-namespace {
-
-using Strings = std::vector<std::string>;
-
-Strings keys_in_order(CFDictionaryRef d) {
-    Strings out;
-    CFDictionaryApplyFunction(
-        d, [](const void *key, const void *, void *ctx) {
-            static_cast<Strings *>(ctx)->push_back(text(static_cast<CFStringRef>(key)));
-        },
-        &out);
-    return out;
-}
-
-}  // namespace
 
 // Distinct objects with equal contents are equal, dictionaries in any order.
 TEST(CFContainers, EqualityIsDeep) {
@@ -55,14 +38,6 @@ TEST(CFContainers, EqualityIsDeep) {
     CFArrayRemoveValueAtIndex(inner2, 1);
     CFDictionarySetValue(y, CFSTR("a"), CFSTR("1"));
     EXPECT_FALSE(CFEqual(x, y));
-
-    // A key given twice to CFDictionaryCreate: first position, last value.
-    const void *k2[] = {CFSTR("k"), CFSTR("j"), CFSTR("k")};
-    const void *v2[] = {CFSTR("first"), CFSTR("j"), CFSTR("last")};
-    CFRef<CFDictionaryRef> dup(
-        CFDictionaryCreate(nullptr, k2, v2, 3, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
-    EXPECT_EQ(keys_in_order(dup), (Strings{"k", "j"}));
-    EXPECT_EQ(CFDictionaryGetValue(dup, CFSTR("k")), CFSTR("last"));
 }
 
 namespace {

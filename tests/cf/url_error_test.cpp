@@ -1,4 +1,4 @@
-// CFURL path resolution and CFError.
+// CFURL path resolution.
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
@@ -34,17 +34,4 @@ TEST(CFURL, FileSystemPaths) {
         EXPECT_EQ(path_of(url), out) << in;
         EXPECT_EQ(CFRef<CFURLRef>(CFURLCopyAbsoluteURL(url)).get(), url.get()) << in;
     }
-}
-
-// The report library's errors: a Mach code, sign-extended, and a copied
-// description.
-TEST(CFError, CarriesDomainCodeAndUserInfo) {
-    CFRef<CFMutableDictionaryRef> info(make_dict());
-    CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("couldn't create channel"));
-    CFRef<CFErrorRef> err(CFErrorCreate(nullptr, kCFErrorDomainMach, static_cast<int32_t>(0xe00002bc), info));
-    CFDictionarySetValue(info, kCFErrorDescriptionKey, CFSTR("changed"));
-    EXPECT_EQ(describe(err), "Error Domain=NSMachErrorDomain Code=-536870212 \"couldn't create channel\"");
-    CFRef<CFErrorRef> bare(CFErrorCreate(nullptr, kCFErrorDomainPOSIX, 2, nullptr));
-    EXPECT_FALSE(CFEqual(bare, err));
-    EXPECT_EQ(CFErrorCreate(nullptr, nullptr, 1, nullptr), nullptr);
 }
