@@ -4,7 +4,6 @@
 #include "report_fixtures.h"
 
 #include <harness.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -158,6 +157,7 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     EXPECT_EQ(IOReportChannelGetUnit(recs[2]), kMs);   // the group's info is shared
     EXPECT_EQ(IOReportChannelGetFormat(recs[2]), kIOReportFormatState);
     EXPECT_FALSE(IOReportChannelGetGroup(recs[0]));
+    EXPECT_FALSE(IOReportCopyDriverName(0));
     IOObjectRelease(s);
 }
 
@@ -213,39 +213,4 @@ TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
     EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
     CFRef<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
     EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
-}
-
-TEST_F(Discovery, Filters) {
-    publishTalvexLegend();
-    publishHubLegend();
-    CFRef<CFStringRef> power(str("Power")), rails(str("Rails")), load(str("Load"));
-
-    CFRef<CFMutableDictionaryRef> g(IOReportCopyChannelsInGroup(power.get(), nullptr, 0, nullptr));
-    EXPECT_EQ(ids(g.get()), (std::vector<uint64_t>{0x52414931, 0x50535441}));
-    CFRef<CFMutableDictionaryRef> sg(IOReportCopyChannelsInGroup(nullptr, rails.get(), 0, nullptr));
-    EXPECT_EQ(IOReportGetChannelCount(sg.get()), 2);
-    CFRef<CFErrorRef> e;
-    EXPECT_FALSE(IOReportCopyChannelsInGroup(nullptr, nullptr, 0, e.slot()));
-    EXPECT_EQ(errorText(e.get()), "no group or subgroup!");
-
-    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
-    EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), nullptr, nullptr, nullptr), 1);
-    EXPECT_EQ(IOReportSelectChannelsInGroup(all.get(), load.get(), nullptr, nullptr), kIOReportIterSkipped);
-    EXPECT_EQ(ids(all.get()), (std::vector<uint64_t>{kTotal}));
-    CFRef<CFErrorRef> e2;
-    EXPECT_EQ(IOReportSelectChannelsInGroup(nullptr, load.get(), nullptr, e2.slot()), 1);
-    EXPECT_EQ(errorText(e2.get()), "channel pruning failed");
-
-    CFRef<CFMutableDictionaryRef> cats(IOReportCopyChannelsInCategories(0x0006, 0, nullptr));
-    EXPECT_EQ(ids(cats.get(), true), (std::vector<uint64_t>{0x48554231, 0x50535441, kTotal}));
-    CFRef<CFMutableDictionaryRef> hist(IOReportCopyChannelsOfFormat(kIOReportFormatHistogram, 0, nullptr));
-    EXPECT_EQ(ids(hist.get()), (std::vector<uint64_t>{0x48495354}));
-    CFRef<CFMutableDictionaryRef> ms(IOReportCopyChannelsWithUnit(kMs, 0, nullptr));
-    EXPECT_EQ(IOReportGetChannelCount(ms.get()), 2);
-}
-
-TEST(Names, CurrentProcess) {
-    CFRef<CFStringRef> n(IOReportCopyCurrentProcessName());
-    EXPECT_EQ(text(n.get()), "test_ioreport <pid " + std::to_string(getpid()) + ">");
-    EXPECT_FALSE(IOReportCopyDriverName(0));
 }
