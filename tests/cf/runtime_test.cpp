@@ -1,13 +1,11 @@
 // Object runtime: retain counts, registered classes, ownership through
-// containers, identity fallbacks, constant strings and thread safety.
+// containers, identity fallbacks and misuse.
 #include "cf_support.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
-#include <thread>
-#include <vector>
 
 using namespace talvex::test;
 
@@ -103,26 +101,6 @@ TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
     EXPECT_EQ(CFGetRetainCount(b), 2);
     for (CFTypeRef object : {CFTypeRef(a), CFTypeRef(b), CFTypeRef(m), CFTypeRef(d)}) CFRelease(object);
     EXPECT_EQ(g_widget_finalized, finalized + 3);
-}
-
-TEST(CFRuntime, RetainCountsAndInterningAreThreadSafe) {
-    int finalized = g_widget_finalized;
-    Widget *w = make_widget(9);
-    std::vector<std::thread> threads;
-    std::vector<CFStringRef> interned(4);
-    for (CFStringRef &mine : interned)
-        threads.emplace_back([w, &mine] {
-            for (int i = 0; i < 20000; ++i) CFRelease(CFRetain(w));
-            // Each thread spells the same texts in its own buffers.
-            for (int i = 0; i < 1000; ++i)
-                mine = __CFStringMakeConstantString(("thread-shared-" + std::to_string(i)).c_str());
-        });
-    for (auto &t : threads) t.join();
-    EXPECT_EQ(CFGetRetainCount(w), 1);
-    CFRelease(w);
-    EXPECT_EQ(g_widget_finalized, finalized + 1);
-    for (CFStringRef s : interned) EXPECT_EQ(s, interned[0]);
-    EXPECT_EQ(text(interned[0]), "thread-shared-999");
 }
 
 TEST(CFRuntimeDeathTest, MisuseAbortsWithAClearMessage) {
