@@ -127,42 +127,8 @@ TEST(Walker, IterateCombinesEvenResultsAndStopsOnOdd) {
     EXPECT_EQ(IOReportGetChannelCount(bad.get()), -1);
 }
 
-// (Prune: the legend fuzzer checks what it removes and that no level is left empty.)
-// (Pairing by place and the copy of an unpaired newer record: the delta
-// tests in values_test.cpp.) What the block gets, and what fails a compare.
-TEST(Walker, CompareStartsFromZeroedOlderElementsAndNeedsTheSameShape) {
-    const uint64_t t = type(kIOReportFormatSimple, 0, 1);
-    auto build = [&](uint64_t value) {
-        CFMutableDictionaryRef agg = IOReportCreateAggregate(kIOReportOptionByDriver);
-        EXPECT_EQ(add(agg, "A", 10, nullptr, nullptr, nullptr, t), 0);
-        CFRef<CFMutableDataRef> d(mutableData(run(7, 10, t, {{value, 0, 0, 0}}, {99})));
-        setValue(channelsOf(agg).at(0), "RawElements", d.get());
-        return agg;
-    };
-    CFRef<CFMutableDictionaryRef> older(build(100)), newer(build(500));
-    auto keep = [](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; };
-    int calls = 0;
-    CFRef<CFMutableDictionaryRef> out(compareAggregates(
-        older.get(), newer.get(), [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef c) {
-            ++calls;
-            uint16_t n = 0;
-            const uint8_t *e = getRawElements(c, &n, kIOReportFormatSimple);
-            EXPECT_TRUE(e && get64(e + 32) == 0 && get64(e + 24) == 99 && get64(e + 8) == 10);
-            return 0;
-        }));
-    ASSERT_TRUE(out);
-    EXPECT_EQ(calls, 1);
-
-    EXPECT_FALSE(compareAggregates(nullptr, newer.get(), keep));
-    // A driver the older sample lacks.
-    CFRef<CFMutableDictionaryRef> other(build(0));
-    EXPECT_EQ(add(other.get(), "Z", 1, nullptr, nullptr, nullptr, t), 0);
-    EXPECT_FALSE(compareAggregates(older.get(), other.get(), keep));
-    // Channel types must agree.
-    uint64_t t2 = type(kIOReportFormatSimple, 1, 1);
-    ASSERT_EQ(setChannelType(channelsOf(older.get())[0], &t2), 0);
-    EXPECT_FALSE(compareAggregates(older.get(), newer.get(), keep));
-}
+// (Prune: the legend fuzzer checks what it removes and that no level is left
+// empty. Comparing two aggregates: the delta tests in values_test.cpp.)
 
 // (A legend's records read back whole: tests/ioreport/discovery_test.cpp.)
 TEST(Channels, AccessorsReadTheRecordOrReportNoValue) {

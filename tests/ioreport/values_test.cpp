@@ -221,6 +221,11 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
     // A channel without elements in one sample fails the whole delta.
     Pair p = samples(kSimple, run(1, 0x4142, kSimple, {{1}}), run(1, 0x4142, type(1, 0, 3), {{2}}));
     EXPECT_FALSE(p.delta);
+    // Paired records must agree on the channel type; a sample must be given.
+    const uint64_t categorised = type(kIOReportFormatSimple, 1, 1);
+    Pair r = samples(categorised, run(1, 0x4142, categorised, {{1}}), run(1, 0x4142, categorised, {{5}}));
+    EXPECT_FALSE(CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesDelta(p.older.get(), r.newer.get(), nullptr)));
+    EXPECT_FALSE(IOReportCreateSamplesDelta(nullptr, r.newer.get(), nullptr));
 
     // A newer record with no partner is copied as it is.
     Pair q = samples(kSimple, run(1, 0x4142, kSimple, {{1}}), run(1, 0x4142, kSimple, {{5}}));
