@@ -1,4 +1,4 @@
-// Discovery from the registry of a private simulator, and the filters.
+// Discovery from the registry of a private simulator.
 // Legends are written into the registry through the platform's own
 // property write.
 #include "report_fixtures.h"
@@ -33,14 +33,6 @@ constexpr uint64_t kMs = 0x0100007C00000000ull;
 io_service_t service(const char *cls) {
     simulator();
     return IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching(cls));
-}
-
-uint64_t entryID(const char *cls) {
-    io_service_t s = service(cls);
-    uint64_t id = 0;
-    EXPECT_EQ(IORegistryEntryGetRegistryEntryID(s, &id), 0);
-    IOObjectRelease(s);
-    return id;
 }
 
 // Builders for legend property lists.
@@ -124,15 +116,12 @@ std::vector<uint64_t> ids(CFDictionaryRef agg, bool sorted = false) {
     return out;
 }
 
-class Discovery : public ::testing::Test {
-protected:
-    void SetUp() override { unpublishAll(); }
-};
-
 }  // namespace
 
-TEST_F(Discovery, OneDriverReadsItsLegend) {
+TEST(Discovery, PublicLegendsByDriverByMatchingAndAll) {
+    unpublishAll();
     publishTalvexLegend();
+    publishHubLegend();
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
     CFRef<CFErrorRef> e;
@@ -141,7 +130,8 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     ASSERT_TRUE(agg) << errorText(e.get());
     EXPECT_EQ(ids(agg.get()), (std::vector<uint64_t>{0x48495354, 0x52414931, 0x50535441, kTotal}));
 
-    uint64_t id = entryID(kTalvex);
+    uint64_t id = 0;
+    EXPECT_EQ(IORegistryEntryGetRegistryEntryID(s, &id), 0);
     char expected[128];
     snprintf(expected, sizeof expected, "ZantraTalvexProcessor <id %#llx>", static_cast<unsigned long long>(id));
     CFRef<CFStringRef> name(IOReportCopyDriverName(s));
@@ -159,10 +149,33 @@ TEST_F(Discovery, OneDriverReadsItsLegend) {
     EXPECT_FALSE(IOReportChannelGetGroup(recs[0]));
     EXPECT_FALSE(IOReportCopyDriverName(0));
     IOObjectRelease(s);
+
+    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
+    CFIndex refs = CFGetRetainCount(matching.get());
+    CFRef<CFMutableDictionaryRef> matched(IOReportCopyChannelsForDrivers(matching.get(), kIOReportOptionByDriver, nullptr));
+    ASSERT_TRUE(matched);
+    EXPECT_EQ(CFGetRetainCount(matching.get()), refs);   // the caller keeps its reference
+    EXPECT_EQ(IOReportGetChannelCount(matched.get()), 4);
+    EXPECT_TRUE(getValue(matched.get(), "IOReportDrivers"));
+
+    CFRef<CFErrorRef> e2;
+    EXPECT_FALSE(IOReportCopyChannelsForDrivers(nullptr, 0, e2.slot()));
+    EXPECT_EQ(errorText(e2.get()), "no matching dict");
+
+    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
+    EXPECT_EQ(ids(all.get(), true), (std::vector<uint64_t>{0x48495354, 0x48554231, 0x50535441, 0x52414931, kTotal}));
+
+    // A public driver whose legend is unusable is left out of all channels.
+    // (A lookup that names it fails: tests/cases/report.case.)
+    CFRef<CFStringRef> bad(str("bad"));
+    setProperty(kHub, "IOReportLegend", bad.get());
+    CFRef<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
+    EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
 }
 
 // (A legend that is not public: tests/cases/report.case.)
-TEST_F(Discovery, LegendsThatAreNotUsable) {
+TEST(Discovery, LegendsThatAreNotUsable) {
+    unpublishAll();
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
     setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
@@ -185,32 +198,4 @@ TEST_F(Discovery, LegendsThatAreNotUsable) {
     EXPECT_EQ(errorText(e4.get()), "invalid driver");
     IOObjectRelease(s);
     EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, nullptr));   // released: no references left
-}
-
-TEST_F(Discovery, MatchingDictionaryAndAllPublicLegends) {
-    publishTalvexLegend();
-    publishHubLegend();
-    CFRef<CFMutableDictionaryRef> matching(IOServiceMatching(kTalvex));
-    CFIndex refs = CFGetRetainCount(matching.get());
-    CFRef<CFMutableDictionaryRef> agg(IOReportCopyChannelsForDrivers(matching.get(), kIOReportOptionByDriver, nullptr));
-    ASSERT_TRUE(agg);
-    EXPECT_EQ(CFGetRetainCount(matching.get()), refs);   // the caller keeps its reference
-    EXPECT_EQ(IOReportGetChannelCount(agg.get()), 4);
-    EXPECT_TRUE(getValue(agg.get(), "IOReportDrivers"));
-
-    CFRef<CFErrorRef> e;
-    EXPECT_FALSE(IOReportCopyChannelsForDrivers(nullptr, 0, e.slot()));
-    EXPECT_EQ(errorText(e.get()), "no matching dict");
-
-    CFRef<CFMutableDictionaryRef> all(IOReportCopyAllChannels(0, nullptr));
-    EXPECT_EQ(ids(all.get(), true), (std::vector<uint64_t>{0x48495354, 0x48554231, 0x50535441, 0x52414931, kTotal}));
-
-    // A public driver whose legend is unusable is left out of all channels,
-    // but fails a lookup that names it.
-    CFRef<CFStringRef> bad(str("bad"));
-    setProperty(kHub, "IOReportLegend", bad.get());
-    CFRef<CFMutableDictionaryRef> rest(IOReportCopyAllChannels(0, nullptr));
-    EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
-    CFRef<CFMutableDictionaryRef> hubMatch(IOServiceMatching(kHub));
-    EXPECT_FALSE(IOReportCopyChannelsForDrivers(hubMatch.get(), 0, nullptr));
 }
