@@ -22,10 +22,8 @@ TEST(UserClient, OpenAndCloseWithTheirCodes) {
         io_service_t cp = coprocessor();
         ASSERT_NE(cp, 0u);
         io_connect_t c = 77;
-        EXPECT_EQ(IOServiceOpen(cp, mach_task_self(), 7, &c), kIOReturnBadArgument);
-        EXPECT_EQ(c, 0u);
-        EXPECT_EQ(IOServiceOpen(cp, mach_task_self(), 0, nullptr), kIOReturnBadArgument);
         EXPECT_EQ(IOServiceOpen(0, mach_task_self(), 0, &c), kInvalidHandle);
+        EXPECT_EQ(c, 0u);
 
         // The close gives up the handle: nothing can use it after.
         c = open_client(cp);

@@ -57,6 +57,8 @@ TEST(Values, SimpleArrayAndFormatChecks) {
     EXPECT_EQ(IOReportSimpleGetIntegerValue(one.get()), -42);
     CFRef<CFMutableDictionaryRef> two(sample(simple, run(1, 2, simple, {{1}, {2}})));
     EXPECT_EQ(IOReportSimpleGetIntegerValue(two.get()), kIOReportInvalidValue);
+    CFRef<CFMutableDictionaryRef> partial(sample(simple, std::vector<uint8_t>(63, 2)));   // less than one element
+    EXPECT_EQ(IOReportSimpleGetIntegerValue(partial.get()), kIOReportInvalidValue);
 
     const uint64_t array = type(kIOReportFormatSimpleArray, 0, 3);
     CFRef<CFMutableDictionaryRef> a(sample(array, run(1, 2, array, {{0, 1, 2, 3}, {4, 5, 6, 7}, {8, 9, 10, 11}})));
