@@ -31,8 +31,6 @@ TEST(CFNumber, EqualityAndHashAreByValueAcrossTypes) {
     // Values at the edge of the integer range compare exactly with doubles.
     CFRef<CFNumberRef> max64(make_int(INT64_MAX)), two63(number<double>(kCFNumberDoubleType, 9223372036854775808.0));
     EXPECT_FALSE(CFEqual(max64, two63));
-    CFRef<CFNumberRef> big(make_int((int64_t{1} << 53) + 1)), big_d(number<double>(kCFNumberDoubleType, 0x1p53));
-    EXPECT_FALSE(CFEqual(big, big_d));   // 2^53+1 is not the double 2^53
     CFRef<CFNumberRef> one(make_int(1));
     EXPECT_FALSE(CFEqual(kCFBooleanTrue, one));
 }
@@ -68,8 +66,6 @@ TEST(CFData, CopiesOwnAndNoCopyBorrows) {
     // kCFAllocatorNull: the stack buffer must never be freed (the sanitizer would say so).
     CFRef<CFDataRef> borrowed(CFDataCreateWithBytesNoCopy(nullptr, source, 5, kCFAllocatorNull));
     EXPECT_EQ(CFDataGetBytePtr(borrowed), source);
-    EXPECT_EQ(CFDataCreate(nullptr, nullptr, 4), nullptr);
-    EXPECT_EQ(CFDataCreate(nullptr, source, -1), nullptr);
     source[0] = 'z';
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(CFDataGetBytePtr(copied)), 5), std::string("abcd\0", 5));
 }

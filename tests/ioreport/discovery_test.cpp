@@ -173,18 +173,11 @@ TEST(Discovery, PublicLegendsByDriverByMatchingAndAll) {
     EXPECT_EQ(IOReportGetChannelCount(rest.get()), 4);
 }
 
-// (A legend that is not public: tests/cases/report.case.)
+// (A legend that is not public, or not a list: tests/cases/report.case.)
 TEST(Discovery, LegendsThatAreNotUsable) {
     unpublishAll();
     io_service_t s = service(kTalvex);
     ASSERT_NE(s, 0u);
-    setProperty(kTalvex, "IOReportLegendPublic", kCFBooleanTrue);
-    CFRef<CFStringRef> notArray(str("legend"));
-    setProperty(kTalvex, "IOReportLegend", notArray.get());
-    CFRef<CFErrorRef> e2;
-    EXPECT_FALSE(IOReportCopyChannelsForDriver(s, 0, e2.slot()));
-    EXPECT_EQ(errorText(e2.get()), "bad legend");
-
     // A legend channel whose ID can't be read fails the whole driver.
     CFMutableArrayRef legend = make_array();
     push(legend, group("G", nullptr, nullptr, {channel(1, type(1, 0, 1)), channel(kNone, type(1, 0, 1))}));
