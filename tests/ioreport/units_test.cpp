@@ -27,28 +27,13 @@ constexpr uint64_t kMs = 0x0100007C00000000ull;
 
 }  // namespace
 
-TEST(Units, FactorsFromScale) {
-    struct Case {
-        uint64_t scale, numerator, denominator;
-    } cases[] = {{0x7980000018ull, 1, 24000000},   // 10^-6 / 24
-                 {0x8200000003ull, 3000, 1},       // 3 * 10^3
-                 {0x8C0000000000ull, 8192, 1},     // 2^13
-                 {0x7D0000000000ull, 1, 4},        // 2^-2
-                 {0, 1, 1}};
-    for (const Case &c : cases) {
-        uint64_t n = 0, d = 0;
-        ASSERT_EQ(getFactorsFromScale(c.scale, &n, &d), 0) << std::hex << c.scale;
-        EXPECT_EQ(n, c.numerator) << std::hex << c.scale;
-        EXPECT_EQ(d, c.denominator) << std::hex << c.scale;
-    }
-    uint64_t n = 0, d = 0;
-    EXPECT_EQ(getFactorsFromScale(0x01000000000000ull, &n, &d), mach(0xe00002c2));
-}
-
+// Scales: a power of ten with a multiplier or a divisor, or a power of two.
 TEST(Units, ScaleValue) {
     EXPECT_DOUBLE_EQ(IOReportScaleValue(1500, kMs, kIOReportUnitTime), 1.5);
     EXPECT_DOUBLE_EQ(IOReportScaleValue(24000000, 0x0100007980000018ull, kIOReportUnitTime), 1.0);
     EXPECT_DOUBLE_EQ(IOReportScaleValue(3, kIOReportUnitTime, kMs), 3000.0);
+    EXPECT_DOUBLE_EQ(IOReportScaleValue(1, 0x0100008200000003ull, kIOReportUnitTime), 3000.0);   // 3 * 10^3
+    EXPECT_DOUBLE_EQ(IOReportScaleValue(4, 0x01007D0000000000ull, kIOReportUnitTime), 1.0);      // 2^-2
     EXPECT_TRUE(std::isnan(IOReportScaleValue(1, 0x0100000000000000ull, 0x0200000000000000ull)));
     EXPECT_TRUE(std::isnan(IOReportScaleValue(1, 0x0101000000000000ull, kIOReportUnitTime)));
     EXPECT_TRUE(std::isnan(IOReportScaleValue(1, kIOReportInvalidUnit, kIOReportUnitTime)));
