@@ -231,5 +231,40 @@ TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
     });
 }
 
+// The only check that the link serves several threads: each call gets its own
+// reply while others are in flight, and lookups in between find the one handle.
+TEST(Threads, CallsFromSeveralThreadsEachGetTheirOwnReply) {
+    Simulator sim;
+    for (int t = 1; t <= 4; ++t)
+        control(sim, {"stub", "--selector", std::to_string(kTalvexMethodGpioRead), "--scalars", std::to_string(t),
+                      "--scalar-outputs", std::to_string(100 + t)});
+    in_child(sim.socket(), [] {
+        io_service_t cp = coprocessor();
+        io_connect_t c = open_client(cp);
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> threads;
+        for (uint64_t t = 1; t <= 4; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 200; ++i) {
+                    uint64_t out = 0;
+                    uint32_t n = 1;
+                    if (IOConnectCallScalarMethod(c, kTalvexMethodGpioRead, &t, 1, &out, &n) != KERN_SUCCESS ||
+                        n != 1 || out != 100 + t)
+                        ++wrong;
+                    if (i % 50 == 0) {
+                        io_service_t again = coprocessor();
+                        if (again != cp) ++wrong;
+                        IOObjectRelease(again);
+                    }
+                }
+            });
+        for (auto &t : threads) t.join();
+        EXPECT_EQ(wrong.load(), 0);
+        EXPECT_EQ(IOObjectGetUserRetainCount(cp), 1u);
+        IOServiceClose(c);
+        IOObjectRelease(cp);
+    });
+}
+
 }  // namespace
 }  // namespace talvex::test
