@@ -1,5 +1,5 @@
-// In-process tests of the simulator's parts: numbers, timers, the method
-// table and catalogue shapes, trace formatting, per-client limits, budgets.
+// In-process tests of the simulator's parts: numbers, the method table and
+// catalogue shapes, trace formatting, per-client limits, budgets.
 // (Stubs and matching: every case in tests/cases, and tests/iokit.)
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@
 #include "methods.h"
 #include "registry.h"
 #include "simulation.h"
-#include "timers.h"
 #include "trace.h"
 
 using namespace talvex;
@@ -43,48 +42,16 @@ CallArgs args_for(uint32_t selector, std::span<const uint64_t> scalars, std::spa
 
 }  // namespace
 
+// The 64-bit edges (talvexsim.case has the bad words and the 32-bit ones).
 TEST(SimUnit, NumbersAcceptHexDecimalAndNegatives) {
-    EXPECT_EQ(parse_unsigned("0"), 0u);
-    EXPECT_EQ(parse_unsigned("0x1F"), 0x1fu);
     EXPECT_EQ(parse_unsigned("18446744073709551615"), UINT64_MAX);
     EXPECT_EQ(parse_unsigned("0xffffffffffffffff"), UINT64_MAX);
-    for (auto bad : {"", "0x", "18446744073709551616", "0x10000000000000000", "12a", " 1", "-1", "0b1", "1.5"})
+    for (auto bad : {"", "0x", "18446744073709551616", "0x10000000000000000", "-1"})
         EXPECT_FALSE(parse_unsigned(bad)) << bad;
-    EXPECT_EQ(parse_signed("-1"), UINT64_MAX);
-    EXPECT_EQ(parse_signed("-0x10"), static_cast<uint64_t>(-16));
     EXPECT_EQ(parse_signed("-9223372036854775808"), uint64_t{1} << 63);
     EXPECT_FALSE(parse_signed("-9223372036854775809"));
-    EXPECT_FALSE(parse_signed("--1"));
     EXPECT_EQ(parse_number_list("1,0x2,-1"), (std::vector<uint64_t>{1, 2, UINT64_MAX}));
-    EXPECT_EQ(parse_number_list(""), std::vector<uint64_t>{});
-    EXPECT_FALSE(parse_number_list("1,,2"));
     EXPECT_FALSE(parse_number_list("1,"));
-}
-
-TEST(SimUnit, TimersRunInDueOrderAndCanBeCancelled) {
-    TimerQueue q;
-    std::vector<int> ran;
-    q.add(30, [&] { ran.push_back(3); });
-    q.add(10, [&] { ran.push_back(1); });
-    auto cancelled = q.add(20, [&] { ran.push_back(99); });
-    q.add(10, [&] { ran.push_back(2); });   // same instant: after the first one added
-    EXPECT_EQ(q.next_due(), 10u);
-    EXPECT_TRUE(q.cancel(cancelled));
-    EXPECT_FALSE(q.cancel(cancelled));
-    EXPECT_EQ(q.run_due(9), 0u);
-    // A callback that schedules an already-due timer sees it run in the same pass.
-    q.add(25, [&] { q.add(5, [&] { ran.push_back(4); }); });
-    EXPECT_EQ(q.run_due(25), 4u);
-    EXPECT_EQ(ran, (std::vector<int>{1, 2, 4}));
-    EXPECT_EQ(q.next_due(), 30u);
-    q.run_due(100);
-    EXPECT_EQ(ran.back(), 3);
-    EXPECT_FALSE(q.next_due());
-
-    StepClock step;
-    EXPECT_FALSE(step.real_wait_until(kNanosPerSecond));   // only a step moves it
-    step.advance(kNanosPerSecond);
-    EXPECT_EQ(step.real_wait_until(kNanosPerSecond), std::chrono::milliseconds(0));
 }
 
 TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
@@ -251,16 +218,11 @@ TEST(SimUnit, BudgetFloorsPoolAndCaps) {
     b.forget(2);
     EXPECT_EQ(b.accounts(), 0u);
 
-    // The documented figures: the default memory budget with 20000
-    // descriptors, and the small budgets the attack tests use.
+    // The documented figures of the default memory budget with 20000
+    // descriptors (the small budgets' figures: sim_attack_test.cpp).
     BudgetLimits big = BudgetLimits::derive(size_t{1} << 30, 20000);
     EXPECT_EQ(big.max_clients, 1536u);
     EXPECT_EQ(big[Resource::Descriptors].per_client, 2461u);
     EXPECT_EQ(big[Resource::HubMemory].per_client, 75563008u);
     EXPECT_EQ(big.property_total, 8388608u);
-    EXPECT_EQ(BudgetLimits::derive(size_t{1} << 30, 256).max_clients, 27u);
-    BudgetLimits small = BudgetLimits::derive(size_t{64} << 20, 20000);
-    EXPECT_EQ(small.max_clients, 96u);
-    EXPECT_EQ(small[Resource::Buffers].total, 25165824u);
-    EXPECT_EQ(small.property_value, 1048576u);
 }
