@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <span>
 #include <string>
@@ -51,6 +52,41 @@ inline std::vector<uint8_t> le32(std::initializer_list<uint32_t> values) {
     size_t at = 0;
     for (uint32_t v : values) wire::store_le32(out.data() + 4 * at++, v);
     return out;
+}
+
+// The requests of the register, memory, UART and profile-entry methods in
+// their full sizes; a write's count is the size of its data.
+inline std::vector<uint8_t> register_write_request(uint8_t device, uint8_t reg, const std::vector<uint8_t> &data) {
+    std::vector<uint8_t> request{device, reg, static_cast<uint8_t>(data.size())};
+    request.insert(request.end(), data.begin(), data.end());
+    request.resize(19, 0);
+    return request;
+}
+inline std::vector<uint8_t> memory_request(uint32_t address, uint8_t block, uint8_t count,
+                                           const std::vector<uint8_t> *write = nullptr) {
+    std::vector<uint8_t> request(write ? 22 : 6, 0);
+    wire::store_le32(request.data(), address);
+    request[4] = block;
+    request[5] = count;
+    if (write) std::copy(write->begin(), write->end(), request.begin() + 6);
+    return request;
+}
+inline std::vector<uint8_t> memory_write_request(uint32_t address, uint8_t block, const std::vector<uint8_t> &data) {
+    return memory_request(address, block, static_cast<uint8_t>(data.size()), &data);
+}
+inline std::vector<uint8_t> uart_request(uint8_t port, uint8_t container, bool flag, uint32_t preamble) {
+    std::vector<uint8_t> request(109, 0);   // nothing to send: length 0, no retries
+    request[0] = port;
+    request[1] = container;
+    request[4] = flag ? 1 : 0;
+    wire::store_le32(request.data() + 5, preamble);
+    return request;
+}
+inline std::vector<uint8_t> profile_entry_request(uint32_t kind, uint32_t index) {
+    std::vector<uint8_t> request(72, 0);
+    wire::store_le32(request.data(), kind);
+    wire::store_le32(request.data() + 4, index);
+    return request;
 }
 
 class SimRig : public sim::Outbox {
