@@ -1,13 +1,11 @@
 // The firmware's diagnostics in the simulator, in-process on a clock that
-// moves only when told: device properties and their codes, running time
-// across halts and restarts, and the requests the tool never sends.
+// moves only when told.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "little_endian.h"
 #include "model_support.h"
 #include "sim_rig.h"
 
@@ -20,7 +18,7 @@ namespace {
 constexpr IOReturn kOk = kIOReturnSuccess;
 using Reply = CallResult;
 
-// The coprocessor, with the property, profile-entry and baud-rate reads the tests make often.
+// The coprocessor, with the property and baud-rate reads the tests make often.
 struct Rig : SimRig {
     Reply get(uint64_t device, uint64_t property, uint64_t capacity = 128) {
         return call(kTalvexMethodGetProperty, {device, property}, {}, capacity);
@@ -28,13 +26,6 @@ struct Rig : SimRig {
     IOReturn set(uint64_t device, uint64_t property, uint64_t value) {
         return code(kTalvexMethodSetProperty, {device, property, value});
     }
-    static std::vector<uint8_t> entry_request(uint32_t kind, uint32_t index) {
-        std::vector<uint8_t> request(72, 0);
-        wire::store_le32(request.data(), kind);
-        wire::store_le32(request.data() + 4, index);
-        return request;
-    }
-    Reply entry(uint32_t kind, uint32_t index) { return call(kTalvexMethodProfileEntry, {}, entry_request(kind, index), 82); }
     uint64_t baud() const {
         CFTypeRef v = service->get_property("talvex-baud-rate");
         int64_t n = -1;
@@ -54,9 +45,7 @@ TEST(ModelDiag, PropertiesHaveTheirSizesAndCodes) {
     const Case cases[] = {
         {0, 0, kOk, 4},     {1, 33, kOk, 32},   {0, 33, kOk, 28},   {0, 25, kOk, 12},   {2, 25, kOk, 4},
         {1, 56, kOk, 16},   {1, 57, kOk, 24},   {0, 56, kOk, 20},   {3, 22, kOk, 4},    {6, 38, kOk, 4},
-        {2, 45, kIOReturnUnsupported, 0},       {3, 45, kIOReturnUnsupported, 0},  {0, 4, kIOReturnUnsupported, 0},
-        {2, 6, kIOReturnUnsupported, 0},        {1, 240, kIOReturnUnsupported, 0}, {1, 99, kIOReturnUnsupported, 0},
-        {7, 0, kIOReturnNoDevice, 0},           {255, 0, kIOReturnNoDevice, 0},
+        {2, 45, kIOReturnUnsupported, 0},       {1, 240, kIOReturnUnsupported, 0}, {7, 0, kIOReturnNoDevice, 0},
         {1, 1ull << 32, kIOReturnBadArgument, 0},
     };
     for (const Case &c : cases) {
@@ -79,10 +68,9 @@ TEST(ModelDiag, WritablePropertiesCheckTheirValues) {
         // Sample interval within the supported rates (gyro: 10 to 800 Hz).
         {0, 0, 1'250, kOk}, {0, 0, 1'249, kIOReturnBadArgument}, {0, 0, 100'001, kIOReturnBadArgument},
         {0, 0, 100'000, kOk},
-        // Ranges and bandwidths from their lists.
-        {1, 6, 3, kIOReturnBadArgument}, {1, 6, 16, kOk}, {0, 6, 125, kOk}, {1, 4, 800, kOk},
-        {1, 4, 1'000, kIOReturnBadArgument}, {4, 36, 0, kIOReturnBadArgument}, {4, 36, 17, kIOReturnBadArgument},
-        {4, 36, 16, kOk},
+        // A range from its list; a decimation from 1 to 16.
+        {1, 6, 3, kIOReturnBadArgument}, {1, 6, 16, kOk}, {4, 36, 0, kIOReturnBadArgument},
+        {4, 36, 17, kIOReturnBadArgument}, {4, 36, 16, kOk},
         // Flags and the talvex rate take anything.
         {2, 10, 0xffffffff, kOk}, {3, 22, 0, kOk},
         // Read-only, unknown, no such device, too wide.
@@ -121,7 +109,8 @@ TEST(ModelDiag, TimeCountsWhileBootedAndAFreshBootStartsOver) {
     ASSERT_EQ(rig.cop->state(), kTalvexStateBooted);
     Reply summary = rig.call(kTalvexMethodProfileSummary, {}, {}, 12);
     EXPECT_EQ(summary.u32(8), 0u);
-    EXPECT_EQ(rig.entry(0, 0).u16(76), 0);   // not started in the new run
+    Reply entry = rig.call(kTalvexMethodProfileEntry, {}, profile_entry_request(0, 0), 82);
+    EXPECT_EQ(entry.u16(76), 0);   // not started in the new run
     EXPECT_EQ(rig.get(0, 0).i32(0), 10'000);
     EXPECT_EQ(rig.baud(), 3'000'000u);
 }
@@ -131,9 +120,8 @@ TEST(ModelDiag, RequestsOutOfRangeAreRefused) {
     Rig rig;
     // By name: kind 1, index 0xffffffff, then the name in the rest of the 72 bytes.
     auto by_name = [](const std::string &name, uint8_t fill) {
-        std::vector<uint8_t> request(72, fill);
-        wire::store_le32(request.data(), 1);
-        wire::store_le32(request.data() + 4, 0xffffffff);
+        std::vector<uint8_t> request = profile_entry_request(1, 0xffffffff);
+        std::fill(request.begin() + 8, request.end(), fill);
         std::copy(name.begin(), name.end(), request.begin() + 8);
         return request;
     };
@@ -150,8 +138,8 @@ TEST(ModelDiag, RequestsOutOfRangeAreRefused) {
     const Case cases[] = {
         {kTalvexMethodProfileEntry, {}, by_name("", 'x'), 82, kIOReturnBadArgument},   // no terminator
         {kTalvexMethodProfileEntry, {}, by_name(std::string("Fusion_update", 14), 0), 82, kIOReturnNotFound},
-        {kTalvexMethodProfileEntry, {}, rig.entry_request(2, 0), 82, kIOReturnBadArgument},
-        {kTalvexMethodProfileEntry, {}, rig.entry_request(1, 9), 82, kIOReturnBadArgument},
+        {kTalvexMethodProfileEntry, {}, profile_entry_request(2, 0), 82, kIOReturnBadArgument},
+        {kTalvexMethodProfileEntry, {}, profile_entry_request(1, 9), 82, kIOReturnBadArgument},
         {kTalvexMethodClockMeasure, {}, le32({5}), 8, kIOReturnBadArgument},
         {kTalvexMethodClockRedirect, {2}, {}, 0, kIOReturnBadArgument},
         {kTalvexMethodPerfMonitor, {1, 38}, {1, 0, 0}, 0, kIOReturnBadArgument},
@@ -159,7 +147,6 @@ TEST(ModelDiag, RequestsOutOfRangeAreRefused) {
         {kTalvexMethodPerfMonitor, {1, 47}, {}, 255, kIOReturnNoSpace},
         {kTalvexMethodPerfMonitor, {9, 47}, {}, 256, kIOReturnNoDevice},
         {kTalvexMethodSetBaudRate, {115'200}, {}, 0, kIOReturnBadArgument},
-        {kTalvexMethodSetBaudRate, {0}, {}, 0, kIOReturnBadArgument},
         {kTalvexMethodSetBaudRate, {112'500ull + (1ull << 32)}, {}, 0, kIOReturnBadArgument},
     };
     for (const Case &c : cases)
