@@ -1,6 +1,5 @@
-// In-process tests of the simulator's parts: numbers, the method table and
-// catalogue shapes, trace formatting, per-client limits, budgets.
-// (Stubs and matching: every case in tests/cases, and tests/iokit.)
+// In-process tests of the simulator's parts. (Stubs and matching: every case
+// in tests/cases, and tests/iokit.)
 #include <gtest/gtest.h>
 
 #include "budget.h"
@@ -9,6 +8,7 @@
 #include "methods.h"
 #include "registry.h"
 #include "simulation.h"
+#include "timers.h"
 #include "trace.h"
 
 using namespace talvex;
@@ -52,6 +52,16 @@ TEST(SimUnit, NumbersAcceptHexDecimalAndNegatives) {
     EXPECT_FALSE(parse_signed("-9223372036854775809"));
     EXPECT_EQ(parse_number_list("1,0x2,-1"), (std::vector<uint64_t>{1, 2, UINT64_MAX}));
     EXPECT_FALSE(parse_number_list("1,"));
+}
+
+// (Due times and cancelling: the lifecycle model's delayed steps.)
+TEST(SimUnit, TimersDueAtTheSameInstantRunInTheOrderTheyWereAdded) {
+    TimerQueue q;
+    std::string ran;
+    q.add(20, [&] { ran += 'd'; });
+    for (char c : std::string("abc")) q.add(10, [&ran, c] { ran += c; });
+    EXPECT_EQ(q.run_due(20), 4u);
+    EXPECT_EQ(ran, "abcd");
 }
 
 TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
