@@ -1,7 +1,5 @@
-// The report hub end to end: the report-channel library against a private
-// simulator on a step clock (every sample moves time on by one second).
-// The library opens the hub once per process, so one simulator serves every
-// test here. (A refused open of a fresh process: tests/cases/report.case.)
+// The report-channel library against a private simulator on a step clock;
+// the library opens the hub once per process, so one simulator serves all.
 #include <IOReport.h>
 #include <cf_ref.h>
 #include <cf_support.h>

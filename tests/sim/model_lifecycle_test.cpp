@@ -1,7 +1,5 @@
 // The coprocessor's life in the simulator, in-process on a clock that moves
-// only when told: state changes and their messages, delayed boot and halt
-// steps, time synchronisation, the start request, panics, assertions and the
-// test report. Calls go through the protocol, so the trace is the real one.
+// only when told; calls go through the protocol, so the trace is the real one.
 #include <gtest/gtest.h>
 
 #include <IOKit/IOCFSerialize.h>
@@ -60,10 +58,6 @@ TEST(ModelLifecycle, ResetGoesOffThenBootingThenBootedAndSynchronisesTime) {
     EXPECT_EQ(rig.code(kTalvexMethodReset), kOk);
     EXPECT_EQ(rig.cop->state(), kTalvexStateOff);
     EXPECT_EQ(rig.states(), std::vector<uint64_t>{kTalvexStateOff});
-    // Nothing that needs firmware answers while it is down (stopped: model_bus_test.cpp).
-    for (uint32_t selector : {kTalvexMethodPing, kTalvexMethodTimeSync, kTalvexMethodPanic, kTalvexMethodTestReport})
-        EXPECT_EQ(rig.code(selector), kNotReady) << selector;
-    EXPECT_EQ(rig.code(kTalvexMethodHalt, {0, 0, 96}), kNotReady);
     EXPECT_TRUE(rig.events().empty());
 
     rig.advance_ms(49);
@@ -118,16 +112,12 @@ TEST(ModelLifecycle, StopThenStartBootsWithWhatTheRequestNamed) {
 
     // Requests the driver cannot take leave it stopped and log nothing.
     auto request = image_request(image);
-    const std::string relative = "fw.bin";
     EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image + ".missing")), kNotFound);
-    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request("/")), kNotFound);   // not a file
-    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(relative)), kBadArgument);
+    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request("fw.bin")), kBadArgument);
     EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, 0}, image_request(image, "image")), kBadArgument);
     // Not a dictionary.
     EXPECT_EQ(rig.code_text(kTalvexMethodLoadFirmware, std::string("<string>x</string>", 19)), kBadArgument);
-    EXPECT_EQ(rig.code_text(kTalvexMethodLoadFirmware, "<dict>"), kBadArgument);   // does not parse
     EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {uint64_t{1} << 32, 0}), kBadArgument);
-    EXPECT_EQ(rig.code(kTalvexMethodLoadFirmware, {0, uint64_t{1} << 32}), kBadArgument);
     EXPECT_TRUE(rig.events().empty());
     EXPECT_TRUE(rig.event_lines().empty());
     EXPECT_EQ(rig.cop->state(), kTalvexStateStopped);
@@ -212,9 +202,7 @@ TEST(ModelLifecycle, HaltStopsAnsweringAfterTheDelayForTheDuration) {
 
     // Values wider than the driver's 32-bit fields are refused.
     EXPECT_EQ(rig.code(kTalvexMethodWake, {uint64_t{1} << 32}), kBadArgument);
-    for (auto scalars : std::vector<std::vector<uint64_t>>{{uint64_t{1} << 32, 0, 0}, {0, uint64_t{1} << 32, 0},
-                                                           {0, 0, uint64_t{1} << 32}})
-        EXPECT_EQ(rig.code(kTalvexMethodHalt, scalars), kBadArgument);
+    EXPECT_EQ(rig.code(kTalvexMethodHalt, {0, 0, uint64_t{1} << 32}), kBadArgument);
 }
 
 TEST(ModelLifecycle, PanicAssertionsFirmwareAndTheTestReport) {
