@@ -57,9 +57,11 @@ inline std::vector<uint8_t> le32(std::initializer_list<uint32_t> values) {
 // The requests of the register, memory, UART and profile-entry methods in
 // their full sizes; a write's count is the size of its data.
 inline std::vector<uint8_t> register_write_request(uint8_t device, uint8_t reg, const std::vector<uint8_t> &data) {
-    std::vector<uint8_t> request{device, reg, static_cast<uint8_t>(data.size())};
-    request.insert(request.end(), data.begin(), data.end());
-    request.resize(19, 0);
+    std::vector<uint8_t> request(19, 0);
+    request[0] = device;
+    request[1] = reg;
+    request[2] = static_cast<uint8_t>(data.size());
+    std::copy(data.begin(), data.end(), request.begin() + 3);
     return request;
 }
 inline std::vector<uint8_t> memory_request(uint32_t address, uint8_t block, uint8_t count,
