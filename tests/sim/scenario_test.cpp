@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -81,6 +82,14 @@ TEST(Scenario, MistakesAreRefusedWithFileAndLine) {
     std::string error;
     EXPECT_FALSE(talvex::sim::read_scenario_file(big, error));
     EXPECT_EQ(error, big + ":262145: the file goes over 262144 bytes here");
+}
+
+// Every example reads (most also run in tests/cases/scenarios.case).
+TEST(Scenario, EveryExampleReads) {
+    for (const auto &entry : std::filesystem::directory_iterator(kExamples)) {
+        std::string error;
+        EXPECT_TRUE(talvex::sim::read_scenario_file(entry.path().string(), error)) << entry.path() << ": " << error;
+    }
 }
 
 TEST(Scenario, Durations) {
