@@ -64,8 +64,7 @@ CFTypeRef PlistGen::container(int depth) {
     }
     size_t n = in_.ConsumeIntegralInRange<size_t>(0, 6);
     if (in_.ConsumeBool()) {
-        CFMutableDictionaryRef d =
-            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+        CFMutableDictionaryRef d = new_dictionary();
         for (size_t i = 0; i < n && in_.remaining_bytes() > 0; ++i) {
             // Now and then a key that is not a string, which the dialect cannot carry.
             CFRef<CFTypeRef> key(in_.ConsumeIntegralInRange(0, 31) == 0 ? static_cast<CFTypeRef>(integer())

@@ -1,5 +1,5 @@
-// Property lists built from fuzz input, and what the registry's XML dialect
-// can carry of them.
+// Values built from fuzz input: picks from tables, CF values, and property
+// lists with what the registry's XML dialect can carry of them.
 #pragma once
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -16,10 +16,29 @@
 
 namespace talvex::fuzz {
 
-// Builds property lists: dictionaries, arrays, strings (UTF-8 or Latin-1
-// text from the input, or words of a vocabulary), integers of every width,
-// now and then a floating-point number, data, booleans, objects reached from
-// more than one place, and nesting deep enough to pass the dialect's limit.
+// One entry of `table`, chosen by the input.
+template <class T, size_t N>
+const T &one_of(FuzzedDataProvider &in, const T (&table)[N]) {
+    return table[in.ConsumeIntegralInRange<size_t>(0, N - 1)];
+}
+
+// `usual`, or one time in eight any value of its type.
+template <class T>
+T usually(FuzzedDataProvider &in, T usual) {
+    return in.ConsumeIntegralInRange(0, 7) ? usual : in.ConsumeIntegral<T>();
+}
+
+// A new, empty mutable dictionary of CF values.
+inline CFMutableDictionaryRef new_dictionary() {
+    return CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+}
+
+// A new string of `text` (owned by the caller); null for null.
+inline CFStringRef new_string(const char *text) { return text ? make_cf_string(text).release() : nullptr; }
+
+// Builds property lists of every kind the dialect knows and some it does
+// not (floats, non-string keys, strings with a NUL), sharing objects and
+// nesting past the dialect's limit.
 class PlistGen {
 public:
     explicit PlistGen(FuzzedDataProvider &in, std::vector<std::string_view> words = {})
