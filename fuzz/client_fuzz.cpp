@@ -1,13 +1,10 @@
-// The platform layer's client side against a hostile simulator: a peer that
-// answers each request as the input says (well-shaped replies with any
-// codes and values, raw bodies, stale or mismatched replies, interest
-// messages in between, the refusal of a full simulator, mapped memory with
-// or without a descriptor, garbage, hanging up) while a small client
-// sequence runs: find and open the coprocessor, read its class and a
-// property, call a method, map memory, add an interest and serve the main
-// queue. Nothing may crash or hang (the peer always answers or hangs up, so
-// any wait is the client's own); what the API hands back must stay within
-// what the caller offered.
+// The platform layer's client side against a hostile peer that answers
+// each request as the input says (any codes and values, raw bodies, stale
+// replies, interest messages in between, a full simulator's refusal, memory
+// of any size, garbage, hanging up) while the client finds, opens and reads
+// the coprocessor, calls a method, maps memory and serves an interest on the
+// main queue. Nothing crashes or hangs (the peer always answers or hangs
+// up), and what the API hands back stays within what the caller offered.
 #include <IOKit/IOKitLib.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <poll.h>
@@ -22,6 +19,7 @@
 #include <vector>
 
 #include "main_queue.h"
+#include "plist_gen.h"
 #include "safe_connect.h"
 #include "socket_io.h"
 #include "sim_host.h"
@@ -36,6 +34,8 @@ using talvex::host::Transport;
 constexpr uint32_t kService = 42, kConnection = 9, kNotification = 5, kTimesync = 0xe3ff8100;
 
 using talvex::fuzz::fail;
+using talvex::fuzz::one_of;
+using talvex::fuzz::usually;
 
 // The listening socket, in a private directory, that TALVEX_SIM_SOCKET names.
 int listener() {
@@ -49,14 +49,13 @@ int listener() {
 // A well-shaped reply body for a request of kind `op`, with input-chosen values.
 std::vector<uint8_t> shaped_body(wire::Op op, FuzzedDataProvider &in) {
     wire::Writer w;
-    auto id = [&](uint32_t usual) { return in.ConsumeIntegralInRange(0, 7) ? usual : in.ConsumeIntegral<uint32_t>(); };
     switch (op) {
-    case wire::Op::Hello: w.u32(in.ConsumeIntegralInRange(0, 7) ? wire::kProtocolVersion : in.ConsumeIntegral<uint32_t>()); break;
+    case wire::Op::Hello: w.u32(usually(in, wire::kProtocolVersion)); break;
     case wire::Op::Match: {
         w.u64(in.ConsumeIntegral<uint8_t>());
         uint32_t n = in.ConsumeIntegralInRange<uint32_t>(0, 3);
-        w.u32(in.ConsumeIntegralInRange(0, 7) ? n : in.ConsumeIntegral<uint32_t>());
-        for (uint32_t i = 0; i < n; ++i) w.u64(id(kService));
+        w.u32(usually(in, n));
+        for (uint32_t i = 0; i < n; ++i) w.u64(usually(in, kService));
         break;
     }
     case wire::Op::Generation: w.u64(in.ConsumeIntegral<uint8_t>()); break;
@@ -69,18 +68,17 @@ std::vector<uint8_t> shaped_body(wire::Op op, FuzzedDataProvider &in) {
         static const char *const kLists[] = {
             "<integer size=\"64\">0x10002</integer>", "<dict><key>talvex-state</key><integer size=\"32\">0x1</integer></dict>",
             "<string>booted</string>", "<dict><key>a</key><array><true/><data>AAEC</data></array></dict>", "<dict>"};
-        std::string text = in.ConsumeBool() ? kLists[in.ConsumeIntegralInRange<size_t>(0, std::size(kLists) - 1)]
-                                            : in.ConsumeRandomLengthString(300);
+        std::string text = in.ConsumeBool() ? one_of(in, kLists) : in.ConsumeRandomLengthString(300);
         std::vector<uint8_t> bytes(text.begin(), text.end());
         if (in.ConsumeBool()) bytes.push_back(0);
         w.blob(bytes);
         break;
     }
-    case wire::Op::Open: w.u32(id(kConnection)); break;
-    case wire::Op::AddInterest: w.u32(id(kNotification)); break;
+    case wire::Op::Open: w.u32(usually(in, kConnection)); break;
+    case wire::Op::AddInterest: w.u32(usually(in, kNotification)); break;
     case wire::Op::Call: {
         uint32_t n = in.ConsumeIntegralInRange<uint32_t>(0, 20);
-        w.u32(in.ConsumeIntegralInRange(0, 7) ? n : in.ConsumeIntegral<uint32_t>());
+        w.u32(usually(in, n));
         for (uint32_t i = 0; i < n; ++i) w.u64(in.ConsumeIntegral<uint64_t>());
         w.blob(in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 600)));
         break;

@@ -1,9 +1,7 @@
-// The scenario file reader on arbitrary text, and the steps it accepts run.
-//
-// A refused file must be refused with one line that starts "FILE:LINE: ".
-// An accepted one is loaded into a fresh simulation on the step clock, its
-// call, open and state triggers are poked, and simulated time moves on by a
-// quarter second at a time for two seconds, running what falls due.
+// The scenario file reader on arbitrary text. A refused file is refused
+// with one line that starts "FILE:LINE: "; an accepted one is loaded into a
+// fresh simulation on a step clock, its call, open and state triggers are
+// poked, and two simulated seconds run what falls due.
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -35,9 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     }
     Drop outbox;
-    auto clock = std::make_unique<sim::StepClock>();
-    sim::StepClock *step = clock.get();
-    sim::Simulation simulation(outbox, std::move(clock));
+    sim::Simulation simulation(outbox, std::make_unique<sim::StepClock>());
     std::vector<sim::ScenarioTrigger> triggers;
     for (const auto &s : scenario->steps) triggers.push_back(s.trigger);
     simulation.scenario().load(std::move(*scenario));
@@ -48,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (t.kind == sim::ScenarioTrigger::Kind::Open) simulation.scenario().on_open(t.service);
             if (t.kind == sim::ScenarioTrigger::Kind::State) simulation.scenario().on_state(0, t.state);
         }
-        step->advance(sim::kNanosPerSecond / 4);
+        static_cast<sim::StepClock &>(simulation.clock()).advance(sim::kNanosPerSecond / 4);
         simulation.run_timers();
     }
     simulation.scenario().status();

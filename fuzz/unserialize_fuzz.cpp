@@ -1,16 +1,9 @@
-// The registry's XML dialect, read and written.
-//
-// Text for IOCFUnserialize: whatever the bytes, the parser returns a
-// property list or null with a message "line N: what". What it returns must
-// go back out through IOCFSerialize (the parser accepts nothing the writer
-// cannot write), read back equal, and write the same text again. Reading
-// with and without an explicit size gives the same result, since a NUL ends
-// the text either way.
-//
-// An input whose first byte is 0x01 (text that no parse gets past) builds a
-// property list with the generator instead, which knows what the dialect can
-// carry of it: IOCFSerialize must write exactly those lists (and refuse the
-// rest with null), and what it writes must read back equal to the list.
+// The registry's XML dialect, read and written. Whatever the bytes,
+// IOCFUnserialize returns a list or null with "line N: what", the same with
+// and without a size; a list it returns is written back, reads back equal
+// and writes the same text again. An input starting 0x01 (no parse gets
+// past it) builds a list instead: IOCFSerialize writes exactly the lists the
+// dialect can carry, and what it writes reads back equal.
 #include <IOKit/IOCFSerialize.h>
 #include <IOKit/IOCFUnserialize.h>
 

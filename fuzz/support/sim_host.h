@@ -1,14 +1,8 @@
-// An in-process simulator behind the host transport, for fuzz targets that
-// drive code through the platform API (the tool's handlers, report-channel
-// discovery).
-//
-// host/ finds the simulator as any process does: through TALVEX_SIM_SOCKET.
-// The first use makes a private directory, listens on a socket in it, points
-// TALVEX_SIM_SOCKET there and serves the socket from one thread, handing each
-// request to the current Simulation (on a step clock, so nothing depends on
-// the wall clock). reset() swaps in a fresh Simulation for every fuzz input,
-// so an input never sees what an earlier one left behind, while the host's
-// connection stays up across inputs.
+// An in-process simulator for fuzz targets that drive code through the
+// platform API: one thread serves a private socket that TALVEX_SIM_SOCKET
+// names, handing each request to the current Simulation (on a step clock).
+// reset() swaps in a fresh one for every input while the host's connection
+// stays up.
 #pragma once
 
 #include <chrono>
