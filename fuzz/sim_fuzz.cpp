@@ -1,15 +1,10 @@
-// The simulator's message decoder (Simulation::handle) on sequences of
-// arbitrary messages.
-//
-// Each input gets a fresh simulation on a step clock and sends it up to 64
-// messages from two clients: raw bytes, or requests of every op whose bodies
-// are laid out field by field from the input (entry IDs, connection IDs and
-// selectors mostly ones that exist, property lists mostly well formed,
-// control commands from the control words), now and then with bytes left
-// over. Between messages time may move on (running due timers) and a client
-// may disconnect. Every request must get exactly one well-formed reply with
-// its own op and sequence number; events must be well-formed too. Once both
-// clients are gone, none of their user clients or registrations may remain.
+// The simulator's message decoder (Simulation::handle): a fresh simulation
+// on a step clock gets up to 64 messages from two clients, raw bytes or
+// requests of every op laid out field by field (IDs mostly ones that exist,
+// property lists mostly well formed, control words), with time moving on
+// and clients leaving in between. Every request gets exactly one
+// well-formed reply with its own op and sequence number, events are
+// well-formed, and clients that left leave no user client or registration.
 #include <IOKit/IOCFSerialize.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -27,7 +22,9 @@ namespace {
 
 namespace sim = talvex::sim;
 namespace wire = talvex::wire;
+using talvex::fuzz::one_of;
 using talvex::fuzz::PlistGen;
+using talvex::fuzz::usually;
 using talvex::CFRef;
 
 [[noreturn]] void fail(const char *what, uint16_t op) { talvex::fuzz::fail("%s (op %u)", what, op); }
@@ -69,18 +66,14 @@ constexpr std::string_view kControlWords[] = {
     "0xe00002c7", "1,2,3", "", "00", "0011ff", "abc", "true", "8388608", "8388609", "0xe0000130",
 };
 
-uint64_t entry(FuzzedDataProvider &in) {
-    size_t i = in.ConsumeIntegralInRange<size_t>(0, std::size(kEntries));
-    return i < std::size(kEntries) ? kEntries[i] : in.ConsumeIntegral<uint64_t>();
-}
+uint64_t entry(FuzzedDataProvider &in) { return usually(in, one_of(in, kEntries)); }
 
-uint32_t small_id(FuzzedDataProvider &in) {
-    return in.ConsumeIntegralInRange(0, 7) == 0 ? in.ConsumeIntegral<uint32_t>() : in.ConsumeIntegralInRange<uint32_t>(0, 6);
-}
+uint32_t small_id(FuzzedDataProvider &in) { return usually(in, in.ConsumeIntegralInRange<uint32_t>(0, 6)); }
 
-std::string pick(FuzzedDataProvider &in, const std::string_view *words, size_t n) {
+template <size_t N>
+std::string pick(FuzzedDataProvider &in, const std::string_view (&words)[N]) {
     if (in.ConsumeIntegralInRange(0, 7) == 0) return in.ConsumeRandomLengthString(24);
-    return std::string(words[in.ConsumeIntegralInRange<size_t>(0, n - 1)]);
+    return std::string(one_of(in, words));
 }
 
 // A property list in the registry's form: generated, or raw bytes.
@@ -88,8 +81,7 @@ std::vector<uint8_t> plist_blob(FuzzedDataProvider &in, bool matching) {
     if (in.ConsumeIntegralInRange(0, 5) == 0) return in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 200));
     CFRef<CFTypeRef> value;
     if (matching) {
-        CFMutableDictionaryRef d =
-            CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks);
+        CFMutableDictionaryRef d = talvex::fuzz::new_dictionary();
         value.reset(d);
         PlistGen gen(in, {sim::kCoprocessorClass, sim::kReportHubClass, "IOProviderClass", "IONameMatch",
                           "IOPropertyMatch", "talvex-state", "IOReportLegendPublic"});
@@ -122,11 +114,11 @@ void body(FuzzedDataProvider &in, wire::Op op, wire::Writer &w) {
     case wire::Op::GetProperties: w.u64(entry(in)); break;
     case wire::Op::GetProperty:
         w.u64(entry(in));
-        w.str(pick(in, kKeys, std::size(kKeys)));
+        w.str(pick(in, kKeys));
         break;
     case wire::Op::SetProperty:
         w.u64(entry(in));
-        w.str(pick(in, kKeys, std::size(kKeys)));
+        w.str(pick(in, kKeys));
         w.blob(plist_blob(in, false));
         break;
     case wire::Op::Open:
@@ -160,7 +152,7 @@ void body(FuzzedDataProvider &in, wire::Op op, wire::Writer &w) {
     case wire::Op::Control: {
         uint32_t n = in.ConsumeIntegralInRange<uint32_t>(0, 10);
         w.u32(n);
-        for (uint32_t i = 0; i < n; ++i) w.str(pick(in, kControlWords, std::size(kControlWords)));
+        for (uint32_t i = 0; i < n; ++i) w.str(pick(in, kControlWords));
         break;
     }
     default: break;
@@ -172,15 +164,14 @@ void body(FuzzedDataProvider &in, wire::Op op, wire::Writer &w) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     Sink sink;
-    auto clock = std::make_unique<sim::StepClock>();
-    sim::StepClock *step = clock.get();
-    sim::Simulation s(sink, std::move(clock));
+    sim::Simulation s(sink, std::make_unique<sim::StepClock>());
 
     for (int m = 0; m < 64 && in.remaining_bytes() > 0; ++m) {
         sim::ClientId client = in.ConsumeIntegralInRange<sim::ClientId>(1, 2);
         switch (in.ConsumeIntegralInRange(0, 15)) {
         case 0:
-            step->advance(in.ConsumeIntegralInRange<uint64_t>(0, 3 * sim::kNanosPerSecond));
+            static_cast<sim::StepClock &>(s.clock())
+                .advance(in.ConsumeIntegralInRange<uint64_t>(0, 3 * sim::kNanosPerSecond));
             s.run_timers();
             continue;
         case 1:
