@@ -1,15 +1,10 @@
-// IOReportCreateSamplesRaw on arbitrary hub buffers.
-//
-// Every input subscribes to the same channels (each format, a channel whose
-// format comes from the buffer, one of an unknown format, one ID under two
-// drivers) filed by driver and group, with units and a histogram
-// configuration taken from the input. Two buffer images follow: either raw
-// bytes, or runs laid out from the input that mostly name subscribed
-// channels. Each image is cut into a sample; every record of both samples,
-// of their whole-sample delta and of the per-record deltas then goes through
-// every value accessor, the bucket bounds, the state names, the channel
-// accessors and both descriptions. A sample never holds more channels than
-// were subscribed, and a state's ID is found at or after its index.
+// IOReportCreateSamplesRaw on arbitrary hub buffers: a fixed subscription
+// (every format, an untyped and an unknown one, one ID under two drivers;
+// units and histogram configuration from the input) and two buffer images,
+// raw or laid out mostly naming subscribed channels. Every record of both
+// samples and of their deltas goes through every accessor and description.
+// A sample never holds more channels than were subscribed, and a state's ID
+// is found at or after its index.
 #include <IOReport.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -22,6 +17,8 @@
 using talvex::CFRef;
 using talvex::fuzz::check;
 using talvex::fuzz::fail;
+using talvex::fuzz::new_string;
+using talvex::fuzz::one_of;
 using talvex::fuzz::release;
 
 namespace {
@@ -50,7 +47,6 @@ const Channel kChannels[] = {
     {kDriverB, 1, type_of(kIOReportFormatSimple, 0x1, 1), "twin", "Energy", nullptr},
     {kDriverB, 8, type_of(kIOReportFormatHistogram, 0x4, 2), "shortcfg", "Perf", "Latency"},
 };
-constexpr size_t kChannelCount = sizeof kChannels / sizeof kChannels[0];
 
 const uint64_t kUnits[] = {
     0,                    // plain count
@@ -62,17 +58,13 @@ const uint64_t kUnits[] = {
     0x6400000000000000,   // events
 };
 
-CFStringRef cfstr(const char *s) { return s ? talvex::make_cf_string(s).release() : nullptr; }
-
 CFMutableDictionaryRef subscribe(FuzzedDataProvider &in) {
     uint32_t options = in.ConsumeIntegralInRange<uint32_t>(0, 3);
     CFMutableDictionaryRef agg = IOReportCreateAggregate(options);
-    for (size_t i = 0; i < kChannelCount; ++i) {
-        const Channel &c = kChannels[i];
+    for (const Channel &c : kChannels) {
         CFRef<CFMutableDictionaryRef> info;
         if (in.ConsumeBool()) {
-            uint64_t unit = in.ConsumeBool() ? kUnits[in.ConsumeIntegralInRange<size_t>(0, std::size(kUnits) - 1)]
-                                             : in.ConsumeIntegral<uint64_t>();
+            uint64_t unit = in.ConsumeBool() ? one_of(in, kUnits) : in.ConsumeIntegral<uint64_t>();
             info.reset(IOReportCreateUnitInfo(unit));
             if (static_cast<uint8_t>(c.type) == kIOReportFormatHistogram && info) {
                 // Segments: u32 base, u32 exponential flag, u32 unused, u32 bucket count.
@@ -83,7 +75,7 @@ CFMutableDictionaryRef subscribe(FuzzedDataProvider &in) {
         }
         CFRef<CFStringRef> driver(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("drv <id %#llx>"),
                                                          static_cast<unsigned long long>(c.driver)));
-        CFRef<CFStringRef> name(cfstr(c.name)), group(cfstr(c.group)), subgroup(cfstr(c.subgroup));
+        CFRef<CFStringRef> name(new_string(c.name)), group(new_string(c.group)), subgroup(new_string(c.subgroup));
         IOReportAddChannelDescription(agg, c.driver, driver.get(), c.id, c.type, name.get(), group.get(),
                                       subgroup.get(), info.get(), nullptr);
     }
@@ -100,7 +92,7 @@ std::vector<uint8_t> laid_out(FuzzedDataProvider &in) {
     std::vector<uint8_t> b;
     size_t runs = in.ConsumeIntegralInRange<size_t>(0, 12);
     for (size_t r = 0; r < runs && in.remaining_bytes() > 0; ++r) {
-        const Channel &c = kChannels[in.ConsumeIntegralInRange<size_t>(0, kChannelCount - 1)];
+        const Channel &c = one_of(in, kChannels);
         uint64_t driver = c.driver, id = c.id, type = c.type;
         if (in.ConsumeIntegralInRange(0, 7) == 0) driver = in.ConsumeIntegral<uint64_t>();
         if (in.ConsumeIntegralInRange(0, 7) == 0) id = in.ConsumeIntegral<uint64_t>();
@@ -122,12 +114,7 @@ std::vector<uint8_t> laid_out(FuzzedDataProvider &in) {
             }
         }
     }
-    // Now and then a tail that is not a whole element.
-    if (in.ConsumeIntegralInRange(0, 7) == 0) {
-        auto tail = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 63));
-        b.insert(b.end(), tail.begin(), tail.end());
-    }
-    return b;
+    return b;   // raw images bring tails that are not whole elements
 }
 
 void exercise(CFDictionaryRef rec) {
