@@ -1,16 +1,9 @@
-// CoreFoundation containers against plain models: every property list the
-// parsers, the library and the simulator handle lives in these.
-//
-// An input is a sequence of operations on one mutable dictionary, one
-// mutable array and one mutable data object, each mirrored on a standard
-// container: adds, sets, replaces and removals by keys that are equal but
-// not always the same object (strings and numbers of different widths),
-// enough keys to pass the size at which a dictionary starts hashing,
-// removals enough to compact it, copies (mutable with a capacity, or
-// immutable) that replace the original, and data resized, replaced in the
-// middle and appended to. After every operation that reads, and at the end,
-// the container must agree with its model: the count, each lookup, the
-// order of iteration, equality and hashes of copies.
+// The CF containers every property list lives in, against standard
+// containers as models: edits of one mutable dictionary (by equal keys that
+// are not the same object, past the size at which it starts hashing), array
+// and data object, and copies that replace them. After every operation that
+// reads, and at the end, each agrees with its model: count, lookups, order
+// of iteration, equality and hashes of copies.
 #include <CoreFoundation/CoreFoundation.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -234,15 +227,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             bm.insert(bm.end(), b.begin(), b.end());
             break;
         }
-        case 13: {   // data: new length (new bytes zero), or more length
+        case 13: {   // data: new length, new bytes zero (a longer length goes the same way)
             auto n = in.ConsumeIntegralInRange<size_t>(0, 300);
-            if (in.ConsumeBool()) {
-                CFDataSetLength(bytes.get(), static_cast<CFIndex>(n));
-                bm.resize(n, 0);
-            } else {
-                CFDataIncreaseLength(bytes.get(), static_cast<CFIndex>(n));
-                bm.resize(bm.size() + n, 0);
-            }
+            CFDataSetLength(bytes.get(), static_cast<CFIndex>(n));
+            bm.resize(n, 0);
             break;
         }
         case 14: {   // data: replace a range by bytes of another length
