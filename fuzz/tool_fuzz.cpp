@@ -1,16 +1,11 @@
-// The command line: talvexctl's entry point and every command handler that
-// returns (all but monitor, ioreport and cpuload, which run until killed),
-// in-process, against an in-process simulator.
-//
-// An input first sets the simulator up: the coprocessor's state, stubbed
-// answers for any selector (return code, output bytes, reported output size,
-// scalar outputs, one to four times), failing user-client opens, an odd
-// "talvex-state" property or a hidden driver, and how far simulated time
-// moves per request. Then it runs up to three commands, each an argument
-// vector shaped after the command's usage (now and then bent), or of any
-// words at all. Every command must exit with 0 or 1, leave no user client
-// open in the simulator and no handle on the driver's service, and keep the
-// host's link to the simulator intact; the sanitizers catch the rest.
+// talvexctl's entry point and every command handler that returns (all but
+// monitor, ioreport and cpuload), in-process, against the in-process
+// simulator. An input sets the simulator up (coprocessor state, stubbed
+// answers, failing opens, an odd "talvex-state", a hidden driver, simulated
+// time per request), then runs up to three commands shaped after their
+// usage, now and then bent, or of any words. Every command must exit with 0
+// or 1, leave no user client open and no handle on the driver's service, and
+// keep the host's link to the simulator intact.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <getopt.h>
 
@@ -22,12 +17,14 @@
 #include <vector>
 
 #include "coprocessor.h"
+#include "plist_gen.h"
 #include "sim_host.h"
 
 int talvexctl_main(int argc, char *argv[]);
 
 namespace {
 
+using talvex::fuzz::one_of;
 using talvex::fuzz::SimHost;
 namespace sim = talvex::sim;
 
@@ -50,7 +47,6 @@ constexpr Shape kCommands[] = {
     {"writereg", "dev hex hex hex*"},
     {"bb", "dec"},
     {"timesync", ""},
-    {"tymesync", ""},
     {"cma", "hex*"},
     {"spi", "read|write hex hex*"},
     {"i2c", "read hex hex hex; readreg hex hex hex hex; write hex hex hex*; writereg hex hex hex hex*"},
@@ -86,25 +82,24 @@ constexpr Shape kCommands[] = {
 constexpr std::string_view kDevices[] = {"gyro", "accel", "compass", "pressure", "talvex", "corvel", "prox"};
 constexpr std::string_view kNeverReturn[] = {"monitor", "ioreport", "cpuload"};
 
-// Words the handlers look for, and numbers near their limits.
+// Words the handlers look for (besides kDevices), and numbers near their limits.
 constexpr std::string_view kWords[] = {
-    "gyro", "accel", "compass", "pressure", "talvex", "corvel", "prox", "read", "write", "readreg", "writereg",
-    "start", "stop", "reset", "print", "gethitpoint", "getfunction", "getpowerlog", "enable", "disable", "enabled",
-    "report", "auto", "irc", "pll", "lfosc", "current", "ircdiff", "ping", "pingreply", "cmreply", "raw", "ap", "bb",
-    "isp", "--preamble", "--retry", "--debug", "--noautobaud", "--nowaitforready", "--notimesync", "--noheartbeat",
-    "--noconfig", "--nopaniccheck", "-a", "-d", "-p", "--", "--bogus", "", "0", "1", "2", "3", "7", "10", "f", "10",
-    "11", "16", "17", "ff", "100", "1ff", "7fffffff", "80000000", "ffffffff", "ffffffffffffffff", "-1", "0x10", "99",
-    "101", "4096", "4097", "112500", "750000", "1500000", "3000000", "0x80", "0x83", "96", "1000", "4294968",
-    "fw.img", "/tmp/fw.img", "hello", "a_rather_long_profile_entry_name_that_does_not_fit_in_sixty_four_bytes_x",
+    "read", "write", "readreg", "writereg", "start", "stop", "reset", "print", "gethitpoint", "getfunction",
+    "getpowerlog", "enable", "disable", "enabled", "report", "auto", "irc", "pll", "lfosc", "current", "ircdiff",
+    "ping", "pingreply", "cmreply", "raw", "ap", "bb", "isp", "--preamble", "--retry", "--debug", "--noautobaud",
+    "--nowaitforready", "--notimesync", "--noheartbeat", "--noconfig", "--nopaniccheck", "-a", "-d", "-p", "--",
+    "--bogus", "", "0", "1", "2", "3", "7", "10", "f", "11", "16", "17", "ff", "100", "1ff", "7fffffff", "80000000",
+    "ffffffff", "ffffffffffffffff", "-1", "0x10", "99", "101", "4096", "4097", "112500", "750000", "1500000", "3000000",
+    "0x80", "0x83", "96", "1000", "4294968", "fw.img", "/tmp/fw.img", "hello",
+    "a_rather_long_profile_entry_name_that_does_not_fit_in_sixty_four_bytes_x",
 };
 
 std::string number_word(FuzzedDataProvider &in) {
     auto v = in.ConsumeIntegral<uint64_t>();
     char buf[32];
-    switch (in.ConsumeIntegralInRange(0, 3)) {
-    case 0: std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v & 0xff)); break;
-    case 1: std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v)); break;
-    case 2: std::snprintf(buf, sizeof buf, "%llu", static_cast<unsigned long long>(v % 100000)); break;
+    switch (in.ConsumeIntegralInRange(0, 2)) {
+    case 0: std::snprintf(buf, sizeof buf, "%llx", static_cast<unsigned long long>(v)); break;
+    case 1: std::snprintf(buf, sizeof buf, "%llu", static_cast<unsigned long long>(v % 100000)); break;
     default: std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(v)); break;
     }
     return buf;
@@ -127,7 +122,7 @@ std::vector<std::string_view> split(std::string_view text, char by) {
 std::string word_for(FuzzedDataProvider &in, std::string_view word) {
     std::vector<std::string_view> choices = split(word, '|');
     std::string_view kind = choices[in.ConsumeIntegralInRange<size_t>(0, choices.size() - 1)];
-    if (kind == "dev") return std::string(kDevices[in.ConsumeIntegralInRange<size_t>(0, std::size(kDevices) - 1)]);
+    if (kind == "dev") return std::string(one_of(in, kDevices));
     if (kind == "hex") {
         char buf[24];
         auto v = in.ConsumeIntegral<uint64_t>();
@@ -167,16 +162,9 @@ void unshaped(FuzzedDataProvider &in, std::vector<std::string> &words) {
         switch (in.ConsumeIntegralInRange(0, 7)) {
         case 0:
         case 1:
-        case 2: words.emplace_back(kWords[in.ConsumeIntegralInRange<size_t>(0, std::size(kWords) - 1)]); break;
+        case 2: words.emplace_back(in.ConsumeBool() ? one_of(in, kDevices) : one_of(in, kWords)); break;
         case 3:
         case 4: words.push_back(number_word(in)); break;
-        case 5: {
-            // Many copies of the last word: long argument lists cost little input.
-            size_t copies = in.ConsumeIntegralInRange<size_t>(1, 300);
-            std::string last = words.back();
-            for (size_t k = 0; k < copies; ++k) words.push_back(last);
-            break;
-        }
         default: words.push_back(in.ConsumeRandomLengthString(80)); break;
         }
     }
@@ -202,7 +190,7 @@ std::vector<std::string> argument_vector(FuzzedDataProvider &in) {
     case 2:
         shaped(in, kCommands[which].shapes, words);
         words.insert(words.begin() + static_cast<long>(in.ConsumeIntegralInRange<size_t>(2, words.size())),
-                     std::string(kWords[in.ConsumeIntegralInRange<size_t>(0, std::size(kWords) - 1)]));
+                     std::string(one_of(in, kWords)));
         break;
     case 3:
         shaped(in, kCommands[which].shapes, words);
@@ -222,7 +210,7 @@ constexpr IOReturn kCodes[] = {
 
 IOReturn code(FuzzedDataProvider &in) {
     if (in.ConsumeIntegralInRange(0, 3) == 0) return in.ConsumeIntegral<IOReturn>();
-    return kCodes[in.ConsumeIntegralInRange<size_t>(0, std::size(kCodes) - 1)];
+    return one_of(in, kCodes);
 }
 
 constexpr uint64_t kStates[] = {
@@ -236,7 +224,7 @@ void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
     sim::Service *cp = s.registry().find_class(sim::kCoprocessorClass);
     auto *cop = dynamic_cast<sim::Coprocessor *>(cp->model.get());
     if (cop && in.ConsumeIntegralInRange(0, 3) != 0)
-        cop->set_state(kStates[in.ConsumeIntegralInRange<size_t>(0, std::size(kStates) - 1)]);
+        cop->set_state(one_of(in, kStates));
 
     size_t stubs = in.ConsumeIntegralInRange<size_t>(0, 6);
     for (size_t i = 0; i < stubs; ++i) {
@@ -244,11 +232,7 @@ void set_up(FuzzedDataProvider &in, sim::Simulation &s) {
         stub.service = sim::kCoprocessorClass;
         stub.selector = in.ConsumeIntegralInRange<uint32_t>(0, kTalvexMethodCount);   // one beyond the last
         stub.code = code(in);
-        if (in.ConsumeBool()) {
-            stub.output = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 300));
-        } else {
-            stub.output.assign(in.ConsumeIntegralInRange<size_t>(0, 300), in.ConsumeIntegral<uint8_t>());
-        }
+        stub.output = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, 300));
         if (in.ConsumeIntegralInRange(0, 3) == 0)
             stub.output_size = in.ConsumeBool() ? in.ConsumeIntegralInRange<uint64_t>(0, 512) : in.ConsumeIntegral<uint64_t>();
         size_t scalars = in.ConsumeIntegralInRange<size_t>(0, 3);
@@ -284,7 +268,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     SimHost &host = SimHost::instance();
     host.reset([&](sim::Simulation &s) { set_up(in, s); });
-    host.set_step(kSteps[in.ConsumeIntegralInRange<size_t>(0, std::size(kSteps) - 1)]);
+    host.set_step(one_of(in, kSteps));
 
     size_t commands = in.ConsumeIntegralInRange<size_t>(1, 3);
     for (size_t c = 0; c < commands; ++c) {
