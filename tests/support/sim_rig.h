@@ -29,24 +29,6 @@ struct SimEvent {
     std::vector<uint8_t> data;
 };
 
-// A call's code, output structure and output scalars; little-endian reads of
-// the structure fail the test rather than read past it.
-struct CallResult {
-    IOReturn code = 0;
-    std::vector<uint8_t> out;
-    std::vector<uint64_t> scalars;
-
-    uint32_t u32(size_t at) const {
-        if (at + 4 > out.size()) {
-            ADD_FAILURE() << "no 4 bytes at " << at << " in a reply of " << out.size();
-            return 0;
-        }
-        return wire::load_le32(out.data() + at);
-    }
-    int32_t i32(size_t at) const { return static_cast<int32_t>(u32(at)); }
-    uint16_t u16(size_t at) const { return static_cast<uint16_t>(u32(at) & 0xffff); }
-};
-
 inline std::vector<uint8_t> le32(std::initializer_list<uint32_t> values) {
     std::vector<uint8_t> out(4 * values.size());
     size_t at = 0;
@@ -138,10 +120,7 @@ public:
         CallResult out;
         out.code = request(wire::Op::Call, call_request(connection_, selector, scalars, input, scalar_capacity,
                                                          capacity, capacity != 0));
-        CallOut reply;
-        if (!reply_body().empty()) read_call_reply(reply_body(), reply);   // empty: refused before the method
-        out.out = std::move(reply.output);
-        out.scalars = std::move(reply.scalars);
+        if (!reply_body().empty()) read_call_reply(reply_body(), out);   // empty: refused before the method
         return out;
     }
     IOReturn code(uint32_t selector, const std::vector<uint64_t> &scalars = {}, const std::vector<uint8_t> &input = {}) {

@@ -76,10 +76,22 @@ inline int unix_socket(const std::string &path, bool listening) {
     return (listening ? wire::listen_at(path, 4) : wire::connect_to(path)).release();
 }
 
-struct CallOut {
+// A call's code, output structure and output scalars; little-endian reads of
+// the structure fail the test rather than read past it.
+struct CallResult {
     int32_t code = 0;
+    std::vector<uint8_t> out;
     std::vector<uint64_t> scalars;
-    std::vector<uint8_t> output;
+
+    uint32_t u32(size_t at) const {
+        if (at + 4 > out.size()) {
+            ADD_FAILURE() << "no 4 bytes at " << at << " in a reply of " << out.size();
+            return 0;
+        }
+        return wire::load_le32(out.data() + at);
+    }
+    int32_t i32(size_t at) const { return static_cast<int32_t>(u32(at)); }
+    uint16_t u16(size_t at) const { return static_cast<uint16_t>(u32(at) & 0xffff); }
 };
 
 // A Call request's body, and the scalars and structure of its reply's.
@@ -97,11 +109,11 @@ inline wire::Writer call_request(uint32_t conn, uint32_t selector, const std::ve
     w.u8(static_cast<uint8_t>((pass_output ? 1 : 0) | (input.empty() ? 0 : 2)));
     return w;
 }
-inline bool read_call_reply(std::span<const uint8_t> body, CallOut &out) {
+inline bool read_call_reply(std::span<const uint8_t> body, CallResult &out) {
     wire::Reader r(body);
     for (uint32_t i = 0, n = r.u32(); i < n && r.ok(); ++i) out.scalars.push_back(r.u64());
     auto o = r.blob();
-    out.output.assign(o.begin(), o.end());
+    out.out.assign(o.begin(), o.end());
     return r.at_end();
 }
 
@@ -196,9 +208,9 @@ public:
         return f->code != 0 ? 0 : wire::Reader(f->body).u32();
     }
 
-    CallOut call(uint32_t conn, uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input,
-                 uint32_t scalar_capacity, uint64_t output_capacity, bool pass_output = true) {
-        CallOut out;
+    CallResult call(uint32_t conn, uint32_t selector, std::vector<uint64_t> scalars, std::vector<uint8_t> input,
+                    uint32_t scalar_capacity, uint64_t output_capacity, bool pass_output = true) {
+        CallResult out;
         auto f = request(wire::Op::Call,
                          call_request(conn, selector, scalars, input, scalar_capacity, output_capacity, pass_output));
         if (!f) {
