@@ -152,8 +152,9 @@ std::string as_case_lines(const std::string &text, const char *mark) {
 
 class CaseTest : public testing::Test {
 public:
-    explicit CaseTest(Case c) : case_(std::move(c)) {}
+    explicit CaseTest(Case c, std::string unreadable = {}) : case_(std::move(c)), unreadable_(std::move(unreadable)) {}
     void TestBody() override {
+        if (!unreadable_.empty()) FAIL() << unreadable_;
         Simulator sim(case_.serve);
         for (const Command &command : case_.commands) {
             std::string where = case_.file + ":" + std::to_string(command.line);
@@ -190,6 +191,7 @@ public:
 
 private:
     Case case_;
+    std::string unreadable_;   // why the case file could not be read
 };
 
 std::string test_name(const std::string &title) {
@@ -218,15 +220,7 @@ std::string test_name(const std::string &title) {
         std::string suite = test_name(path.stem().string());
         if (!error.empty()) {
             testing::RegisterTest(suite.c_str(), "CaseFileReads", nullptr, nullptr, __FILE__, __LINE__,
-                                  [error]() -> testing::Test * {
-                                      struct Unreadable : testing::Test {
-                                          std::string why;
-                                          void TestBody() override { FAIL() << why; }
-                                      };
-                                      auto *t = new Unreadable;
-                                      t->why = error;
-                                      return t;
-                                  });
+                                  [error]() -> testing::Test * { return new CaseTest({}, error); });
             continue;
         }
         std::vector<std::string> seen;
