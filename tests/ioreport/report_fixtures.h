@@ -10,7 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -24,12 +26,6 @@ inline constexpr uint64_t kNone = 0x8000000000000000ull;
 inline uint64_t type(uint8_t format, uint16_t categories, uint16_t count) {
     return static_cast<uint64_t>(format) | (static_cast<uint64_t>(categories) << 16) |
            (static_cast<uint64_t>(count) << 32);
-}
-
-inline uint64_t get64(const uint8_t *p) {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
-    return v;
 }
 
 // One 64-byte raw element: driver, channel, type, stamp, four values.
@@ -123,5 +119,17 @@ inline std::string errorText(CFErrorRef e) {
     return text(d.get());
 }
 inline int64_t mach(uint32_t code) { return static_cast<int32_t>(code); }
+
+// What a call that must fail leaves in its error, as "text (code)": `call`
+// gets the error slot and returns the object it made, which must be none.
+template <class Call>
+std::string failure(Call call) {
+    CFRef<CFErrorRef> e;
+    CFRef<std::invoke_result_t<Call, CFErrorRef *>> made(call(e.slot()));
+    EXPECT_FALSE(made);
+    char code[24];
+    snprintf(code, sizeof code, " (%#x)", static_cast<unsigned>(errorCode(e.get())));
+    return errorText(e.get()) + code;
+}
 
 }  // namespace rt

@@ -240,13 +240,10 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
     // Record-level format checks.
     CFRef<CFMutableDictionaryRef> s1(sample(kSimple, run(1, 2, kSimple, {{1}})));
     CFRef<CFMutableDictionaryRef> s3(sample(kState3, run(1, 2, kState3, {{1}, {2}, {3}})));
-    CFRef<CFErrorRef> e2;
-    EXPECT_FALSE(IOReportSampleCreateDelta(s1.get(), s3.get(), e2.slot()));
-    EXPECT_EQ(errorText(e2.get()), "mismatched formats");
+    EXPECT_EQ(failure([&](CFErrorRef *err) { return IOReportSampleCreateDelta(s1.get(), s3.get(), err); }),
+              "mismatched formats (0xe00002c2)");
     const uint64_t five = type(5, 0, 1);
     CFRef<CFMutableDictionaryRef> f5a(sample(five, run(1, 2, five, {{1}}))), f5b(sample(five, run(1, 2, five, {{2}})));
-    CFRef<CFErrorRef> e3;
-    EXPECT_FALSE(IOReportSampleCreateDelta(f5a.get(), f5b.get(), e3.slot()));
-    EXPECT_EQ(errorText(e3.get()), "unknown report format");
-    EXPECT_EQ(errorCode(e3.get()), mach(0xe00002e6));
+    EXPECT_EQ(failure([&](CFErrorRef *err) { return IOReportSampleCreateDelta(f5a.get(), f5b.get(), err); }),
+              "unknown report format (0xe00002e6)");
 }
