@@ -41,8 +41,9 @@ std::string outcome(CFDictionaryRef sample, const std::vector<uint8_t> &image) {
     std::string out;
     for (auto *r : channelsOf(sample)) {
         char id[32];
-        snprintf(id, sizeof id, "%llx=", static_cast<unsigned long long>(IOReportChannelGetChannelID(r)));
-        out += (out.empty() ? "" : " ") + std::string(id);
+        snprintf(id, sizeof id, "%s%llx=", out.empty() ? "" : " ",
+                 static_cast<unsigned long long>(IOReportChannelGetChannelID(r)));
+        out += id;
         CFDataRef raw = rawOf(r);
         if (!raw) {
             out += "-";
