@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -100,6 +101,23 @@ inline CFMutableDictionaryRef sample(uint64_t channel_type, const std::vector<ui
     CFRef<CFMutableDataRef> d(mutableData(elements));
     setValue(rec, "RawElements", d.get());
     return rec;
+}
+
+// A subscribed-channels aggregate holding the given (driver, channel, type) records.
+inline CFMutableDictionaryRef subscribed(const std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> &channels) {
+    CFMutableDictionaryRef agg = IOReportCreateAggregate(0);
+    CFRef<CFStringRef> name(str("drv"));
+    for (auto [driver, id, t] : channels)
+        EXPECT_EQ(IOReportAddChannelDescription(agg, driver, name.get(), id, t, nullptr, nullptr, nullptr, nullptr,
+                                                nullptr),
+                  0);
+    return agg;
+}
+
+inline CFMutableDictionaryRef samplesOf(CFMutableDictionaryRef channels, const std::vector<uint8_t> &image,
+                                        CFErrorRef *error = nullptr) {
+    CFRef<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
+    return IOReportCreateSamplesRaw(channels, data.get(), error);
 }
 
 // The channel records of an aggregate's top level.

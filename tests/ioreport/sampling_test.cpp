@@ -15,23 +15,6 @@ namespace {
 const uint64_t kSimple = type(kIOReportFormatSimple, 0, 1);
 const uint64_t kState2 = type(kIOReportFormatState, 0, 2);
 
-// A subscribed-channels aggregate holding the given (driver, channel, type) records.
-CFMutableDictionaryRef subscribed(const std::vector<std::tuple<uint64_t, uint64_t, uint64_t>> &channels) {
-    CFMutableDictionaryRef agg = IOReportCreateAggregate(0);
-    CFRef<CFStringRef> name(str("drv"));
-    for (auto [driver, id, t] : channels)
-        EXPECT_EQ(IOReportAddChannelDescription(agg, driver, name.get(), id, t, nullptr, nullptr, nullptr, nullptr,
-                                                nullptr),
-                  0);
-    return agg;
-}
-
-CFMutableDictionaryRef samplesOf(CFMutableDictionaryRef channels, const std::vector<uint8_t> &image,
-                                 CFErrorRef *error = nullptr) {
-    CFRef<CFDataRef> data(CFDataCreate(nullptr, image.data(), static_cast<CFIndex>(image.size())));
-    return IOReportCreateSamplesRaw(channels, data.get(), error);
-}
-
 CFDataRef rawOf(CFDictionaryRef rec) { return static_cast<CFDataRef>(getValue(rec, "RawElements")); }
 
 // How each subscribed channel ends up in the sample, in the sample's order:

@@ -162,16 +162,10 @@ struct Pair {
 };
 
 Pair samples(uint64_t t, const std::vector<uint8_t> &a, const std::vector<uint8_t> &b) {
-    CFRef<CFMutableDictionaryRef> channels(IOReportCreateAggregate(0));
-    CFRef<CFStringRef> name(str("drv"));
-    EXPECT_EQ(IOReportAddChannelDescription(channels.get(), 1, name.get(), 0x4142, t, nullptr, nullptr, nullptr,
-                                            nullptr, nullptr),
-              0);
-    CFRef<CFDataRef> da(CFDataCreate(nullptr, a.data(), static_cast<CFIndex>(a.size())));
-    CFRef<CFDataRef> db(CFDataCreate(nullptr, b.data(), static_cast<CFIndex>(b.size())));
+    CFRef<CFMutableDictionaryRef> channels(subscribed({{1, 0x4142, t}}));
     Pair p;
-    p.older = CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), da.get(), nullptr));
-    p.newer = CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesRaw(channels.get(), db.get(), nullptr));
+    p.older = CFRef<CFMutableDictionaryRef>(samplesOf(channels.get(), a));
+    p.newer = CFRef<CFMutableDictionaryRef>(samplesOf(channels.get(), b));
     EXPECT_TRUE(p.older && p.newer);
     p.delta = CFRef<CFMutableDictionaryRef>(IOReportCreateSamplesDelta(p.older.get(), p.newer.get(), nullptr));
     return p;
@@ -227,10 +221,8 @@ TEST(Deltas, FailuresAndUnpairedChannels) {
 
     // A newer record with no partner is copied as it is.
     Pair q = samples(kSimple, run(1, 0x4142, kSimple, {{1}}), run(1, 0x4142, kSimple, {{5}}));
-    CFRef<CFStringRef> name(str("drv"));
-    ASSERT_EQ(IOReportAddChannelDescription(q.newer.get(), 1, name.get(), 0x99, kSimple, nullptr, nullptr, nullptr,
-                                            nullptr, nullptr),
-              0);
+    CFRef<CFMutableDictionaryRef> unpaired(subscribed({{1, 0x99, kSimple}}));
+    ASSERT_EQ(IOReportMergeChannels(q.newer.get(), unpaired.get(), nullptr), 0);
     CFRef<CFMutableDictionaryRef> d(IOReportCreateSamplesDelta(q.older.get(), q.newer.get(), nullptr));
     auto recs = channelsOf(d.get());
     ASSERT_EQ(recs.size(), 2u);
