@@ -90,18 +90,11 @@ TEST(Descriptions, StateLines) {
               "              pstate[    4101] = { # 3              nan s / 75.0% }\n"
               "              pstate[  52554e] = { # 12             nan s / 25.0% }\n");
 
-    // No residency at all: no duty cycle. Fewer elements than the type says:
-    // every value reads as invalid.
+    // No residency at all: no duty cycle.
     CFRef<CFMutableDictionaryRef> idle(sample(t, run(1, 2, t, {{0x49444C45, 0, 0}, {0x52554E, 0, 0}}), kMs, "pstate"));
     EXPECT_EQ(describe(idle.get()),
               "              pstate[    IDLE] = { # 0        0.000e+00 s /  nan% }\n"
               "              pstate[     RUN] = { # 0        0.000e+00 s /  nan% }\n");
-    const uint64_t three = type(kIOReportFormatState, 0, 3);
-    CFRef<CFMutableDictionaryRef> short_(
-        sample(three, run(1, 2, three, {{0x49444C45, 3, 1500}, {0x52554E, 12, 500}}), kMs, "pstate"));
-    EXPECT_EQ(describe(short_.get()),
-              "              pstate[8000000000000000] = { # 9223372036854775808 9.223e+15 s /  nan% }\n"
-              "              pstate[8000000000000000] = { # 9223372036854775808 9.223e+15 s /  nan% }\n");
 }
 
 TEST(Descriptions, HistogramLines) {
