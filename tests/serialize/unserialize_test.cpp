@@ -23,7 +23,7 @@ std::string nested_arrays(int depth) {
 
 // Each accepted input with the list it gives, written back out: the written
 // form shows types, integer widths and bits, and which objects are shared.
-// The written form reads back as itself.
+// (That the written form reads back as itself: fuzz/unserialize_fuzz.cpp.)
 TEST(Unserialize, AcceptedVariationsGiveTheirLists) {
     const std::pair<const char *, const char *> cases[] = {
         {"  \n<dict>\n  <key>d</key> <dict/>\n  <key>a</key>\t<array />\n</dict >\n\n",
@@ -54,7 +54,6 @@ TEST(Unserialize, AcceptedVariationsGiveTheirLists) {
         ASSERT_TRUE(p.obj) << input << ": " << p.error;
         EXPECT_EQ(p.error, "");
         EXPECT_EQ(xml(p.obj.get()), written) << input;
-        EXPECT_EQ(xml(parse(written).obj.get()), written);
     }
 }
 
