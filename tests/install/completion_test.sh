@@ -124,12 +124,9 @@ expect "talvexsim serve --socket /tmp/x.sock --" "--clock --channels --scenario 
 # Every option in a command's --help is offered after that command (serve and
 # shell: their exact lists above and below).
 help_options() { "$sim" "$@" --help | grep -o -- '--[a-z][a-z-]*' | sort -u; }
-expect_all_of "talvexsim run --" "$(help_options run | grep -v -- '--socket')"
-expect_all_of "talvexsim trace --" "$(help_options trace)"
-expect_all_of "talvexsim stub --" "$(help_options stub | grep -v -- '--help')"
-expect_all_of "talvexsim notify --" "$(help_options notify)"
-expect_all_of "talvexsim property set key --" "$(help_options property | grep -v -- '--help')"
-expect_all_of "talvexsim channel set --" "$(help_options channel | grep -v -- '--help')"
+for line in "run --" "trace --" "stub --" "notify --" "property set key --" "channel set --"; do
+    expect_all_of "talvexsim $line" "$(help_options "${line%% *}" | grep -v -- '--socket\|--help')"
+done
 
 expect "talvexsim serve --clock " "real step"
 expect "talvexsim serve --channels " ""
