@@ -368,6 +368,26 @@ inline FakePeer::Script stall_at(wire::Op stall, std::atomic<int> *later = nullp
     };
 }
 
+// Commands that must fail: run at once, each must end within `bound` with
+// status 1, its standard output and its standard error (normalised).
+struct FailingRun {
+    std::vector<std::string> argv;
+    Env env;
+    std::string out, err;
+};
+inline void expect_all_fail(const std::vector<FailingRun> &runs, std::chrono::milliseconds bound) {
+    std::vector<std::pair<std::vector<std::string>, Env>> commands;
+    for (const FailingRun &run : runs) commands.push_back({run.argv, run.env});
+    auto results = run_together(commands, bound);
+    for (size_t i = 0; i < runs.size(); ++i) {
+        const std::string what = "row " + std::to_string(i) + ": " + runs[i].argv.back();
+        EXPECT_FALSE(results[i].timed_out) << what;
+        EXPECT_EQ(results[i].status, 1) << what;
+        EXPECT_EQ(results[i].out, runs[i].out) << what;
+        EXPECT_EQ(normalise(results[i].err), runs[i].err) << what;
+    }
+}
+
 // A listening socket in a fresh private directory whose queue of new
 // connections is full: it accepts nobody, and nobody more gets in.
 class FullListener {

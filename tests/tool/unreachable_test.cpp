@@ -18,30 +18,7 @@ using namespace talvex::test;
 constexpr auto kBound = std::chrono::seconds(15);
 const std::string kTimedOut = "(ipc/rcv) timed out (0x10004003)";
 
-struct Case {
-    std::string what;
-    Env env;
-    Words args;
-    std::string out, err;   // err normalised
-};
-
 Env at(const std::string &socket) { return {{"TALVEX_SIM_SOCKET", socket}}; }
-
-// Runs every case at once; each must end within kBound, failing as expected.
-void expect_all(const std::vector<Case> &cases) {
-    std::vector<std::pair<Words, Env>> commands;
-    for (const Case &c : cases) {
-        commands.push_back({{talvexctl_path()}, c.env});
-        commands.back().first.insert(commands.back().first.end(), c.args.begin(), c.args.end());
-    }
-    auto results = run_together(commands, kBound);
-    for (size_t i = 0; i < cases.size(); ++i) {
-        EXPECT_FALSE(results[i].timed_out) << cases[i].what << ": still running after 15 s";
-        EXPECT_EQ(results[i].status, 1) << cases[i].what;
-        EXPECT_EQ(results[i].out, cases[i].out) << cases[i].what;
-        EXPECT_EQ(normalise(results[i].err), cases[i].err) << cases[i].what;
-    }
-}
 
 std::string dir_of(const std::string &socket) { return socket.substr(0, socket.rfind('/')); }
 
@@ -61,14 +38,15 @@ TEST(Unreachable, SimulatorsThatCannotBeUsedLookLikeNoDriver) {
     ASSERT_EQ(symlink(dir_of(linked.socket()).c_str(), link.c_str()), 0);
 
     const std::string none = no_driver("lifecycle.cpp");
-    expect_all({
-        {"a peer that never answers the greeting", at(silent.socket()), {"ping"}, "", none},
-        {"a stopped simulator", stopped.env(), {"ping"}, "", none},
-        {"a full queue of new connections", at(full.socket()), {"ping"}, "", none},
-        {"a simulator with no room", at(refusing.socket()), {"ping"}, "", none},
-        {"a directory open to others", at(open_dir.socket()), {"ping"}, "", none},
-        {"a directory behind a symbolic link", at(link + "/peer.sock"), {"ping"}, "", none},
-    });
+    const Words ping = {talvexctl_path(), "ping"};
+    expect_all_fail({
+        {ping, at(silent.socket()), "", none},      // never answers the greeting
+        {ping, stopped.env(), "", none},
+        {ping, at(full.socket()), "", none},        // a full queue of new connections
+        {ping, at(refusing.socket()), "", none},    // no room
+        {ping, at(open_dir.socket()), "", none},    // a directory open to others
+        {ping, at(link + "/peer.sock"), "", none},  // a directory behind a symbolic link
+    }, kBound);
     EXPECT_EQ(reached.load(), 0) << "connected where the directory is not private";
     kill(stopped.pid(), SIGCONT);
 }
@@ -79,13 +57,12 @@ TEST(Unreachable, ARequestWhoseReplyNeverComesFailsAsTimedOut) {
     // report announces itself before its call: the line is out while the call waits.
     Process report({talvexctl_path(), "report"}, at(at_report.socket()));
     EXPECT_TRUE(report.wait_for_stdout("calling test report\n", std::chrono::seconds(5))) << report.out();
-    expect_all({
-        {"no reply to the call", at(at_call.socket()), {"ping"}, "ping result: " + kTimedOut + "\n",
-         twice(kTimedOut, "lifecycle.cpp")},
-        {"no reply to the open", at(at_open.socket()), {"ping"}, "",
-         coded(kTimedOut, "client/handle.cpp") + check("talvex", "lifecycle.cpp")},
-        {"no reply to the match", at(at_match.socket()), {"ping"}, "", no_driver("lifecycle.cpp")},
-    });
+    const Words ping = {talvexctl_path(), "ping"};
+    expect_all_fail({
+        {ping, at(at_call.socket()), "ping result: " + kTimedOut + "\n", twice(kTimedOut, "lifecycle.cpp")},
+        {ping, at(at_open.socket()), "", coded(kTimedOut, "client/handle.cpp") + check("talvex", "lifecycle.cpp")},
+        {ping, at(at_match.socket()), "", no_driver("lifecycle.cpp")},
+    }, kBound);
     EXPECT_EQ(report.wait(kBound).status, 1);
 }
 
@@ -118,12 +95,13 @@ TEST(Unreachable, AStoppedSimulatorEndsTheReportCommandsButNotTheMonitor) {
 TEST(Unreachable, AnotherUsersSimulatorIsNeverTrusted) {
     if (std::string why = other_user_unavailable(); !why.empty()) GTEST_SKIP() << why;
     Strangers strangers;
-    expect_all({
-        {"their directory", strangers.their_default(), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
-        {"their directory", strangers.their_default(), {"writereg", "gyro", "10", "de", "ad", "be", "ef"}, "",
+    const Words state = {talvexctl_path(), "gettalvexstate"};
+    expect_all_fail({
+        {state, strangers.their_default(), "", no_driver("lifecycle.cpp")},
+        {{talvexctl_path(), "writereg", "gyro", "10", "de", "ad", "be", "ef"}, strangers.their_default(), "",
          no_driver("registers.cpp")},
-        {"their process", at(strangers.our_socket), {"gettalvexstate"}, "", no_driver("lifecycle.cpp")},
-    });
+        {state, at(strangers.our_socket), "", no_driver("lifecycle.cpp")},   // their process
+    }, kBound);
     // Nothing reached them: no connection to their directory, no byte to their process.
     EXPECT_EQ(strangers.got_in_their_dir(), "connections: 0, bytes: 0");
     EXPECT_EQ(strangers.got_in_our_dir(), "connections: 1, bytes: 0");
