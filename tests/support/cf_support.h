@@ -24,7 +24,6 @@ inline std::string text(CFStringRef s) {
     return buf.data();
 }
 
-// The description of any object, as text.
 inline std::string describe(CFTypeRef cf) {
     CFRef<CFStringRef> d(CFCopyDescription(cf));
     return text(d);

@@ -128,11 +128,6 @@ void Process::write_stdin(std::string_view data) {
     }
 }
 
-void Process::close_stdin() {
-    if (in_ >= 0) close(in_);
-    in_ = -1;
-}
-
 bool Process::pump(std::chrono::milliseconds timeout) {
     pollfd fds[2];
     int n = 0;
@@ -174,7 +169,8 @@ void Process::signal(int sig) {
 RunResult Process::wait(std::chrono::milliseconds timeout) {
     RunResult r;
     auto deadline = Clock::now() + timeout;
-    close_stdin();
+    if (in_ >= 0) close(in_);
+    in_ = -1;
     while (!reaped_) {
         int st;
         pid_t w = waitpid(pid_, &st, WNOHANG);

@@ -48,7 +48,6 @@ public:
 
     pid_t pid() const { return pid_; }
     void write_stdin(std::string_view data);
-    void close_stdin();
     // Reads output until `needle` appears in standard output (true), the
     // child closes its output, or the timeout passes (false).
     bool wait_for_stdout(std::string_view needle, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
@@ -73,7 +72,6 @@ private:
     int status_ = -1;
 };
 
-// Runs a command to completion with captured output.
 RunResult run(const std::vector<std::string> &argv, const Env &env = {}, std::string_view stdin_data = {},
               std::chrono::milliseconds timeout = std::chrono::seconds(20));
 // Runs the commands at once; any still running after `bound` is killed (timed_out).
@@ -89,7 +87,6 @@ struct TempDir {
     std::string path;
 };
 
-// How a private simulator is started.
 struct SimulatorOptions {
     std::vector<std::string> serve_args;          // appended to `serve --socket PATH`
     std::string program = talvexsim_path();       // another build's talvexsim, to compare two builds
@@ -109,7 +106,6 @@ public:
     Simulator &operator=(const Simulator &) = delete;
 
     const std::string &socket() const { return socket_; }
-    const std::string &dir() const { return dir_.path; }
     Env env() const { return {{"TALVEX_SIM_SOCKET", socket_}}; }
     pid_t pid() const { return proc_ ? proc_->pid() : -1; }
 

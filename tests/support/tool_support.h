@@ -67,9 +67,8 @@ inline std::string coded(const std::string &text, const std::string &file, const
     return "AssertMacros: result == 0 , " + text + " " + message + " file: " + source(file) + ", line: N\n";
 }
 // A failed call reported by the client (client/operations.cpp), and then by the command.
-inline std::string from_operation(const std::string &text) { return coded(text, "client/operations.cpp"); }
 inline std::string twice(const std::string &text, const std::string &file) {
-    return from_operation(text) + coded(text, file);
+    return coded(text, "client/operations.cpp") + coded(text, file);
 }
 // A driver that is not there, or that refuses the open, seen by a command.
 inline std::string no_driver(const std::string &file) {

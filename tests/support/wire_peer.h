@@ -122,16 +122,14 @@ inline bool read_call_reply(std::span<const uint8_t> body, CallResult &out) {
 class RawClient {
 public:
     explicit RawClient(const std::string &path) : fd_(unix_socket(path, false)) {}
-    ~RawClient() { close_now(); }
+    ~RawClient() {
+        if (fd_ >= 0) close(fd_);
+    }
     RawClient(const RawClient &) = delete;
     RawClient &operator=(const RawClient &) = delete;
 
     bool connected() const { return fd_ >= 0; }
     int fd() const { return fd_; }
-    void close_now() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
-    }
     bool send_bytes(std::span<const uint8_t> bytes) { return send_all(fd_, bytes); }
     std::optional<Frame> read_frame(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
         return talvex::test::read_frame(fd_, timeout);
@@ -260,7 +258,6 @@ inline std::optional<Frame> control(RawClient &c, const std::vector<std::string>
     return c.request(wire::Op::Control, w);
 }
 
-// One decoded request as a fake peer sees it.
 struct Request {
     wire::Op op;
     uint32_t seq;
