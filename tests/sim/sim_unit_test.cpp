@@ -16,29 +16,11 @@ using namespace talvex::sim;
 
 namespace {
 
-// Collects what the simulation sends.
+// Collects the frames the simulation sends.
 struct Captured : Outbox {
-    struct Sent {
-        ClientId client;
-        std::vector<uint8_t> frame;
-        bool with_fd;
-    };
-    std::vector<Sent> sent;
-    void send(ClientId client, std::vector<uint8_t> frame, int fd) override {
-        sent.push_back({client, std::move(frame), fd >= 0});
-    }
+    std::vector<std::vector<uint8_t>> sent;
+    void send(ClientId, std::vector<uint8_t> frame, int) override { sent.push_back(std::move(frame)); }
 };
-
-CallArgs args_for(uint32_t selector, std::span<const uint64_t> scalars, std::span<const uint8_t> input,
-                  uint32_t scalar_cap, uint64_t out_cap) {
-    CallArgs a;
-    a.selector = selector;
-    a.scalars = scalars;
-    a.input = input;
-    a.scalar_output_capacity = scalar_cap;
-    a.output_capacity = out_cap;
-    return a;
-}
 
 }  // namespace
 
@@ -76,19 +58,19 @@ TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
     const uint64_t one[] = {7};
     const uint8_t in[] = {1, 2};
     CallReply r;
-    EXPECT_EQ(t.dispatch(args_for(2, one, in, 0, 8), r), kIOReturnSuccess);
+    EXPECT_EQ(t.dispatch(CallArgs{2, one, in, 0, 8}, r), kIOReturnSuccess);
     EXPECT_EQ(r.output, (std::vector<uint8_t>{1, 2}));
-    EXPECT_EQ(t.dispatch(args_for(2, {}, in, 0, 8), r), kIOReturnBadArgument);
-    EXPECT_EQ(t.dispatch(args_for(2, one, in, 0, 7), r), kIOReturnBadArgument);
-    EXPECT_EQ(t.dispatch(args_for(2, one, in, 1, 8), r), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(CallArgs{2, {}, in, 0, 8}, r), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(CallArgs{2, one, in, 0, 7}, r), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(CallArgs{2, one, in, 1, 8}, r), kIOReturnBadArgument);
     EXPECT_EQ(called, 1);
     // No handler yet: zero-filled outputs of the full asked size.
     CallReply z;
-    EXPECT_EQ(t.dispatch(args_for(3, {}, {}, 2, 5), z), kIOReturnSuccess);
+    EXPECT_EQ(t.dispatch(CallArgs{3, {}, {}, 2, 5}, z), kIOReturnSuccess);
     EXPECT_EQ(z.output, std::vector<uint8_t>(5, 0));
     EXPECT_EQ(z.scalars, std::vector<uint64_t>(2, 0));
-    EXPECT_EQ(t.dispatch(args_for(1, {}, {}, 0, 0), z), kIOReturnBadArgument);   // a gap in the table
-    EXPECT_EQ(t.dispatch(args_for(4000, {}, {}, 0, 0), z), kIOReturnBadArgument);
+    EXPECT_EQ(t.dispatch(CallArgs{1, {}, {}, 0, 0}, z), kIOReturnBadArgument);   // a gap in the table
+    EXPECT_EQ(t.dispatch(CallArgs{4000, {}, {}, 0, 0}, z), kIOReturnBadArgument);
     EXPECT_FALSE(t.set_handler(1, nullptr));
 
     // The coprocessor's catalogue: every selector 0-40 declared, nothing beyond;
@@ -100,7 +82,7 @@ TEST(SimUnit, MethodTableChecksShapesBeforeHandlers) {
     auto accepts = [&](uint32_t sel, size_t scalars, size_t input, uint32_t scap, uint64_t ocap) {
         std::vector<uint64_t> sv(scalars);
         std::vector<uint8_t> iv(input);
-        return cat.shape(sel)->accepts(args_for(sel, sv, iv, scap, ocap));
+        return cat.shape(sel)->accepts(CallArgs{sel, sv, iv, scap, ocap});
     };
     EXPECT_TRUE(accepts(5, 0, 3 + 125, 0, 128));   // SPI: header plus the most data
     EXPECT_FALSE(accepts(5, 0, 129, 0, 128));
@@ -159,7 +141,7 @@ TEST(SimUnit, PerClientLimitsAndCleanup) {
     auto request = [&](ClientId client, wire::Op op, const wire::Writer &body) {
         auto frame = wire::make_request(op, 1, body.data());
         sim.handle(client, std::span(frame).subspan(4));
-        wire::Reader r(std::span(out.sent.back().frame).subspan(12));   // length, op, flags, seq, then the code
+        wire::Reader r(std::span(out.sent.back()).subspan(12));   // length, op, flags, seq, then the code
         return r.i32();
     };
     wire::Writer open;
