@@ -1,11 +1,5 @@
-// Runs the end-to-end cases of tests/cases/*.case: each case is one test with
-// its own private simulator. README.md ("Building and testing") describes the
-// format: "=== TITLE [serve ARGS]" (${SOURCE} in ARGS is the source tree),
-// "$ talvexctl|talvexsim ARGS [2>&1]", then "|" (standard output), "!"
-// (standard error), "exit N" and "trace JSON" ("trace -": none) lines, "#"
-// comments. Output and error are compared whole, diagnostics normalised; a
-// talvexctl trace without a leading open line starts with kOpen. Words split
-// at blanks; "..." and '...' quote.
+// Runs the end-to-end cases of tests/cases/*.case, each as one test with its
+// own private simulator; README.md ("Building and testing") describes the format.
 #include "harness.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,5 @@
 // start where a case file cannot say it: an image path relative to the
-// directory the tool runs in. (Flags, numbers and failures:
-// tests/cases/start.case; the boot's states and time sync on the model's
-// clock: tests/sim/model_lifecycle_test.cpp; monitor's lines: monitor_test.cpp.)
+// directory the tool runs in (the rest of start: tests/cases/start.case).
 #include "tool_support.h"
 
 #include <gtest/gtest.h>

@@ -1,9 +1,6 @@
 // A program of someone else's, built against the installed report-channel
-// library only: it finds the coprocessor driver in the registry and reads the
-// driver's published channels through the hub.
-//
-// Run against a simulator (talvexsim run -- consumer). Prints one line per
-// step; exits 0 when every step worked, 1 at the first that did not.
+// library only, run against a simulator: it finds the driver, reads its
+// channels through the hub and prints one line per step (exit 1 at a failure).
 #include <IOReport.h>
 
 #include <cstdio>
