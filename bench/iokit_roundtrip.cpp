@@ -4,6 +4,7 @@
 #include <IOKit/IOKitLib.h>
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -65,17 +66,35 @@ bool read_exact(int fd, uint8_t *p, size_t n) {
     return true;
 }
 
+// Answers every request frame with a reply frame until the peer goes.
+void echo_frames(int fd) {
+    uint8_t req[kRequestFrame], rep[kReplyFrame] = {};
+    while (read_exact(fd, req, sizeof req))
+        if (send(fd, rep, sizeof rep, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof rep)) break;
+}
+
+// The echo runs in a thread of this process (range 0) or in a child process
+// (range 1), as the simulator does: a switch between processes also changes
+// address space, which a switch between threads does not.
 void BM_RawSocketPingPong(benchmark::State &state) {
     int sv[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
         state.SkipWithError("socketpair failed");
         return;
     }
-    std::thread echo([fd = sv[1]] {
-        uint8_t req[kRequestFrame], rep[kReplyFrame] = {};
-        while (read_exact(fd, req, sizeof req))
-            if (send(fd, rep, sizeof rep, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof rep)) break;
-    });
+    const bool child = state.range(0) == 1;
+    std::thread echo;
+    pid_t pid = -1;
+    if (child) {
+        pid = fork();
+        if (pid == 0) {
+            close(sv[0]);
+            echo_frames(sv[1]);
+            _exit(0);
+        }
+    } else {
+        echo = std::thread(echo_frames, sv[1]);
+    }
     uint8_t req[kRequestFrame] = {}, rep[kReplyFrame];
     for (auto _ : state) {
         if (send(sv[0], req, sizeof req, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof req) ||
@@ -86,11 +105,12 @@ void BM_RawSocketPingPong(benchmark::State &state) {
     }
     state.SetItemsProcessed(state.iterations());
     shutdown(sv[0], SHUT_RDWR);
-    echo.join();
+    if (echo.joinable()) echo.join();
+    if (pid > 0) waitpid(pid, nullptr, 0);
     close(sv[0]);
     close(sv[1]);
 }
-BENCHMARK(BM_RawSocketPingPong)->UseRealTime();
+BENCHMARK(BM_RawSocketPingPong)->ArgName("process")->Arg(0)->Arg(1)->UseRealTime();
 
 }  // namespace
 
