@@ -119,6 +119,11 @@ bool Transport::connect_and_hello() {
         return false;
     }
     fd_ = o.fd.release();
+    // A read that waits for a reply wakes once, when the reply comes, where
+    // a poll and then a read would take two calls; the timeout bounds it.
+    const auto us = std::chrono::duration_cast<std::chrono::microseconds>(wire::kReplyTimeout).count();
+    const timeval limit{static_cast<time_t>(us / 1'000'000), static_cast<suseconds_t>(us % 1'000'000)};
+    receive_timeout_ = setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
     link_ = Link::Connected;
     in_begin_ = in_end_ = 0;
     seq_ = 1;   // the greeting's
@@ -176,16 +181,12 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_f
         if (in_.size() - in_end_ < need) in_.resize(in_end_ + need);
     }
 
-    if (wait_first && deadline) {
-        // One wait, then the reads below as usual: they find what came or
-        // wait again until the deadline.
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now()).count();
-        pollfd p{fd_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(std::clamp<long long>(left + 1, 0, 60'000))) < 0 && errno != EINTR)
-            return Sent::Failed;
-    }
+    // The first read after a request waits in the read itself; an early
+    // return (a signal, the timeout) goes on as below.
+    bool wait = wait_first && deadline && receive_timeout_;
     for (;;) {
-        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), fds_);
+        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), fds_, wait);
+        wait = false;
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             if (!deadline) return Sent::TimedOut;

@@ -155,8 +155,8 @@ private:
     // Reads once into the input buffer, waiting until the deadline at most
     // (not at all without one). Ok: bytes came; TimedOut: none came in time;
     // Failed: the link is gone.
-    // With `wait_first` (and a deadline) it waits for the socket to be
-    // readable before reading: a reply just asked for is not there yet.
+    // With `wait_first` (and a deadline) its first read waits, under the
+    // socket's receive timeout: a reply just asked for is not there yet.
     Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline, bool wait_first = false);   // lock held
     // Takes the next complete frame out of the input buffer (its bytes stay
     // valid until the next read); false when none is complete. A malformed
@@ -174,6 +174,7 @@ private:
     std::mutex mu_;
     Link link_ = Link::Unconnected;
     int fd_ = -1;
+    bool receive_timeout_ = false;   // SO_RCVTIMEO is the reply timeout: reads may wait
     int wake_fd_ = -1;
     uint32_t seq_ = 0;
     std::vector<uint8_t> out_;

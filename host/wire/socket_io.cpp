@@ -87,7 +87,7 @@ OwnedFd connect_to(std::string_view path, int flags) {
     });
 }
 
-ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descriptors) {
+ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descriptors, bool wait) {
     constexpr size_t kMaxDescriptors = 8;
     iovec iov{into.data(), into.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
@@ -96,7 +96,7 @@ ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descript
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    ssize_t got = recvmsg(fd, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    ssize_t got = recvmsg(fd, &msg, (wait ? 0 : MSG_DONTWAIT) | MSG_CMSG_CLOEXEC);
     if (got < 0) return got;
     for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
