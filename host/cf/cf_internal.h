@@ -7,6 +7,10 @@
 
 #include <atomic>
 #include <cstdio>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define TALVEX_KNOWS_SINGLE_THREADED 1
+#endif
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -107,12 +111,36 @@ void free_object(CFTypeRef cf);
 // CFRetain and CFRelease for an object a container already holds (never
 // null): containers holding values with the standard callbacks update the
 // counts here rather than through the callbacks' function pointers.
+//
+// While the process has only the one thread (the C library says so until
+// the first thread is created, and never again after), nothing else can
+// touch a count, so it is updated without the atomic read-modify-write: a
+// sampling step updates dozens of counts per channel.
+inline bool one_thread() noexcept {
+#if TALVEX_KNOWS_SINGLE_THREADED
+    return __libc_single_threaded != 0;
+#else
+    return false;
+#endif
+}
 inline void retain_held(CFTypeRef cf) noexcept {
-    std::atomic_ref<uint64_t> count(header(cf)->_cfinfoa);
+    uint64_t &raw = header(cf)->_cfinfoa;
+    if (one_thread()) {
+        if ((raw & kImmortal) == 0) ++raw;
+        return;
+    }
+    std::atomic_ref<uint64_t> count(raw);
     if ((count.load(std::memory_order_relaxed) & kImmortal) == 0) count.fetch_add(1, std::memory_order_relaxed);
 }
 inline void release_held(CFTypeRef cf) {
-    std::atomic_ref<uint64_t> count(header(cf)->_cfinfoa);
+    uint64_t &raw = header(cf)->_cfinfoa;
+    if (one_thread()) {
+        if ((raw & kImmortal) != 0) return;
+        if (raw == 0) fatal("CFRelease", "%p was already freed", cf);
+        if (--raw == 0) free_object(cf);
+        return;
+    }
+    std::atomic_ref<uint64_t> count(raw);
     uint64_t current = count.load(std::memory_order_relaxed);
     if ((current & kImmortal) != 0) return;
     if (current == 0) fatal("CFRelease", "%p was already freed", cf);

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 using namespace talvex::test;
 
@@ -101,6 +103,25 @@ TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
     EXPECT_EQ(CFGetRetainCount(b), 2);
     for (CFTypeRef object : {CFTypeRef(a), CFTypeRef(b), CFTypeRef(m), CFTypeRef(d)}) CFRelease(object);
     EXPECT_EQ(g_widget_finalized, finalized + 3);
+}
+
+// Counts stay exact while several threads retain and release one object at
+// once, directly and through the copies of a container that holds it.
+TEST(CFRuntime, CountsStayExactAcrossThreads) {
+    Widget *w = make_widget(9);
+    CFRef<CFMutableDictionaryRef> dict(make_dict());
+    CFDictionarySetValue(dict, CFSTR("w"), w);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                CFRelease(CFRetain(w));
+                CFRelease(CFDictionaryCreateMutableCopy(nullptr, 0, dict));
+            }
+        });
+    for (std::thread &t : threads) t.join();
+    EXPECT_EQ(CFGetRetainCount(w), 2);
+    CFRelease(w);
 }
 
 TEST(CFRuntimeDeathTest, MisuseAbortsWithAClearMessage) {
