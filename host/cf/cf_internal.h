@@ -112,8 +112,8 @@ void free_object(CFTypeRef cf);
 // null): containers holding values with the standard callbacks update the
 // counts here rather than through the callbacks' function pointers.
 //
-// While the process has only the one thread (the C library says so until
-// the first thread is created, and never again after), nothing else can
+// While the C library's flag says that this thread is the only one in the
+// process (it is cleared before a second thread starts), nothing else can
 // touch a count, so it is updated without the atomic read-modify-write: a
 // sampling step updates dozens of counts per channel.
 inline bool one_thread() noexcept {
