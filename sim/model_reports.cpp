@@ -46,7 +46,8 @@ enum CoprocessorFigure : uint32_t {
 };
 
 enum PowerState : size_t { kDeepSleep, kSleep, kRun12M, kRun100M, kPowerStateCount };
-constexpr std::array<const char *, kPowerStateCount> kPowerStateIDs = {"DEEPSLP", "SLEEP", "RUN12M", "RUN100M"};
+constexpr std::array<uint64_t, kPowerStateCount> kPowerStateIDs = {report_id("DEEPSLP"), report_id("SLEEP"),
+                                                                   report_id("RUN12M"), report_id("RUN100M")};
 // Shares of the idle and busy time, in percent; mean stay per entry.
 constexpr std::array<uint64_t, kPowerStateCount> kStateShare = {65, 35, 70, 30};
 constexpr std::array<uint64_t, kPowerStateCount> kMeanStayNs = {100 * kNanosPerMilli, 40 * kNanosPerMilli,
@@ -62,7 +63,7 @@ constexpr uint64_t kBusyNsPerLatencySample = 400'000;
 // prox (the device identifiers' order), host-link frames.
 constexpr std::array<uint64_t, 8> kEventMilliHz = {200'000, 100'000, 50'000, 10'000, 25'000, 5'000, 2'000, 60'000};
 
-constexpr std::array<const char *, 3> kExtraStateIDs = {"ON", "IDLE", "OFF"};
+constexpr std::array<uint64_t, 3> kExtraStateIDs = {report_id("ON"), report_id("IDLE"), report_id("OFF")};
 constexpr std::array<HistogramSegment, 1> kExtraSegments = {{{100, 0, 4}}};
 constexpr std::array<uint64_t, 4> kExtraWeight = {4, 3, 2, 1};
 
@@ -173,7 +174,7 @@ protected:
             for (size_t s = 0; s < kPowerStateCount; ++s, e += kElementSize) {
                 uint64_t ns = state_ns(s);
                 stamp(e, stamps_[s]);
-                put(e, 0, report_id(kPowerStateIDs[s]));
+                put(e, 0, kPowerStateIDs[s]);
                 put(e, 1, ns / kMeanStayNs[s]);
                 put(e, 2, mul_div(ns, 3, 125));   // 24 ticks per microsecond
                 put(e, 3, 0);
@@ -202,7 +203,7 @@ protected:
             for (size_t s = 0; s < kExtraStateIDs.size(); ++s, e += kElementSize) {
                 uint64_t residency = ms * (kExtraStateIDs.size() - (s + c.param) % kExtraStateIDs.size()) / 6;
                 stamp(e, 3 * seq_ + 2 - (current + 3 - s) % 3);
-                put(e, 0, report_id(kExtraStateIDs[s]));
+                put(e, 0, kExtraStateIDs[s]);
                 put(e, 1, residency / 50);
                 put(e, 2, residency);
                 put(e, 3, 0);
