@@ -7,16 +7,17 @@
 
 #include <atomic>
 #include <cstdio>
-#if __has_include(<sys/single_threaded.h>)
-#include <sys/single_threaded.h>
-#define TALVEX_KNOWS_SINGLE_THREADED 1
-#endif
 #include <cstdlib>
 #include <new>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
+
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define TALVEX_KNOWS_SINGLE_THREADED 1
+#endif
 
 // A string: NUL-terminated UTF-8 text. Constant strings point at static or
 // never-freed text and have capacity 0.

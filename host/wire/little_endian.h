@@ -21,27 +21,20 @@ inline uint64_t load_le64(const uint8_t *p) {
     return static_cast<uint64_t>(load_le32(p)) | (static_cast<uint64_t>(load_le32(p + 4)) << 32);
 }
 
-inline void store_le16(uint8_t *p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
 // Where the machine's own order is little-endian, the value's bytes are
 // already in wire order and go out in one copy, which compilers make a single
 // store; a byte loop is left a loop of byte stores (at -O2 it is not merged).
-inline void store_le32(uint8_t *p, uint32_t v) {
+template <class Unsigned>
+inline void store_le(uint8_t *p, Unsigned v) {
     if constexpr (std::endian::native == std::endian::little) {
         std::memcpy(p, &v, sizeof v);
     } else {
-        for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+        for (size_t i = 0; i < sizeof v; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
     }
 }
-inline void store_le64(uint8_t *p, uint64_t v) {
-    if constexpr (std::endian::native == std::endian::little) {
-        std::memcpy(p, &v, sizeof v);
-    } else {
-        for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-    }
-}
+inline void store_le16(uint8_t *p, uint16_t v) { store_le(p, v); }
+inline void store_le32(uint8_t *p, uint32_t v) { store_le(p, v); }
+inline void store_le64(uint8_t *p, uint64_t v) { store_le(p, v); }
 
 // The same at a byte offset into a span; the field lies inside the span, as
 // an index does with operator[].
