@@ -106,15 +106,18 @@ TEST(CFRuntime, ContainersRetainTheirValuesAndCopiesShareThem) {
 }
 
 // Counts stay exact while several threads retain and release one object at
-// once, directly and through the copies of a container that holds it.
+// once, directly and through the copies of a container that holds it. The
+// threads start together, so they overlap wherever they get two processors.
 TEST(CFRuntime, CountsStayExactAcrossThreads) {
     Widget *w = make_widget(9);
     CFRef<CFMutableDictionaryRef> dict(make_dict());
     CFDictionarySetValue(dict, CFSTR("w"), w);
+    std::atomic<int> waiting{4};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
+            for (--waiting; waiting > 0;) std::this_thread::yield();
+            for (int i = 0; i < 100000; ++i) {
                 CFRelease(CFRetain(w));
                 CFRelease(CFDictionaryCreateMutableCopy(nullptr, 0, dict));
             }
