@@ -1,7 +1,7 @@
 #include "server.h"
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/epoll.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -101,6 +101,16 @@ wire::OwnedFd lock_beside(const std::string &path, std::string &error) {
 Server::Server(std::unique_ptr<Clock> clock, const BudgetLimits &limits)
     : sim_(*this, std::move(clock), limits), scratch_(kReadChunk) {
     if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) wake_[0] = wake_[1] = -1;
+    epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+    // Events carry the address of what they are about: the wake pipe's and
+    // the listening socket's fields here, or a client.
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.ptr = &wake_;
+    if (epoll_fd_ >= 0 && wake_[0] >= 0 && epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_[0], &ev) != 0) {
+        close(epoll_fd_);
+        epoll_fd_ = -1;
+    }
 }
 
 Server::~Server() {
@@ -120,6 +130,7 @@ Server::~Server() {
     if (g_wake_fd == wake_[1]) g_wake_fd = -1;
     for (int fd : wake_)
         if (fd >= 0) close(fd);
+    if (epoll_fd_ >= 0) close(epoll_fd_);
 }
 
 bool Server::listen(const std::string &path, std::string &error) {
@@ -130,6 +141,10 @@ bool Server::listen(const std::string &path, std::string &error) {
     }
     if (wake_[0] < 0) {
         error = "talvexsim: cannot create a pipe: " + errno_text();
+        return false;
+    }
+    if (epoll_fd_ < 0) {
+        error = "talvexsim: cannot create an epoll instance: " + errno_text();
         return false;
     }
     if (!prepare_socket_dir(path, error)) return false;
@@ -170,6 +185,15 @@ bool Server::listen(const std::string &path, std::string &error) {
         listen_fd_ = -1;
         return false;
     }
+    epoll_event ev{};
+    ev.data.ptr = &listen_fd_;
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &ev) != 0) {
+        error = "talvexsim: cannot wait for connections at " + path + ": " + errno_text();
+        unlink(path.c_str());
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return false;
+    }
     path_ = path;
     sock_dev_ = st.st_dev;
     sock_ino_ = st.st_ino;
@@ -188,7 +212,7 @@ void Server::stop_on_signals() {
 
 void Server::request_stop() { stop_ = true; }
 
-int Server::poll_timeout_ms() const {
+int Server::wait_timeout_ms() const {
     int64_t timeout = -1;
     if (auto due = sim_.timers().next_due()) {
         if (auto wait = sim_.clock().real_wait_until(*due)) timeout = wait->count();
@@ -201,43 +225,71 @@ int Server::poll_timeout_ms() const {
     return static_cast<int>(std::min<int64_t>(timeout, 60'000));
 }
 
+bool Server::watch(Client &c, uint32_t events) {
+    if (events == c.watched) return true;
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.ptr = &c;
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, c.fd, &ev) != 0) return false;
+    c.watched = events;
+    return true;
+}
+
+void Server::watch_listener(bool accepting) {
+    if (listen_fd_ < 0 || accepting == listener_watched_) return;
+    epoll_event ev{};
+    ev.events = accepting ? static_cast<uint32_t>(EPOLLIN) : 0u;
+    ev.data.ptr = &listen_fd_;
+    if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, listen_fd_, &ev) == 0) listener_watched_ = accepting;
+}
+
 void Server::run() {
-    std::vector<pollfd> fds;
-    std::vector<Client *> polled;
+    std::vector<epoll_event> ready(64);
+    std::vector<Client *> turn;
     while (!stop_) {
-        fds.clear();
-        polled.clear();
-        fds.push_back({wake_[0], POLLIN, 0});
-        bool accepting = listen_fd_ >= 0 && std::chrono::steady_clock::now() >= accept_paused_until_;
-        fds.push_back({accepting ? listen_fd_ : -1, POLLIN, 0});
+        watch_listener(std::chrono::steady_clock::now() >= accept_paused_until_);
         for (auto &[id, c] : clients_) {
-            short events = 0;
-            if (!c->eof && !paused(*c)) events |= POLLIN;
-            if (!c->out.empty()) events |= POLLOUT;
-            fds.push_back({c->fd, events, 0});
-            polled.push_back(c.get());
+            uint32_t events = 0;
+            if (!c->eof && !paused(*c)) events |= EPOLLIN;
+            if (!c->out.empty()) events |= EPOLLOUT;
+            if (!c->dead && !watch(*c, events)) disconnect(*c, "cannot wait for its socket: " + errno_text());
         }
-        int n = poll(fds.data(), fds.size(), poll_timeout_ms());
+        reap();
+        int n = epoll_wait(epoll_fd_, ready.data(), static_cast<int>(ready.size()), wait_timeout_ms());
         if (n < 0 && errno != EINTR) {
-            std::fprintf(stderr, "talvexsim: poll: %s\n", std::strerror(errno));
+            std::fprintf(stderr, "talvexsim: epoll_wait: %s\n", std::strerror(errno));
             break;
         }
-        if (n > 0) {
-            if (fds[0].revents & POLLIN) {
-                char buf[64];
-                while (read(wake_[0], buf, sizeof buf) > 0) {
-                }
-                stop_ = true;
-                break;
-            }
-            if (fds[1].revents & POLLIN) accept_clients();
-            for (size_t i = 0; i < polled.size(); ++i) {
-                Client &c = *polled[i];
-                short re = fds[i + 2].revents;
-                if (re & (POLLIN | POLLHUP | POLLERR)) read_client(c);
-                if ((re & POLLOUT) && !c.dead) flush(c);
+        bool woken = false, connecting = false;
+        turn.clear();
+        for (int i = 0; i < n; ++i) {
+            void *about = ready[static_cast<size_t>(i)].data.ptr;
+            if (about == &wake_) {
+                woken = true;
+            } else if (about == &listen_fd_) {
+                connecting = true;
+            } else {
+                auto *c = static_cast<Client *>(about);
+                c->revents = ready[static_cast<size_t>(i)].events;
+                turn.push_back(c);
             }
         }
+        if (woken) {
+            char buf[64];
+            while (read(wake_[0], buf, sizeof buf) > 0) {
+            }
+            stop_ = true;
+            break;
+        }
+        if (connecting) accept_clients();
+        // Clients are served in the order they connected, whatever order
+        // the kernel reported them in.
+        std::sort(turn.begin(), turn.end(), [](const Client *a, const Client *b) { return a->id < b->id; });
+        for (Client *c : turn) {
+            if (c->revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) read_client(*c);
+            if ((c->revents & EPOLLOUT) && !c->dead) flush(*c);
+        }
+        if (static_cast<size_t>(n) == ready.size()) ready.resize(ready.size() * 2);
         sim_.run_timers();
         for (auto &[id, c] : clients_) {
             // Frames left from a turn in which the client was paused: handle
@@ -283,6 +335,16 @@ void Server::accept_clients() {
         }
         refusing_ = false;
         auto c = std::make_unique<Client>();
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.ptr = c.get();
+        if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0) {
+            std::fprintf(stderr, "talvexsim: refused a connection: cannot wait for its socket: %s\n",
+                         std::strerror(errno));
+            close(fd);
+            continue;
+        }
+        c->watched = EPOLLIN;
         c->id = next_client_++;
         c->fd = fd;
         c->descriptors = sim_.budget().open(c->id, Resource::Descriptors);
@@ -322,7 +384,7 @@ void Server::read_client(Client &c) {
             c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + n);
             got_this_turn += static_cast<size_t>(n);
             process_input(c);
-            // A short read drained the socket for now; poll reports anything
+            // A short read drained the socket for now; epoll reports anything
             // that arrives later, so another read would only meet EAGAIN.
             if (static_cast<size_t>(n) < scratch_.size()) break;
             continue;
@@ -480,6 +542,10 @@ void Server::reap() {
         }
         for (auto &chunk : c.out)
             if (chunk.fd >= 0) close(chunk.fd);
+        // Removed by hand: closing leaves the registration in place while
+        // any other descriptor of the socket lives, and its events would
+        // then name a client that is gone.
+        epoll_ctl(epoll_fd_, EPOLL_CTL_DEL, c.fd, nullptr);
         close(c.fd);
         sim_.client_gone(c.id);
         it = clients_.erase(it);

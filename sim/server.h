@@ -1,5 +1,8 @@
-// The simulator's socket server: one thread, one poll() loop serving any
+// The simulator's socket server: one thread, one epoll loop serving any
 // number of clients on a Unix stream socket, and the simulation's timers.
+// A wait costs the same whatever the number of clients: each socket is
+// registered once, and its registration changes only when what the server
+// waits for on it does (input, room for output).
 //
 // Every client has its own input and output buffers and non-blocking socket,
 // so a slow, stalled or dying client never holds up the others. A client is
@@ -86,6 +89,8 @@ private:
         Budget::Charge buffers;       // in_need + out_bytes
         bool eof = false;    // the peer will send nothing more
         bool dead = false;   // to be disconnected
+        uint32_t watched = 0;    // the events registered for the socket
+        uint32_t revents = 0;    // the events of the current turn
     };
 
     void accept_clients();
@@ -102,11 +107,17 @@ private:
     }
     // Closes and forgets the clients marked dead (when there are any).
     void reap();
-    int poll_timeout_ms() const;
+    int wait_timeout_ms() const;
+    // Registers `events` for the client's socket when they differ from what
+    // is registered; false (with a message) when the kernel refuses.
+    bool watch(Client &c, uint32_t events);
+    void watch_listener(bool accepting);
 
     Simulation sim_;
     int listen_fd_ = -1;
     int wake_[2] = {-1, -1};
+    int epoll_fd_ = -1;
+    bool listener_watched_ = false;
     std::string path_;
     dev_t sock_dev_ = 0;
     ino_t sock_ino_ = 0;
