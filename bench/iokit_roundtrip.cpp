@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -28,30 +29,43 @@ constexpr size_t kRequestFrame = 4 + 8 + 4 * 5 + 8 + 1;
 // Its reply: length, header, code, scalar count, empty structure.
 constexpr size_t kReplyFrame = 4 + 8 + 4 + 4 + 4;
 
-void BM_IOKitScalarCall(benchmark::State &state) {
+// A connection to a private simulator's processor, shared by the benchmarks
+// that make scalar calls; 0 when none could be opened.
+io_connect_t ping_connection() {
     static Simulator sim([] {
         SimulatorOptions options;
         options.capture_log = false;
         return options;
     }());
-    setenv("TALVEX_SIM_SOCKET", sim.socket().c_str(), 1);
-    io_service_t service =
-        IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("ZantraTalvexProcessor"));
-    io_connect_t connect = 0;
-    if (!service || IOServiceOpen(service, mach_task_self(), 0, &connect) != KERN_SUCCESS) {
+    static io_connect_t connect = [] {
+        setenv("TALVEX_SIM_SOCKET", sim.socket().c_str(), 1);
+        io_service_t service =
+            IOServiceGetMatchingService(kIOMainPortDefault, IOServiceMatching("ZantraTalvexProcessor"));
+        io_connect_t c = 0;
+        if (service && IOServiceOpen(service, mach_task_self(), 0, &c) != KERN_SUCCESS) c = 0;
+        if (service) IOObjectRelease(service);
+        return c;
+    }();
+    return connect;
+}
+
+bool scalar_ping(io_connect_t connect) {
+    return IOConnectCallScalarMethod(connect, kTalvexMethodPing, nullptr, 0, nullptr, nullptr) == KERN_SUCCESS;
+}
+
+void BM_IOKitScalarCall(benchmark::State &state) {
+    io_connect_t connect = ping_connection();
+    if (!connect) {
         state.SkipWithError("no simulator");
         return;
     }
     for (auto _ : state) {
-        kern_return_t kr = IOConnectCallScalarMethod(connect, kTalvexMethodPing, nullptr, 0, nullptr, nullptr);
-        if (kr != KERN_SUCCESS) {
+        if (!scalar_ping(connect)) {
             state.SkipWithError("call failed");
             break;
         }
     }
     state.SetItemsProcessed(state.iterations());
-    IOServiceClose(connect);
-    IOObjectRelease(service);
 }
 BENCHMARK(BM_IOKitScalarCall)->UseRealTime();
 
@@ -73,44 +87,105 @@ void echo_frames(int fd) {
         if (send(fd, rep, sizeof rep, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof rep)) break;
 }
 
-// The echo runs in a thread of this process (range 0) or in a child process
-// (range 1), as the simulator does: a switch between processes also changes
-// address space, which a switch between threads does not.
-void BM_RawSocketPingPong(benchmark::State &state) {
-    int sv[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
-        state.SkipWithError("socketpair failed");
-        return;
-    }
-    const bool child = state.range(0) == 1;
-    std::thread echo;
-    pid_t pid = -1;
-    if (child) {
-        pid = fork();
-        if (pid == 0) {
-            close(sv[0]);
-            echo_frames(sv[1]);
+// One end of a socket pair whose other end echoes frames, from a thread of
+// this process or from a child process, as the simulator does: a switch
+// between processes also changes address space, which a switch between
+// threads does not.
+class Echo {
+public:
+    explicit Echo(bool child) {
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv_) != 0) return;
+        if (!child) {
+            thread_ = std::thread(echo_frames, sv_[1]);
+            return;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(sv_[0]);
+            echo_frames(sv_[1]);
             _exit(0);
         }
-    } else {
-        echo = std::thread(echo_frames, sv[1]);
     }
-    uint8_t req[kRequestFrame] = {}, rep[kReplyFrame];
+    ~Echo() {
+        if (sv_[0] < 0) return;
+        shutdown(sv_[0], SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+        close(sv_[0]);
+        close(sv_[1]);
+    }
+    Echo(const Echo &) = delete;
+    Echo &operator=(const Echo &) = delete;
+
+    bool ready() const { return sv_[0] >= 0 && (thread_.joinable() || pid_ > 0); }
+    // One request frame out, one reply frame back.
+    bool round_trip() {
+        uint8_t req[kRequestFrame] = {}, rep[kReplyFrame];
+        return send(sv_[0], req, sizeof req, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof req) &&
+               read_exact(sv_[0], rep, sizeof rep);
+    }
+
+private:
+    int sv_[2] = {-1, -1};
+    std::thread thread_;
+    pid_t pid_ = -1;
+};
+
+void BM_RawSocketPingPong(benchmark::State &state) {
+    Echo echo(state.range(0) == 1);
+    if (!echo.ready()) {
+        state.SkipWithError("no echo");
+        return;
+    }
     for (auto _ : state) {
-        if (send(sv[0], req, sizeof req, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof req) ||
-            !read_exact(sv[0], rep, sizeof rep)) {
+        if (!echo.round_trip()) {
             state.SkipWithError("echo failed");
             break;
         }
     }
     state.SetItemsProcessed(state.iterations());
-    shutdown(sv[0], SHUT_RDWR);
-    if (echo.joinable()) echo.join();
-    if (pid > 0) waitpid(pid, nullptr, 0);
-    close(sv[0]);
-    close(sv[1]);
 }
 BENCHMARK(BM_RawSocketPingPong)->ArgName("process")->Arg(0)->Arg(1)->UseRealTime();
+
+// The two round trips above, taken in turns: every iteration makes one scalar
+// call and one raw round trip to an echoing child process, each timed on its
+// own. A spell of load on the machine then falls on both alike, where two
+// separate benchmarks see different spells. `ratio` is the scalar call's rate
+// over the raw round trip's. Run it on one processor (taskset -c 0): across
+// processors, whichever peer shares the benchmark's processor answers several
+// times faster than the other, and the ratio shows only where they ran.
+void BM_ScalarCallAgainstPingPong(benchmark::State &state) {
+    io_connect_t connect = ping_connection();
+    Echo echo(true);
+    if (!connect || !echo.ready()) {
+        state.SkipWithError("no simulator or no echo");
+        return;
+    }
+    using Clock = std::chrono::steady_clock;
+    Clock::duration call{}, raw{};
+    for (auto _ : state) {
+        Clock::time_point t0 = Clock::now();
+        bool ok = scalar_ping(connect);
+        Clock::time_point t1 = Clock::now();
+        ok = ok && echo.round_trip();
+        Clock::time_point t2 = Clock::now();
+        if (!ok) {
+            state.SkipWithError("call or echo failed");
+            break;
+        }
+        call += t1 - t0;
+        raw += t2 - t1;
+    }
+    auto us = [&](Clock::duration d) {
+        return std::chrono::duration<double, std::micro>(d).count() / static_cast<double>(state.iterations());
+    };
+    if (state.iterations() > 0 && call.count() > 0) {
+        state.counters["call_us"] = us(call);
+        state.counters["raw_us"] = us(raw);
+        state.counters["ratio"] = static_cast<double>(raw.count()) / static_cast<double>(call.count());
+    }
+}
+BENCHMARK(BM_ScalarCallAgainstPingPong)->UseRealTime();
 
 }  // namespace
 
