@@ -71,6 +71,17 @@ __CFArray *new_array(const CFArrayCallBacks *callbacks, const void *const *value
 // Inserts `count` values at `at`; a mutator cannot report failure, so running
 // out of memory is fatal.
 void insert_values(__CFArray *a, size_t at, const void *const *values, size_t count, const char *function) {
+    if (count == 1 && at == a->values.size() && a->callbacks.retain == retain_cf && values[0] != nullptr) {
+        // One object appended with the standard callbacks (a walk building
+        // a list of records does it for every record).
+        try {
+            a->values.push_back(values[0]);
+        } catch (...) {
+            fatal(function, "out of memory");
+        }
+        retain_held(values[0]);
+        return;
+    }
     try {
         a->values.insert(a->values.begin() + static_cast<ptrdiff_t>(at), values, values + count);
     } catch (...) {

@@ -219,6 +219,12 @@ Boolean CFNumberIsFloatType(CFNumberRef number) {
 
 Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void *value_ptr) {
     const __CFNumber *n = as_number(number, "CFNumberGetValue");
+    if (n != nullptr && !n->is_float && value_ptr != nullptr &&
+        (type == kCFNumberLongLongType || type == kCFNumberSInt64Type)) {
+        // The common case: a 64-bit integer read as one.
+        std::memcpy(value_ptr, &n->integer, 8);
+        return true;
+    }
     TypeInfo want = type_info(type);
     if (n == nullptr || want.size == 0 || value_ptr == nullptr) return false;
     if (!n->is_float && !want.is_float) {
