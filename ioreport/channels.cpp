@@ -244,7 +244,8 @@ struct Walker {
                 if (getChannelType(old, &told) != kIOReturnSuccess || getChannelType(rec, &tnew) != kIOReturnSuccess ||
                     told != tnew)
                     return kIOReportIterFailed;
-                if (cloneElements(copy.get(), old, 1) != kIOReturnSuccess) return kIOReportIterFailed;
+                // The copy shares the newer record's legend, so its format is the one just read.
+                if (cloneElements(copy.get(), old, 1, typeFormat(tnew)) != kIOReturnSuccess) return kIOReportIterFailed;
                 r = (*compare)(old, rec, copy.get());
                 if (r == 0) CFArrayAppendValue(kept, copy.get());
                 break;

@@ -47,6 +47,8 @@ uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format
 // Sets a mutable copy of `source`'s elements as `destination`'s; flag bit 0
 // zeroes the value area (bytes 32-63) of every element.
 IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags);
+// The same for a caller that has read the destination's format (0: none).
+IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags, uint8_t format);
 
 IOReturn getFactorsFromScale(uint64_t scale, uint64_t *numerator, uint64_t *denominator);
 CFStringRef copyUnitLabel(uint64_t unit);

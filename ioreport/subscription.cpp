@@ -359,6 +359,10 @@ uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format
 }
 
 IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags) {
+    return cloneElements(destination, source, flags, destination ? IOReportChannelGetFormat(destination) : 0);
+}
+
+IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags, uint8_t format) {
     if (!destination || !source) return kIOReturnError;
     CFTypeRef v = CFDictionaryGetValue(source, kRawElements());
     if (!isData(v)) return kIOReturnError;
@@ -369,7 +373,7 @@ IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef sourc
         // The elements just stored, checked as getRawElements checks them.
         size_t length = static_cast<size_t>(CFDataGetLength(copy.get()));
         uint8_t *bytes = CFDataGetMutableBytePtr(copy.get());
-        if (length < kElementSize || bytes[kElemType] != IOReportChannelGetFormat(destination)) return kIOReturnError;
+        if (length < kElementSize || bytes[kElemType] != format) return kIOReturnError;
         size_t count = static_cast<uint16_t>(length / kElementSize);
         for (size_t i = 0; i < count; ++i) std::memset(bytes + i * kElementSize + kElemValues, 0, 32);
     }
