@@ -348,6 +348,21 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     CFHashCode *hashes = d->hashes;
     const void *const *source_keys = source->keys;
     const void *const *source_values = source->values;
+    if (key_retain == retain_cf && value_retain == retain_cf && source->live == source->count) {
+        // The common case, objects with the standard callbacks and no
+        // removed entries: the three arrays go over as they are, then the
+        // counts are updated in one pass.
+        const size_t count = source->count;
+        std::memcpy(static_cast<void *>(keys), source_keys, count * sizeof *keys);
+        std::memcpy(static_cast<void *>(values), source_values, count * sizeof *values);
+        std::memcpy(hashes, source->hashes, count * sizeof *hashes);
+        visit_prefetched(values, count, [&](size_t i) {
+            retain_held(keys[i]);
+            retain_held(values[i]);
+        });
+        d->count = d->live = count;
+        return room > kScanEntries ? indexed_or_null(d, room) : d;
+    }
     size_t n = 0;
     auto copy_entry = [&](size_t i) {
         const void *key = source_keys[i];
@@ -373,19 +388,25 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
 
 void dictionary_finalize(CFTypeRef cf) {
     auto d = static_cast<Dict *>(const_cast<void *>(cf));
-    if (d->value_callbacks->release == release_cf) {
-        const auto key_release = d->key_callbacks->release;
-        visit_prefetched(d->values, d->count, [&](size_t i) {
+    const void **keys = d->keys;
+    const void **values = d->values;
+    const auto key_release = d->key_callbacks->release;
+    if (d->value_callbacks->release == release_cf && key_release == release_cf && d->live == d->count) {
+        // The common case, as in copy_dictionary.
+        visit_prefetched(values, d->count, [&](size_t i) {
+            release_held(keys[i]);
+            release_held(values[i]);
+        });
+    } else if (d->value_callbacks->release == release_cf) {
+        visit_prefetched(values, d->count, [&](size_t i) {
             if (!is_live(d, i)) return;
-            if (key_release == release_cf) release_held(d->keys[i]);
-            else if (key_release != nullptr) key_release(nullptr, d->keys[i]);
-            release_held(d->values[i]);
+            if (key_release == release_cf) release_held(keys[i]);
+            else if (key_release != nullptr) key_release(nullptr, keys[i]);
+            release_held(values[i]);
         });
     } else {
-        auto release = [&](size_t i) {
-            if (is_live(d, i)) release_entry(d, d->keys[i], d->values[i]);
-        };
-        for (size_t i = 0; i < d->count; ++i) release(i);
+        for (size_t i = 0; i < d->count; ++i)
+            if (is_live(d, i)) release_entry(d, keys[i], values[i]);
     }
     if (d->own_entries) std::free(static_cast<void *>(d->keys));
     free_callbacks(d);
