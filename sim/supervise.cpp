@@ -143,11 +143,14 @@ int serve(const std::string &socket_path, bool exit_with_parent, const SimOption
         }
         server.simulation().scenario().load(std::move(*scenario));
     }
+    // Stopping by signal is set up before the socket can take a connection:
+    // whoever reaches the simulator may stop it at once, and a signal that
+    // comes before run() waits in the wake pipe for it.
+    server.stop_on_signals();
     if (!server.listen(socket_path, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
-    server.stop_on_signals();
     server.run();
     return 0;
 }
