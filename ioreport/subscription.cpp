@@ -359,7 +359,9 @@ uint8_t *getRawElements(CFDictionaryRef channel, uint16_t *count, uint8_t format
 }
 
 IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags) {
-    return cloneElements(destination, source, flags, destination ? IOReportChannelGetFormat(destination) : 0);
+    // The format is needed only to zero the value area.
+    return cloneElements(destination, source, flags,
+                         destination && (flags & 1) ? IOReportChannelGetFormat(destination) : 0);
 }
 
 IOReturn cloneElements(CFMutableDictionaryRef destination, CFDictionaryRef source, uint32_t flags, uint8_t format) {
