@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "harness.h"
+#include "owned_fd.h"
 #include "talvex_driver.h"
 
 namespace {
@@ -94,39 +95,39 @@ void echo_frames(int fd) {
 class Echo {
 public:
     explicit Echo(bool child) {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv_) != 0) return;
+        int sv[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) return;
+        near_.reset(sv[0]);
+        far_.reset(sv[1]);
         if (!child) {
-            thread_ = std::thread(echo_frames, sv_[1]);
+            thread_ = std::thread(echo_frames, far_.get());
             return;
         }
         pid_ = fork();
         if (pid_ == 0) {
-            close(sv_[0]);
-            echo_frames(sv_[1]);
+            near_.reset();
+            echo_frames(far_.get());
             _exit(0);
         }
     }
     ~Echo() {
-        if (sv_[0] < 0) return;
-        shutdown(sv_[0], SHUT_RDWR);
+        if (near_) shutdown(near_.get(), SHUT_RDWR);
         if (thread_.joinable()) thread_.join();
         if (pid_ > 0) waitpid(pid_, nullptr, 0);
-        close(sv_[0]);
-        close(sv_[1]);
     }
     Echo(const Echo &) = delete;
     Echo &operator=(const Echo &) = delete;
 
-    bool ready() const { return sv_[0] >= 0 && (thread_.joinable() || pid_ > 0); }
+    bool ready() const { return near_ && (thread_.joinable() || pid_ > 0); }
     // One request frame out, one reply frame back.
     bool round_trip() {
         uint8_t req[kRequestFrame] = {}, rep[kReplyFrame];
-        return send(sv_[0], req, sizeof req, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof req) &&
-               read_exact(sv_[0], rep, sizeof rep);
+        return send(near_.get(), req, sizeof req, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof req) &&
+               read_exact(near_.get(), rep, sizeof rep);
     }
 
 private:
-    int sv_[2] = {-1, -1};
+    talvex::wire::OwnedFd near_, far_;   // this end, the echo's end
     std::thread thread_;
     pid_t pid_ = -1;
 };
