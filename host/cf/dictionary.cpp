@@ -39,22 +39,27 @@ const void *const kRemoved = &g_removed;
 
 // The entries are three parallel arrays (keys, values, key hashes), so a
 // lookup by identity reads the keys alone, mostly one cache line, and the
-// fields a lookup needs share the header's first line.
+// fields a scanning lookup needs fill the header's first line.
+//
+// A sample holds a dictionary per channel, so every byte here is paid once
+// per channel in each sample and delta: counts are 32 bits wide (a
+// dictionary holds fewer than 2^32 entries), a stored key hash is the
+// 32-bit fold of the key's hash code, and the index is a bare array.
 struct __CFDictionary {
     CFRuntimeBase base;
     const void **keys;                            // kRemoved marks a dead entry
     const void **values;
-    CFHashCode *hashes;
-    size_t count;                                 // entries used, live and dead
-    size_t live;                                  // live entries
-    size_t capacity;
-    size_t used_slots;                            // slots not empty (entries and tombstones)
-    std::vector<uint32_t> slots;                  // empty (scanned) or a power of two
+    uint32_t *hashes;                             // folded, see fold_hash
+    uint32_t count;                               // entries used, live and dead
+    uint32_t live;                                // live entries
     // The standard callbacks (and the all-null ones of plain pointers) are
-    // shared; other callbacks are a copy the dictionary owns. Holding them
-    // by pointer keeps the header in two cache lines.
+    // shared; other callbacks are a copy the dictionary owns.
     const CFDictionaryKeyCallBacks *key_callbacks;
     const CFDictionaryValueCallBacks *value_callbacks;
+    uint32_t *slots;                              // null (scanned) or slot_count slots
+    uint32_t slot_count;                          // 0 or a power of two
+    uint32_t used_slots;                          // slots not empty (entries and tombstones)
+    uint32_t capacity;
     bool own_key_callbacks;
     bool own_value_callbacks;
     bool own_entries;                             // the arrays are a buffer to free
@@ -66,7 +71,7 @@ namespace {
 
 using Dict = __CFDictionary;
 
-constexpr size_t kEntryBytes = 2 * sizeof(const void *) + sizeof(CFHashCode);
+constexpr size_t kEntryBytes = 2 * sizeof(const void *) + sizeof(uint32_t);
 
 const void *retain_cf(CFAllocatorRef, const void *value) { return CFRetain(value); }
 void release_cf(CFAllocatorRef, const void *value) { CFRelease(value); }
@@ -84,8 +89,14 @@ Dict *as_mutable_dictionary(CFTypeRef cf, const char *function) {
 
 bool is_live(const Dict *d, size_t i) { return d->keys[i] != kRemoved; }
 
-CFHashCode hash_key(const Dict *d, const void *key) {
-    return d->key_callbacks->hash != nullptr ? d->key_callbacks->hash(key) : hash_pointer(key);
+// What an entry keeps of its key's hash code: both halves folded together.
+uint32_t fold_hash(CFHashCode hash) {
+    auto h = static_cast<uint64_t>(hash);
+    return static_cast<uint32_t>(h ^ (h >> 32));
+}
+
+uint32_t hash_key(const Dict *d, const void *key) {
+    return fold_hash(d->key_callbacks->hash != nullptr ? d->key_callbacks->hash(key) : hash_pointer(key));
 }
 
 bool keys_equal(const Dict *d, const void *a, const void *b) {
@@ -101,7 +112,7 @@ void release_entry(const Dict *d, const void *key, const void *value) {
     if (d->value_callbacks->release != nullptr) d->value_callbacks->release(nullptr, value);
 }
 
-size_t home_slot(CFHashCode hash, size_t mask) {
+size_t home_slot(uint32_t hash, size_t mask) {
     uint64_t h = hash;
     h ^= h >> 32;
     h *= 0x9e3779b97f4a7c15ull;
@@ -118,13 +129,13 @@ struct Found {
     size_t slot;
 };
 
-Found find(const Dict *d, const void *key, CFHashCode hash) {
-    if (d->slots.empty()) {
+Found find(const Dict *d, const void *key, uint32_t hash) {
+    if (d->slots == nullptr) {
         for (size_t i = 0; i < d->count; ++i)
             if (is_live(d, i) && d->hashes[i] == hash && keys_equal(d, d->keys[i], key)) return {i, kNotFound};
         return {kNotFound, kNotFound};
     }
-    size_t mask = d->slots.size() - 1;
+    size_t mask = d->slot_count - 1;
     for (size_t pos = home_slot(hash, mask);; pos = (pos + 1) & mask) {
         uint32_t s = d->slots[pos];
         if (s == kEmpty) return {kNotFound, kNotFound};
@@ -158,25 +169,25 @@ void place_arrays(Dict *d, void *memory, size_t capacity) {
     auto bytes = static_cast<unsigned char *>(memory);
     d->keys = reinterpret_cast<const void **>(bytes);
     d->values = reinterpret_cast<const void **>(bytes + capacity * sizeof(const void *));
-    d->hashes = reinterpret_cast<CFHashCode *>(bytes + 2 * capacity * sizeof(const void *));
-    d->capacity = capacity;
+    d->hashes = reinterpret_cast<uint32_t *>(bytes + 2 * capacity * sizeof(const void *));
+    d->capacity = static_cast<uint32_t>(capacity);
 }
 
 // Makes room for `wanted` entries. Throws std::bad_alloc before changing anything.
 void grow(Dict *d, size_t wanted) {
     if (wanted <= d->capacity) return;
-    size_t capacity = std::max({wanted, d->capacity * 2, kDefaultRoom});
+    size_t capacity = std::min(std::max({wanted, size_t{d->capacity} * 2, kDefaultRoom}), kMaxEntries);
     if (capacity > std::numeric_limits<size_t>::max() / kEntryBytes) throw std::bad_alloc();
     void *buffer = std::malloc(capacity * kEntryBytes);
     if (buffer == nullptr) throw std::bad_alloc();
     const void **old_keys = d->keys;
     const void **old_values = d->values;
-    CFHashCode *old_hashes = d->hashes;
+    uint32_t *old_hashes = d->hashes;
     place_arrays(d, buffer, capacity);
     if (d->count != 0) {
         std::memcpy(static_cast<void *>(d->keys), old_keys, d->count * sizeof(const void *));
         std::memcpy(static_cast<void *>(d->values), old_values, d->count * sizeof(const void *));
-        std::memcpy(d->hashes, old_hashes, d->count * sizeof(CFHashCode));
+        std::memcpy(d->hashes, old_hashes, d->count * sizeof *old_hashes);
     }
     if (d->own_entries) std::free(static_cast<void *>(old_keys));
     d->own_entries = true;
@@ -192,29 +203,32 @@ void compact(Dict *d) {
         d->hashes[kept] = d->hashes[i];
         ++kept;
     }
-    d->count = kept;
+    d->count = static_cast<uint32_t>(kept);
 }
 
 // Drops dead entries and makes the index fit `expected` entries (none when
 // they are few enough to scan). Throws std::bad_alloc before changing anything.
 void rebuild(Dict *d, size_t expected) {
-    std::vector<uint32_t> slots;
+    uint32_t *slots = nullptr;
+    size_t slot_count = 0;
     if (expected > kScanEntries) {
-        size_t capacity = 8;
-        while (capacity < expected * 2) capacity *= 2;
-        slots.assign(capacity, kEmpty);
+        slot_count = 8;
+        while (slot_count < expected * 2) slot_count *= 2;
+        if (slot_count > std::numeric_limits<uint32_t>::max()) throw std::bad_alloc();
+        slots = static_cast<uint32_t *>(std::calloc(slot_count, sizeof *slots));   // all kEmpty
+        if (slots == nullptr) throw std::bad_alloc();
     }
     compact(d);
-    if (!slots.empty()) {
-        size_t mask = slots.size() - 1;
-        for (size_t i = 0; i < d->count; ++i) {
-            size_t pos = home_slot(d->hashes[i], mask);
-            while (slots[pos] != kEmpty) pos = (pos + 1) & mask;
-            slots[pos] = static_cast<uint32_t>(i + 2);
-        }
+    size_t mask = slot_count - 1;
+    for (size_t i = 0; slots != nullptr && i < d->count; ++i) {
+        size_t pos = home_slot(d->hashes[i], mask);
+        while (slots[pos] != kEmpty) pos = (pos + 1) & mask;
+        slots[pos] = static_cast<uint32_t>(i + 2);
     }
-    d->used_slots = slots.empty() ? 0 : d->count;
-    d->slots.swap(slots);
+    std::free(d->slots);
+    d->slots = slots;
+    d->slot_count = static_cast<uint32_t>(slot_count);
+    d->used_slots = slots == nullptr ? 0 : d->count;
 }
 
 // A new dictionary with its index made for `room` entries, or null (the
@@ -231,33 +245,33 @@ Dict *indexed_or_null(Dict *d, size_t room) noexcept {
 
 // Adds a key known to be absent, retaining key and value through the
 // callbacks. Throws std::bad_alloc before changing anything.
-void insert_new(Dict *d, const void *key, const void *value, CFHashCode hash) {
+void insert_new(Dict *d, const void *key, const void *value, uint32_t hash) {
     if (d->count >= kMaxEntries) throw std::bad_alloc();
-    if (d->slots.empty()) {
+    if (d->slots == nullptr) {
         if (d->live + 1 > kScanEntries) {
             rebuild(d, d->live + 1);
         } else if (d->count == d->capacity && d->count != d->live) {
             compact(d);
         }
-    } else if ((d->used_slots + 1) * 4 > d->slots.size() * 3) {
+    } else if ((size_t{d->used_slots} + 1) * 4 > size_t{d->slot_count} * 3) {
         rebuild(d, d->live + 1);
     }
-    grow(d, d->count + 1);
+    grow(d, size_t{d->count} + 1);
     size_t pos = kNotFound;
-    if (!d->slots.empty()) {
-        size_t mask = d->slots.size() - 1;
+    if (d->slots != nullptr) {
+        size_t mask = d->slot_count - 1;
         pos = home_slot(hash, mask);
         while (d->slots[pos] != kEmpty && d->slots[pos] != kDeleted) pos = (pos + 1) & mask;
     }
     const void *k = d->key_callbacks->retain != nullptr ? d->key_callbacks->retain(nullptr, key) : key;
     const void *v = d->value_callbacks->retain != nullptr ? d->value_callbacks->retain(nullptr, value) : value;
-    size_t i = d->count++;
+    uint32_t i = d->count++;
     d->keys[i] = k;
     d->values[i] = v;
     d->hashes[i] = hash;
     if (pos != kNotFound) {
         if (d->slots[pos] == kEmpty) ++d->used_slots;
-        d->slots[pos] = static_cast<uint32_t>(i + 2);
+        d->slots[pos] = i + 2;
     }
     ++d->live;
 }
@@ -306,7 +320,7 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
     static const CFDictionaryKeyCallBacks *const kSharedKeys[] = {&kCFTypeDictionaryKeyCallBacks,
                                                                   &kCFCopyStringDictionaryKeyCallBacks, &kPlainKeys};
     static const CFDictionaryValueCallBacks *const kSharedValues[] = {&kCFTypeDictionaryValueCallBacks, &kPlainValues};
-    if (room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / kEntryBytes) return nullptr;
+    if (room > kMaxEntries) return nullptr;
     void *memory = std::malloc(sizeof(Dict) + room * kEntryBytes);
     if (memory == nullptr) return nullptr;
     Dict *d = new (memory) Dict();
@@ -333,9 +347,9 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
 
 // A new dictionary with the entries (and callbacks) of `source`, in its order.
 Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noexcept {
-    // A mutable copy usually gains a key or two (a copied record gets its
-    // sample data): room for them saves moving the entries.
-    size_t room = std::max(source->live + (is_mutable ? 2 : 0), capacity);
+    // A mutable copy usually gains a key (a copied record gets its sample
+    // data): room for it saves moving the entries.
+    size_t room = std::max(size_t{source->live} + (is_mutable ? 1 : 0), capacity);
     Dict *d = new_dictionary(source->key_callbacks, source->value_callbacks, is_mutable, room);
     if (d == nullptr) return nullptr;
     // The live entries go over in order into the room made for them, each
@@ -345,14 +359,14 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
     const auto value_retain = d->value_callbacks->retain;
     const void **keys = d->keys;
     const void **values = d->values;
-    CFHashCode *hashes = d->hashes;
+    uint32_t *hashes = d->hashes;
     const void *const *source_keys = source->keys;
     const void *const *source_values = source->values;
     if (key_retain == retain_cf && value_retain == retain_cf && source->live == source->count) {
         // The common case, objects with the standard callbacks and no
         // removed entries: the three arrays go over as they are, then the
         // counts are updated in one pass.
-        const size_t count = source->count;
+        const uint32_t count = source->count;
         std::memcpy(static_cast<void *>(keys), source_keys, count * sizeof *keys);
         std::memcpy(static_cast<void *>(values), source_values, count * sizeof *values);
         std::memcpy(hashes, source->hashes, count * sizeof *hashes);
@@ -363,7 +377,7 @@ Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noex
         d->count = d->live = count;
         return room > kScanEntries ? indexed_or_null(d, room) : d;
     }
-    size_t n = 0;
+    uint32_t n = 0;
     auto copy_entry = [&](size_t i) {
         const void *key = source_keys[i];
         if (key == kRemoved) return;
@@ -409,6 +423,7 @@ void dictionary_finalize(CFTypeRef cf) {
             if (is_live(d, i)) release_entry(d, keys[i], values[i]);
     }
     if (d->own_entries) std::free(static_cast<void *>(d->keys));
+    std::free(d->slots);
     free_callbacks(d);
     destroy_fields<Dict>(cf);
 }
@@ -452,7 +467,7 @@ CFStringRef dictionary_description(CFTypeRef cf) {
 void prefetch_dictionary_contents(CFTypeRef cf) noexcept {
     auto d = static_cast<const Dict *>(cf);
     if (d->value_callbacks->release == release_cf)
-        prefetch_objects(d->values, std::min(d->count, kPrefetchWindow));
+        prefetch_objects(d->values, std::min(size_t{d->count}, kPrefetchWindow));
 }
 
 const CFRuntimeClass kDictionaryClass = {0,
@@ -489,7 +504,7 @@ CFDictionaryRef CFDictionaryCreate(CFAllocatorRef, const void **keys, const void
     try {
         rebuild(d, n);
         for (size_t i = 0; i < n; ++i) {
-            CFHashCode hash = hash_key(d, keys[i]);
+            uint32_t hash = hash_key(d, keys[i]);
             if (size_t e = find(d, keys[i], hash).entry; e != kNotFound) {
                 replace_value(d, e, values[i]);
             } else {
@@ -575,7 +590,7 @@ void store(CFMutableDictionaryRef dict, const void *key, const void *value, Mode
         if (mode != Mode::add) replace_value(d, e, value);
         return;
     }
-    CFHashCode hash = hash_key(d, key);
+    uint32_t hash = hash_key(d, key);
     if (size_t e = find(d, key, hash).entry; e != kNotFound) {
         if (mode != Mode::add) replace_value(d, e, value);
         return;
@@ -636,7 +651,9 @@ void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
         fatal("CFDictionaryRemoveAllValues", "out of memory");
     }
     d->count = 0;
-    std::vector<uint32_t>().swap(d->slots);
+    std::free(d->slots);
+    d->slots = nullptr;
+    d->slot_count = 0;
     d->live = 0;
     d->used_slots = 0;
     for (const auto &[key, value] : old) release_entry(d, key, value);
