@@ -7,7 +7,11 @@ namespace talvex::sim {
 
 namespace {
 
-constexpr const char *kStateKey = "talvex-state";
+// The state's key, made once: every call reads the state.
+CFStringRef state_key() {
+    static const CFStringRef key = CFSTR("talvex-state");
+    return key;
+}
 
 // The driver's user client: every call goes through the method table.
 class CoprocessorClient final : public UserClient {
@@ -77,7 +81,7 @@ Coprocessor::Coprocessor(Simulation &sim, Service &service) : sim_(sim), service
     install_bus_methods(*this);
     int64_t booted = kTalvexStateBooted;
     CFRef<CFNumberRef> state(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &booted));
-    service_.set_property(kStateKey, state.get());
+    service_.set_property(state_key(), state.get());
 }
 
 Coprocessor::~Coprocessor() = default;
@@ -89,7 +93,7 @@ IOReturn Coprocessor::open(uint32_t type, std::unique_ptr<UserClient> &out) {
 }
 
 uint64_t Coprocessor::state() const {
-    CFTypeRef v = service_.get_property(kStateKey);
+    CFTypeRef v = service_.get_property(state_key());
     int64_t value = -1;
     if (v && CFGetTypeID(v) == CFNumberGetTypeID()) CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &value);
     return static_cast<uint64_t>(value);
@@ -99,7 +103,7 @@ void Coprocessor::set_state(uint64_t state) {
     uint64_t from = this->state();
     auto value = static_cast<int64_t>(state);
     CFRef<CFNumberRef> number(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt64Type, &value));
-    service_.set_property(kStateKey, number.get());
+    service_.set_property(state_key(), number.get());
     sim_.notify(service_, kTalvexMessageStateChanged, MessageArg::of_value(state));
     for (const auto &listener : state_listeners_) listener(from, state);
 }

@@ -59,13 +59,18 @@ Service::~Service() = default;
 
 CFTypeRef Service::get_property(std::string_view key) const {
     auto k = make_cf_string(key);
-    if (!k) return nullptr;
-    return CFDictionaryGetValue(properties.get(), k.get());
+    return k ? get_property(k.get()) : nullptr;
 }
 
 void Service::set_property(std::string_view key, CFTypeRef value) {
     auto k = make_cf_string(key);
-    if (k && value) CFDictionarySetValue(properties.get(), k.get(), value);
+    if (k) set_property(k.get(), value);
+}
+
+CFTypeRef Service::get_property(CFStringRef key) const { return CFDictionaryGetValue(properties.get(), key); }
+
+void Service::set_property(CFStringRef key, CFTypeRef value) {
+    if (value) CFDictionarySetValue(properties.get(), key, value);
 }
 
 bool Service::remove_property(std::string_view key) {

@@ -32,6 +32,10 @@ struct Service {
     // Property access by UTF-8 key. get_property returns a borrowed reference.
     CFTypeRef get_property(std::string_view key) const;
     void set_property(std::string_view key, CFTypeRef value);
+    // The same by a string key, which a lookup made on every call keeps
+    // rather than making one each time.
+    CFTypeRef get_property(CFStringRef key) const;
+    void set_property(CFStringRef key, CFTypeRef value);
     bool remove_property(std::string_view key);   // false when absent
 };
 

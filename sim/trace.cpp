@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "cf_ref.h"
@@ -33,59 +34,6 @@ std::string Trace::text() const {
 void Trace::clear() {
     lines_.clear();
     bytes_ = 0;
-}
-
-namespace {
-
-void append_decimal(std::string &out, uint64_t v) {
-    char buf[20];
-    auto end = std::to_chars(buf, buf + sizeof buf, v).ptr;
-    out.append(buf, end);
-}
-
-}  // namespace
-
-// Built in one buffer: a call line is made for every call a client makes.
-std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
-    const size_t hex = 2 * std::min(args.input.size(), kMaxTracedInput) + 3;
-    std::string out;
-    out.reserve(120 + service.size() + 21 * args.scalars.size() + hex);
-    out += "{\"service\":";
-    append_json_string(out, service);
-    out += ",\"selector\":";
-    append_decimal(out, args.selector);
-    out += ",\"scalars\":[";
-    for (size_t i = 0; i < args.scalars.size(); ++i) {
-        if (i) out += ',';
-        append_decimal(out, args.scalars[i]);
-    }
-    out += "],\"input\":\"";
-    if (!args.input.empty()) out += trace_hex(args.input, kMaxTracedInput);
-    out += "\",\"output_size\":";
-    append_decimal(out, args.output_capacity);
-    out += ",\"scalar_output_count\":";
-    append_decimal(out, args.scalar_output_capacity);
-    out += ",\"result\":";
-    append_decimal(out, static_cast<uint32_t>(result));
-    out += '}';
-    return out;
-}
-
-std::string Trace::open_line(std::string_view service, uint32_t type, IOReturn result) {
-    return "{\"service\":" + json_string(service) + ",\"open\":" + std::to_string(type) +
-           ",\"result\":" + std::to_string(static_cast<uint32_t>(result)) + "}";
-}
-
-std::string Trace::write_line(std::string_view service, std::string_view key, CFTypeRef value) {
-    return "{\"service\":" + json_string(service) + ",\"property\":" + json_string(key) +
-           ",\"value\":" + cf_to_json(value) + "}";
-}
-
-std::string Trace::refusal_line(std::string_view service, std::string_view what, std::string_view scope,
-                                size_t limit) {
-    return "{\"service\":" + (service.empty() ? std::string("null") : json_string(service)) +
-           ",\"refused\":\"budget\",\"what\":" + json_string(what) + ",\"scope\":" + json_string(scope) +
-           ",\"limit\":" + std::to_string(limit) + "}";
 }
 
 namespace {
@@ -191,47 +139,118 @@ struct JsonWriter {
     }
 };
 
-}  // namespace
-
-void append_json_string(std::string &out, std::string_view text) {
-    static const char digits[] = "0123456789abcdef";
+// Hands `emit` the pieces of the JSON string literal of `text`, in order.
+// No piece is longer than six bytes for each byte of text it stands for.
+template <class Emit>
+void emit_json_string(std::string_view text, Emit &&emit) {
+    static constexpr char kDigits[] = "0123456789abcdef";
     // Printable ASCII other than a quote or backslash stands as it is: such
     // runs are copied whole.
     auto plain = [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; };
-    out += '"';
+    emit("\"");
     for (size_t i = 0; i < text.size();) {
         size_t run = i;
         while (run < text.size() && plain(static_cast<unsigned char>(text[run]))) ++run;
         if (run > i) {
-            out.append(text.data() + i, run - i);
+            emit(text.substr(i, run - i));
             i = run;
             continue;
         }
         unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-            ++i;
+        if (c == '"') {
+            emit("\\\""), ++i;
+        } else if (c == '\\') {
+            emit("\\\\"), ++i;
         } else if (c == '\n') {
-            out += "\\n", ++i;
+            emit("\\n"), ++i;
         } else if (c == '\t') {
-            out += "\\t", ++i;
+            emit("\\t"), ++i;
         } else if (c == '\r') {
-            out += "\\r", ++i;
+            emit("\\r"), ++i;
         } else if (c < 0x20 || c == 0x7f) {
-            out += "\\u00";
-            out += digits[c >> 4];
-            out += digits[c & 15];
+            const char escape[] = {'\\', 'u', '0', '0', kDigits[c >> 4], kDigits[c & 15]};
+            emit(std::string_view(escape, sizeof escape));
             ++i;
         } else if (size_t n = utf8_sequence(text, i)) {
-            out.append(text.substr(i, n));
+            emit(text.substr(i, n));
             i += n;
         } else {
-            out += "\\ufffd";
+            emit("\\ufffd");
             ++i;
         }
     }
-    out += '"';
+    emit("\"");
+}
+
+}  // namespace
+
+void append_json_string(std::string &out, std::string_view text) {
+    emit_json_string(text, [&](std::string_view piece) { out += piece; });
+}
+
+namespace {
+
+// Bytes a JSON string literal of `length` bytes of text can take: six for a
+// byte written as \u00XX, and the quotes.
+size_t json_string_bound(size_t length) { return 6 * length + 2; }
+
+// Writes the text at `p`; returns the end.
+char *put(char *p, std::string_view text) {
+    std::memcpy(p, text.data(), text.size());
+    return p + text.size();
+}
+
+// Writes the decimal digits of `v` (at most 20) at `p`; returns the end.
+char *put_decimal(char *p, uint64_t v) { return std::to_chars(p, p + 20, v).ptr; }
+
+}  // namespace
+
+// A call line is made for every call a client makes: it is written into one
+// buffer sized for the longest line these arguments can give, then cut to
+// what was written. The fixed part is 99 bytes of names and punctuation and
+// four numbers of at most 20 digits; each scalar takes at most 21.
+std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
+    constexpr size_t kFixed = 99 + 4 * 20;
+    const std::span<const uint8_t> traced = args.input.first(std::min(args.input.size(), kMaxTracedInput));
+    std::string out(kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() + 2 * traced.size(), '\0');
+    char *p = put(out.data(), "{\"service\":");
+    emit_json_string(service, [&](std::string_view piece) { p = put(p, piece); });
+    p = put(p, ",\"selector\":");
+    p = put_decimal(p, args.selector);
+    p = put(p, ",\"scalars\":[");
+    for (size_t i = 0; i < args.scalars.size(); ++i) {
+        if (i) *p++ = ',';
+        p = put_decimal(p, args.scalars[i]);
+    }
+    p = put(p, "],\"input\":\"");
+    if (!traced.empty()) p = put(p, wire::to_hex(traced));
+    if (traced.size() < args.input.size()) p = put(p, "...");
+    p = put(p, "\",\"output_size\":");
+    p = put_decimal(p, args.output_capacity);
+    p = put(p, ",\"scalar_output_count\":");
+    p = put_decimal(p, args.scalar_output_capacity);
+    p = put(p, ",\"result\":");
+    p = put_decimal(p, static_cast<uint32_t>(result));
+    *p++ = '}';
+    out.resize(static_cast<size_t>(p - out.data()));
+    return out;
+}
+
+std::string Trace::open_line(std::string_view service, uint32_t type, IOReturn result) {
+    return "{\"service\":" + json_string(service) + ",\"open\":" + std::to_string(type) +
+           ",\"result\":" + std::to_string(static_cast<uint32_t>(result)) + "}";
+}
+
+std::string Trace::write_line(std::string_view service, std::string_view key, CFTypeRef value) {
+    return "{\"service\":" + json_string(service) + ",\"property\":" + json_string(key) +
+           ",\"value\":" + cf_to_json(value) + "}";
+}
+
+std::string Trace::refusal_line(std::string_view service, std::string_view what, std::string_view scope,
+                                size_t limit) {
+    return "{\"service\":" + (service.empty() ? std::string("null") : json_string(service)) +
+           ",\"refused\":\"budget\",\"what\":" + json_string(what) + ",\"scope\":" + json_string(scope) +
+           ",\"limit\":" + std::to_string(limit) + "}";
 }
 
 std::string json_string(std::string_view text) {

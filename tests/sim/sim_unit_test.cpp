@@ -103,6 +103,13 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     EXPECT_EQ(Trace::call_line("Ab\"c\td\xff", args, kIOReturnNotReady),
               R"({"service":"Ab\"c\td\ufffd","selector":7,"scalars":[0,18446744073709551615],"input":"ab01",)"
               R"("output_size":18446744073709551615,"scalar_output_count":4294967295,"result":3758097112})");
+    // A name whose every byte is escaped to six, and an input longer than is traced.
+    const std::vector<uint8_t> long_input(kMaxTracedInput + 1, 0x5a);
+    std::string hex;
+    for (size_t i = 0; i < kMaxTracedInput; ++i) hex += "5a";
+    EXPECT_EQ(Trace::call_line("\x01\xff\x7f", CallArgs{1, {}, long_input, 0, 0}, kIOReturnSuccess),
+              R"({"service":"\u0001\ufffd\u007f","selector":1,"scalars":[],"input":")" + hex +
+                  R"(...","output_size":0,"scalar_output_count":0,"result":0})");
 
     auto dict = CFRef<CFMutableDictionaryRef>(
         CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks));
