@@ -114,7 +114,6 @@ void release_entry(const Dict *d, const void *key, const void *value) {
 
 size_t home_slot(uint32_t hash, size_t mask) {
     uint64_t h = hash;
-    h ^= h >> 32;
     h *= 0x9e3779b97f4a7c15ull;
     h ^= h >> 29;
     return static_cast<size_t>(h) & mask;
