@@ -319,7 +319,7 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
     static const CFDictionaryKeyCallBacks *const kSharedKeys[] = {&kCFTypeDictionaryKeyCallBacks,
                                                                   &kCFCopyStringDictionaryKeyCallBacks, &kPlainKeys};
     static const CFDictionaryValueCallBacks *const kSharedValues[] = {&kCFTypeDictionaryValueCallBacks, &kPlainValues};
-    if (room > kMaxEntries) return nullptr;
+    if (room > kMaxEntries || room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / kEntryBytes) return nullptr;
     void *memory = std::malloc(sizeof(Dict) + room * kEntryBytes);
     if (memory == nullptr) return nullptr;
     Dict *d = new (memory) Dict();
