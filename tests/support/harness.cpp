@@ -248,7 +248,8 @@ Simulator::Simulator(const std::vector<std::string> &extra_serve_args) : Simulat
 
 Simulator::Simulator(SimulatorOptions options) {
     socket_ = dir_.path + "/sim.sock";
-    std::vector<std::string> argv{options.program, "serve", "--socket", socket_};
+    // A test or benchmark that crashes or is killed takes its simulator with it.
+    std::vector<std::string> argv{options.program, "serve", "--socket", socket_, "--exit-with-parent"};
     argv.insert(argv.end(), options.serve_args.begin(), options.serve_args.end());
     proc_ = std::make_unique<Process>(argv, Env{{"TALVEX_SIM_SOCKET", socket_}}, options.capture_log);
     auto deadline = Clock::now() + options.start_limit;
