@@ -207,12 +207,12 @@ char *put_decimal(char *p, uint64_t v) { return std::to_chars(p, p + 20, v).ptr;
 
 // A call line is made for every call a client makes: it is written into one
 // buffer sized for the longest line these arguments can give, then cut to
-// what was written. The fixed part is 99 bytes of names and punctuation and
+// what was written. The fixed part is 96 bytes of names and punctuation and
 // four numbers of at most 20 digits; each scalar takes at most 21.
 std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
-    constexpr size_t kFixed = 99 + 4 * 20;
-    const std::span<const uint8_t> traced = args.input.first(std::min(args.input.size(), kMaxTracedInput));
-    std::string out(kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() + 2 * traced.size(), '\0');
+    constexpr size_t kFixed = 96 + 4 * 20;
+    const size_t hex = 2 * std::min(args.input.size(), kMaxTracedInput) + 3;   // trace_hex's longest
+    std::string out(kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() + hex, '\0');
     char *p = put(out.data(), "{\"service\":");
     emit_json_string(service, [&](std::string_view piece) { p = put(p, piece); });
     p = put(p, ",\"selector\":");
@@ -223,8 +223,7 @@ std::string Trace::call_line(std::string_view service, const CallArgs &args, IOR
         p = put_decimal(p, args.scalars[i]);
     }
     p = put(p, "],\"input\":\"");
-    if (!traced.empty()) p = put(p, wire::to_hex(traced));
-    if (traced.size() < args.input.size()) p = put(p, "...");
+    p = put(p, trace_hex(args.input, kMaxTracedInput));
     p = put(p, "\",\"output_size\":");
     p = put_decimal(p, args.output_capacity);
     p = put(p, ",\"scalar_output_count\":");
