@@ -1,9 +1,10 @@
 // The CF containers every property list lives in, against standard
-// containers as models: edits of one mutable dictionary (by equal keys that
-// are not the same object, past the size at which it starts hashing), array
-// and data object, and copies that replace them. After every operation that
-// reads, and at the end, each agrees with its model: count, lookups, order
-// of iteration, equality and hashes of copies.
+// containers as models: edits of two mutable dictionaries (by equal keys that
+// are not the same object, past the size at which they start hashing), each
+// copied into the other, so that copies and their originals change in turns;
+// edits of an array and a data object, and copies that replace them. After
+// every operation that reads, and at the end, each agrees with its model:
+// count, lookups, order of iteration, equality and hashes of copies.
 #include <CoreFoundation/CoreFoundation.h>
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -113,18 +114,26 @@ void check_array(CFArrayRef a, const std::vector<int64_t> &m) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
-    CFRef<CFMutableDictionaryRef> dict(CFDictionaryCreateMutable(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 20),
-                                                               &kCFTypeDictionaryKeyCallBacks,
-                                                               &kCFTypeDictionaryValueCallBacks));
+    const CFIndex capacity = in.ConsumeIntegralInRange<CFIndex>(0, 20);
+    CFRef<CFMutableDictionaryRef> dicts[2];
+    for (auto &d : dicts)
+        d.reset(CFDictionaryCreateMutable(nullptr, capacity, &kCFTypeDictionaryKeyCallBacks,
+                                          &kCFTypeDictionaryValueCallBacks));
+    DictModel models[2];
+    int side = 0;   // the dictionary being edited
+    auto check_dicts = [&] {
+        for (int i = 0; i < 2; ++i) check_dict(dicts[i].get(), models[i]);
+    };
     CFRef<CFMutableArrayRef> array(CFArrayCreateMutable(nullptr, 0, &kCFTypeArrayCallBacks));
     CFRef<CFMutableDataRef> bytes(CFDataCreateMutable(nullptr, 0));
-    DictModel dm;
     std::vector<int64_t> am;
     std::vector<uint8_t> bm;
     int64_t next_value = 0;
 
     while (in.remaining_bytes() > 0) {
         int k = in.ConsumeIntegralInRange(0, kKeyCount - 1);
+        CFRef<CFMutableDictionaryRef> &dict = dicts[side];
+        DictModel &dm = models[side];
         switch (int op = in.ConsumeIntegralInRange(0, 19); op) {
         case 0:
         case 1:
@@ -149,6 +158,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             if (in.ConsumeIntegralInRange(0, 3) == 0) {
                 CFDictionaryRemoveAllValues(dict.get());
                 dm.clear();
+            } else {
+                side ^= 1;
             }
             break;
         case 8: {   // lookups
@@ -165,17 +176,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             break;
         }
-        case 9: {   // copies: mutable with a capacity replaces the original; immutable must equal it
-            check_dict(dict.get(), dm);
+        case 9: {   // copies: mutable with a capacity replaces the other; immutable must equal the original
+            check_dicts();
             if (in.ConsumeBool()) {
-                dict.reset(CFDictionaryCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 50), dict.get()));
+                dicts[side ^ 1].reset(
+                    CFDictionaryCreateMutableCopy(nullptr, in.ConsumeIntegralInRange<CFIndex>(0, 50), dict.get()));
+                models[side ^ 1] = dm;
             } else {
                 CFRef<CFDictionaryRef> copy(CFDictionaryCreateCopy(nullptr, dict.get()));
                 check_dict(copy.get(), dm);
                 if (!CFEqual(copy.get(), dict.get()) || CFHash(copy.get()) != CFHash(dict.get()))
                     fail("an immutable copy is not equal to its original");
             }
-            check_dict(dict.get(), dm);
+            check_dicts();
             break;
         }
         case 10: {   // array: append, insert, set (at the end appends), remove
@@ -250,11 +263,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             break;
         }
         default:
-            check_dict(dict.get(), dm);
+            check_dicts();
             break;
         }
     }
-    check_dict(dict.get(), dm);
+    check_dicts();
     check_array(array.get(), am);
     check_data(bytes.get(), bm);
     return 0;
