@@ -9,9 +9,28 @@
 // a larger one gets an open-addressing index (linear probing) of positions in
 // the array, kept at most three quarters full counting the tombstones removal
 // leaves.
+//
+// Copying a dictionary of standard objects does not copy its entries: the
+// copy shares them with an immutable dictionary, and its own arrays hold only
+// what differs: its values for keys the shared dictionary holds too (the
+// entries that shadow those keys) and the keys it added. Its contents are the
+// shared entries in their order, shadowed ones with the copy's values, then
+// the added keys in theirs. A sample copies a record per channel twice a step
+// and changes one key of each; sharing spares the retains, the releases and
+// the bytes of every other key.
+//
+// What is shared never changes and never shares in turn: it is an immutable
+// dictionary, or a mutable one that has been copied and so is frozen: its
+// entries stay as they are, and its later changes go to an overlay, a
+// dictionary it owns that shares its frozen entries like any copy and holds
+// its changes. Nothing is allocated when a dictionary is first copied, so a
+// long-lived body is never made among short-lived copies (which would leave
+// the heap full of holes once they are freed). Removing a key from a sharing
+// dictionary first gives it all its entries.
 #include "cf_internal.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -29,6 +48,8 @@ constexpr size_t kMaxEntries = std::numeric_limits<uint32_t>::max() - 2;
 constexpr size_t kScanEntries = 12;
 // Room in the dictionary's own allocation when no capacity is asked for.
 constexpr size_t kDefaultRoom = 8;
+// Copies of a dictionary with fewer entries than this copy them.
+constexpr size_t kShareEntries = 4;
 
 // The key of a removed entry: an address no caller can pass.
 const char g_removed = 0;
@@ -60,10 +81,19 @@ struct __CFDictionary {
     uint32_t slot_count;                          // 0 or a power of two
     uint32_t used_slots;                          // slots not empty (entries and tombstones)
     uint32_t capacity;
+    uint32_t shadowing;                           // entries whose keys `shared` holds too
     bool own_key_callbacks;
     bool own_value_callbacks;
     bool own_entries;                             // the arrays are a buffer to free
     bool is_mutable;
+    // With `shares`, `shared` holds the entries this dictionary shares (see
+    // the top of this file), retained unless `borrowed` (an overlay's, whose
+    // owner is what it shares). Without, `shared` is null or the overlay of
+    // a frozen dictionary, retained.
+    bool shares;
+    bool borrowed;
+    bool frozen;                                  // copies share the arrays above
+    const __CFDictionary *shared;
 };
 
 namespace cf {
@@ -158,9 +188,50 @@ size_t find_identical(const Dict *d, const void *key) {
     return kNotFound;
 }
 
-size_t find_entry(const Dict *d, const void *key) {
-    size_t i = find_identical(d, key);
-    return i != kNotFound ? i : find(d, key, hash_key(d, key)).entry;
+// The dictionary that holds what `d` holds now: its overlay if it has one.
+const Dict *view(const Dict *d) { return !d->shares && d->shared != nullptr ? d->shared : d; }
+
+size_t live_count(const Dict *d) {
+    return d->shares ? size_t{d->shared->live} + d->live - d->shadowing : d->live;
+}
+
+// The value for `key`, found among the dictionary's own entries or the ones
+// it shares; false when absent. Both are searched by identity before the key
+// is hashed: an entry here that shadows a shared key holds the same key
+// object, so once all of this dictionary's keys have been compared, an
+// identical shared key is known not to be shadowed.
+bool lookup(const Dict *d, const void *key, const void **value) {
+    const Dict *s = d->shares ? d->shared : nullptr;
+    const Dict *holder = d;
+    size_t e = find_identical(d, key);
+    if (e == kNotFound && s != nullptr && d->count <= kIdentityScanEntries) e = find_identical(holder = s, key);
+    if (e == kNotFound) {
+        uint32_t hash = hash_key(d, key);
+        e = find(holder = d, key, hash).entry;
+        if (e == kNotFound && s != nullptr) e = find(holder = s, key, hash).entry;
+    }
+    if (e == kNotFound) return false;
+    *value = holder->values[e];
+    return true;
+}
+
+// Calls visit(holder, i) for each entry in order, where holder->keys[i] and
+// holder->values[i] are the entry and holder is the dictionary or the one it
+// shares.
+template <class F>
+void for_each_entry(const Dict *d, F &&visit) {
+    const Dict *s = d->shares ? d->shared : nullptr;
+    for (size_t i = 0; s != nullptr && i < s->count; ++i) {
+        if (!is_live(s, i)) continue;
+        size_t e = d->shadowing == 0 ? kNotFound : find(d, s->keys[i], s->hashes[i]).entry;
+        if (e == kNotFound) visit(s, i);
+        else visit(d, e);
+    }
+    for (size_t i = 0; i < d->count; ++i) {
+        if (!is_live(d, i)) continue;
+        if (s != nullptr && d->shadowing != 0 && find(s, d->keys[i], d->hashes[i]).entry != kNotFound) continue;
+        visit(d, i);
+    }
 }
 
 // Points the arrays into `memory`, which has room for `capacity` entries.
@@ -344,13 +415,38 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
     return d;
 }
 
+// The dictionary a copy of `source` (a view) shares entries with, or null
+// when the copy gets entries of its own. A mutable source is frozen: copies
+// on several threads at once may each mark it so.
+const Dict *shared_for_copy(const Dict *source) noexcept {
+    if (source->shares) return source->shared;
+    if (source->key_callbacks != &kCFTypeDictionaryKeyCallBacks ||
+        source->value_callbacks != &kCFTypeDictionaryValueCallBacks || source->live < kShareEntries)
+        return nullptr;
+    if (source->is_mutable)
+        std::atomic_ref<bool>(const_cast<Dict *>(source)->frozen).store(true, std::memory_order_relaxed);
+    return source;
+}
+
 // A new dictionary with the entries (and callbacks) of `source`, in its order.
 Dict *copy_dictionary(const Dict *source, size_t capacity, bool is_mutable) noexcept {
+    source = view(source);
+    const Dict *shared = shared_for_copy(source);
+    // Whether the copy takes over the source's own arrays: all of them, or
+    // what it has beside the entries it shares.
+    const bool own = shared == nullptr || source->shares;
     // A mutable copy usually gains a key (a copied record gets its sample
     // data): room for it saves moving the entries.
-    size_t room = std::max(size_t{source->live} + (is_mutable ? 1 : 0), capacity);
+    size_t room = std::max((own ? size_t{source->live} : 0) + (is_mutable ? 1 : 0), capacity);
     Dict *d = new_dictionary(source->key_callbacks, source->value_callbacks, is_mutable, room);
     if (d == nullptr) return nullptr;
+    if (shared != nullptr) {
+        retain_held(shared);
+        d->shared = shared;
+        d->shares = true;
+        d->shadowing = source->shares ? source->shadowing : 0;
+    }
+    if (!own) return room > kScanEntries ? indexed_or_null(d, room) : d;
     // The live entries go over in order into the room made for them, each
     // retained through the callbacks (the standard ones update the counts
     // directly); the index, when the copy needs one, is built afterwards.
@@ -423,37 +519,37 @@ void dictionary_finalize(CFTypeRef cf) {
     }
     if (d->own_entries) std::free(static_cast<void *>(d->keys));
     std::free(d->slots);
+    if (d->shared != nullptr && !d->borrowed) release_held(d->shared);
     free_callbacks(d);
     destroy_fields<Dict>(cf);
 }
 
 // Same keys and equal values, whatever the order.
 Boolean dictionary_equal(CFTypeRef x, CFTypeRef y) {
-    auto a = static_cast<const Dict *>(x);
-    auto b = static_cast<const Dict *>(y);
-    if (a->live != b->live) return false;
-    for (size_t i = 0; i < a->count; ++i) {
-        if (!is_live(a, i)) continue;
-        size_t other = find_entry(b, a->keys[i]);
-        if (other == kNotFound || !values_equal(a, a->values[i], b->values[other])) return false;
-    }
-    return true;
+    const Dict *a = view(static_cast<const Dict *>(x));
+    const Dict *b = view(static_cast<const Dict *>(y));
+    if (live_count(a) != live_count(b)) return false;
+    bool equal = true;
+    for_each_entry(a, [&](const Dict *holder, size_t i) {
+        const void *other = nullptr;
+        if (equal && (!lookup(b, holder->keys[i], &other) || !values_equal(a, holder->values[i], other))) equal = false;
+    });
+    return equal;
 }
 
-CFHashCode dictionary_hash(CFTypeRef cf) { return static_cast<const Dict *>(cf)->live; }
+CFHashCode dictionary_hash(CFTypeRef cf) { return live_count(view(static_cast<const Dict *>(cf))); }
 
 CFStringRef dictionary_description(CFTypeRef cf) {
-    auto d = static_cast<const Dict *>(cf);
+    const Dict *d = view(static_cast<const Dict *>(cf));
     try {
         std::string text = "{\n";
-        for (size_t i = 0; i < d->count; ++i) {
-            if (!is_live(d, i)) continue;
+        for_each_entry(d, [&](const Dict *holder, size_t i) {
             text += "    ";
-            append_value_description(text, d->keys[i], d->key_callbacks->copyDescription);
+            append_value_description(text, holder->keys[i], d->key_callbacks->copyDescription);
             text += " = ";
-            append_value_description(text, d->values[i], d->value_callbacks->copyDescription);
+            append_value_description(text, holder->values[i], d->value_callbacks->copyDescription);
             text += ";\n";
-        }
+        });
         text += '}';
         return make_string(text);
     } catch (...) {
@@ -467,6 +563,7 @@ void prefetch_dictionary_contents(CFTypeRef cf) noexcept {
     auto d = static_cast<const Dict *>(cf);
     if (d->value_callbacks->release == release_cf)
         prefetch_objects(d->values, std::min(size_t{d->count}, kPrefetchWindow));
+    if (d->shares) prefetch_objects(reinterpret_cast<const void *const *>(&d->shared), 1);
 }
 
 const CFRuntimeClass kDictionaryClass = {0,
@@ -542,49 +639,112 @@ CFMutableDictionaryRef CFDictionaryCreateMutableCopy(CFAllocatorRef, CFIndex cap
 
 CFIndex CFDictionaryGetCount(CFDictionaryRef dict) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetCount");
-    return d == nullptr ? 0 : static_cast<CFIndex>(d->live);
+    return d == nullptr ? 0 : static_cast<CFIndex>(live_count(view(d)));
 }
 
 const void *CFDictionaryGetValue(CFDictionaryRef dict, const void *key) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetValue");
-    if (d == nullptr) return nullptr;
-    size_t e = find_entry(d, key);
-    return e == kNotFound ? nullptr : d->values[e];
+    const void *value = nullptr;
+    return d != nullptr && lookup(view(d), key, &value) ? value : nullptr;
 }
 
 Boolean CFDictionaryGetValueIfPresent(CFDictionaryRef dict, const void *key, const void **value) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetValueIfPresent");
-    if (d == nullptr) return false;
-    size_t e = find_entry(d, key);
-    if (e == kNotFound) return false;
-    if (value != nullptr) *value = d->values[e];
+    const void *found = nullptr;
+    if (d == nullptr || !lookup(view(d), key, &found)) return false;
+    if (value != nullptr) *value = found;
     return true;
 }
 
 Boolean CFDictionaryContainsKey(CFDictionaryRef dict, const void *key) {
     const Dict *d = as_dictionary(dict, "CFDictionaryContainsKey");
-    return d != nullptr && find_entry(d, key) != kNotFound;
+    const void *value = nullptr;
+    return d != nullptr && lookup(view(d), key, &value);
 }
 
 void CFDictionaryGetKeysAndValues(CFDictionaryRef dict, const void **keys, const void **values) {
     const Dict *d = as_dictionary(dict, "CFDictionaryGetKeysAndValues");
     if (d == nullptr) return;
     size_t n = 0;
-    for (size_t i = 0; i < d->count; ++i) {
-        if (!is_live(d, i)) continue;
-        if (keys != nullptr) keys[n] = d->keys[i];
-        if (values != nullptr) values[n] = d->values[i];
+    for_each_entry(view(d), [&](const Dict *holder, size_t i) {
+        if (keys != nullptr) keys[n] = holder->keys[i];
+        if (values != nullptr) values[n] = holder->values[i];
         ++n;
-    }
+    });
 }
 
 namespace {
+
+// The dictionary a change to `d` goes to: `d`, or the overlay of a frozen
+// dictionary. An overlay is made on the first change, sharing the frozen
+// entries; one that has stopped sharing and has been copied in turn (so is
+// frozen too) is replaced by a new one that shares it, so an overlay never
+// has an overlay.
+Dict *writable(Dict *d, const char *function) {
+    if (d->shares || !d->frozen) return d;
+    const Dict *current = d->shared;
+    if (current != nullptr && !current->frozen) return const_cast<Dict *>(current);
+    Dict *overlay = new_dictionary(d->key_callbacks, d->value_callbacks, true, 1);
+    if (overlay == nullptr) fatal(function, "out of memory");
+    overlay->shares = true;
+    if (current == nullptr) {
+        overlay->shared = d;
+        overlay->borrowed = true;
+    } else {
+        overlay->shared = current;   // the reference `d` held
+    }
+    d->shared = overlay;
+    return overlay;
+}
+
+// Gives a sharing dictionary all its entries, in order, and stops it sharing.
+// Throws std::bad_alloc before changing anything.
+void stop_sharing(Dict *d) {
+    const Dict *s = d->shared;
+    struct Entry {
+        const void *key;
+        const void *value;
+        uint32_t hash;
+        bool shared;
+    };
+    std::vector<Entry> entries;
+    entries.reserve(live_count(d));
+    for_each_entry(d, [&](const Dict *holder, size_t i) {
+        entries.push_back({holder->keys[i], holder->values[i], holder->hashes[i], holder == s});
+    });
+    grow(d, entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const Entry &e = entries[i];
+        if (e.shared) {
+            retain_held(e.key);
+            retain_held(e.value);
+        }
+        d->keys[i] = e.key;
+        d->values[i] = e.value;
+        d->hashes[i] = e.hash;
+    }
+    d->count = d->live = static_cast<uint32_t>(entries.size());
+    std::free(d->slots);
+    d->slots = nullptr;
+    d->slot_count = d->used_slots = 0;
+    d->shared = nullptr;
+    d->shares = false;
+    d->shadowing = 0;
+    try {
+        rebuild(d, d->live);
+    } catch (...) {
+        // Without its index the dictionary is scanned, and still whole.
+    }
+    if (!d->borrowed) CFRelease(s);
+    d->borrowed = false;
+}
 
 enum class Mode { add, set, replace };
 
 void store(CFMutableDictionaryRef dict, const void *key, const void *value, Mode mode, const char *function) {
     Dict *d = as_mutable_dictionary(dict, function);
     if (d == nullptr) return;
+    d = writable(d, function);
     if (size_t e = find_identical(d, key); e != kNotFound) {
         if (mode != Mode::add) replace_value(d, e, value);
         return;
@@ -594,12 +754,23 @@ void store(CFMutableDictionaryRef dict, const void *key, const void *value, Mode
         if (mode != Mode::add) replace_value(d, e, value);
         return;
     }
-    if (mode == Mode::replace) return;
+    // A key the shared entries hold gets an entry here that shadows it,
+    // keeping the shared key object, as a replaced value keeps its key.
+    bool shadows = false;
+    if (d->shares) {
+        if (size_t e = find(d->shared, key, hash).entry; e != kNotFound) {
+            if (mode == Mode::add) return;
+            key = d->shared->keys[e];
+            shadows = true;
+        }
+    }
+    if (mode == Mode::replace && !shadows) return;
     try {
         insert_new(d, key, value, hash);
     } catch (...) {
         fatal(function, "out of memory");
     }
+    if (shadows) ++d->shadowing;
 }
 
 }  // namespace
@@ -619,6 +790,16 @@ void CFDictionaryReplaceValue(CFMutableDictionaryRef dict, const void *key, cons
 void CFDictionaryRemoveValue(CFMutableDictionaryRef dict, const void *key) {
     Dict *d = as_mutable_dictionary(dict, "CFDictionaryRemoveValue");
     if (d == nullptr) return;
+    d = writable(d, "CFDictionaryRemoveValue");
+    if (d->shares) {
+        const void *value = nullptr;
+        if (!lookup(d, key, &value)) return;
+        try {
+            stop_sharing(d);
+        } catch (...) {
+            fatal("CFDictionaryRemoveValue", "out of memory");
+        }
+    }
     Found found = find(d, key, hash_key(d, key));
     if (found.entry == kNotFound) return;
     const void *removed_key = d->keys[found.entry];
@@ -641,6 +822,7 @@ void CFDictionaryRemoveValue(CFMutableDictionaryRef dict, const void *key) {
 void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     Dict *d = as_mutable_dictionary(dict, "CFDictionaryRemoveAllValues");
     if (d == nullptr) return;
+    d = writable(d, "CFDictionaryRemoveAllValues");
     std::vector<std::pair<const void *, const void *>> old;
     try {
         old.reserve(d->live);
@@ -649,6 +831,11 @@ void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     } catch (...) {
         fatal("CFDictionaryRemoveAllValues", "out of memory");
     }
+    const Dict *shared = d->borrowed ? nullptr : d->shared;
+    d->shared = nullptr;
+    d->shares = false;
+    d->borrowed = false;
+    d->shadowing = 0;
     d->count = 0;
     std::free(d->slots);
     d->slots = nullptr;
@@ -656,12 +843,11 @@ void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     d->live = 0;
     d->used_slots = 0;
     for (const auto &[key, value] : old) release_entry(d, key, value);
+    if (shared != nullptr) CFRelease(shared);
 }
 
 void CFDictionaryApplyFunction(CFDictionaryRef dict, CFDictionaryApplierFunction applier, void *context) {
     const Dict *d = as_dictionary(dict, "CFDictionaryApplyFunction");
     if (d == nullptr || applier == nullptr) return;
-    for (size_t i = 0; i < d->count; ++i) {
-        if (is_live(d, i)) applier(d->keys[i], d->values[i], context);
-    }
+    for_each_entry(view(d), [&](const Dict *holder, size_t i) { applier(holder->keys[i], holder->values[i], context); });
 }

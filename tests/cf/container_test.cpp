@@ -80,3 +80,92 @@ TEST(CFDictionary, LargeDictionariesStayHashedAndChurnLeavesNoResidue) {
         ASSERT_LE(visited, 9);
     }
 }
+
+namespace {
+
+// "key=value ..." in the order the dictionary walks its entries.
+std::string entries(CFDictionaryRef d) {
+    std::string out;
+    CFDictionaryApplyFunction(
+        d,
+        [](const void *k, const void *v, void *context) {
+            int64_t n = 0;
+            CFNumberGetValue(static_cast<CFNumberRef>(v), kCFNumberSInt64Type, &n);
+            auto &s = *static_cast<std::string *>(context);
+            if (!s.empty()) s += ' ';
+            s += text(static_cast<CFStringRef>(k));
+            s += '=';
+            s += std::to_string(n);
+        },
+        &out);
+    return out;
+}
+
+void put(CFMutableDictionaryRef d, const std::string &key, int64_t v) {
+    CFRef<CFStringRef> k(talvex::make_cf_string(key));
+    CFRef<CFNumberRef> n(make_int(v));
+    CFDictionarySetValue(d, k, n);
+}
+
+}  // namespace
+
+// Copies share their original's entries; whichever side changes afterwards,
+// the other keeps what it had, in order, however many copies deep.
+TEST(CFDictionary, CopiesAndOriginalsChangeIndependently) {
+    CFRef<CFMutableDictionaryRef> m(make_dict());
+    for (const char *key : {"a", "b", "c", "d", "e"}) put(m, key, key[0] - 'a' + 1);
+    CFRef<CFMutableDictionaryRef> c1(CFDictionaryCreateMutableCopy(nullptr, 0, m));
+    put(m, "a", 10);
+    CFDictionaryRemoveValue(m, CFSTR("e"));
+    put(c1, "b", 20);
+    put(c1, "f", 6);
+    EXPECT_EQ(entries(m), "a=10 b=2 c=3 d=4");
+    CFRef<CFDictionaryRef> m_now(CFDictionaryCreateCopy(nullptr, m));
+    put(m, "b", 22);
+    EXPECT_EQ(entries(m_now), "a=10 b=2 c=3 d=4");
+    EXPECT_EQ(entries(m), "a=10 b=22 c=3 d=4");
+    EXPECT_EQ(entries(c1), "a=1 b=20 c=3 d=4 e=5 f=6");
+    EXPECT_EQ(CFDictionaryGetCount(c1), 6);
+
+    CFRef<CFMutableDictionaryRef> c2(CFDictionaryCreateMutableCopy(nullptr, 0, c1));
+    CFRef<CFDictionaryRef> frozen(CFDictionaryCreateCopy(nullptr, c1));
+    CFDictionaryAddValue(c2, CFSTR("a"), kCFBooleanTrue);      // present: no change
+    CFDictionaryReplaceValue(c2, CFSTR("g"), kCFBooleanTrue);  // absent: no change
+    CFRef<CFNumberRef> thirty(make_int(30));
+    CFDictionaryReplaceValue(c2, CFSTR("c"), thirty);
+    CFDictionaryRemoveValue(c2, CFSTR("d"));
+    put(c1, "f", 60);
+    EXPECT_EQ(entries(c2), "a=1 b=20 c=30 e=5 f=6");
+    EXPECT_EQ(entries(frozen), "a=1 b=20 c=3 d=4 e=5 f=6");
+    EXPECT_EQ(entries(c1), "a=1 b=20 c=3 d=4 e=5 f=60");
+
+    // Equal to a dictionary built directly, and found by an equal key that
+    // is another object.
+    CFRef<CFMutableDictionaryRef> direct(make_dict());
+    for (auto [key, v] : {std::pair{"f", 60}, {"e", 5}, {"d", 4}, {"c", 3}, {"b", 20}, {"a", 1}}) put(direct, key, v);
+    EXPECT_TRUE(CFEqual(c1, direct));
+    EXPECT_TRUE(CFEqual(direct, c1));
+    EXPECT_EQ(CFHash(c1), CFHash(direct));
+    EXPECT_FALSE(CFEqual(c2, direct));
+    CFRef<CFStringRef> b(talvex::make_cf_string("b"));
+    EXPECT_TRUE(CFEqual(CFDictionaryGetValue(c1, b), CFDictionaryGetValue(direct, CFSTR("b"))));
+
+    // Looked up by the very key object the shared entries hold, a key is
+    // found shadowed however many keys the copy has added.
+    const void *keys[6];
+    CFDictionaryGetKeysAndValues(frozen, keys, nullptr);
+    CFRef<CFMutableDictionaryRef> big(CFDictionaryCreateMutableCopy(nullptr, 0, frozen));
+    CFRef<CFNumberRef> hundred(make_int(100));
+    CFDictionarySetValue(big, keys[0], hundred);
+    for (int i = 0; i < 20; ++i) put(big, std::string(1, 'k').append(std::to_string(i)), i);
+    EXPECT_EQ(CFDictionaryGetValue(big, keys[0]), hundred.get());
+
+    // Emptied copies hold nothing, and their originals lose nothing.
+    CFDictionaryRemoveAllValues(c1);
+    EXPECT_EQ(CFDictionaryGetCount(c1), 0);
+    EXPECT_EQ(CFDictionaryGetValue(c1, CFSTR("a")), nullptr);
+    put(c1, "z", 26);
+    EXPECT_EQ(entries(c1), "z=26");
+    m.reset();
+    EXPECT_EQ(entries(frozen), "a=1 b=20 c=3 d=4 e=5 f=6");
+}
