@@ -697,6 +697,17 @@ Dict *writable(Dict *d, const char *function) {
     return overlay;
 }
 
+// Forgets the dictionary `d` shares, or its overlay; returns the reference
+// to release once `d` is whole again (null when there is none to release).
+const Dict *forget_shared(Dict *d) {
+    const Dict *shared = d->borrowed ? nullptr : d->shared;
+    d->shared = nullptr;
+    d->shares = false;
+    d->borrowed = false;
+    d->shadowing = 0;
+    return shared;
+}
+
 // Gives a sharing dictionary all its entries, in order, and stops it sharing.
 // Throws std::bad_alloc before changing anything.
 void stop_sharing(Dict *d) {
@@ -727,16 +738,13 @@ void stop_sharing(Dict *d) {
     std::free(d->slots);
     d->slots = nullptr;
     d->slot_count = d->used_slots = 0;
-    d->shared = nullptr;
-    d->shares = false;
-    d->shadowing = 0;
+    const Dict *release = forget_shared(d);
     try {
         rebuild(d, d->live);
     } catch (...) {
         // Without its index the dictionary is scanned, and still whole.
     }
-    if (!d->borrowed) CFRelease(s);
-    d->borrowed = false;
+    if (release != nullptr) CFRelease(release);
 }
 
 enum class Mode { add, set, replace };
@@ -831,11 +839,7 @@ void CFDictionaryRemoveAllValues(CFMutableDictionaryRef dict) {
     } catch (...) {
         fatal("CFDictionaryRemoveAllValues", "out of memory");
     }
-    const Dict *shared = d->borrowed ? nullptr : d->shared;
-    d->shared = nullptr;
-    d->shares = false;
-    d->borrowed = false;
-    d->shadowing = 0;
+    const Dict *shared = forget_shared(d);
     d->count = 0;
     std::free(d->slots);
     d->slots = nullptr;
