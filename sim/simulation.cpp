@@ -338,7 +338,7 @@ IOReturn Simulation::op_call(ClientId client, Reader &r, Writer &out) {
         code = kIOReturnNoDevice;
     else
         code = c->user_client->call(args, reply);
-    trace_.add(Trace::call_line(c->service->class_name, args, code));
+    trace_.add_call(c->service->class_name, args, code);
 
     if (reply.scalars.size() > scalar_capacity) reply.scalars.resize(scalar_capacity);
     if (reply.output.size() > args.output_capacity) reply.output.resize(static_cast<size_t>(args.output_capacity));

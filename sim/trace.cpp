@@ -12,19 +12,39 @@
 
 namespace talvex::sim {
 
-void Trace::add(std::string line) {
-    bytes_ += line.size() + 1;
-    lines_.push_back(std::move(line));
-    while (!lines_.empty() && (lines_.size() > kMaxLines || bytes_ > kMaxBytes)) {
+char *Trace::room(size_t most) {
+    if (blocks_.empty() || blocks_.back().size - blocks_.back().used < most) {
+        size_t size = std::max(most, kBlockBytes);
+        blocks_.push_back(Block{std::make_unique_for_overwrite<char[]>(size), size, 0, 0});
+    }
+    Block &b = blocks_.back();
+    return b.bytes.get() + b.used;
+}
+
+void Trace::keep(const char *begin, const char *end) {
+    Block &b = blocks_.back();
+    auto size = static_cast<size_t>(end - begin);
+    b.used += size;
+    ++b.lines;
+    lines_.emplace_back(begin, size);
+    bytes_ += size + 1;
+    while (lines_.size() > kMaxLines || bytes_ > kMaxBytes) {
         bytes_ -= lines_.front().size() + 1;
         lines_.pop_front();
+        if (--blocks_.front().lines == 0) blocks_.pop_front();
     }
+}
+
+void Trace::add(std::string_view line) {
+    char *p = room(line.size());
+    std::memcpy(p, line.data(), line.size());
+    keep(p, p + line.size());
 }
 
 std::string Trace::text() const {
     std::string out;
     out.reserve(bytes_);
-    for (auto &l : lines_) {
+    for (auto l : lines_) {
         out += l;
         out += '\n';
     }
@@ -33,6 +53,7 @@ std::string Trace::text() const {
 
 void Trace::clear() {
     lines_.clear();
+    blocks_.clear();
     bytes_ = 0;
 }
 
@@ -203,17 +224,28 @@ char *put(char *p, std::string_view text) {
 // Writes the decimal digits of `v` (at most 20) at `p`; returns the end.
 char *put_decimal(char *p, uint64_t v) { return std::to_chars(p, p + 20, v).ptr; }
 
-}  // namespace
+// Bytes trace_hex() can give for `size` bytes: two a byte up to the limit,
+// and the cut mark.
+size_t hex_bound(size_t size, size_t limit) { return 2 * std::min(size, limit) + 3; }
 
-// A call line is made for every call a client makes: it is written into one
-// buffer sized for the longest line these arguments can give, then cut to
-// what was written. The fixed part is 96 bytes of names and punctuation and
-// four numbers of at most 20 digits; each scalar takes at most 21.
-std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
+// Writes trace_hex(bytes, limit) at `p`; returns the end.
+char *put_trace_hex(char *p, std::span<const uint8_t> bytes, size_t limit) {
+    p = wire::put_hex(p, bytes.first(std::min(bytes.size(), limit)));
+    return bytes.size() > limit ? put(p, "...") : p;
+}
+
+// A call line is made for every call a client makes: it is written straight
+// into room for the longest line these arguments can give. The fixed part is
+// 96 bytes of names and punctuation and four numbers of at most 20 digits;
+// each scalar takes at most 21.
+size_t call_line_bound(std::string_view service, const CallArgs &args) {
     constexpr size_t kFixed = 96 + 4 * 20;
-    const size_t hex = 2 * std::min(args.input.size(), kMaxTracedInput) + 3;   // trace_hex's longest
-    std::string out(kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() + hex, '\0');
-    char *p = put(out.data(), "{\"service\":");
+    return kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() +
+           hex_bound(args.input.size(), kMaxTracedInput);
+}
+
+char *put_call_line(char *p, std::string_view service, const CallArgs &args, IOReturn result) {
+    p = put(p, "{\"service\":");
     emit_json_string(service, [&](std::string_view piece) { p = put(p, piece); });
     p = put(p, ",\"selector\":");
     p = put_decimal(p, args.selector);
@@ -223,7 +255,7 @@ std::string Trace::call_line(std::string_view service, const CallArgs &args, IOR
         p = put_decimal(p, args.scalars[i]);
     }
     p = put(p, "],\"input\":\"");
-    p = put(p, trace_hex(args.input, kMaxTracedInput));
+    p = put_trace_hex(p, args.input, kMaxTracedInput);
     p = put(p, "\",\"output_size\":");
     p = put_decimal(p, args.output_capacity);
     p = put(p, ",\"scalar_output_count\":");
@@ -231,8 +263,20 @@ std::string Trace::call_line(std::string_view service, const CallArgs &args, IOR
     p = put(p, ",\"result\":");
     p = put_decimal(p, static_cast<uint32_t>(result));
     *p++ = '}';
-    out.resize(static_cast<size_t>(p - out.data()));
+    return p;
+}
+
+}  // namespace
+
+std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
+    std::string out(call_line_bound(service, args), '\0');
+    out.resize(static_cast<size_t>(put_call_line(out.data(), service, args, result) - out.data()));
     return out;
+}
+
+void Trace::add_call(std::string_view service, const CallArgs &args, IOReturn result) {
+    char *p = room(call_line_bound(service, args));
+    keep(p, put_call_line(p, service, args, result));
 }
 
 std::string Trace::open_line(std::string_view service, uint32_t type, IOReturn result) {
@@ -267,8 +311,9 @@ std::string cf_to_json(CFTypeRef value, size_t limit) {
 }
 
 std::string trace_hex(std::span<const uint8_t> bytes, size_t limit) {
-    if (bytes.size() <= limit) return wire::to_hex(bytes);
-    return wire::to_hex(bytes.first(limit)) + "...";
+    std::string out(hex_bound(bytes.size(), limit), '\0');
+    out.resize(static_cast<size_t>(put_trace_hex(out.data(), bytes, limit) - out.data()));
+    return out;
 }
 
 }  // namespace talvex::sim

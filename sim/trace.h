@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -36,13 +37,15 @@ public:
     // (100 000 lines of ordinary calls take about 13 MB).
     static constexpr size_t kMaxBytes = (31u << 20) / 2;
 
-    void add(std::string line);
+    void add(std::string_view line);
+    // Adds call_line(service, args, result), written in place.
+    void add_call(std::string_view service, const CallArgs &args, IOReturn result);
     // Every line, each ended by a newline.
     std::string text() const;
     void clear();
     size_t lines() const { return lines_.size(); }
     size_t bytes() const { return bytes_; }
-    const std::string &line(size_t i) const { return lines_[i]; }
+    std::string_view line(size_t i) const { return lines_[i]; }
 
     static std::string call_line(std::string_view service, const CallArgs &args, IOReturn result);
     static std::string open_line(std::string_view service, uint32_t type, IOReturn result);
@@ -54,7 +57,22 @@ public:
     }
 
 private:
-    std::deque<std::string> lines_;
+    // Lines are kept end to end in blocks, oldest block first: a line costs
+    // no allocation of its own, and a block is freed once its last line is
+    // dropped. A line longer than a block has a block to itself.
+    static constexpr size_t kBlockBytes = 64u << 10;
+    struct Block {
+        std::unique_ptr<char[]> bytes;
+        size_t size = 0, used = 0, lines = 0;
+    };
+    // Room for a line of at most `most` bytes at the end of the newest block.
+    char *room(size_t most);
+    // Keeps the line just written into room(), then drops the oldest lines
+    // while over either bound.
+    void keep(const char *begin, const char *end);
+
+    std::deque<Block> blocks_;
+    std::deque<std::string_view> lines_;
     size_t bytes_ = 0;
 };
 

@@ -94,14 +94,18 @@ std::string default_socket_path() {
     return "/tmp/talvexsim-" + std::to_string(getuid()) + "/sim.sock";
 }
 
-std::string to_hex(std::span<const uint8_t> bytes) {
+char *put_hex(char *out, std::span<const uint8_t> bytes) {
     static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(bytes.size() * 2);
     for (uint8_t b : bytes) {
-        out.push_back(digits[b >> 4]);
-        out.push_back(digits[b & 15]);
+        *out++ = digits[b >> 4];
+        *out++ = digits[b & 15];
     }
+    return out;
+}
+
+std::string to_hex(std::span<const uint8_t> bytes) {
+    std::string out(bytes.size() * 2, '\0');
+    put_hex(out.data(), bytes);
     return out;
 }
 

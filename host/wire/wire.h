@@ -176,6 +176,8 @@ void attach_descriptor(msghdr &msg, DescriptorControl &control, int fd);
 
 // Lower-case hex of bytes ("" for none), as the trace prints structures.
 std::string to_hex(std::span<const uint8_t> bytes);
+// Writes the same two digits a byte at `out`; returns the end.
+char *put_hex(char *out, std::span<const uint8_t> bytes);
 // Parses hex text (even length, upper or lower case, no separators).
 std::optional<std::vector<uint8_t>> from_hex(std::string_view text);
 

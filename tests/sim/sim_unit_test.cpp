@@ -134,6 +134,8 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     for (size_t i = 0; i < Trace::kMaxLines + 5; ++i) t.add(std::to_string(i));
     EXPECT_EQ(t.lines(), Trace::kMaxLines);
     EXPECT_EQ(t.line(0), "5");
+    EXPECT_EQ(t.line(50'000), "50005");
+    EXPECT_EQ(t.line(Trace::kMaxLines - 1), "100004");
     t.add(std::string(Trace::kMaxBytes - 10, 'x'));   // the byte bound drops old lines as well
     EXPECT_LE(t.bytes(), Trace::kMaxBytes);
     EXPECT_EQ(t.text().size(), t.bytes());

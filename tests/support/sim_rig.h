@@ -154,7 +154,7 @@ public:
     std::vector<std::string> event_lines() const {
         std::vector<std::string> out;
         for (size_t i = 0; i < sim->trace().lines(); ++i)
-            if (sim->trace().line(i).find("\"event\":") != std::string::npos) out.push_back(sim->trace().line(i));
+            if (sim->trace().line(i).find("\"event\":") != std::string::npos) out.emplace_back(sim->trace().line(i));
         return out;
     }
 
