@@ -20,12 +20,10 @@ using wire::Writer;
 
 namespace {
 
-// Reply header: op, flags, seq, code.
-constexpr size_t kReplyHeader = 12;
 // Replies up to this size go out whatever the budget says.
 constexpr size_t kSmallReply = 4096;
-// The most reply-body room kept from one request for the next.
-constexpr size_t kKeptReplyRoom = 4096;
+// The room a reply starts with: most fit, a property list may grow it.
+constexpr size_t kReplyRoom = 256;
 
 CFRef<CFTypeRef> unserialize(std::span<const uint8_t> bytes) {
     if (bytes.empty()) return {};
@@ -76,7 +74,12 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     header.u16();   // flags: none defined
     uint32_t seq = header.u32();
     Reader r(message.subspan(std::min<size_t>(message.size(), 8)));
-    Writer out(std::move(reply_body_));
+    // The reply is written in place behind its head, and goes as it is.
+    const Op reply_op = static_cast<Op>(op & ~wire::kReplyBit);
+    std::vector<uint8_t> storage;
+    storage.reserve(kReplyRoom);
+    Writer out(std::move(storage));
+    wire::begin_frame(out, static_cast<uint16_t>(op | wire::kReplyBit), seq);
     int fd = -1;
     IOReturn code;
     switch (static_cast<Op>(op)) {
@@ -99,16 +102,13 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     if (!header.ok()) code = kIOReturnBadArgument;
     const ReplyPlan plan = std::exchange(reply_plan_, {});
     if (plan.never) return;   // a scenario step said so: the client waits in vain
-    std::vector<uint8_t> body = out.take();
-    if (body.size() + kReplyHeader > wire::kMaxFrame) {
-        code = kIOReturnMessageTooLarge;
-        body.clear();
+    out.patch_u32(wire::kCodeAt, static_cast<uint32_t>(code));
+    wire::end_frame(out);
+    std::vector<uint8_t> frame = out.take();
+    if (frame.size() - 4 > wire::kMaxFrame) {
+        frame = wire::make_reply(reply_op, seq, kIOReturnMessageTooLarge, {});
         fd = -1;
     }
-    Op reply_op = static_cast<Op>(op & ~wire::kReplyBit);
-    auto frame = wire::make_reply(reply_op, seq, code, body);
-    // The room of a small body serves the next request; a large one goes.
-    if (body.capacity() <= kKeptReplyRoom) reply_body_ = std::move(body);
     // A large reply that the client's budget cannot hold is refused instead
     // (small ones always go: the client stops being read once it is behind).
     if (frame.size() > kSmallReply || fd >= 0) {

@@ -190,7 +190,6 @@ private:
     size_t property_total_ = 0;
     std::unique_ptr<ScenarioRunner> scenario_;   // after the timers it uses
     ReplyPlan reply_plan_;                       // for the request being handled
-    std::vector<uint8_t> reply_body_;            // kept from reply to reply for its capacity
     size_t held_replies_ = 0, held_bytes_ = 0;
     uint32_t next_connection_ = 1;
     uint32_t next_interest_ = 1;

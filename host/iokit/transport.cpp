@@ -29,10 +29,7 @@ constexpr size_t kMaxQueuedEvents = 100000;
 
 Exchange::Exchange(wire::Op op)
     : t_(Transport::instance()), lock_(t_.mu_), op_(op), out_(std::move(t_.out_)) {
-    out_.u32(0);   // length, patched in run()
-    out_.u16(static_cast<uint16_t>(op));
-    out_.u16(0);
-    out_.u32(0);   // seq, patched in run()
+    wire::begin_frame(out_, static_cast<uint16_t>(op), 0);   // seq set in send()
 }
 
 Exchange::~Exchange() {
@@ -42,13 +39,13 @@ Exchange::~Exchange() {
 }
 
 Sent Exchange::send(Clock::time_point deadline, uint32_t &seq) {
-    const std::vector<uint8_t> &out = out_.data();
+    const std::span<const uint8_t> out = out_.data();
     Sent s = t_.ensure_connected();
     if (s != Sent::Ok) return s;
     if (++t_.seq_ == 0) t_.seq_ = 1;   // 0 is the events' sequence number
     seq = t_.seq_;
-    out_.patch_u32(0, static_cast<uint32_t>(out.size() - 4));
-    out_.patch_u32(8, seq);
+    wire::end_frame(out_);
+    out_.patch_u32(wire::kSeqAt, seq);
     if (!wire::send_before(t_.fd_, out, deadline)) {
         t_.fail();
         return Clock::now() >= deadline ? Sent::TimedOut : Sent::Failed;

@@ -2,14 +2,20 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 namespace talvex::wire {
 
+void Writer::grow(size_t n) {
+    // Doubling, as a vector grows, so that writing a message stays linear.
+    buf_.resize(std::max({size_ + n, 2 * buf_.size(), size_t{64}}));
+}
+
 void Writer::str(std::string_view s) {
     u32(static_cast<uint32_t>(s.size()));
-    buf_.insert(buf_.end(), s.begin(), s.end());
+    append(reinterpret_cast<const uint8_t *>(s.data()), s.size());
 }
 
 void Writer::blob(std::span<const uint8_t> b) {
@@ -58,32 +64,40 @@ std::span<const uint8_t> Reader::blob() {
     return bytes(n);
 }
 
+void begin_frame(Writer &w, uint16_t op, uint32_t seq, int32_t code) {
+    uint8_t head[kReplyHead];
+    store_le32(head, 0);
+    store_le16(head + 4, op);
+    store_le16(head + 6, 0);
+    store_le32(head + kSeqAt, seq);
+    store_le32(head + kCodeAt, static_cast<uint32_t>(code));
+    w.bytes(std::span(head, (op & kReplyBit) ? kReplyHead : kRequestHead));
+}
+
+void end_frame(Writer &w) { w.patch_u32(0, static_cast<uint32_t>(w.size() - 4)); }
+
 namespace {
-std::vector<uint8_t> frame(uint16_t op, uint32_t seq, const int32_t *code, std::span<const uint8_t> body) {
-    uint32_t len = 8 + (code ? 4 : 0) + static_cast<uint32_t>(body.size());
+std::vector<uint8_t> frame(uint16_t op, uint32_t seq, int32_t code, std::span<const uint8_t> body) {
     std::vector<uint8_t> room;
-    room.reserve(4 + static_cast<size_t>(len));
+    room.reserve(kReplyHead + body.size());
     Writer w(std::move(room));
-    w.u32(len);
-    w.u16(op);
-    w.u16(0);
-    w.u32(seq);
-    if (code) w.i32(*code);
+    begin_frame(w, op, seq, code);
     w.bytes(body);
+    end_frame(w);
     return w.take();
 }
 }  // namespace
 
 std::vector<uint8_t> make_request(Op op, uint32_t seq, std::span<const uint8_t> body) {
-    return frame(static_cast<uint16_t>(op), seq, nullptr, body);
+    return frame(static_cast<uint16_t>(op), seq, 0, body);
 }
 
 std::vector<uint8_t> make_reply(Op op, uint32_t seq, int32_t code, std::span<const uint8_t> body) {
-    return frame(static_cast<uint16_t>(static_cast<uint16_t>(op) | kReplyBit), seq, &code, body);
+    return frame(static_cast<uint16_t>(static_cast<uint16_t>(op) | kReplyBit), seq, code, body);
 }
 
 std::vector<uint8_t> make_event(std::span<const uint8_t> body) {
-    return frame(static_cast<uint16_t>(Op::Event), 0, nullptr, body);
+    return frame(static_cast<uint16_t>(Op::Event), 0, 0, body);
 }
 
 std::string default_socket_path() {

@@ -51,6 +51,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
@@ -86,48 +87,58 @@ enum class Op : uint16_t {
 
 enum class ArgKind : uint8_t { None = 0, Value = 1, Data = 2 };
 
-// Appends little-endian fields to a growing byte vector.
+// Appends little-endian fields to a growing byte vector. The vector is room:
+// its elements past size() are not yet written, so a field is one copy and
+// the vector grows (out of line) only when the room runs out.
 class Writer {
 public:
     Writer() = default;
     // Starts empty in the storage of `reuse` (a buffer kept from message to
     // message keeps its capacity; take() gives it back).
-    explicit Writer(std::vector<uint8_t> &&reuse) : buf_(std::move(reuse)) { buf_.clear(); }
-    void u8(uint8_t v) { buf_.push_back(v); }
+    explicit Writer(std::vector<uint8_t> &&reuse) : buf_(std::move(reuse)) {}
+    void u8(uint8_t v) { append(&v, 1); }
     void u16(uint16_t v) {
         uint8_t b[2];
         store_le16(b, v);
-        append(b);
+        append(b, sizeof b);
     }
     void u32(uint32_t v) {
         uint8_t b[4];
         store_le32(b, v);
-        append(b);
+        append(b, sizeof b);
     }
     void u64(uint64_t v) {
         uint8_t b[8];
         store_le64(b, v);
-        append(b);
+        append(b, sizeof b);
     }
     void i32(int32_t v) { u32(static_cast<uint32_t>(v)); }
-    void bytes(std::span<const uint8_t> b) { buf_.insert(buf_.end(), b.begin(), b.end()); }
+    void bytes(std::span<const uint8_t> b) { append(b.data(), b.size()); }
     void str(std::string_view s);
     void blob(std::span<const uint8_t> b);
     // Overwrites the u32 written at byte `at` (a length or a number known
     // only once the rest is written).
-    void patch_u32(size_t at, uint32_t v) { store_le32(std::span(buf_), at, v); }
-    const std::vector<uint8_t> &data() const { return buf_; }
-    std::vector<uint8_t> take() { return std::move(buf_); }
-    size_t size() const { return buf_.size(); }
+    void patch_u32(size_t at, uint32_t v) { store_le32(data_mut(), at, v); }
+    std::span<const uint8_t> data() const { return {buf_.data(), size_}; }
+    std::vector<uint8_t> take() {
+        buf_.resize(size_);
+        size_ = 0;
+        return std::move(buf_);
+    }
+    size_t size() const { return size_; }
 
 private:
-    // Byte by byte: GCC 12 at -O3 misreads a resize or range insert of a few
-    // bytes here as a write past the end.
-    template <size_t N>
-    void append(const uint8_t (&b)[N]) {
-        for (uint8_t c : b) buf_.push_back(c);
+    std::span<uint8_t> data_mut() { return {buf_.data(), size_}; }
+    void append(const uint8_t *p, size_t n) {
+        if (buf_.size() - size_ < n) grow(n);
+        if (n) std::memcpy(buf_.data() + size_, p, n);
+        size_ += n;
     }
+    // Makes room for `n` more bytes.
+    void grow(size_t n);
+
     std::vector<uint8_t> buf_;
+    size_t size_ = 0;
 };
 
 // Reads little-endian fields from a byte span. Every read is bounds-checked:
@@ -153,6 +164,17 @@ private:
     size_t pos_ = 0;
     bool ok_ = true;
 };
+
+// Where a frame's sequence number and a reply's code sit (length prefix
+// included), and how many bytes come before a request's or a reply's body.
+inline constexpr size_t kSeqAt = 8, kCodeAt = 12;
+inline constexpr size_t kRequestHead = 12, kReplyHead = 16;
+// Starts a frame in an empty writer, for its body to be written in place:
+// room for the length (end_frame() fills it in), the op, flags, `seq`, and
+// for a reply (an op with kReplyBit) its code.
+void begin_frame(Writer &w, uint16_t op, uint32_t seq, int32_t code = 0);
+// Sets the length of the frame begun in `w` to what follows it.
+void end_frame(Writer &w);
 
 // Builds a request frame (length prefix included).
 std::vector<uint8_t> make_request(Op op, uint32_t seq, std::span<const uint8_t> body);

@@ -12,7 +12,7 @@ TEST(Wire, FieldsAndFramesAreLittleEndianAndReadBack) {
     w.str("ab");
     w.patch_u32(0, 0x01020304u);
     const std::vector<uint8_t> expect{4, 3, 2, 1, 2, 3, 8, 9, 10, 11, 12, 13, 14, 15, 2, 0, 0, 0, 'a', 'b'};
-    EXPECT_EQ(w.data(), expect);
+    EXPECT_EQ(std::vector<uint8_t>(w.data().begin(), w.data().end()), expect);
     Reader r(w.data());
     EXPECT_EQ(r.u32(), 0x01020304u);
     EXPECT_EQ(r.u16(), 0x0302);
@@ -20,6 +20,15 @@ TEST(Wire, FieldsAndFramesAreLittleEndianAndReadBack) {
     EXPECT_EQ(r.str(), "ab");
     EXPECT_TRUE(r.at_end());
     EXPECT_EQ(load_le16(expect, 4), 0x0302u);
+    // Taken and reused, the storage holds only what is written next, past
+    // the room it had as well.
+    Writer again(w.take());
+    again.u8(1);
+    again.bytes(std::vector<uint8_t>(300, 0x5a));
+    std::vector<uint8_t> longer(301, 0x5a);
+    longer[0] = 1;
+    EXPECT_EQ(again.size(), 301u);
+    EXPECT_EQ(again.take(), longer);
 
     // Length, op, seq and (replies) the code, then the body.
     const std::vector<uint8_t> body{0xaa};
