@@ -76,9 +76,7 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     Reader r(message.subspan(std::min<size_t>(message.size(), 8)));
     // The reply is written in place behind its head, and goes as it is.
     const Op reply_op = static_cast<Op>(op & ~wire::kReplyBit);
-    std::vector<uint8_t> storage;
-    storage.reserve(kReplyRoom);
-    Writer out(std::move(storage));
+    Writer out{std::vector<uint8_t>(kReplyRoom)};
     wire::begin_frame(out, static_cast<uint16_t>(op | wire::kReplyBit), seq);
     int fd = -1;
     IOReturn code;

@@ -211,10 +211,6 @@ void append_json_string(std::string &out, std::string_view text) {
 
 namespace {
 
-// Bytes a JSON string literal of `length` bytes of text can take: six for a
-// byte written as \u00XX, and the quotes.
-size_t json_string_bound(size_t length) { return 6 * length + 2; }
-
 // Writes the text at `p`; returns the end.
 char *put(char *p, std::string_view text) {
     std::memcpy(p, text.data(), text.size());
@@ -237,16 +233,15 @@ char *put_trace_hex(char *p, std::span<const uint8_t> bytes, size_t limit) {
 // A call line is made for every call a client makes: it is written straight
 // into room for the longest line these arguments can give. The fixed part is
 // 96 bytes of names and punctuation and four numbers of at most 20 digits;
-// each scalar takes at most 21.
+// each scalar takes at most 21. `service` is the JSON string of its name.
 size_t call_line_bound(std::string_view service, const CallArgs &args) {
     constexpr size_t kFixed = 96 + 4 * 20;
-    return kFixed + json_string_bound(service.size()) + 21 * args.scalars.size() +
-           hex_bound(args.input.size(), kMaxTracedInput);
+    return kFixed + service.size() + 21 * args.scalars.size() + hex_bound(args.input.size(), kMaxTracedInput);
 }
 
 char *put_call_line(char *p, std::string_view service, const CallArgs &args, IOReturn result) {
     p = put(p, "{\"service\":");
-    emit_json_string(service, [&](std::string_view piece) { p = put(p, piece); });
+    p = put(p, service);
     p = put(p, ",\"selector\":");
     p = put_decimal(p, args.selector);
     p = put(p, ",\"scalars\":[");
@@ -269,14 +264,20 @@ char *put_call_line(char *p, std::string_view service, const CallArgs &args, IOR
 }  // namespace
 
 std::string Trace::call_line(std::string_view service, const CallArgs &args, IOReturn result) {
-    std::string out(call_line_bound(service, args), '\0');
-    out.resize(static_cast<size_t>(put_call_line(out.data(), service, args, result) - out.data()));
+    const std::string name = json_string(service);
+    std::string out(call_line_bound(name, args), '\0');
+    out.resize(static_cast<size_t>(put_call_line(out.data(), name, args, result) - out.data()));
     return out;
 }
 
 void Trace::add_call(std::string_view service, const CallArgs &args, IOReturn result) {
-    char *p = room(call_line_bound(service, args));
-    keep(p, put_call_line(p, service, args, result));
+    // Calls come in runs to one service: its name is escaped once a run.
+    if (service != call_service_) {
+        call_service_ = service;
+        call_service_json_ = json_string(service);
+    }
+    char *p = room(call_line_bound(call_service_json_, args));
+    keep(p, put_call_line(p, call_service_json_, args, result));
 }
 
 std::string Trace::open_line(std::string_view service, uint32_t type, IOReturn result) {

@@ -74,6 +74,7 @@ private:
     std::deque<Block> blocks_;
     std::deque<std::string_view> lines_;
     size_t bytes_ = 0;
+    std::string call_service_, call_service_json_;   // the last call's service, and its JSON string
 };
 
 // A JSON string literal (quotes included). Bytes that are not valid UTF-8

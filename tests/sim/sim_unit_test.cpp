@@ -131,6 +131,16 @@ TEST(SimUnit, TraceFormatsAndStaysBounded) {
     EXPECT_EQ(trace_hex(big, 2), "1111...");
 
     Trace t;
+    // Each call line names its own service, however the calls alternate.
+    const CallArgs ping{3, {}, {}, 0, 0};
+    t.add_call("A", ping, kIOReturnSuccess);
+    t.add_call("B\"", ping, kIOReturnSuccess);
+    t.add_call("A", ping, kIOReturnSuccess);
+    EXPECT_EQ(t.text(),
+              R"({"service":"A","selector":3,"scalars":[],"input":"","output_size":0,"scalar_output_count":0,"result":0}
+{"service":"B\"","selector":3,"scalars":[],"input":"","output_size":0,"scalar_output_count":0,"result":0}
+{"service":"A","selector":3,"scalars":[],"input":"","output_size":0,"scalar_output_count":0,"result":0}
+)");
     for (size_t i = 0; i < Trace::kMaxLines + 5; ++i) t.add(std::to_string(i));
     EXPECT_EQ(t.lines(), Trace::kMaxLines);
     EXPECT_EQ(t.line(0), "5");
