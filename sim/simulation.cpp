@@ -22,8 +22,10 @@ namespace {
 
 // Replies up to this size go out whatever the budget says.
 constexpr size_t kSmallReply = 4096;
-// The room a reply starts with: most fit, a property list may grow it.
-constexpr size_t kReplyRoom = 256;
+// The room a reply starts with: most fit. A reply that outgrew it is cut to
+// its size before it is queued, so that what a client's queued replies hold
+// stays what its buffer budget counts.
+constexpr size_t kReplyRoom = 64;
 
 CFRef<CFTypeRef> unserialize(std::span<const uint8_t> bytes) {
     if (bytes.empty()) return {};
@@ -103,6 +105,7 @@ void Simulation::handle(ClientId client, std::span<const uint8_t> message) {
     out.patch_u32(wire::kCodeAt, static_cast<uint32_t>(code));
     wire::end_frame(out);
     std::vector<uint8_t> frame = out.take();
+    if (frame.capacity() - frame.size() > kReplyRoom) frame.shrink_to_fit();
     if (frame.size() - 4 > wire::kMaxFrame) {
         frame = wire::make_reply(reply_op, seq, kIOReturnMessageTooLarge, {});
         fd = -1;

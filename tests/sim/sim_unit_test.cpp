@@ -1,5 +1,6 @@
 // In-process tests of the simulator's parts. (Stubs and matching: every case
 // in tests/cases, and tests/iokit.)
+#include <IOKit/IOCFSerialize.h>
 #include <gtest/gtest.h>
 
 #include "budget.h"
@@ -184,6 +185,18 @@ TEST(SimUnit, PerClientLimitsAndCleanup) {
     EXPECT_EQ(request(1, wire::Op::Open, open), 0);   // a reused client ID starts afresh
     // Every open, failed or not, was traced.
     EXPECT_EQ(sim.trace().lines(), kPerClient + 5);
+    // A reply that outgrew its first room holds no more than its bytes while
+    // queued: the buffer budget counts those. (Matching everything gives
+    // one field per service.)
+    for (int i = 0; i < 40; ++i) sim.registry().add("TalvexExtra", "extra");
+    CFRef<CFMutableDictionaryRef> all(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                                 &kCFTypeDictionaryValueCallBacks));
+    CFRef<CFDataRef> matching(IOCFSerialize(all.get(), 0));
+    wire::Writer match;
+    match.blob({CFDataGetBytePtr(matching.get()), static_cast<size_t>(CFDataGetLength(matching.get()))});
+    ASSERT_EQ(request(3, wire::Op::Match, match), 0);
+    EXPECT_GT(out.sent.back().size(), 256u);
+    EXPECT_LE(out.sent.back().capacity() - out.sent.back().size(), 64u);
 }
 
 TEST(SimUnit, BudgetFloorsPoolAndCaps) {
