@@ -160,53 +160,46 @@ struct JsonWriter {
     }
 };
 
-// Hands `emit` the pieces of the JSON string literal of `text`, in order.
-// No piece is longer than six bytes for each byte of text it stands for.
-template <class Emit>
-void emit_json_string(std::string_view text, Emit &&emit) {
+}  // namespace
+
+void append_json_string(std::string &out, std::string_view text) {
     static constexpr char kDigits[] = "0123456789abcdef";
     // Printable ASCII other than a quote or backslash stands as it is: such
     // runs are copied whole.
     auto plain = [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; };
-    emit("\"");
+    out += '"';
     for (size_t i = 0; i < text.size();) {
         size_t run = i;
         while (run < text.size() && plain(static_cast<unsigned char>(text[run]))) ++run;
         if (run > i) {
-            emit(text.substr(i, run - i));
+            out += text.substr(i, run - i);
             i = run;
             continue;
         }
         unsigned char c = static_cast<unsigned char>(text[i]);
         if (c == '"') {
-            emit("\\\""), ++i;
+            out += "\\\"", ++i;
         } else if (c == '\\') {
-            emit("\\\\"), ++i;
+            out += "\\\\", ++i;
         } else if (c == '\n') {
-            emit("\\n"), ++i;
+            out += "\\n", ++i;
         } else if (c == '\t') {
-            emit("\\t"), ++i;
+            out += "\\t", ++i;
         } else if (c == '\r') {
-            emit("\\r"), ++i;
+            out += "\\r", ++i;
         } else if (c < 0x20 || c == 0x7f) {
             const char escape[] = {'\\', 'u', '0', '0', kDigits[c >> 4], kDigits[c & 15]};
-            emit(std::string_view(escape, sizeof escape));
+            out += std::string_view(escape, sizeof escape);
             ++i;
         } else if (size_t n = utf8_sequence(text, i)) {
-            emit(text.substr(i, n));
+            out += text.substr(i, n);
             i += n;
         } else {
-            emit("\\ufffd");
+            out += "\\ufffd";
             ++i;
         }
     }
-    emit("\"");
-}
-
-}  // namespace
-
-void append_json_string(std::string &out, std::string_view text) {
-    emit_json_string(text, [&](std::string_view piece) { out += piece; });
+    out += '"';
 }
 
 namespace {
