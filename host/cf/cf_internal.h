@@ -29,6 +29,8 @@ struct __CFString {
     CFIndex utf16_length;
     bool ascii;
     bool is_mutable;
+    bool hash_kept;       // `hash` holds the text's hash (constant strings, which are looked up most)
+    CFHashCode hash;
 };
 
 namespace cf {
@@ -166,12 +168,22 @@ std::string sanitize_utf8(std::string_view text);
 // Appends the UTF-8 form of code point `c` (U+FFFD for a value that is not one).
 void append_code_point(std::string &out, uint32_t c);
 
+// The hash of a string's text and of data's bytes (FNV-1a).
+constexpr CFHashCode hash_text(std::string_view text) noexcept {
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (char c : text) {
+        h ^= static_cast<unsigned char>(c);
+        h *= 0x100000001b3ull;
+    }
+    return static_cast<CFHashCode>(h);
+}
+
 // A static, immortal string for ASCII text known at compile time.
 consteval __CFString constant_string(const char *ascii) {
     size_t n = 0;
     while (ascii[n] != 0) ++n;
     return __CFString{immortal_header(kStringTypeID), const_cast<char *>(ascii), n, 0, static_cast<CFIndex>(n), true,
-                      false};
+                      false, true, hash_text(std::string_view(ascii, n))};
 }
 
 // ---------------------------------------------------------------- shared helpers
@@ -193,13 +205,7 @@ void append_value_description(std::string &out, const void *value, CFStringRef (
 
 // 64-bit FNV-1a.
 inline CFHashCode hash_bytes(const void *bytes, size_t length) noexcept {
-    auto p = static_cast<const unsigned char *>(bytes);
-    uint64_t h = 0xcbf29ce484222325ull;
-    for (size_t i = 0; i < length; ++i) {
-        h ^= p[i];
-        h *= 0x100000001b3ull;
-    }
-    return static_cast<CFHashCode>(h);
+    return hash_text(std::string_view(static_cast<const char *>(bytes), length));
 }
 
 inline CFHashCode hash_pointer(const void *p) noexcept {

@@ -64,6 +64,7 @@ __CFString *new_string(std::string_view text, const TextInfo &info, bool is_muta
     str->utf16_length = info.utf16_length;
     str->ascii = info.ascii;
     str->is_mutable = is_mutable;
+    str->hash_kept = false;
     return str;
 }
 
@@ -115,7 +116,7 @@ Boolean string_equal(CFTypeRef a, CFTypeRef b) { return string_view_of(CFStringR
 
 CFHashCode string_hash(CFTypeRef cf) {
     auto str = static_cast<const __CFString *>(cf);
-    return hash_bytes(str->bytes, str->length);
+    return str->hash_kept ? str->hash : hash_bytes(str->bytes, str->length);
 }
 
 CFStringRef string_description(CFTypeRef cf) { return CFStringCreateCopy(nullptr, CFStringRef(cf)); }
@@ -125,6 +126,13 @@ struct ConstantTable {
     std::shared_mutex lock;
     std::unordered_map<std::string_view, __CFString *> strings;  // keyed by the strings' own text
 };
+
+// Makes a new string one of the constants: never freed, its hash kept.
+void keep_constant(__CFString *str) noexcept {
+    str->base._cfinfoa = kImmortal;
+    str->hash = hash_bytes(str->bytes, str->length);
+    str->hash_kept = true;
+}
 
 ConstantTable &constants() noexcept {
     // Never destroyed: constant strings stay valid through static destruction.
@@ -242,7 +250,7 @@ CFStringRef __CFStringMakeConstantString(const char *cstr) {
         if (info.valid) {
             __CFString *str = new_string(text, info, false);
             if (str == nullptr) fatal("CFSTR", "out of memory");
-            str->base._cfinfoa = kImmortal;
+            keep_constant(str);
             table.strings.emplace(string_view_of(str), str);
             return str;
         }
@@ -253,7 +261,7 @@ CFStringRef __CFStringMakeConstantString(const char *cstr) {
         } else {
             str = new_string(clean, scan_utf8(clean), false);
             if (str == nullptr) fatal("CFSTR", "out of memory");
-            str->base._cfinfoa = kImmortal;
+            keep_constant(str);
             table.strings.emplace(string_view_of(str), str);
         }
         char *spelling = strdup(cstr);

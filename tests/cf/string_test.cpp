@@ -66,3 +66,33 @@ TEST(CFString, UTF16LengthsBadBytesAndRoomForTheNul) {
     EXPECT_FALSE(CFStringGetCString(CFSTR("hello"), buffer, 5, kCFStringEncodingUTF8));   // no room for the NUL
     EXPECT_STREQ(buffer, "");
 }
+
+// Constant strings keep their hash; it must stay the hash of their text, the
+// same as any equal string's, or dictionaries miss keys given as other objects.
+TEST(CFString, ConstantsHashAsTheirText) {
+    CFRef<CFStringRef> made(CFStringCreateWithCString(nullptr, "RawElements", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> domain(CFStringCreateWithCString(nullptr, "NSMachErrorDomain", kCFStringEncodingUTF8));
+    CFRef<CFStringRef> a(CFStringCreateWithCString(nullptr, "a", kCFStringEncodingUTF8));
+    EXPECT_EQ(CFHash(CFSTR("RawElements")), CFHash(made));
+    EXPECT_EQ(CFHash(kCFErrorDomainMach), CFHash(domain));
+    EXPECT_EQ(CFHash(CFSTR("a")), CFHash(a));
+    EXPECT_EQ(CFHash(CFSTR("a")), CFHashCode{0xaf63dc4c8601ec8cull});   // FNV-1a of "a"
+
+    CFRef<CFMutableDictionaryRef> d(CFDictionaryCreateMutable(nullptr, 0, &kCFTypeDictionaryKeyCallBacks,
+                                                              &kCFTypeDictionaryValueCallBacks));
+    for (int i = 0; i < 20; ++i) {   // enough keys for the dictionary to be looked up by hash
+        CFRef<CFStringRef> key(CFStringCreateWithFormat(nullptr, nullptr, CFSTR("key%d"), i));
+        CFDictionarySetValue(d, key, kCFBooleanTrue);
+    }
+    CFDictionarySetValue(d, made, kCFBooleanFalse);
+    CFDictionarySetValue(d, CFSTR("NSMachErrorDomain"), kCFBooleanFalse);
+    EXPECT_EQ(CFDictionaryGetValue(d, CFSTR("RawElements")), kCFBooleanFalse);
+    EXPECT_EQ(CFDictionaryGetValue(d, domain), kCFBooleanFalse);
+    EXPECT_EQ(CFDictionaryGetValue(d, CFSTR("key7")), kCFBooleanTrue);
+
+    // A mutable string's hash follows its text.
+    CFRef<CFMutableStringRef> growing(CFStringCreateMutable(nullptr, 0));
+    CFStringAppend(growing, CFSTR("Raw"));
+    CFStringAppend(growing, CFSTR("Elements"));
+    EXPECT_EQ(CFHash(growing), CFHash(made));
+}
