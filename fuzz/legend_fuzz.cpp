@@ -214,7 +214,7 @@ void exercise(FuzzedDataProvider &in, CFMutableDictionaryRef agg) {
         fail("a clone kept %d of %d channels, not %d", clone ? IOReportGetChannelCount(clone.get()) : -1, count, kept);
     CFRef<CFMutableDictionaryRef> whole(cloneAggregate(agg, [](CFMutableDictionaryRef, CFMutableDictionaryRef) { return 0; }));
     CFRef<CFMutableDictionaryRef> compared(compareAggregates(
-        whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef) {
+        whole.get(), agg, [&](CFMutableDictionaryRef, CFMutableDictionaryRef, CFMutableDictionaryRef, uint64_t) {
             return walk_result(in);
         }));
 

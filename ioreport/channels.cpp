@@ -240,13 +240,11 @@ struct Walker {
                 CFTypeRef o = CFArrayGetValueAtIndex(older, i);
                 if (!isDict(o)) return kIOReportIterFailed;
                 CFMutableDictionaryRef old = mut(static_cast<CFDictionaryRef>(o));
-                uint64_t told = 0, tnew = 0;
-                if (getChannelType(old, &told) != kIOReturnSuccess || getChannelType(rec, &tnew) != kIOReturnSuccess ||
-                    told != tnew)
-                    return kIOReportIterFailed;
+                uint64_t type = 0;
+                if (!sameChannelType(old, rec, &type)) return kIOReportIterFailed;
                 // The copy shares the newer record's legend, so its format is the one just read.
-                if (cloneElements(copy.get(), old, 1, typeFormat(tnew)) != kIOReturnSuccess) return kIOReportIterFailed;
-                r = (*compare)(old, rec, copy.get());
+                if (cloneElements(copy.get(), old, 1, typeFormat(type)) != kIOReturnSuccess) return kIOReportIterFailed;
+                r = (*compare)(old, rec, copy.get(), type);
                 if (r == 0) CFArrayAppendValue(kept, copy.get());
                 break;
             }
@@ -381,13 +379,28 @@ CFDictionaryRef infoOf(CFDictionaryRef channel) {
 
 }  // namespace
 
-IOReturn getChannelType(CFDictionaryRef channel, uint64_t *type) {
-    CFArrayRef legend = legendOf(channel);
+namespace {
+
+IOReturn legendType(CFArrayRef legend, uint64_t *type) {
     if (!legend || CFArrayGetCount(legend) < 2) return kIOReturnError;
     uint64_t t = readU64(CFArrayGetValueAtIndex(legend, 1));
     if (t == kSentinel) return kIOReturnError;
     if (type) *type = t;
     return kIOReturnSuccess;
+}
+
+}  // namespace
+
+IOReturn getChannelType(CFDictionaryRef channel, uint64_t *type) { return legendType(legendOf(channel), type); }
+
+bool ioreport::sameChannelType(CFDictionaryRef a, CFDictionaryRef b, uint64_t *type) {
+    CFArrayRef la = legendOf(a), lb = legendOf(b);
+    uint64_t ta = 0, tb = 0;
+    if (legendType(la, &ta) != kIOReturnSuccess) return false;
+    // Copies of one channel share its legend: the type is read once then.
+    if (lb != la && (legendType(lb, &tb) != kIOReturnSuccess || tb != ta)) return false;
+    *type = ta;
+    return true;
 }
 
 IOReturn setChannelType(CFDictionaryRef channel, const uint64_t *type) {

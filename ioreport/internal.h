@@ -29,10 +29,11 @@ CFDataRef getChannelConfig(CFDictionaryRef channel);
 CFStringRef _copyPrintableIDString(uint64_t value);
 
 // Walker callables of clone and compare: 0 keeps the copy, another even value
-// leaves it out, an odd value stops the walk.
+// leaves it out, an odd value stops the walk. A compare is handed the type
+// both records share.
 using IOReportChannelCloneBlock = std::function<int(CFMutableDictionaryRef channel, CFMutableDictionaryRef copy)>;
-using IOReportChannelCompareBlock =
-    std::function<int(CFMutableDictionaryRef older, CFMutableDictionaryRef newer, CFMutableDictionaryRef copy)>;
+using IOReportChannelCompareBlock = std::function<int(CFMutableDictionaryRef older, CFMutableDictionaryRef newer,
+                                                      CFMutableDictionaryRef copy, uint64_t type)>;
 
 // Clone: a new aggregate of the copies for which `block` returned 0, or null.
 CFMutableDictionaryRef cloneAggregate(CFDictionaryRef aggregate, const IOReportChannelCloneBlock &block);
@@ -184,6 +185,9 @@ CFMutableDictionaryRef createChannel(uint64_t driver_id, CFStringRef driver_name
 // Files a record into an aggregate ("_addChannel() failed").
 IOReturn addChannel(CFMutableDictionaryRef aggregate, CFMutableDictionaryRef channel, uint32_t options,
                     CFErrorRef *error);
+
+// True when both channels' types read, and read the same (then in `type`).
+bool sameChannelType(CFDictionaryRef a, CFDictionaryRef b, uint64_t *type);
 
 // The element count of the channel type, or -1 when the type is unreadable.
 int typeCountOf(CFDictionaryRef channel);

@@ -268,7 +268,7 @@ struct Typed {
     bool typed = false;
 
     explicit Typed(CFDictionaryRef r) : record(r) { typed = getChannelType(r, &type) == kIOReturnSuccess; }
-    Typed(CFDictionaryRef r, const Typed &same_type) : record(r), type(same_type.type), typed(same_type.typed) {}
+    Typed(CFDictionaryRef r, uint64_t known) : record(r), type(known), typed(true) {}
 
     uint8_t format() const { return typed ? typeFormat(type) : 0; }
     // The element count of the type when its format is `f`, else -1.
@@ -414,13 +414,13 @@ IOReturn deltaRecord(const Typed &a, const Typed &b, const Typed &t, CFErrorRef 
 }  // namespace
 
 CFMutableDictionaryRef IOReportCreateSamplesDelta(CFDictionaryRef older, CFDictionaryRef newer, CFErrorRef *error) {
-    return compareAggregates(older, newer,
-                             [error](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef t) {
-                                 // The walk pairs records only when their types read the same, and the
-                                 // target is its copy of the newer record: one type for all three.
-                                 const Typed tb(b);
-                                 return deltaRecord(Typed(a, tb), tb, Typed(t, tb), error) == kIOReturnSuccess ? 0 : 1;
-                             });
+    auto difference = [error](CFMutableDictionaryRef a, CFMutableDictionaryRef b, CFMutableDictionaryRef t,
+                              uint64_t type) {
+        // The walk pairs records only when their types read the same, and the
+        // target is its copy of the newer record: one type for all three.
+        return deltaRecord(Typed(a, type), Typed(b, type), Typed(t, type), error) == kIOReturnSuccess ? 0 : 1;
+    };
+    return compareAggregates(older, newer, difference);
 }
 
 // The target is a shallow copy of the older record, so it shares the older
