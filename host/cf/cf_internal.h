@@ -108,6 +108,44 @@ T *make_object(CFTypeID id, Args &&...args) noexcept {
     return object;
 }
 
+// ---------------------------------------------------------------- kept blocks
+// Dictionaries and data objects are made and freed by the hundred thousand in
+// a sampling step, in blocks of a few hundred bytes. Each thread keeps the
+// blocks it frees and hands them out again oldest first, so one step's
+// objects take the blocks of the step before in the order those were made,
+// and the C library neither searches its bins for each block nor gives the
+// memory back to the system and faults it in again every step. Blocks go in
+// classes of kBlockUnit bytes; larger objects use malloc. A thread keeps up
+// to kKeptBytes, room for the records of three samples or deltas of 100,000
+// channels: the limit is there for threads that free what others made, and
+// is better not reached, as blocks freed past it leave holes between the
+// kept ones that strew the objects made next. A thread's blocks are freed
+// when it ends.
+inline constexpr size_t kBlockUnit = 16;
+inline constexpr size_t kBlockClasses = 33;   // class c: blocks of c * kBlockUnit bytes, up to 512
+inline constexpr size_t kKeptBytes = size_t{128} << 20;
+// The class of the block an object of `bytes` takes; 0 when it uses malloc.
+constexpr uint8_t block_class(size_t bytes) noexcept {
+    size_t c = (bytes + kBlockUnit - 1) / kBlockUnit;
+    return c < kBlockClasses ? static_cast<uint8_t>(c) : 0;
+}
+void *take_block(uint8_t block_class) noexcept;
+void give_block(void *block, uint8_t block_class) noexcept;
+// Bytes this thread keeps now.
+size_t kept_block_bytes() noexcept;
+// Memory for an object of `bytes`, and what frees it: `block` is its class (0: malloc's).
+inline void *object_memory(size_t bytes, uint8_t &block) noexcept {
+    block = block_class(bytes);
+    return block != 0 ? take_block(block) : std::malloc(bytes);
+}
+inline void free_object_memory(void *memory, uint8_t block) noexcept {
+    if (block != 0) give_block(memory, block);
+    else std::free(memory);
+}
+// The block class of a dictionary's and of a data object's memory.
+uint8_t dictionary_block(CFTypeRef cf) noexcept;
+uint8_t data_block(CFTypeRef cf) noexcept;
+
 // Runs the class's finalize and frees an object whose last reference went.
 void free_object(CFTypeRef cf);
 

@@ -16,6 +16,7 @@ struct __CFData {
     size_t capacity;
     bool free_bytes;   // bytes is a buffer of its own to free (not inline, not no-copy)
     bool is_mutable;
+    uint8_t block;     // the memory's block class (see take_block)
 };
 
 namespace cf {
@@ -36,9 +37,10 @@ uint8_t *inline_bytes(__CFData *d) { return reinterpret_cast<uint8_t *>(d) + siz
 __CFData *new_data(const uint8_t *bytes, size_t length, size_t capacity, bool is_mutable) noexcept {
     capacity = std::max({capacity, length, size_t{1}});
     if (capacity > std::numeric_limits<size_t>::max() - sizeof(__CFData)) return nullptr;
-    void *memory = std::malloc(sizeof(__CFData) + capacity);
+    uint8_t block = 0;
+    void *memory = object_memory(sizeof(__CFData) + capacity, block);
     if (memory == nullptr) return nullptr;
-    auto d = new (memory) __CFData{CFRuntimeBase{kDataTypeID, 1}, nullptr, length, capacity, false, is_mutable};
+    auto d = new (memory) __CFData{CFRuntimeBase{kDataTypeID, 1}, nullptr, length, capacity, false, is_mutable, block};
     d->bytes = inline_bytes(d);
     // Bytes past the length are never read: growing the length zeroes them.
     if (bytes != nullptr && length != 0) std::memcpy(d->bytes, bytes, length);
@@ -113,6 +115,8 @@ CFStringRef data_description(CFTypeRef cf) {
 
 const CFRuntimeClass kDataClass = {0, "CFData", nullptr, nullptr, data_finalize, data_equal, data_hash, nullptr,
                                    data_description};
+
+uint8_t data_block(CFTypeRef cf) noexcept { return static_cast<const __CFData *>(cf)->block; }
 
 }  // namespace cf
 

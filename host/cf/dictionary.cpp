@@ -93,6 +93,7 @@ struct __CFDictionary {
     bool shares;
     bool borrowed;
     bool frozen;                                  // copies share the arrays above
+    uint8_t block;                                // the memory's block class (see take_block)
     const __CFDictionary *shared;
 };
 
@@ -391,9 +392,11 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
                                                                   &kCFCopyStringDictionaryKeyCallBacks, &kPlainKeys};
     static const CFDictionaryValueCallBacks *const kSharedValues[] = {&kCFTypeDictionaryValueCallBacks, &kPlainValues};
     if (room > kMaxEntries || room > (std::numeric_limits<size_t>::max() - sizeof(Dict)) / kEntryBytes) return nullptr;
-    void *memory = std::malloc(sizeof(Dict) + room * kEntryBytes);
+    uint8_t block = 0;
+    void *memory = object_memory(sizeof(Dict) + room * kEntryBytes, block);
     if (memory == nullptr) return nullptr;
     Dict *d = new (memory) Dict();
+    d->block = block;
     d->base = CFRuntimeBase{kDictionaryTypeID, 1};
     d->key_callbacks = intern_callbacks(keys != nullptr ? keys : &kPlainKeys, kSharedKeys, &d->own_key_callbacks);
     d->value_callbacks =
@@ -403,7 +406,7 @@ Dict *new_dictionary(const CFDictionaryKeyCallBacks *keys, const CFDictionaryVal
         if (d->value_callbacks == nullptr) d->own_value_callbacks = false;
         free_callbacks(d);
         d->~Dict();
-        std::free(memory);
+        free_object_memory(memory, block);
         return nullptr;
     }
     place_arrays(d, static_cast<unsigned char *>(memory) + sizeof(Dict), room);
@@ -575,6 +578,8 @@ const CFRuntimeClass kDictionaryClass = {0,
                                          dictionary_hash,
                                          nullptr,
                                          dictionary_description};
+
+uint8_t dictionary_block(CFTypeRef cf) noexcept { return static_cast<const Dict *>(cf)->block; }
 
 }  // namespace cf
 

@@ -127,7 +127,9 @@ CFTypeRef CFRetain(CFTypeRef cf) {
 void cf::free_object(CFTypeRef cf) {
     const CFRuntimeClass *cls = class_for(type_of(cf));
     if (cls != nullptr && cls->finalize != nullptr) cls->finalize(cf);
-    std::free(const_cast<void *>(cf));
+    const CFTypeID type = type_of(cf);
+    uint8_t block = type == kDictionaryTypeID ? dictionary_block(cf) : type == kDataTypeID ? data_block(cf) : 0;
+    free_object_memory(const_cast<void *>(cf), block);
 }
 
 void CFRelease(CFTypeRef cf) {
