@@ -34,6 +34,7 @@
 // its cost is linear in the length of the text.
 #include <IOKit/IOCFUnserialize.h>
 
+#include "cf_internal.h"
 #include "cf_ref.h"
 
 #include <cstdint>
@@ -111,24 +112,6 @@ Digits read_unsigned(std::string_view digits, unsigned base, uint64_t &out) {
 
 bool parse_unsigned(std::string_view digits, unsigned base, uint64_t &out) {
     return read_unsigned(digits, base, out) == Digits::Ok;
-}
-
-void append_utf8(std::string &out, uint32_t cp) {
-    if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xc0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xe0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    } else {
-        out += static_cast<char>(0xf0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3f));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3f));
-        out += static_cast<char>(0x80 | (cp & 0x3f));
-    }
 }
 
 // Input text for an error message: at most kMaxQuotedName characters, bytes
@@ -332,7 +315,7 @@ private:
                 if (!parse_unsigned(ent.substr(hex ? 2 : 1), hex ? 16 : 10, cp) || cp == 0 || cp > 0x10ffff ||
                     (cp >= 0xd800 && cp <= 0xdfff))
                     return fail(base + i, "bad character reference &" + quoted(ent) + ";");
-                append_utf8(out, static_cast<uint32_t>(cp));
+                cf::append_code_point(out, static_cast<uint32_t>(cp));
             } else {
                 return fail(base + i, "unknown entity &" + quoted(ent) + ";");
             }
