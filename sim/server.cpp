@@ -217,9 +217,11 @@ int Server::wait_timeout_ms() const {
     if (auto due = sim_.timers().next_due()) {
         if (auto wait = sim_.clock().real_wait_until(*due)) timeout = wait->count();
     }
-    auto now = std::chrono::steady_clock::now();
-    if (accept_paused_until_ > now) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(accept_paused_until_ - now).count() + 1;
+    if (accepting_paused()) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(accept_paused_until_ -
+                                                                          std::chrono::steady_clock::now())
+                        .count() +
+                    1;
         timeout = timeout < 0 ? left : std::min<int64_t>(timeout, left);
     }
     return static_cast<int>(std::min<int64_t>(timeout, 60'000));
@@ -235,6 +237,12 @@ bool Server::watch(Client &c, uint32_t events) {
     return true;
 }
 
+bool Server::accepting_paused() const {
+    // The clock is read only while a pause lasts: most turns have none.
+    return accept_paused_until_ != std::chrono::steady_clock::time_point{} &&
+           std::chrono::steady_clock::now() < accept_paused_until_;
+}
+
 void Server::watch_listener(bool accepting) {
     if (listen_fd_ < 0 || accepting == listener_watched_) return;
     epoll_event ev{};
@@ -247,7 +255,9 @@ void Server::run() {
     std::vector<epoll_event> ready(64);
     std::vector<Client *> turn;
     while (!stop_) {
-        watch_listener(std::chrono::steady_clock::now() >= accept_paused_until_);
+        const bool accepting = !accepting_paused();
+        if (accepting) accept_paused_until_ = {};   // a pause that has ended is forgotten
+        watch_listener(accepting);
         for (auto &[id, c] : clients_) {
             uint32_t events = 0;
             if (!c->eof && !paused(*c)) events |= EPOLLIN;
@@ -501,7 +511,11 @@ void Server::flush(Client &c) {
         }
         msg.msg_iov = iov;
         msg.msg_iovlen = count;
-        ssize_t n = sendmsg(c.fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        // One frame and no descriptor, as most replies are, goes by send():
+        // the kernel then has no message header or vector to copy in.
+        ssize_t n = count == 1 && first.fd < 0
+                        ? ::send(c.fd, iov[0].iov_base, iov[0].iov_len, MSG_NOSIGNAL | MSG_DONTWAIT)
+                        : sendmsg(c.fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) mark_dead(c);

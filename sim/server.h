@@ -112,6 +112,8 @@ private:
     // is registered; false (with a message) when the kernel refuses.
     bool watch(Client &c, uint32_t events);
     void watch_listener(bool accepting);
+    // Whether accepting is paused for want of descriptors (accept_paused_until_).
+    bool accepting_paused() const;
 
     Simulation sim_;
     int listen_fd_ = -1;

@@ -127,7 +127,7 @@ public:
     TimerQueue &timers() { return timers_; }
     const TimerQueue &timers() const { return timers_; }
     // Runs due timers; returns how many ran.
-    size_t run_timers() { return timers_.run_due(clock_->now_ns()); }
+    size_t run_timers() { return timers_.size() ? timers_.run_due(clock_->now_ns()) : 0; }
 
     size_t connection_count() const { return connections_.size(); }
     // Replies a scenario holds back (at most kMaxHeldReplies, kMaxHeldReplyBytes).
