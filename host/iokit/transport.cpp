@@ -152,7 +152,7 @@ Sent Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<con
             return Sent::Ok;
         }
         if (link_ != Link::Connected) return Sent::Failed;
-        if (Sent s = read_some(deadline, just_sent); s != Sent::Ok) {
+        if (Sent s = read_some(deadline, just_sent, op == wire::Op::Map); s != Sent::Ok) {
             fail();
             return s;
         }
@@ -160,7 +160,7 @@ Sent Transport::exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<con
     }
 }
 
-Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_first) {
+Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_first, bool descriptors) {
     if (in_begin_ == in_end_) in_begin_ = in_end_ = 0;
     // Room for the rest of a partly read frame, and at least one chunk.
     size_t need = kReadChunk;
@@ -182,7 +182,7 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_f
     // return (a signal, the timeout) goes on as below.
     bool wait = wait_first && deadline && receive_timeout_;
     for (;;) {
-        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), fds_, wait);
+        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), descriptors ? &fds_ : nullptr, wait);
         wait = false;
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -273,9 +273,6 @@ void Transport::pump() {
         while (next_frame(op, seq, rest))
             if (op == static_cast<uint16_t>(wire::Op::Event)) queue_event(rest);
     }
-    // No exchange is in flight: whatever descriptor came is nobody's.
-    for (int fd : fds_) close(fd);
-    fds_.clear();
 }
 
 int Transport::poll_fd() {

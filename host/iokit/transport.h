@@ -157,7 +157,10 @@ private:
     // Failed: the link is gone.
     // With `wait_first` (and a deadline) its first read waits, under the
     // socket's receive timeout: a reply just asked for is not there yet.
-    Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline, bool wait_first = false);   // lock held
+    // Descriptors are taken into fds_ only with `descriptors` (a mapping's
+    // reply carries one; nothing else does, and the kernel closes any other).
+    Sent read_some(std::optional<std::chrono::steady_clock::time_point> deadline, bool wait_first = false,
+                   bool descriptors = false);   // lock held
     // Takes the next complete frame out of the input buffer (its bytes stay
     // valid until the next read); false when none is complete. A malformed
     // frame kills the link.

@@ -31,13 +31,8 @@ FrameRead read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline,
         if (r < 0) return FrameRead::Closed;
         if (r == 0) return FrameRead::TimedOut;
         std::vector<int> came;
-        ssize_t got = receive_some(fd, std::span(out + done, n - done), came);
-        for (int d : came) {
-            if (descriptor)
-                descriptor->reset(d);   // the last one is kept
-            else
-                close(d);
-        }
+        ssize_t got = receive_some(fd, std::span(out + done, n - done), descriptor ? &came : nullptr);
+        for (int d : came) descriptor->reset(d);   // the last one is kept
         if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) continue;
         if (got <= 0) return FrameRead::Closed;
         done += static_cast<size_t>(got);
@@ -87,7 +82,9 @@ OwnedFd connect_to(std::string_view path, int flags) {
     });
 }
 
-ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descriptors, bool wait) {
+ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> *descriptors, bool wait) {
+    const int flags = wait ? 0 : MSG_DONTWAIT;
+    if (!descriptors) return recv(fd, into.data(), into.size(), flags);
     constexpr size_t kMaxDescriptors = 8;
     iovec iov{into.data(), into.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
@@ -96,7 +93,7 @@ ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descript
     msg.msg_iovlen = 1;
     msg.msg_control = control;
     msg.msg_controllen = sizeof control;
-    ssize_t got = recvmsg(fd, &msg, (wait ? 0 : MSG_DONTWAIT) | MSG_CMSG_CLOEXEC);
+    ssize_t got = recvmsg(fd, &msg, flags | MSG_CMSG_CLOEXEC);
     if (got < 0) return got;
     for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
@@ -104,7 +101,7 @@ ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descript
         for (size_t i = 0; i < count; ++i) {
             int d;
             std::memcpy(&d, CMSG_DATA(c) + i * sizeof(int), sizeof d);
-            descriptors.push_back(d);
+            descriptors->push_back(d);
         }
     }
     return got;

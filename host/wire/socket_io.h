@@ -34,10 +34,11 @@ OwnedFd listen_at(std::string_view path, int backlog, int flags = 0);
 // peers of our own making); invalid when that fails.
 OwnedFd connect_to(std::string_view path, int flags = 0);
 
-// One recvmsg into `into`, without waiting (MSG_DONTWAIT) unless `wait`:
-// what it returns, with the descriptors that came along appended to
-// `descriptors` (up to 8 a call; they close on exec).
-ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> &descriptors, bool wait = false);
+// One read into `into`, without waiting (MSG_DONTWAIT) unless `wait`: what
+// it returns, with the descriptors that came along appended to `descriptors`
+// (up to 8 a call; they close on exec). Null `descriptors` says none is
+// wanted: the read is then a plain recv, and the kernel closes any that came.
+ssize_t receive_some(int fd, std::span<uint8_t> into, std::vector<int> *descriptors, bool wait = false);
 
 // Sends all of `bytes` before the deadline.
 bool send_before(int fd, std::span<const uint8_t> bytes, std::chrono::steady_clock::time_point deadline);

@@ -1,7 +1,9 @@
 #include "socket_io.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -49,4 +51,30 @@ TEST(SocketIo, FramesArriveWholeOrSayWhyNot) {
     c.reset();
     EXPECT_EQ(read_frame_before(d.get(), soon(), 64, message), FrameRead::Closed);
     EXPECT_FALSE(send_before(d.get(), frame, soon()));
+}
+
+// A descriptor sent along comes out where one is wanted, and where none is
+// the kernel closes it: nothing keeps the pipe's writing end open after.
+TEST(SocketIo, DescriptorsComeOutOnlyWhereWanted) {
+    int sv[2], pipe_fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK), 0);
+    OwnedFd a(sv[0]), b(sv[1]), pipe_read(pipe_fds[0]), pipe_write(pipe_fds[1]);
+    const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    const uint8_t bytes[] = {'o', 'k'};
+    uint8_t got[8];
+    std::vector<int> came;
+    ASSERT_TRUE(send_with_descriptor_before(a.get(), bytes, pipe_write.get(), soon));
+    ASSERT_EQ(receive_some(b.get(), got, &came, true), 2);
+    ASSERT_EQ(came.size(), 1u);
+    OwnedFd wanted(came[0]);
+    EXPECT_NE(wanted.get(), pipe_write.get());
+    ASSERT_TRUE(send_with_descriptor_before(a.get(), bytes, pipe_write.get(), soon));
+    came.clear();
+    ASSERT_EQ(receive_some(b.get(), got, nullptr, true), 2);
+    EXPECT_EQ(std::string(got, got + 2), "ok");
+    wanted.reset();
+    pipe_write.reset();
+    char c;
+    EXPECT_EQ(read(pipe_read.get(), &c, 1), 0) << "a writing end is still open somewhere";
 }
