@@ -168,15 +168,21 @@ void BM_RawSocketPingPong(benchmark::State &state) {
 // that polls.
 BENCHMARK(BM_RawSocketPingPong)->ArgName("echo")->DenseRange(Echo::kThread, Echo::kPolledChild)->UseRealTime();
 
-// The two round trips above, taken in turns: every iteration makes one scalar
-// call and one raw round trip to an echoing child process, each timed on its
-// own. A spell of load on the machine then falls on both alike, where two
-// separate benchmarks see different spells. `ratio` is the scalar call's rate
-// over the raw round trip's. Run it on one processor (taskset -c 0): across
-// processors, whichever peer shares the benchmark's processor answers several
-// times faster than the other, and the ratio shows only where they ran.
-// echo:1 pairs the call with the plain echo; echo:2 with the echo that polls,
-// which no server of many clients can beat.
+// The two round trips above, taken in turns: every iteration makes kTurn
+// scalar calls and then kTurn raw round trips to an echoing child process,
+// each run of them timed as a whole. A spell of load on the machine then
+// falls on both alike, where two separate benchmarks see different spells;
+// and a run of calls, like a run of round trips, counts all the work its
+// peer does per request. (Timing each call on its own would not: the
+// simulator's work after its reply would fall into the next timed round
+// trip.) `ratio` is the scalar calls' rate over the raw round trips'. Run it
+// on one processor (taskset -c 0): across processors, whichever peer shares
+// the benchmark's processor answers several times faster than the other, and
+// the ratio shows only where they ran. echo:1 pairs the calls with the plain
+// echo; echo:2 with the echo that polls, which no server of many clients can
+// beat.
+constexpr int kTurn = 100;
+
 void BM_ScalarCallAgainstPingPong(benchmark::State &state) {
     io_connect_t connect = ping_connection();
     Echo echo(static_cast<Echo::Kind>(state.range(0)));
@@ -187,10 +193,11 @@ void BM_ScalarCallAgainstPingPong(benchmark::State &state) {
     using Clock = std::chrono::steady_clock;
     Clock::duration call{}, raw{};
     for (auto _ : state) {
+        bool ok = true;
         Clock::time_point t0 = Clock::now();
-        bool ok = scalar_ping(connect);
+        for (int i = 0; i < kTurn && ok; ++i) ok = scalar_ping(connect);
         Clock::time_point t1 = Clock::now();
-        ok = ok && echo.round_trip();
+        for (int i = 0; i < kTurn && ok; ++i) ok = echo.round_trip();
         Clock::time_point t2 = Clock::now();
         if (!ok) {
             state.SkipWithError("call or echo failed");
@@ -199,9 +206,8 @@ void BM_ScalarCallAgainstPingPong(benchmark::State &state) {
         call += t1 - t0;
         raw += t2 - t1;
     }
-    auto us = [&](Clock::duration d) {
-        return std::chrono::duration<double, std::micro>(d).count() / static_cast<double>(state.iterations());
-    };
+    const double count = static_cast<double>(state.iterations()) * kTurn;
+    auto us = [&](Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count() / count; };
     if (state.iterations() > 0 && call.count() > 0) {
         state.counters["call_us"] = us(call);
         state.counters["raw_us"] = us(raw);
