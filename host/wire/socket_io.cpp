@@ -17,8 +17,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Rounded up: a wait of whole milliseconds never ends short of the deadline
+// (one that did would be taken for a peer that closed, not one that stalled).
 int ms_left(Clock::time_point deadline) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 

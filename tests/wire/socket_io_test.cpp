@@ -34,10 +34,13 @@ TEST(SocketIo, FramesArriveWholeOrSayWhyNot) {
     OwnedFd a(sv[0]), b(sv[1]);
     const auto soon = [] { return std::chrono::steady_clock::now() + std::chrono::milliseconds(200); };
     std::vector<uint8_t> message;
-    // Half a frame, then nothing: the deadline ends the wait.
+    // Half a frame, then nothing: the deadline ends the wait, and not before
+    // it (half a millisecond past a whole one shows a wait cut short).
     const std::vector<uint8_t> frame{9, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
     ASSERT_TRUE(send_before(a.get(), std::span(frame).first(6), soon()));
-    EXPECT_EQ(read_frame_before(b.get(), soon(), 64, message), FrameRead::TimedOut);
+    const auto deadline = soon() + std::chrono::microseconds(500);
+    EXPECT_EQ(read_frame_before(b.get(), deadline, 64, message), FrameRead::TimedOut);
+    EXPECT_GE(std::chrono::steady_clock::now(), deadline) << "the wait ended before its deadline";
     // Lengths below a header or above the limit.
     const uint8_t short_frame[] = {7, 0, 0, 0}, long_frame[] = {65, 0, 0, 0};
     OwnedFd c, d;
