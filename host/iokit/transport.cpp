@@ -40,11 +40,17 @@ Exchange::~Exchange() {
 
 Sent Exchange::send(Clock::time_point deadline, uint32_t &seq) {
     const std::span<const uint8_t> out = out_.data();
+    wire::end_frame(out_);
+    if (t_.link_ == Link::Unconnected) {
+        // The first request of a link goes behind the greeting, in its write.
+        seq = 2;
+        out_.patch_u32(wire::kSeqAt, seq);
+        return t_.ensure_connected(out);
+    }
     Sent s = t_.ensure_connected();
     if (s != Sent::Ok) return s;
     if (++t_.seq_ == 0) t_.seq_ = 1;   // 0 is the events' sequence number
     seq = t_.seq_;
-    wire::end_frame(out_);
     out_.patch_u32(wire::kSeqAt, seq);
     if (!wire::send_before(t_.fd_, out, deadline)) {
         t_.fail();
@@ -97,18 +103,18 @@ Link Transport::link() {
     return link_;
 }
 
-Sent Transport::ensure_connected() {
+Sent Transport::ensure_connected(std::span<const uint8_t> first) {
     switch (link_) {
     case Link::Connected: return Sent::Ok;
     case Link::Dead: return Sent::Failed;
     case Link::Unusable: return Sent::NoSimulator;
     case Link::Unconnected: break;
     }
-    return connect_and_hello() ? Sent::Ok : Sent::NoSimulator;
+    return connect_and_hello(first) ? Sent::Ok : Sent::NoSimulator;
 }
 
-bool Transport::connect_and_hello() {
-    wire::Outcome o = wire::reach_simulator(wire::default_socket_path());
+bool Transport::connect_and_hello(std::span<const uint8_t> first) {
+    wire::Outcome o = wire::reach_simulator(wire::default_socket_path(), wire::kGreetingTimeout, first);
     if (o.reach != wire::Reach::Answered) {
         // Nothing there is looked for again on the next use; anything else
         // (not ours, refused, not answering) is not asked twice.
@@ -123,7 +129,7 @@ bool Transport::connect_and_hello() {
     receive_timeout_ = setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
     link_ = Link::Connected;
     in_begin_ = in_end_ = 0;
-    seq_ = 1;   // the greeting's
+    seq_ = first.empty() ? 1 : 2;   // the greeting's, or the request's behind it
     return true;
 }
 

@@ -146,8 +146,11 @@ private:
     friend class Exchange;
     Transport();
 
-    Sent ensure_connected();      // lock held
-    bool connect_and_hello();     // lock held
+    // Connects when the link is Unconnected; `first` (a request frame with
+    // sequence number 2) then goes behind the greeting, and is sent when
+    // the result is Ok.
+    Sent ensure_connected(std::span<const uint8_t> first = {});   // lock held
+    bool connect_and_hello(std::span<const uint8_t> first);       // lock held
     // Sends nothing; reads until the reply to (op, seq) arrives or the
     // deadline passes. Anything but Ok leaves the link Dead.
     Sent exchange(wire::Op op, uint32_t seq, int32_t &code, std::span<const uint8_t> &body,

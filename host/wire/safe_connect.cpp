@@ -153,7 +153,7 @@ Outcome connect_checked(const std::string &path, std::chrono::milliseconds timeo
     return o;
 }
 
-Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeout) {
+Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeout, std::span<const uint8_t> first) {
     const auto deadline = Clock::now() + timeout;
     Outcome o = connect_checked(path, timeout);
     if (o.reach != Reach::Answered) return o;
@@ -163,7 +163,9 @@ Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeo
     hello.u32(static_cast<uint32_t>(getpid()));
     // A simulator with no room answers with its refusal and closes at once,
     // perhaps before the greeting is through: the answer is read either way.
-    send_before(o.fd.get(), make_request(Op::Hello, 1, hello.data()), deadline);
+    std::vector<uint8_t> out = make_request(Op::Hello, 1, hello.data());
+    out.insert(out.end(), first.begin(), first.end());
+    send_before(o.fd.get(), out, deadline);
     std::vector<uint8_t> frame;
     switch (read_frame_before(o.fd.get(), deadline, kMaxGreetingFrame, frame)) {
     case FrameRead::Ok: break;

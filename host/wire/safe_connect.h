@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -66,8 +67,13 @@ DirectoryCheck check_socket_directory(const std::string &dir);
 // nothing.
 Outcome connect_checked(const std::string &path, std::chrono::milliseconds timeout);
 // connect_checked, then the greeting (sequence number 1), all within `timeout`.
-// On Answered the connection is ready for requests.
-Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeout = kGreetingTimeout);
+// On Answered the connection is ready for requests. `first`, when not empty,
+// is a whole request frame (sequence number 2) that goes right behind the
+// greeting, in the same write, so that its reply needs no round trip of its
+// own; it goes only to a peer that connect_checked accepted, and on Answered
+// its reply is next on the connection, for the caller to read.
+Outcome reach_simulator(const std::string &path, std::chrono::milliseconds timeout = kGreetingTimeout,
+                        std::span<const uint8_t> first = {});
 
 // Why an outcome is not Answered, as a phrase: "nothing there (...)", "not
 // yours: ...", "refused or full: ...", "path too long (...)", "timed out: ...".

@@ -24,14 +24,19 @@ int ms_left(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }
 
-// Reads exactly `n` bytes before the deadline.
-FrameRead read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline, OwnedFd *descriptor) {
+// Reads exactly `n` bytes before the deadline. With `waiting`, it waits
+// before the first read (nothing is there yet); without, it reads first and
+// waits only when nothing was there.
+FrameRead read_exact(int fd, uint8_t *out, size_t n, Clock::time_point deadline, OwnedFd *descriptor, bool waiting) {
     for (size_t done = 0; done < n;) {
-        pollfd p{fd, POLLIN, 0};
-        int r = poll(&p, 1, ms_left(deadline));
-        if (r < 0 && errno == EINTR) continue;
-        if (r < 0) return FrameRead::Closed;
-        if (r == 0) return FrameRead::TimedOut;
+        if (waiting) {
+            pollfd p{fd, POLLIN, 0};
+            int r = poll(&p, 1, ms_left(deadline));
+            if (r < 0 && errno == EINTR) continue;
+            if (r < 0) return FrameRead::Closed;
+            if (r == 0) return FrameRead::TimedOut;
+        }
+        waiting = true;
         std::vector<int> came;
         ssize_t got = receive_some(fd, std::span(out + done, n - done), descriptor ? &came : nullptr);
         for (int d : came) descriptor->reset(d);   // the last one is kept
@@ -154,11 +159,12 @@ bool send_with_descriptor_before(int fd, std::span<const uint8_t> bytes, int des
 FrameRead read_frame_before(int fd, Clock::time_point deadline, uint32_t max_length, std::vector<uint8_t> &message,
                             OwnedFd *descriptor) {
     uint8_t prefix[4];
-    if (FrameRead r = read_exact(fd, prefix, sizeof prefix, deadline, descriptor); r != FrameRead::Ok) return r;
+    if (FrameRead r = read_exact(fd, prefix, sizeof prefix, deadline, descriptor, true); r != FrameRead::Ok) return r;
     uint32_t len = load_le32(prefix);
     if (len < 8 || len > max_length) return FrameRead::BadLength;
     message.resize(len);
-    return read_exact(fd, message.data(), len, deadline, descriptor);
+    // The rest of the frame came with its length, as a rule.
+    return read_exact(fd, message.data(), len, deadline, descriptor, false);
 }
 
 std::optional<std::vector<uint8_t>> read_frame_before(int fd, Clock::time_point deadline, uint32_t max_length) {

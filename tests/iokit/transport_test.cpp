@@ -173,6 +173,42 @@ TEST(Protocol, FramesAreReassembledAndStrayFramesSkipped) {
     });
 }
 
+// A link's first request goes in the greeting's write: the peer has it before
+// it answers the greeting (the client waits for that answer). Its reply
+// counts only once the greeting is answered as a simulator answers it.
+TEST(Protocol, TheFirstRequestComesWithTheGreeting) {
+    for (uint32_t version : {wire::kProtocolVersion, wire::kProtocolVersion + 1}) {
+        in_child("", [version] {
+            FakePeer peer([version](FakePeer &p) {
+                Request hello, match, more;
+                if (!p.read(hello) || hello.op != wire::Op::Hello) return;
+                if (!p.read(match, milliseconds(2000)) || match.op != wire::Op::Match || match.seq != 2) {
+                    ADD_FAILURE() << "no Match (sequence number 2) came with the greeting";
+                    return;
+                }
+                wire::Writer w;
+                w.u32(version);
+                p.reply(hello, 0, w.data());
+                p.reply(match, 0, match_body(1, 1, 42));
+                while (p.read(more)) {
+                    EXPECT_EQ(version, wire::kProtocolVersion) << "a request after a greeting answered wrongly";
+                    p.reply(more, kIOReturnUnsupported, {});
+                }
+            });
+            setenv("TALVEX_SIM_SOCKET", peer.socket().c_str(), 1);
+            if (version != wire::kProtocolVersion) return expect_empty_registry();
+            io_service_t s = coprocessor();
+            ASSERT_NE(s, 0u);
+            uint64_t id = 0;
+            EXPECT_EQ(IORegistryEntryGetRegistryEntryID(s, &id), KERN_SUCCESS);
+            EXPECT_EQ(id, 42u);
+            io_name_t name;   // the next request is answered in its turn
+            EXPECT_EQ(IORegistryEntryGetName(s, name), kIOReturnUnsupported);
+            IOObjectRelease(s);
+        });
+    }
+}
+
 TEST(Protocol, MalformedRepliesFailTheCallNotTheProcess) {
     in_child("", [] {
         FakePeer peer([](FakePeer &p) {

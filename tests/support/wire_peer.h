@@ -292,9 +292,10 @@ public:
     FakePeer &operator=(const FakePeer &) = delete;
     const std::string &socket() const { return socket_; }
 
-    // For scripts: read one request (false at end of stream), answer.
-    bool read(Request &req) {
-        auto f = read_frame(client_, std::chrono::minutes(1));
+    // For scripts: read one request (false at end of stream or when none
+    // comes in time), answer.
+    bool read(Request &req, std::chrono::milliseconds timeout = std::chrono::minutes(1)) {
+        auto f = read_frame(client_, timeout);
         if (!f) return false;
         if (f->fd >= 0) close(f->fd);
         req = {static_cast<wire::Op>(f->op), f->seq, std::move(f->body)};
