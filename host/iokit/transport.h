@@ -147,8 +147,8 @@ private:
     Transport();
 
     // Connects when the link is Unconnected; `first` (a request frame with
-    // sequence number 2) then goes behind the greeting, and is sent when
-    // the result is Ok.
+    // sequence number 2) then goes in the greeting's write, and its reply is
+    // next on the link when the result is Ok.
     Sent ensure_connected(std::span<const uint8_t> first = {});   // lock held
     bool connect_and_hello(std::span<const uint8_t> first);       // lock held
     // Sends nothing; reads until the reply to (op, seq) arrives or the
