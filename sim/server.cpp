@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +28,23 @@ constexpr size_t kMaxIov = 64;
 
 int g_wake_fd = -1;   // the running server's wake pipe, for signal handlers
 
+// A lone client is waited for in a blocking read of its socket (see
+// Server::read_alone()). A signal that the loop must look at (a connection
+// arriving, a stop) ends that wait, or keeps it from starting: the handler
+// notes the signal and makes the socket being waited on non-blocking, so a
+// read that has not begun yet returns at once as well.
+std::atomic<int> g_lone_fd{-1};
+std::atomic<bool> g_signalled{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+void end_lone_wait() {
+    g_signalled.store(true);
+    int fd = g_lone_fd.load();
+    if (fd < 0) return;
+    int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+}
+
 extern "C" void on_stop_signal(int) {
     int saved = errno;
     if (g_wake_fd >= 0) {
@@ -34,7 +52,28 @@ extern "C" void on_stop_signal(int) {
         ssize_t ignored = write(g_wake_fd, &b, 1);
         (void)ignored;
     }
+    end_lone_wait();
     errno = saved;
+}
+
+extern "C" void on_connection_signal(int) {
+    int saved = errno;
+    end_lone_wait();
+    errno = saved;
+}
+
+// Has every connection to `listener` signal SIGIO, which ends a lone
+// client's wait; false when it cannot.
+bool signal_connections(int listener) {
+    struct sigaction sa {};
+    sa.sa_handler = on_connection_signal;
+    sigemptyset(&sa.sa_mask);
+    sigset_t io;
+    sigemptyset(&io);
+    sigaddset(&io, SIGIO);
+    int flags = fcntl(listener, F_GETFL);
+    return sigaction(SIGIO, &sa, nullptr) == 0 && sigprocmask(SIG_UNBLOCK, &io, nullptr) == 0 && flags >= 0 &&
+           fcntl(listener, F_SETOWN, getpid()) == 0 && fcntl(listener, F_SETFL, flags | O_ASYNC) == 0;
 }
 
 std::string errno_text() { return std::strerror(errno); }
@@ -175,6 +214,8 @@ bool Server::listen(const std::string &path, std::string &error) {
         error = "talvexsim: socket: " + errno_text();
         return false;
     }
+    // Set up before any connection can come, so that none comes unsignalled.
+    lone_waits_ = signal_connections(listen_fd_);
     mode_t old = umask(0177);   // the socket file is born 0600
     int rc = bind(listen_fd_, reinterpret_cast<const sockaddr *>(&*sa), sizeof *sa);
     umask(old);
@@ -265,41 +306,8 @@ void Server::run() {
             if (!c->dead && !watch(*c, events)) disconnect(*c, "cannot wait for its socket: " + errno_text());
         }
         reap();
-        int n = epoll_wait(epoll_fd_, ready.data(), static_cast<int>(ready.size()), wait_timeout_ms());
-        if (n < 0 && errno != EINTR) {
-            std::fprintf(stderr, "talvexsim: epoll_wait: %s\n", std::strerror(errno));
-            break;
-        }
-        bool woken = false, connecting = false;
-        turn.clear();
-        for (int i = 0; i < n; ++i) {
-            void *about = ready[static_cast<size_t>(i)].data.ptr;
-            if (about == &wake_) {
-                woken = true;
-            } else if (about == &listen_fd_) {
-                connecting = true;
-            } else {
-                auto *c = static_cast<Client *>(about);
-                c->revents = ready[static_cast<size_t>(i)].events;
-                turn.push_back(c);
-            }
-        }
-        if (woken) {
-            char buf[64];
-            while (read(wake_[0], buf, sizeof buf) > 0) {
-            }
-            stop_ = true;
-            break;
-        }
-        if (connecting) accept_clients();
-        // Clients are served in the order they connected, whatever order
-        // the kernel reported them in.
-        std::sort(turn.begin(), turn.end(), [](const Client *a, const Client *b) { return a->id < b->id; });
-        for (Client *c : turn) {
-            if (c->revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) read_client(*c);
-            if ((c->revents & EPOLLOUT) && !c->dead) flush(*c);
-        }
-        if (static_cast<size_t>(n) == ready.size()) ready.resize(ready.size() * 2);
+        Client *alone = lone_reader();
+        if (!(alone && read_alone(*alone)) && !serve_ready(ready, turn)) break;
         sim_.run_timers();
         for (auto &[id, c] : clients_) {
             // Frames left from a turn in which the client was paused: handle
@@ -317,9 +325,87 @@ void Server::run() {
     }
 }
 
+bool Server::serve_ready(std::vector<epoll_event> &ready, std::vector<Client *> &turn) {
+    // Whatever a signal was about, this wait sees it.
+    g_signalled.store(false);
+    int n = epoll_wait(epoll_fd_, ready.data(), static_cast<int>(ready.size()), wait_timeout_ms());
+    if (n < 0 && errno != EINTR) {
+        std::fprintf(stderr, "talvexsim: epoll_wait: %s\n", std::strerror(errno));
+        return false;
+    }
+    bool woken = false, connecting = false;
+    turn.clear();
+    for (int i = 0; i < n; ++i) {
+        void *about = ready[static_cast<size_t>(i)].data.ptr;
+        if (about == &wake_) {
+            woken = true;
+        } else if (about == &listen_fd_) {
+            connecting = true;
+        } else {
+            auto *c = static_cast<Client *>(about);
+            c->revents = ready[static_cast<size_t>(i)].events;
+            turn.push_back(c);
+        }
+    }
+    if (woken) {
+        char buf[64];
+        while (read(wake_[0], buf, sizeof buf) > 0) {
+        }
+        stop_ = true;
+        return false;
+    }
+    if (connecting) accept_clients();
+    // Clients are served in the order they connected, whatever order
+    // the kernel reported them in.
+    std::sort(turn.begin(), turn.end(), [](const Client *a, const Client *b) { return a->id < b->id; });
+    for (Client *c : turn) {
+        if (c->revents & (EPOLLIN | EPOLLHUP | EPOLLERR)) read_client(*c);
+        if ((c->revents & EPOLLOUT) && !c->dead) flush(*c);
+    }
+    if (static_cast<size_t>(n) == ready.size()) ready.resize(ready.size() * 2);
+    return true;
+}
+
+Server::Client *Server::lone_reader() {
+    if (!lone_waits_ || clients_.size() != 1) return nullptr;
+    Client &c = *clients_.begin()->second;
+    // Nothing else may need the loop while it waits: no output to drain, no
+    // timer or accept pause to end the wait.
+    if (c.dead || c.eof || !c.out.empty() || paused(c) || wait_timeout_ms() >= 0) return nullptr;
+    return &c;
+}
+
+bool Server::read_alone(Client &c) {
+    g_lone_fd.store(c.fd);
+    ssize_t n = -1;
+    int error = EINTR;
+    if (!g_signalled.load()) {
+        n = recv(c.fd, scratch_.data(), scratch_.size(), 0);
+        error = errno;
+    }
+    g_lone_fd.store(-1);
+    if (g_signalled.load()) {
+        // The handler may have made the socket non-blocking; no handler
+        // touches it any more.
+        int flags = fcntl(c.fd, F_GETFL);
+        if (flags >= 0 && (flags & O_NONBLOCK)) fcntl(c.fd, F_SETFL, flags & ~O_NONBLOCK);
+    }
+    if (n > 0) {
+        take_input(c, static_cast<size_t>(n));
+        if (static_cast<size_t>(n) == scratch_.size()) read_client(c);
+    } else if (n == 0) {
+        c.eof = true;
+    } else if (error == EINTR || error == EAGAIN || error == EWOULDBLOCK) {
+        return false;   // a signal ended the wait: the loop looks at what it was about
+    } else {
+        mark_dead(c);
+    }
+    return true;
+}
+
 void Server::accept_clients() {
     for (int i = 0; i < 64; ++i) {
-        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 // Out of descriptors: leave pending connections queued for a moment.
@@ -389,11 +475,10 @@ bool Server::paused(const Client &c) const {
 void Server::read_client(Client &c) {
     size_t got_this_turn = 0;
     while (!c.dead && !c.eof && !paused(c) && got_this_turn < kReadPerTurn) {
-        ssize_t n = read(c.fd, scratch_.data(), scratch_.size());
+        ssize_t n = recv(c.fd, scratch_.data(), scratch_.size(), MSG_DONTWAIT);
         if (n > 0) {
-            c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + n);
             got_this_turn += static_cast<size_t>(n);
-            process_input(c);
+            take_input(c, static_cast<size_t>(n));
             // A short read drained the socket for now; epoll reports anything
             // that arrives later, so another read would only meet EAGAIN.
             if (static_cast<size_t>(n) < scratch_.size()) break;
@@ -408,6 +493,11 @@ void Server::read_client(Client &c) {
         }
         break;
     }
+}
+
+void Server::take_input(Client &c, size_t n) {
+    c.in.insert(c.in.end(), scratch_.begin(), scratch_.begin() + static_cast<std::ptrdiff_t>(n));
+    process_input(c);
 }
 
 void Server::process_input(Client &c) {

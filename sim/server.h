@@ -4,8 +4,10 @@
 // registered once, and its registration changes only when what the server
 // waits for on it does (input, room for output).
 //
-// Every client has its own input and output buffers and non-blocking socket,
-// so a slow, stalled or dying client never holds up the others. A client is
+// Every client has its own input and output buffers, and the server's reads
+// and writes on its socket never wait (MSG_DONTWAIT; only a lone client is
+// waited for in a read, see lone_reader()), so a slow, stalled or dying
+// client never holds up the others. A client is
 // disconnected when it sends a frame that cannot be one (shorter than a
 // header or longer than kMaxFrame), when its socket fails, or when it lets
 // more than kMaxPendingOutput bytes of replies and events pile up unread. A
@@ -24,6 +26,7 @@
 // kIOReturnNoResources) and closed.
 #pragma once
 
+#include <sys/epoll.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -93,6 +96,19 @@ private:
         uint32_t revents = 0;    // the events of the current turn
     };
 
+    // Waits for the clients' sockets, the listening socket and the wake pipe
+    // in epoll_wait and serves what is ready; false when the loop must end.
+    bool serve_ready(std::vector<epoll_event> &ready, std::vector<Client *> &turn);
+    // With one client and nothing else for the loop to do, the client is
+    // waited for in a blocking read of its socket: a round trip then costs
+    // the simulator a read and a send, not an epoll_wait as well. A new
+    // connection or a stop signal ends the wait (SIGIO is signalled for each
+    // connection). The client, or null when the loop must wait in epoll.
+    Client *lone_reader();
+    // The lone client's wait and what it brought; false when a signal ended
+    // it before anything came.
+    bool read_alone(Client &c);
+    void take_input(Client &c, size_t n);
     void accept_clients();
     void refuse(int fd);
     bool paused(const Client &c) const;
@@ -120,6 +136,7 @@ private:
     int wake_[2] = {-1, -1};
     int epoll_fd_ = -1;
     bool listener_watched_ = false;
+    bool lone_waits_ = false;   // connections signal SIGIO (lone_reader())
     std::string path_;
     dev_t sock_dev_ = 0;
     ino_t sock_ino_ = 0;

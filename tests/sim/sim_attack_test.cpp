@@ -347,6 +347,23 @@ TEST(SimAttack, IncompleteLargeFramesStayWithinTheBufferBudget) {
         << sim.log();
 }
 
+// A client that stops sending just after a full read's worth of a frame: the
+// read after it finds nothing and must not wait for more.
+TEST(SimAttack, AFrameStalledAfterAFullReadHoldsUpNobody) {
+    Simulator sim;
+    RawClient staller(sim.socket());
+    ASSERT_TRUE(staller.connected());
+    std::vector<uint8_t> part = frame_header(200'000, 1, 1);
+    part.resize(64u << 10);   // what the simulator takes in one read
+    // Stopped meanwhile, the simulator finds all of it queued when it goes on.
+    ASSERT_EQ(kill(sim.pid(), SIGSTOP), 0);
+    bool sent = staller.send_bytes(part);
+    ASSERT_EQ(kill(sim.pid(), SIGCONT), 0);
+    ASSERT_TRUE(sent);
+    expect_served(sim);
+    EXPECT_EQ(sim.stop(), 0) << sim.log();
+}
+
 TEST(SimAttack, ClientSetPropertiesAreBoundedPerValueClientAndOverall) {
     Simulator sim(kSmallMemory);
     // Values of 700 KB serialise to about 934 KB: two fit a client's 2 MiB, four the overall 4 MiB.
