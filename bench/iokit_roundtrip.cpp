@@ -91,7 +91,8 @@ void echo_frames(int fd) {
 
 // The same, waiting for each request as a server of many clients must: in
 // epoll_wait, then reading what came and answering without blocking. This is
-// the simulator's loop with nothing in it, the floor for a scalar call.
+// the simulator's loop with nothing in it while two or more clients are
+// connected; with one, it waits in the read as echo_frames() does.
 void echo_frames_polled(int fd) {
     talvex::wire::OwnedFd ep(epoll_create1(EPOLL_CLOEXEC));
     epoll_event ev{};
@@ -179,8 +180,8 @@ BENCHMARK(BM_RawSocketPingPong)->ArgName("echo")->DenseRange(Echo::kThread, Echo
 // on one processor (taskset -c 0): across processors, whichever peer shares
 // the benchmark's processor answers several times faster than the other, and
 // the ratio shows only where they ran. echo:1 pairs the calls with the plain
-// echo; echo:2 with the echo that polls, which no server of many clients can
-// beat.
+// echo, which waits as the simulator does for its one client; echo:2 with the
+// echo that polls, which no server can beat once several clients wait on it.
 constexpr int kTurn = 100;
 
 void BM_ScalarCallAgainstPingPong(benchmark::State &state) {
