@@ -94,7 +94,8 @@ Transport &Transport::instance() {
 Transport::Transport() {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     out_.reserve(4096);
-    in_.resize(kReadChunk);
+    in_ = std::make_unique_for_overwrite<uint8_t[]>(kReadChunk);
+    in_size_ = kReadChunk;
     pthread_atfork(&Transport::before_fork, &Transport::after_fork_parent, &Transport::after_fork_child);
 }
 
@@ -172,23 +173,28 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_f
     size_t need = kReadChunk;
     size_t have = in_end_ - in_begin_;
     if (have >= 4) {
-        uint32_t len = wire::load_le32(in_.data() + in_begin_);
+        uint32_t len = wire::load_le32(in_.get() + in_begin_);
         if (len <= wire::kMaxFrame && 4 + static_cast<size_t>(len) > have) need = std::max(need, 4 + len - have);
     }
-    if (in_.size() - in_end_ < need) {
+    if (in_size_ - in_end_ < need) {
         if (in_begin_ > 0) {
-            std::memmove(in_.data(), in_.data() + in_begin_, have);
+            std::memmove(in_.get(), in_.get() + in_begin_, have);
             in_begin_ = 0;
             in_end_ = have;
         }
-        if (in_.size() - in_end_ < need) in_.resize(in_end_ + need);
+        if (in_size_ - in_end_ < need) {
+            auto bigger = std::make_unique_for_overwrite<uint8_t[]>(in_end_ + need);
+            std::memcpy(bigger.get(), in_.get(), in_end_);
+            in_ = std::move(bigger);
+            in_size_ = in_end_ + need;
+        }
     }
 
     // The first read after a request waits in the read itself; an early
     // return (a signal, the timeout) goes on as below.
     bool wait = wait_first && deadline && receive_timeout_;
     for (;;) {
-        ssize_t n = wire::receive_some(fd_, std::span(in_).subspan(in_end_), descriptors ? &fds_ : nullptr, wait);
+        ssize_t n = wire::receive_some(fd_, std::span(in_.get() + in_end_, in_size_ - in_end_), descriptors ? &fds_ : nullptr, wait);
         wait = false;
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -211,7 +217,7 @@ bool Transport::next_frame(uint16_t &op, uint32_t &seq, std::span<const uint8_t>
     if (link_ != Link::Connected) return false;
     size_t have = in_end_ - in_begin_;
     if (have < 4) return false;
-    const uint8_t *p = in_.data() + in_begin_;
+    const uint8_t *p = in_.get() + in_begin_;
     uint32_t len = wire::load_le32(p);
     if (len < kHeader || len > wire::kMaxFrame) {
         fail();

@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -184,7 +185,10 @@ private:
     int wake_fd_ = -1;
     uint32_t seq_ = 0;
     std::vector<uint8_t> out_;
-    std::vector<uint8_t> in_;
+    // Received bytes in [in_begin_, in_end_). Left uninitialised: zeroing it
+    // would touch every page of it, where a command's few replies fill one.
+    std::unique_ptr<uint8_t[]> in_;
+    size_t in_size_ = 0;
     size_t in_begin_ = 0, in_end_ = 0;
     std::vector<int> fds_;        // descriptors received and not yet claimed
 
