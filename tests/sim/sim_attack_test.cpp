@@ -1,6 +1,7 @@
 // Hostile and broken clients: whatever they do, the simulator keeps serving
 // everyone else and still shuts down cleanly (under the sanitizers, with no leak).
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -357,6 +358,9 @@ TEST(SimAttack, AFrameStalledAfterAFullReadHoldsUpNobody) {
     part.resize(64u << 10);   // what the simulator takes in one read
     // Stopped meanwhile, the simulator finds all of it queued when it goes on.
     ASSERT_EQ(kill(sim.pid(), SIGSTOP), 0);
+    int st = 0;
+    ASSERT_EQ(waitpid(sim.pid(), &st, WUNTRACED), sim.pid());
+    ASSERT_TRUE(WIFSTOPPED(st));
     bool sent = staller.send_bytes(part);
     ASSERT_EQ(kill(sim.pid(), SIGCONT), 0);
     ASSERT_TRUE(sent);
