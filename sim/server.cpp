@@ -367,7 +367,7 @@ bool Server::serve_ready(std::vector<epoll_event> &ready, std::vector<Client *> 
 }
 
 Server::Client *Server::lone_reader() {
-    if (!lone_waits_ || clients_.size() != 1) return nullptr;
+    if (!lone_waits_ || clients_.size() != 1 || connections_left_) return nullptr;
     Client &c = *clients_.begin()->second;
     // Nothing else may need the loop while it waits: no output to drain, no
     // timer or accept pause to end the wait.
@@ -404,9 +404,13 @@ bool Server::read_alone(Client &c) {
 }
 
 void Server::accept_clients() {
+    // Connections left queued after a turn's share are taken at the next
+    // turn, which must then wait in epoll_wait: their signals have been seen.
+    connections_left_ = true;
     for (int i = 0; i < 64; ++i) {
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) connections_left_ = false;
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 // Out of descriptors: leave pending connections queued for a moment.
                 accept_paused_until_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);

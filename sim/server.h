@@ -137,6 +137,7 @@ private:
     int epoll_fd_ = -1;
     bool listener_watched_ = false;
     bool lone_waits_ = false;   // connections signal SIGIO (lone_reader())
+    bool connections_left_ = false;   // accept_clients() stopped before the queue was empty
     std::string path_;
     dev_t sock_dev_ = 0;
     ino_t sock_ino_ = 0;
