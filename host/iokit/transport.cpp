@@ -194,7 +194,8 @@ Sent Transport::read_some(std::optional<Clock::time_point> deadline, bool wait_f
     // return (a signal, the timeout) goes on as below.
     bool wait = wait_first && deadline && receive_timeout_;
     for (;;) {
-        ssize_t n = wire::receive_some(fd_, std::span(in_.get() + in_end_, in_size_ - in_end_), descriptors ? &fds_ : nullptr, wait);
+        ssize_t n = wire::receive_some(fd_, std::span(in_.get() + in_end_, in_size_ - in_end_),
+                                       descriptors ? &fds_ : nullptr, wait);
         wait = false;
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
